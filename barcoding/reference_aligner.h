@@ -1,0 +1,28 @@
+#pragma once
+// The scorer aligns each read window against a fixed list of references. This
+// interface hides whether that happens on the CPU (FastAlign's many-reference
+// path) or on a GPU, so the scorer holds one of either.
+
+#include <memory>
+#include <vector>
+
+#include "common/data_wrappers.h"
+#include "pair_alignment/fast_align.h"
+
+namespace Barcoding {
+
+class ReferenceAligner {
+public:
+    virtual ~ReferenceAligner() = default;
+    // scores[k] = FastAlign::Align score of reference k against window (codes 0..3).
+    virtual void ScoreAll(const std::vector<int>& window, std::vector<int>& scores) = 0;
+    // Score and path of one reference against window.
+    virtual int AlignOne(size_t reference, const std::vector<int>& window, PairAlignment::Path& path) = 0;
+};
+
+// CPU implementation over FastAlign. references are base codes 0..3.
+std::unique_ptr<ReferenceAligner> MakeCpuReferenceAligner(const brim::data_wrappers::MatView<int>& matrix,
+                                                          const std::vector<int>& gaps, int band_width,
+                                                          const std::vector<std::vector<int>>& references);
+
+}  // namespace Barcoding

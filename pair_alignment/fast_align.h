@@ -1,0 +1,86 @@
+#pragma once
+// Banded anti-diagonal global aligner with linear gap costs and separate costs
+// for gaps before and after each sequence, so a short reference can float
+// inside a longer query. The long story (band placement, tie-breaks, traceback)
+// is in fast_align.cpp.
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "common/data_wrappers.h"
+
+namespace PairAlignment {
+
+// Score of an impossible cell, and of an alignment with an empty side.
+constexpr int ZERO_PROB_SCORE = -1000000000;
+
+// Direction codes of the trace matrix.
+constexpr uint8_t DIAG = 0;   // both sequences advance
+constexpr uint8_t UP = 1;     // the query advances alone (gap in the reference)
+constexpr uint8_t RIGHT = 2;  // the reference advances alone (gap in the query)
+// Flags of a band's edge cells.
+constexpr int START = 1;
+constexpr int END = 2;
+constexpr int BOTH = 3;
+
+// (reference index, query index) pairs from the start of the alignment to its
+// end; -1 on the side that has a gap at that step.
+using Path = std::vector<std::pair<int, int>>;
+
+class Aligner {
+public:
+    virtual ~Aligner() = default;
+};
+
+// References prepared once for many ScoreBatch/AlignBatch calls (grouped by
+// length, laid out for the vector lanes). Opaque to callers.
+struct ReferenceBatch;
+
+class FastAlign : public Aligner {
+public:
+    // matrix: n x n mismatch scores (copied); gaps: 6 or 8 positive costs (see
+    // score_matrix.h); band_width: rounded up to odd.
+    FastAlign(const brim::data_wrappers::MatView<int>& matrix, std::vector<int> gaps, int band_width);
+    ~FastAlign() override;
+
+    // seq1 = reference, seq2 = query, both base codes 0..n-1 with unit stride.
+    // Returns the global alignment score and fills path (cleared first).
+    virtual int Align(const brim::data_wrappers::VecView<int>& seq1, const brim::data_wrappers::VecView<int>& seq2,
+                      std::vector<std::pair<int, int>>& path);
+    // Element (i, j) of the matrix; out of range logs to std::clog and gives 0.
+    virtual int GetMismatchScore(int i, int j);
+
+    // Many references against one query. Scores (and the paths asked for) are
+    // exactly those Align would give for each reference on its own.
+    std::shared_ptr<const ReferenceBatch> PrepareReferences(const std::vector<std::vector<int>>& references) const;
+    // scores[k] for reference k, no traceback at all.
+    void ScoreBatch(const ReferenceBatch& batch, const brim::data_wrappers::VecView<int>& query,
+                    std::vector<int>& scores);
+    // As ScoreBatch, and paths[k] filled only where want_path[k] is non-zero
+    // (the others are left empty).
+    void AlignBatch(const ReferenceBatch& batch, const brim::data_wrappers::VecView<int>& query,
+                    const std::vector<uint8_t>& want_path, std::vector<int>& scores, std::vector<Path>& paths);
+
+    int BandWidth() const { return band_width_; }
+    const std::vector<int>& Matrix() const { return matrix_; }
+    int MatrixDimension() const { return n_; }
+    // The six negated internal costs: start1, end1, open1, start2, end2, open2.
+    const std::vector<int>& GapCosts() const { return gap_costs_; }
+
+private:
+    struct Work;  // score rows, match row, trace matrix, band offsets/lengths
+    std::vector<int> matrix_;
+    std::vector<int> gap_costs_;
+    int band_width_;
+    int n_;
+    std::unique_ptr<Work> work_;
+};
+
+// Which build of the core routines is in use: "generic", "sse41" or "avx2".
+// Chosen once from the processor's features; the environment variable VB_SIMD
+// forces one (an unknown or unsupported value is an error).
+const char* ActiveSimdBuild();
+
+}  // namespace PairAlignment
