@@ -4,6 +4,7 @@
 // path) or on a GPU, so the scorer holds one of either.
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "common/data_wrappers.h"
@@ -24,5 +25,15 @@ public:
 std::unique_ptr<ReferenceAligner> MakeCpuReferenceAligner(const brim::data_wrappers::MatView<int>& matrix,
                                                           const std::vector<int>& gaps, int band_width,
                                                           const std::vector<std::vector<int>>& references);
+
+}  // namespace Barcoding
+
+namespace Barcoding {
+
+// The CPU aligner when device is empty, otherwise MakeGpuReferenceAligner.
+std::unique_ptr<ReferenceAligner> MakeReferenceAligner(const std::string& device,
+                                                       const brim::data_wrappers::MatView<int>& matrix,
+                                                       const std::vector<int>& gaps, int band_width,
+                                                       const std::vector<std::vector<int>>& references);
 
 }  // namespace Barcoding
