@@ -38,12 +38,15 @@ class Logger {
 public:
     explicit Logger(std::string channel);
     const std::string& Channel() const { return channel_; }
+
     // Whether a record of this severity on this channel would reach any sink.
+    // Reads a few atomics only, so it is cheap enough for per-read checks.
     bool Enabled(Severity severity) const;
     void Write(Severity severity, const std::string& text) const;
 
 private:
     std::string channel_;
+    bool verbose_channel_;  // name ends in "_verbose": silent unless verbose logging is on
 };
 
 // Collects one record and writes it when destroyed.

@@ -1,0 +1,39 @@
+#include "common/string_utils.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+
+namespace Common {
+
+namespace detail {
+
+std::string FormatRaw(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list measure;
+    va_copy(measure, args);
+    int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    std::string result;
+    if (length > 0) {
+        // vsnprintf writes the terminating NUL too; std::string keeps room for it.
+        result.resize(static_cast<size_t>(length));
+        std::vsnprintf(result.data(), result.size() + 1, format, args);
+    }
+    va_end(args);
+    return result;
+}
+
+}  // namespace detail
+
+std::string RemoveWhitespace(const std::string& text) {
+    std::string result;
+    result.reserve(text.size());
+    std::copy_if(text.begin(), text.end(), std::back_inserter(result),
+                 [](char c) { return !std::isspace(static_cast<unsigned char>(c)); });
+    return result;
+}
+
+}  // namespace Common

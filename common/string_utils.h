@@ -1,0 +1,34 @@
+#pragma once
+// Small text helpers shared by configuration loading and messages.
+
+#include <string>
+#include <type_traits>
+
+namespace Common {
+
+namespace detail {
+// printf into a std::string; the arguments must already be printf-compatible.
+std::string FormatRaw(const char* format, ...);
+
+inline const char* FormatArg(const std::string& text) {
+    return text.c_str();
+}
+template <typename T>
+T FormatArg(T value) {
+    static_assert(std::is_arithmetic_v<T> || std::is_pointer_v<T>,
+                  "FormatString takes numbers, C strings and std::string only");
+    return value;
+}
+}  // namespace detail
+
+// printf-style formatting with the result as a string: FormatString("barcode%02d", 7)
+// gives "barcode07". std::string arguments may be passed directly for "%s".
+template <typename... Args>
+std::string FormatString(const std::string& format, const Args&... args) {
+    return detail::FormatRaw(format.c_str(), detail::FormatArg(args)...);
+}
+
+// Removes every character for which C isspace() is true, wherever it is.
+std::string RemoveWhitespace(const std::string& text);
+
+}  // namespace Common

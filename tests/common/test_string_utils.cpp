@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <random>
+
+#include "common/string_utils.h"
+
+TEST(StringUtils, FormatStringHandlesNumbersTextAndLongResults) {
+    EXPECT_EQ(Common::FormatString("barcode%02d", 7), "barcode07");
+    EXPECT_EQ(Common::FormatString("%s_%s%03u", std::string("kit"), "var", 12u), "kit_var012");
+    EXPECT_EQ(Common::FormatString("no arguments"), "no arguments");
+    EXPECT_EQ(Common::FormatString(""), "");
+    std::string long_text(5000, 'x');
+    EXPECT_EQ(Common::FormatString("<%s>%d", long_text, -1), "<" + long_text + ">-1");
+}
+
+TEST(StringUtils, RemoveWhitespaceMatchesNaiveReference) {
+    std::mt19937 rng(1234);
+    const std::string alphabet = std::string("ab \t\n\v\f\r=#") + char(0xa0) + char(0x85);
+    for (int round = 0; round < 500; ++round) {
+        std::string text;
+        for (int i = rng() % 30; i > 0; --i)
+            text += alphabet[rng() % alphabet.size()];
+        std::string expected;
+        for (char c : text) {
+            if (c != ' ' && c != '\t' && c != '\n' && c != '\v' && c != '\f' && c != '\r') expected += c;
+        }
+        EXPECT_EQ(Common::RemoveWhitespace(text), expected);
+    }
+}
