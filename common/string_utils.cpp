@@ -36,4 +36,11 @@ std::string RemoveWhitespace(const std::string& text) {
     return result;
 }
 
+std::string TrimWhitespace(const std::string& text) {
+    auto is_space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    auto begin = std::find_if_not(text.begin(), text.end(), is_space);
+    auto end = std::find_if_not(text.rbegin(), std::make_reverse_iterator(begin), is_space).base();
+    return std::string(begin, end);
+}
+
 }  // namespace Common

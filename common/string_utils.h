@@ -30,5 +30,7 @@ std::string FormatString(const std::string& format, const Args&... args) {
 
 // Removes every character for which C isspace() is true, wherever it is.
 std::string RemoveWhitespace(const std::string& text);
+// Removes the isspace() characters at both ends only.
+std::string TrimWhitespace(const std::string& text);
 
 }  // namespace Common

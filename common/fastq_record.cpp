@@ -1,0 +1,132 @@
+#include "common/fastq_record.h"
+
+#include <array>
+#include <fstream>
+#include <stdexcept>
+
+#include "common/logger.h"
+#include "common/string_utils.h"
+
+namespace Common {
+
+namespace {
+
+const Logger& RecordLogger() {
+    static const Logger logger("fastq_record");
+    return logger;
+}
+
+// Table lookups keep validation branch-light: it runs on every read of every file.
+constexpr std::array<bool, 256> MakeBaseTable() {
+    std::array<bool, 256> table{};
+    for (char c : {'A', 'C', 'G', 'T', 'U'})
+        table[static_cast<unsigned char>(c)] = true;
+    return table;
+}
+constexpr std::array<bool, 256> kValidBase = MakeBaseTable();
+
+}  // namespace
+
+FastQRecord::FastQRecord(std::string title_, std::string sequence_, std::string qstring_)
+    : title(std::move(title_)), sequence(std::move(sequence_)), qstring(std::move(qstring_)) {
+    Validate();
+}
+
+void FastQRecord::Validate() const {
+    // Lengths first: a shifted record usually also has odd characters, and the
+    // length mismatch is the more telling report.
+    if (sequence.size() != qstring.size()) {
+        throw std::runtime_error("Sequence is not the same length as the qstring\n" + Print());
+    }
+    for (size_t i = 0; i < sequence.size(); ++i) {
+        if (!kValidBase[static_cast<unsigned char>(sequence[i])]) {
+            throw std::runtime_error("Sequence contained an unexpected character '" + std::string(1, sequence[i]) +
+                                     "' at position " + std::to_string(i) + "\n" + Print());
+        }
+    }
+    for (char c : qstring) {
+        if (static_cast<unsigned>(static_cast<unsigned char>(c) - 33u) > 93u) {
+            throw std::runtime_error("Unsupported character in the Qstring: " + std::string(1, c));
+        }
+    }
+}
+
+std::string FastQRecord::Print() const {
+    return "Header: " + title + "\nSequence: " + sequence + "\nQstring: " + qstring;
+}
+
+std::string FastQRecord::ToString() const {
+    std::string text;
+    text.reserve(title.size() + sequence.size() + qstring.size() + 6);
+    text.append(title).append("\n").append(sequence).append("\n+\n").append(qstring).append("\n");
+    return text;
+}
+
+void FastQRecord::AppendToTitle(const std::string& key, const std::string& value) {
+    title.append(" ").append(key).append("=").append(value);
+}
+
+std::string FastQRecord::GetReadId() const {
+    if (title.empty()) throw std::runtime_error("Cannot get the read ID from an empty FastQ record.");
+    try {
+        if (title.size() < 2) {
+            // The wording speaks of a space; it is kept as users know it.
+            VB_LOG(RecordLogger(), Severity::error)
+                << "Read title '" << title << "' does not have any space. Continuing with next read.";
+            return kInvalidReadId;
+        }
+        // Index 0 is the '@' (or whatever stands there): skipped unchecked.
+        size_t space = title.find(' ', 1);
+        return title.substr(1, space == std::string::npos ? std::string::npos : space - 1);
+    } catch (const std::exception&) {
+        VB_LOG(RecordLogger(), Severity::error)
+            << "Could not extract read id from fastq title. Continuing with next read.";
+        return kInvalidReadId;
+    }
+}
+
+std::string FastQRecord::GetRunId() const {
+    if (title.empty()) throw std::runtime_error("Cannot get the run ID from an empty FastQ record.");
+    try {
+        // From index 1: a title starting with "runid=" has no read id, so no run id.
+        size_t match = title.find("runid=", 1);
+        if (match == std::string::npos) {
+            VB_LOG(RecordLogger(), Severity::error) << "Could not find 'runid=' in the title: " << title;
+            return kInvalidRunId;
+        }
+        size_t begin = match + 6;
+        size_t end = title.find(' ', match);
+        return title.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+    } catch (const std::exception&) {
+        VB_LOG(RecordLogger(), Severity::error)
+            << "Could not extract run id from fastq title. Continuing with next read.";
+        return kInvalidRunId;
+    }
+}
+
+std::string FastQRecord::MakeTitle(const FastQReadMetadata& metadata) {
+    return "@" + metadata.read_id + " runid=" + metadata.run_id + " sampleid=" + metadata.sample_id +
+           " read=" + std::to_string(metadata.read_number) + " ch=" + std::to_string(metadata.channel) +
+           " start_time=" + metadata.start_time;
+}
+
+std::unordered_set<std::string> getReadIdWhitelist(const std::string& path) {
+    std::ifstream in(path);
+    if (!in.is_open()) throw std::runtime_error("Could not load readIdWhitelist file: '" + path + "'");
+    std::unordered_set<std::string> read_ids;
+    std::string line;
+    while (std::getline(in, line)) {
+        // Only the ends are trimmed, so that an id with an inner space is
+        // reported instead of silently glued together.
+        std::string read_id = TrimWhitespace(line);
+        if (read_id.empty()) continue;
+        if (read_id.find(' ') != std::string::npos) {
+            VB_LOG(RecordLogger(), Severity::warning) << "read_id is invalid as it contains a space " << read_id;
+            continue;
+        }
+        read_ids.insert(std::move(read_id));
+    }
+    return read_ids;
+}
+
+}  // namespace Common
