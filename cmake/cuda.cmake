@@ -1,0 +1,73 @@
+# GPU kernels. nvcc compiles the "fastalign" kernels into one fat binary (SASS
+# for the listed architectures plus PTX for the oldest, which newer GPUs
+# compile on load), and this same file, run as a script, turns the fat binary
+# into a C++ byte array linked into `common`. Nothing CUDA is linked: the
+# driver is opened at run time. Without nvcc (or with -DVB_CUDA=OFF) the
+# program builds without kernels and --device reports that.
+#
+# Script mode: cmake -DINPUT=<file> -DOUTPUT=<file.cpp> -DSYMBOL=<name> -P cuda.cmake
+
+if(CMAKE_SCRIPT_MODE_FILE)
+  file(READ ${INPUT} bytes HEX)
+  string(LENGTH "${bytes}" hex_length)
+  math(EXPR size "${hex_length} / 2")
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${bytes}")
+  string(REGEX REPLACE "((0x[0-9a-f][0-9a-f],){24})" "\\1\n" bytes "${bytes}")
+  file(WRITE ${OUTPUT}
+    "// Generated from ${INPUT} at build time; do not edit.\n"
+    "#include <cstddef>\n"
+    "extern \"C\" const unsigned char ${SYMBOL}[] = {\n${bytes}\n};\n"
+    "extern \"C\" const size_t ${SYMBOL}_size = ${size};\n")
+  return()
+endif()
+
+if(NOT VB_CUDA)
+  message(STATUS "GPU kernels: disabled (VB_CUDA=OFF); --device will be refused")
+  return()
+endif()
+find_program(VB_NVCC nvcc HINTS ENV CUDA_PATH ENV CUDA_HOME /usr/local/cuda PATH_SUFFIXES bin)
+if(NOT VB_NVCC)
+  message(STATUS "GPU kernels: nvcc not found, building without GPU support")
+  return()
+endif()
+message(STATUS "GPU kernels: ${VB_NVCC}")
+
+# Compute capability 7.5 is the oldest the CUDA 13 toolchain targets; its PTX
+# is carried too so that GPUs newer than the listed ones can run the image.
+set(VB_CUDA_GENCODE
+  -gencode "arch=compute_75,code=[sm_75,compute_75]"
+  -gencode arch=compute_80,code=sm_80
+  -gencode arch=compute_86,code=sm_86
+  -gencode arch=compute_89,code=sm_89
+  -gencode arch=compute_90,code=sm_90)
+
+set(VB_FASTALIGN_DIR ${CMAKE_SOURCE_DIR}/common/cuda/fastalign)
+set(VB_FASTALIGN_FATBIN ${CMAKE_BINARY_DIR}/kernels/fastalign.fatbin)
+set(VB_FASTALIGN_CPP ${CMAKE_BINARY_DIR}/kernels/fastalign_fatbin.cpp)
+file(GLOB VB_FASTALIGN_DEPENDS CONFIGURE_DEPENDS ${VB_FASTALIGN_DIR}/*.h ${VB_FASTALIGN_DIR}/*.cu)
+
+# --fmad=false: the band placement's double products must round exactly as on
+# the host, where the same code is tested against the CPU aligner.
+add_custom_command(
+  OUTPUT ${VB_FASTALIGN_FATBIN}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/kernels
+  COMMAND ${VB_NVCC} -fatbin -O3 --fmad=false -I${CMAKE_SOURCE_DIR} ${VB_CUDA_GENCODE}
+          -o ${VB_FASTALIGN_FATBIN} ${VB_FASTALIGN_DIR}/fastalign.cu
+  DEPENDS ${VB_FASTALIGN_DEPENDS} ${CMAKE_SOURCE_DIR}/common/cuda/cuda_emulation.h
+  COMMENT "nvcc: building fastalign.fatbin"
+  VERBATIM)
+add_custom_command(
+  OUTPUT ${VB_FASTALIGN_CPP}
+  COMMAND ${CMAKE_COMMAND} -DINPUT=${VB_FASTALIGN_FATBIN} -DOUTPUT=${VB_FASTALIGN_CPP}
+          -DSYMBOL=vb_fastalign_fatbin -P ${CMAKE_SOURCE_DIR}/cmake/cuda.cmake
+  DEPENDS ${VB_FASTALIGN_FATBIN} ${CMAKE_SOURCE_DIR}/cmake/cuda.cmake
+  COMMENT "Embedding fastalign.fatbin"
+  VERBATIM)
+
+# Custom command outputs only attach to targets of their own directory, and
+# `common` lives in common/: a target here produces the file for it.
+add_custom_target(vb_kernel_images DEPENDS ${VB_FASTALIGN_CPP})
+add_dependencies(common vb_kernel_images)
+target_sources(common PRIVATE ${VB_FASTALIGN_CPP})
+set_source_files_properties(${CMAKE_SOURCE_DIR}/common/kernel_images.cpp TARGET_DIRECTORY common
+  PROPERTIES COMPILE_DEFINITIONS VB_HAVE_FASTALIGN_FATBIN)

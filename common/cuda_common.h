@@ -1,0 +1,100 @@
+#pragma once
+// Common::CUDADevice: the program's handle on one NVIDIA GPU through the CUDA
+// driver (reached at run time, see cuda_driver.h). It parses device strings,
+// owns the device's context, streams, a pool of device buffers and the kernel
+// modules loaded from the images embedded in the program.
+//
+// Devices are shared: every aligner asking for the same GPU gets the same
+// CUDADevice (and so the same context), each with its own stream.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/cuda_driver.h"
+
+namespace Common {
+
+// One requested device. A limit of 0 means none; the limit caps the buffer pool.
+struct CUDADeviceRequest {
+    int device;             // index, or CUDADevice::kAutoDevice
+    float memory_percent;   // limit as a percentage of the device's memory
+    uint64_t memory_bytes;  // limit in bytes
+};
+
+class CUDADevice {
+public:
+    static constexpr int kAutoDevice = -1;  // "auto": the device with the most free memory
+
+    // Parses "auto", "cuda:<i>[,<j>...][:<limit>[%|m|g]]" and "cuda:all[:<limit>]".
+    // Throws std::runtime_error("Malformed device string: " + text). Only
+    // "cuda:all" touches the driver (to count the devices).
+    static std::vector<CUDADeviceRequest> ParseDeviceString(const std::string& text);
+
+    // The process-wide device for a request, created on first use (thread-safe)
+    // and kept while anyone holds it. "auto" is settled once per process.
+    // Throws when no driver is found or the device does not exist.
+    static std::shared_ptr<CUDADevice> Acquire(const CUDADeviceRequest& request);
+
+    ~CUDADevice();
+    CUDADevice(const CUDADevice&) = delete;
+    CUDADevice& operator=(const CUDADevice&) = delete;
+
+    int Index() const { return index_; }
+    CUcontext Context() const { return context_; }
+    // Bytes the buffer pool may hold; 0 = as much as the device gives.
+    uint64_t MemoryLimit() const { return memory_limit_; }
+
+    // Makes the device's context current on this thread for its lifetime.
+    class ScopedContext {
+    public:
+        explicit ScopedContext(const CUDADevice& device);
+        ~ScopedContext();
+        ScopedContext(const ScopedContext&) = delete;
+        ScopedContext& operator=(const ScopedContext&) = delete;
+
+    private:
+        const CudaDriver& driver_;
+    };
+
+    CUstream CreateStream();
+    void DestroyStream(CUstream stream);
+
+    // Shared buffer pool. A reserved buffer is the caller's until released;
+    // release is asynchronous: the buffer is handed out again only once the
+    // work queued on the releasing stream before the release is done (or the
+    // next user's stream waits for it).
+    CUdeviceptr ReserveBuffer(size_t bytes, CUstream stream);
+    void ReleaseBufferAsync(CUdeviceptr buffer, CUstream stream);
+
+    // The named kernels of an embedded image ("fastalign.fatbin"). The image is
+    // loaded once per device; the handles live as long as the device.
+    std::vector<CUfunction> LoadKernels(const std::string& image, const std::vector<std::string>& names);
+    // Run-time compilation of kernel source is not part of this build: throws.
+    std::vector<CUfunction> CompileKernels(const std::string& source, const std::vector<std::string>& names,
+                                           const std::vector<std::string>& options);
+
+private:
+    CUDADevice(int index, const CUDADeviceRequest& request);
+
+    struct Buffer {
+        CUdeviceptr pointer;
+        size_t bytes;
+        bool reserved;
+        CUevent released;  // recorded at the last release; nullptr before the first
+    };
+
+    const CudaDriver& driver_;
+    int index_;
+    CUcontext context_ = nullptr;
+    uint64_t memory_limit_ = 0;
+    std::mutex mutex_;  // guards everything below
+    std::vector<Buffer> buffers_;
+    uint64_t pool_bytes_ = 0;
+    std::map<std::string, CUmodule> modules_;
+};
+
+}  // namespace Common
