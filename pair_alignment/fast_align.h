@@ -13,6 +13,10 @@
 
 namespace PairAlignment {
 
+namespace Core {
+struct Costs;
+}
+
 // Score of an impossible cell, and of an alignment with an empty side.
 constexpr int ZERO_PROB_SCORE = -1000000000;
 
@@ -71,10 +75,16 @@ public:
 
 private:
     struct Work;  // score rows, match row, trace matrix, band offsets/lengths
+    // Fills the trace of one alignment (both lengths > 0); returns its score.
+    int FillTrace(const int* ref, int l1, const int* query, int l2, int width);
+    void Traceback(int l1, int l2, int width, Path& path) const;
+    Core::Costs InternalCosts() const;
+
     std::vector<int> matrix_;
     std::vector<int> gap_costs_;
     int band_width_;
     int n_;
+    int64_t max_abs_cost_ = 0;  // largest |matrix element| or |gap cost|
     std::unique_ptr<Work> work_;
 };
 

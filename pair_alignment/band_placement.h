@@ -1,0 +1,17 @@
+#pragma once
+// Where the aligner's band lies. It depends only on the two lengths and the
+// width, so every reference of one length shares it (the batch kernels rely on
+// that to move their lanes in lock-step).
+
+namespace PairAlignment {
+
+// The width actually used for lengths l1, l2 and the configured (odd) width:
+// wide enough to cover the whole matrix when max(l1, l2) <= configured, always odd.
+int EffectiveBandWidth(int l1, int l2, int configured);
+
+// For every anti-diagonal d = 0 .. l1 + l2: offsets[d] is the first query index
+// j of the band and lengths[d] its number of cells (cells (d - j, j) with j
+// increasing). Both arrays hold l1 + l2 + 1 values.
+void PlaceBand(int l1, int l2, int width, int* offsets, int* lengths);
+
+}  // namespace PairAlignment

@@ -1,0 +1,176 @@
+// Banded anti-diagonal global alignment.
+//
+// Cell (i, j) means i reference and j query bases consumed and lies on
+// anti-diagonal d = i + j. Its score is the best of
+//   diag  = S(i-1, j-1) + M(ref[i-1], query[j-1])
+//   up    = S(i, j-1) + gap in the reference (start1 at i = 0, end1 at i = L1, else open1)
+//   right = S(i-1, j) + gap in the query     (start2 at j = 0, end2 at j = L2, else open2)
+// with diagonal winning every tie and, between the gaps, the gap in the query
+// (RIGHT) winning. A predecessor outside the matrix or the band is impossible
+// (ZERO_PROB_SCORE). The different start and end costs let a short reference
+// float inside a longer query.
+//
+// Only a band of W cells per anti-diagonal is computed (see band_placement.cpp
+// for where it lies), three score rows are kept, and one trace byte per band
+// cell records the choice. The per-build core (simd/) fills the trace and
+// returns the score; traceback and gap marking are shared and live here.
+
+#include "pair_alignment/fast_align.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+
+#include "pair_alignment/band_placement.h"
+#include "pair_alignment/fast_align_work.h"
+#include "pair_alignment/score_matrix.h"
+#include "pair_alignment/simd_dispatch.h"
+
+namespace PairAlignment {
+
+namespace {
+
+void CheckUnitStride(const brim::data_wrappers::VecView<int>& seq) {
+    if (seq.stride() != 1) throw std::runtime_error("Fast aligner does not allow non-unit-stride sequence vectors.");
+}
+
+}  // namespace
+
+FastAlign::FastAlign(const brim::data_wrappers::MatView<int>& matrix, std::vector<int> gaps, int band_width)
+    : gap_costs_(ConvertGapVector(gaps)),
+      band_width_(band_width % 2 == 0 ? band_width + 1 : band_width),
+      n_(static_cast<int>(matrix.rows())),
+      work_(std::make_unique<Work>()) {
+    if (band_width_ < 1) throw std::runtime_error("Band width must be positive.");
+    // Kept n x n so that every in-range (i, j) has an element; columns the
+    // view lacks read as 0.
+    matrix_.assign(static_cast<size_t>(n_) * n_, 0);
+    for (int x = 0; x < n_; ++x)
+        for (int y = 0; y < n_ && y < static_cast<int>(matrix.cols()); ++y)
+            matrix_[n_ * x + y] = matrix(x, y);
+    for (int value : matrix_)
+        max_abs_cost_ = std::max<int64_t>(max_abs_cost_, std::abs(static_cast<int64_t>(value)));
+    for (int value : gap_costs_)
+        max_abs_cost_ = std::max<int64_t>(max_abs_cost_, std::abs(static_cast<int64_t>(value)));
+    for (auto& row : work_->rows)
+        row.resize(band_width_ + Core::kPad);
+    work_->match.resize(band_width_ + Core::kPad);
+}
+
+FastAlign::~FastAlign() = default;
+
+int FastAlign::GetMismatchScore(int i, int j) {
+    if (i < 0 || i >= n_ || j < 0 || j >= n_) {
+        std::clog << "Trying to access mismatch matrix element (" << i << ", " << j << ")!" << std::endl;
+        return 0;
+    }
+    return matrix_[n_ * i + j];
+}
+
+int FastAlign::Align(const brim::data_wrappers::VecView<int>& seq1, const brim::data_wrappers::VecView<int>& seq2,
+                     std::vector<std::pair<int, int>>& path) {
+    CheckUnitStride(seq1);
+    CheckUnitStride(seq2);
+    path.clear();
+    const int l1 = static_cast<int>(seq1.size());
+    const int l2 = static_cast<int>(seq2.size());
+    // With an empty side there is nothing to align: every base of the other
+    // side faces a gap, and the alignment is impossible.
+    if (l1 == 0 || l2 == 0) {
+        for (int j = 0; j < l2; ++j)
+            path.emplace_back(-1, j);
+        for (int i = 0; i < l1; ++i)
+            path.emplace_back(i, -1);
+        return ZERO_PROB_SCORE;
+    }
+    const int width = EffectiveBandWidth(l1, l2, band_width_);
+    const int score = FillTrace(seq1.data(), l1, seq2.data(), l2, width);
+    Traceback(l1, l2, width, path);
+    return score;
+}
+
+int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int width) {
+    Work& w = *work_;
+    const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
+    w.offsets.resize(diagonals);
+    w.lengths.resize(diagonals);
+    w.trace.resize(diagonals * width + Core::kPad);
+    const size_t row_size = static_cast<size_t>(width) + Core::kPad;
+    for (auto& row : w.rows)
+        if (row.size() < row_size) row.resize(row_size);
+    if (w.match.size() < row_size) w.match.resize(row_size);
+    PlaceBand(l1, l2, width, w.offsets.data(), w.lengths.data());
+
+    Core::BandJob job;
+    job.l1 = l1;
+    job.l2 = l2;
+    job.width = width;
+    job.ref = ref;
+    job.query = query;
+    job.matrix = matrix_.data();
+    job.n = n_;
+    job.costs = InternalCosts();
+    job.offsets = w.offsets.data();
+    job.lengths = w.lengths.data();
+    job.trace = w.trace.data();
+    for (int k = 0; k < 3; ++k)
+        job.rows[k] = w.rows[k].data();
+    job.match = w.match.data();
+
+    // The vector builds look the matrix up by byte codes and need it 4 x 4.
+    const SimdKernels& kernels = n_ == 4 ? ActiveKernels() : GenericKernels();
+    if (&kernels != &GenericKernels()) {
+        w.ref_rev8.assign(static_cast<size_t>(l1) + 2 * Core::kPad, 0);
+        w.query8.assign(static_cast<size_t>(l2) + 2 * Core::kPad, 0);
+        for (int k = 0; k < l1; ++k)
+            w.ref_rev8[Core::kPad + k] = static_cast<uint8_t>(ref[l1 - 1 - k]);
+        for (int k = 0; k < l2; ++k)
+            w.query8[Core::kPad + k] = static_cast<uint8_t>(query[k]);
+        job.ref_rev8 = w.ref_rev8.data() + Core::kPad;
+        job.query8 = w.query8.data() + Core::kPad;
+    }
+    return kernels.fill_band(job);
+}
+
+// Walks the trace from (L1, L2) back to a border, collecting the (reference,
+// query) index of every cell passed, then marks gaps: a step that leaves one
+// index unchanged aligned the other base against a gap.
+void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
+    const Work& w = *work_;
+    int i = l1 - 1;
+    int j = l2 - 1;
+    int d = l1 + l2;
+    int position = 0;
+    while (i >= 0 && j >= 0) {
+        path.emplace_back(i, j);
+        const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
+        if (code == DIAG) {
+            --i;
+            --j;
+            d -= 2;
+        } else if (code == UP) {
+            --j;
+            --d;
+        } else {
+            --i;
+            --d;
+        }
+        position = j + 1 - w.offsets[d];
+    }
+    for (; i >= 0; --i)
+        path.emplace_back(i, -1);
+    for (; j >= 0; --j)
+        path.emplace_back(-1, j);
+    for (size_t k = 0; k + 1 < path.size(); ++k) {
+        if (path[k].first == path[k + 1].first) path[k].first = -1;
+        if (path[k].second == path[k + 1].second) path[k].second = -1;
+    }
+    std::reverse(path.begin(), path.end());
+}
+
+Core::Costs FastAlign::InternalCosts() const {
+    return {gap_costs_[0], gap_costs_[1], gap_costs_[2], gap_costs_[3], gap_costs_[4], gap_costs_[5]};
+}
+
+}  // namespace PairAlignment

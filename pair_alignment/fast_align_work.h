@@ -1,0 +1,46 @@
+#pragma once
+// Private to the aligner's sources: its reusable work buffers and the layout
+// of a prepared reference batch.
+
+#include <cstdint>
+#include <vector>
+
+#include "pair_alignment/fast_align.h"
+
+namespace PairAlignment {
+
+struct FastAlign::Work {
+    std::vector<int> rows[3];  // anti-diagonal score rows (band positions)
+    std::vector<int> match;    // matrix scores of the current diagonal's cells
+    std::vector<uint8_t> trace;
+    std::vector<int> offsets;  // band offset and length per anti-diagonal
+    std::vector<int> lengths;
+    std::vector<uint8_t> ref_rev8;  // padded byte copies for the vector builds
+    std::vector<uint8_t> query8;
+    std::vector<int16_t> lane_rows16;  // batch kernels' score rows
+    std::vector<int32_t> lane_rows32;
+    std::vector<int> lane_scores;
+    Path scratch_path;
+};
+
+struct ReferenceBatch {
+    // One group per distinct reference length; its references share one band
+    // and run in lock-step, one lane each.
+    struct Group {
+        int length = 0;
+        std::vector<int> members;  // reference indices in lane order
+        // Query-independent lane profiles: for block b, reference position i
+        // and query code c, the lane block of M(reference[i], c) at
+        // ((b * length + i) * n + c) * lanes. Lanes past the last member repeat
+        // it. profile16 is empty when the matrix does not fit 16 bits.
+        std::vector<int16_t> profile16;
+        std::vector<int32_t> profile32;
+        int blocks16 = 0;
+        int blocks32 = 0;
+    };
+    std::vector<int> matrix;  // of the aligner that prepared the batch
+    std::vector<std::vector<int>> references;
+    std::vector<Group> groups;
+};
+
+}  // namespace PairAlignment

@@ -1,0 +1,81 @@
+#pragma once
+// Entry points of the per-instruction-set builds of the aligner's core
+// routines. Each simd/*_<isa>.cpp file is compiled with its own flags and
+// defines the functions with its suffix; only simd_dispatch.cpp, built with
+// baseline flags, chooses among them. Everything here is plain data so that no
+// inline library code is shared between differently compiled objects.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace PairAlignment::Core {
+
+// Readable elements before and after the padded sequence copies and score rows,
+// so vector loads may run past the band's ends.
+constexpr int kPad = 32;
+
+// The six internal (negated) gap costs.
+struct Costs {
+    int start1, end1, open1, start2, end2, open2;
+};
+
+// One banded alignment: fill the trace matrix, return the score of (l1, l2).
+struct BandJob {
+    int l1 = 0, l2 = 0, width = 0;
+    const int* ref = nullptr;    // l1 codes
+    const int* query = nullptr;  // l2 codes
+    // Byte copies for the vector builds (set only when the matrix is 4 x 4):
+    // ref_rev8[k] = ref[l1 - 1 - k], query8[k] = query[k]; both readable over
+    // [-kPad, length + kPad) with zeros outside the sequence.
+    const uint8_t* ref_rev8 = nullptr;
+    const uint8_t* query8 = nullptr;
+    const int* matrix = nullptr;  // n x n, row = reference code
+    int n = 0;
+    Costs costs{};
+    const int* offsets = nullptr;  // l1 + l2 + 1 band offsets and lengths
+    const int* lengths = nullptr;
+    uint8_t* trace = nullptr;                    // (l1 + l2 + 1) * width codes, plus kPad writable bytes
+    int* rows[3] = {nullptr, nullptr, nullptr};  // width + kPad ints each
+    int* match = nullptr;                        // width + kPad ints
+};
+using FillBandFn = int (*)(const BandJob&);
+int FillBandGeneric(const BandJob& job);
+int FillBandSse41(const BandJob& job);
+int FillBandAvx2(const BandJob& job);
+
+// Many references of one length l1 against one query, one lane per reference,
+// scores only. Lanes come in blocks of 32 bytes: 16 lanes of int16_t or 8 of
+// int32_t. profile holds, per block, for reference position i and query code b,
+// the block of matrix scores M(reference_lane[i], b) at ((i * n) + b) * lanes.
+// The caller guarantees that no score of the band comes near the lane type's
+// range (see fast_align.cpp), so the kernels need no overflow checks.
+struct LaneJob {
+    int l1 = 0, l2 = 0, n = 0;
+    const int* query = nullptr;  // l2 codes
+    Costs costs{};
+    const int* offsets = nullptr;  // band of (l1, l2)
+    const int* lengths = nullptr;
+    const void* profile = nullptr;  // blocks * l1 * n lane blocks
+    int blocks = 0;
+    void* rows = nullptr;   // 3 * (l2 + 3) lane blocks of work space
+    int* scores = nullptr;  // blocks * lanes results
+};
+using ScoreLanesFn = void (*)(const LaneJob&);
+constexpr int kLanes16 = 16;
+constexpr int kLanes32 = 8;
+// The impossible score of each lane type. A kernel may be used only when
+// (l1 + l2 + 1) * (largest |matrix element| or |gap cost|) is at most the
+// limit: then every band score lies within (l1 + l2) * that cost of zero, and
+// the sentinel plus any one cost stays below all of them without overflowing.
+constexpr int kSentinel16 = -32768;
+constexpr long long kLimit16 = 32000;
+constexpr int kSentinel32 = -1000000000;
+constexpr long long kLimit32 = 500000000;
+void ScoreLanes16Generic(const LaneJob& job);
+void ScoreLanes16Sse41(const LaneJob& job);
+void ScoreLanes16Avx2(const LaneJob& job);
+void ScoreLanes32Generic(const LaneJob& job);
+void ScoreLanes32Sse41(const LaneJob& job);
+void ScoreLanes32Avx2(const LaneJob& job);
+
+}  // namespace PairAlignment::Core

@@ -1,0 +1,297 @@
+// The banded aligner against a plain full-matrix dynamic program written
+// here, and every build and batch path against the generic build.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "pair_alignment/band_placement.h"
+#include "pair_alignment/fast_align.h"
+#include "pair_alignment/simd_dispatch.h"
+
+using namespace PairAlignment;
+using brim::data_wrappers::MatView;
+using brim::data_wrappers::VecView;
+
+namespace {
+
+struct Result {
+    int score = 0;
+    Path path;
+    bool operator==(const Result& o) const { return score == o.score && path == o.path; }
+};
+
+VecView<int> View(const std::vector<int>& s) {
+    return VecView<int>(const_cast<int*>(s.data()), s.size());
+}
+
+// Row-major (L1 + 1) x (L2 + 1) dynamic program over the cells allowed by
+// in_band, with the aligner's costs and tie-breaks, and a traceback that
+// writes each step's pair directly.
+Result Naive(const std::vector<int>& m, const std::vector<int>& g, const std::vector<int>& ref,
+             const std::vector<int>& qry, const std::vector<std::vector<bool>>& in_band) {
+    const int l1 = ref.size(), l2 = qry.size();
+    Result r;
+    if (l1 == 0 || l2 == 0) {
+        for (int j = 0; j < l2; ++j)
+            r.path.emplace_back(-1, j);
+        for (int i = 0; i < l1; ++i)
+            r.path.emplace_back(i, -1);
+        r.score = ZERO_PROB_SCORE;
+        return r;
+    }
+    const int none = ZERO_PROB_SCORE;
+    std::vector<std::vector<int>> s(l1 + 1, std::vector<int>(l2 + 1, none));
+    std::vector<std::vector<char>> how(l1 + 1, std::vector<char>(l2 + 1, ' '));
+    s[0][0] = 0;
+    for (int i = 0; i <= l1; ++i)
+        for (int j = 0; j <= l2; ++j) {
+            if ((i == 0 && j == 0) || !in_band[i][j]) continue;
+            const bool d_ok = i > 0 && j > 0 && in_band[i - 1][j - 1];
+            const bool u_ok = j > 0 && in_band[i][j - 1];
+            const bool r_ok = i > 0 && in_band[i - 1][j];
+            const int diag = (d_ok ? s[i - 1][j - 1] : none) + (i > 0 && j > 0 ? m[4 * ref[i - 1] + qry[j - 1]] : 0);
+            const int up = (u_ok ? s[i][j - 1] : none) + (i == 0 ? g[0] : i == l1 ? g[1] : g[2]);
+            const int right = (r_ok ? s[i - 1][j] : none) + (j == 0 ? g[3] : j == l2 ? g[4] : g[5]);
+            if (diag >= up && diag >= right) {
+                s[i][j] = diag, how[i][j] = 'D';
+            } else if (right < up) {
+                s[i][j] = up, how[i][j] = 'U';
+            } else {
+                s[i][j] = right, how[i][j] = 'R';
+            }
+        }
+    r.score = s[l1][l2];
+    for (int i = l1, j = l2; i > 0 || j > 0;) {
+        const char h = i == 0 ? 'U' : j == 0 ? 'R' : how[i][j];
+        if (h == 'D') r.path.emplace_back(--i, --j);
+        if (h == 'U') r.path.emplace_back(-1, --j);
+        if (h == 'R') r.path.emplace_back(--i, -1);
+    }
+    std::reverse(r.path.begin(), r.path.end());
+    return r;
+}
+
+std::vector<std::vector<bool>> Band(int l1, int l2, int configured) {
+    std::vector<std::vector<bool>> in(l1 + 1, std::vector<bool>(l2 + 1, false));
+    std::vector<int> off(l1 + l2 + 1), len(l1 + l2 + 1);
+    PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, configured), off.data(), len.data());
+    for (int d = 0; d <= l1 + l2; ++d)
+        for (int j = off[d]; j < off[d] + len[d]; ++j)
+            in[d - j][j] = true;
+    return in;
+}
+
+struct Case {
+    std::vector<int> matrix, gaps, costs, ref, qry;
+    int width = 1;
+};
+
+std::vector<int> RandomSeq(std::mt19937& rng, int length) {
+    std::vector<int> s(length);
+    for (int& b : s)
+        b = rng() % 4;
+    return s;
+}
+
+// Small value ranges so that ties between the three moves are common.
+Case RandomCase(std::mt19937& rng, int max_len) {
+    Case c;
+    const int lo = -int(rng() % 4), hi = rng() % 4;
+    c.matrix.resize(16);
+    for (int& v : c.matrix)
+        v = lo + int(rng() % (hi - lo + 1));
+    c.gaps.resize(rng() % 2 ? 6 : 8);
+    for (int& v : c.gaps)
+        v = int(rng() % 5) - 1;
+    c.costs.clear();
+    for (int k : c.gaps.size() == 6 ? std::vector<int>{0, 1, 2, 3, 4, 5} : std::vector<int>{0, 1, 2, 4, 5, 6})
+        c.costs.push_back(-c.gaps[k]);
+    c.ref = RandomSeq(rng, rng() % (max_len + 1));
+    // Queries are often a mutated copy of the reference, so alignments are not
+    // all noise.
+    if (rng() % 2) {
+        c.qry = c.ref;
+        for (int& b : c.qry)
+            if (rng() % 8 == 0) b = rng() % 4;
+        const int extra = rng() % (max_len / 2 + 1);
+        c.qry.insert(c.qry.begin() + rng() % (c.qry.size() + 1), extra / 2, 1);
+        c.qry.resize(std::min<size_t>(c.qry.size() + extra - extra / 2, max_len), 2);
+    } else {
+        c.qry = RandomSeq(rng, rng() % (max_len + 1));
+    }
+    c.width = 1 + rng() % (rng() % 3 ? 40 : 2 * max_len + 2);
+    return c;
+}
+
+Result RunAlign(const Case& c, const std::string& build) {
+    ForceSimdBuild(build);
+    FastAlign aligner(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, c.width);
+    Result r;
+    r.score = aligner.Align(View(c.ref), View(c.qry), r.path);
+    return r;
+}
+
+std::vector<std::string> SupportedBuilds() {
+    std::vector<std::string> builds;
+    for (const char* name : {"generic", "sse41", "avx2"}) {
+        try {
+            ForceSimdBuild(name);
+            builds.push_back(name);
+        } catch (const std::runtime_error&) {
+        }
+    }
+    return builds;
+}
+
+class FastAlignTest : public ::testing::Test {
+protected:
+    void SetUp() override { original_ = ActiveSimdBuild(); }
+    void TearDown() override { ForceSimdBuild(original_); }
+    std::string original_;
+};
+
+std::string Describe(const Case& c) {
+    auto join = [](const std::vector<int>& v) {
+        std::string s;
+        for (int x : v)
+            s += std::to_string(x) + ",";
+        return s;
+    };
+    return "matrix " + join(c.matrix) + " gaps " + join(c.gaps) + " width " + std::to_string(c.width) + "\nref " +
+           join(c.ref) + "\nqry " + join(c.qry);
+}
+
+}  // namespace
+
+TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
+    std::mt19937 rng(20261121);
+    const auto builds = SupportedBuilds();
+    for (int n = 0; n < 1500; ++n) {
+        const Case c = RandomCase(rng, n < 1000 ? 40 : 200);
+        const Result expected = Naive(c.matrix, c.costs, c.ref, c.qry, Band(c.ref.size(), c.qry.size(), c.width));
+        for (const auto& build : builds) {
+            ASSERT_EQ(RunAlign(c, build), expected) << build << "\n" << Describe(c);
+        }
+    }
+}
+
+TEST_F(FastAlignTest, WideBandCoversTheWholeMatrix) {
+    std::mt19937 rng(7);
+    for (int n = 0; n < 400; ++n) {
+        const int l1 = rng() % 120, l2 = rng() % 120;
+        const int configured = std::max(l1, l2) + rng() % 3;
+        const auto band = Band(l1, l2, configured | 1);
+        for (const auto& row : band)
+            ASSERT_TRUE(std::all_of(row.begin(), row.end(), [](bool b) { return b; })) << l1 << " " << l2;
+    }
+}
+
+TEST_F(FastAlignTest, BandEndsMoveAtMostOneCellPerDiagonal) {
+    std::mt19937 rng(11);
+    for (int n = 0; n < 400; ++n) {
+        const int l1 = 1 + rng() % 150, l2 = 1 + rng() % 150, w = 1 + 2 * (rng() % 40);
+        std::vector<int> off(l1 + l2 + 1), len(l1 + l2 + 1);
+        PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, w), off.data(), len.data());
+        ASSERT_EQ(off[l1 + l2], l2);
+        ASSERT_EQ(len[l1 + l2], 1);
+        for (int d = 1; d <= l1 + l2; ++d) {
+            ASSERT_GE(len[d], 1);
+            ASSERT_TRUE(off[d] - off[d - 1] == 0 || off[d] - off[d - 1] == 1);
+            const int end_step = off[d] + len[d] - off[d - 1] - len[d - 1];
+            ASSERT_TRUE(end_step == 0 || end_step == 1);
+        }
+    }
+}
+
+TEST_F(FastAlignTest, BatchesMatchAlignForEveryBuild) {
+    std::mt19937 rng(99);
+    const auto builds = SupportedBuilds();
+    for (int n = 0; n < 120; ++n) {
+        Case c = RandomCase(rng, 200);
+        // Value scales that select 16-bit lanes, 32-bit lanes (near and past
+        // the 16-bit limit) and the one-by-one fallback.
+        const int scale = std::vector<int>{1, 1, 40, 80, 300, 3000000}[rng() % 6];
+        for (int& v : c.matrix)
+            v *= scale;
+        for (int& v : c.gaps)
+            v *= scale;
+        std::vector<std::vector<int>> refs;
+        const int count = 1 + rng() % 40;
+        const int common = rng() % 80;
+        for (int k = 0; k < count; ++k)
+            refs.push_back(RandomSeq(rng, rng() % 3 ? common : rng() % 90));
+        std::vector<uint8_t> want(count);
+        for (auto& w : want)
+            w = rng() % 3 == 0;
+
+        ForceSimdBuild("generic");
+        FastAlign reference(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width);
+        std::vector<Result> expected(count);
+        for (int k = 0; k < count; ++k)
+            expected[k].score = reference.Align(View(refs[k]), View(c.qry), expected[k].path);
+
+        for (const auto& build : builds) {
+            ForceSimdBuild(build);
+            FastAlign aligner(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width);
+            const auto batch = aligner.PrepareReferences(refs);
+            std::vector<int> scores;
+            std::vector<Path> paths;
+            aligner.ScoreBatch(*batch, View(c.qry), scores);
+            for (int k = 0; k < count; ++k)
+                ASSERT_EQ(scores[k], expected[k].score) << build << " ref " << k;
+            aligner.AlignBatch(*batch, View(c.qry), want, scores, paths);
+            ASSERT_EQ(paths.size(), size_t(count));
+            for (int k = 0; k < count; ++k) {
+                ASSERT_EQ(scores[k], expected[k].score) << build << " ref " << k;
+                ASSERT_EQ(paths[k], want[k] ? expected[k].path : Path{}) << build << " ref " << k;
+            }
+        }
+    }
+}
+
+TEST_F(FastAlignTest, HandWorkedAlignments) {
+    // +2 match, -1 mismatch, free gaps before and after the reference.
+    std::vector<int> m(16, -1);
+    for (int k = 0; k < 4; ++k)
+        m[5 * k] = 2;
+    FastAlign floating(MatView<int>(m.data(), 4, 4), {0, 0, 3, 3, 3, 3}, 5);
+    Path path;
+    EXPECT_EQ(floating.Align(View({0, 1, 2, 3}), View({3, 3, 0, 1, 2, 3, 3, 3}), path), 8);
+    EXPECT_EQ(path, (Path{{-1, 0}, {-1, 1}, {0, 2}, {1, 3}, {2, 4}, {3, 5}, {-1, 6}, {-1, 7}}));
+
+    const std::vector<int> same = {2, 0, 3, 3, 1, 0, 2};
+    EXPECT_EQ(floating.Align(View(same), View(same), path), 2 * int(same.size()));
+    for (size_t k = 0; k < same.size(); ++k)
+        EXPECT_EQ(path[k], std::make_pair(int(k), int(k)));
+
+    // Up and right tie at (1, 1): the gap goes into the query, i.e. the step
+    // into (1, 1) advances the reference alone.
+    std::vector<int> bad(16, -10);
+    FastAlign tie(MatView<int>(bad.data(), 4, 4), {1, 1, 1, 1, 1, 1}, 3);
+    EXPECT_EQ(tie.Align(View({0}), View({1}), path), -2);
+    EXPECT_EQ(path, (Path{{-1, 0}, {0, -1}}));
+
+    EXPECT_EQ(tie.Align(View({}), View({1, 2}), path), ZERO_PROB_SCORE);
+    EXPECT_EQ(path, (Path{{-1, 0}, {-1, 1}}));
+    EXPECT_EQ(tie.Align(View({1, 2}), View({}), path), ZERO_PROB_SCORE);
+    EXPECT_EQ(path, (Path{{0, -1}, {1, -1}}));
+
+    std::vector<int> strided = {0, 9, 1, 9};
+    EXPECT_THROW(tie.Align(VecView<int>(strided.data(), 2, 2), View({0, 1}), path), std::runtime_error);
+}
+
+TEST_F(FastAlignTest, ForcingAnUnknownBuildFails) {
+    try {
+        ForceSimdBuild("avx512");
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()), "Unknown SIMD build \"avx512\" (expected generic, sse41 or avx2).");
+    }
+    ForceSimdBuild("generic");
+    EXPECT_STREQ(ActiveSimdBuild(), "generic");
+}
