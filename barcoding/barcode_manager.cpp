@@ -1,0 +1,381 @@
+// Arrangement files are INI files: one "loading_options" section naming the
+// barcode FASTA file and switching the expansions, and one section per
+// arrangement template. A template with a valid first_index..last_index range
+// stands for one arrangement per index, its texts formatted printf-style with
+// the index. The expansions then add reverse-complement references
+// ("_FWD"/"_REV") and front/rear variants ("_var1"/"_var2"), and every barcode
+// an arrangement names must exist in the barcode map.
+//
+// Invariants after loading: every non-empty barcode1/barcode2 is a key of
+// barcodes_; arrangements_ is in load order (file, section, index, variant).
+// Kit selections are cached in a std::map whose nodes never move or go away,
+// so references handed out stay valid for the manager's lifetime.
+
+#include "barcoding/barcode_manager.h"
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <cctype>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include "barcoding/scorer_options.h"
+#include "common/logger.h"
+#include "common/string_utils.h"
+
+namespace Barcoding {
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+const Common::Logger& ManagerLog() {
+    static const Common::Logger logger("barcode_manager");
+    return logger;
+}
+
+// Template texts are format strings supplied by configuration. printf with a
+// conversion that does not match the int we pass would be undefined, so only
+// int conversions without length modifiers are accepted; each gets the index.
+constexpr int kMaxConversions = 4;
+
+std::string FormatWithIndex(const std::string& text, int index) {
+    int conversions = 0;
+    for (size_t k = 0; k < text.size(); ++k) {
+        if (text[k] != '%') continue;
+        if (++k < text.size() && text[k] == '%') continue;
+        while (k < text.size() && std::strchr("-+ #0", text[k]) != nullptr)
+            ++k;
+        while (k < text.size() && std::isdigit(static_cast<unsigned char>(text[k])))
+            ++k;
+        if (k < text.size() && text[k] == '.') {
+            ++k;
+            while (k < text.size() && std::isdigit(static_cast<unsigned char>(text[k])))
+                ++k;
+        }
+        if (k >= text.size() || std::strchr("diouxXc", text[k]) == nullptr || ++conversions > kMaxConversions)
+            throw std::runtime_error("Unsupported format text '" + text +
+                                     "' in arrangement file: only integer conversions such as %02i are allowed");
+    }
+    return Common::FormatString(text, index, index, index, index);
+}
+
+char Complement(char base) {
+    switch (base) {
+        case 'A':
+            return 'T';
+        case 'C':
+            return 'G';
+        case 'G':
+            return 'C';
+        case 'T':
+            return 'A';
+        case 'U':
+            return 'A';
+        case 'a':
+            return 't';
+        case 'c':
+            return 'g';
+        case 'g':
+            return 'c';
+        case 't':
+            return 'a';
+        case 'u':
+            return 'a';
+        default:
+            return base;  // ambiguity codes and the like stay as they are
+    }
+}
+
+std::string ReverseComplement(const std::string& sequence) {
+    std::string result(sequence.rbegin(), sequence.rend());
+    std::transform(result.begin(), result.end(), result.begin(), Complement);
+    return result;
+}
+
+std::vector<std::string> SplitAtComma(const std::string& text) {
+    std::vector<std::string> parts;
+    if (text.empty()) return parts;
+    size_t begin = 0;
+    while (true) {
+        size_t comma = text.find(',', begin);
+        parts.push_back(text.substr(begin, comma == std::string::npos ? std::string::npos : comma - begin));
+        if (comma == std::string::npos) return parts;
+        begin = comma + 1;
+    }
+}
+
+// FASTA records in file order of first appearance; a repeated name replaces
+// the earlier sequence. Whitespace anywhere in a line is dropped.
+std::vector<std::pair<std::string, std::string>> ReadFasta(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("Could not load barcode file: '" + path + "'");
+    std::vector<std::pair<std::string, std::string>> records;
+    std::string name, sequence, line;
+    auto store = [&]() {
+        if (name.empty() || sequence.empty()) return;
+        auto same = std::find_if(records.begin(), records.end(), [&](const auto& r) { return r.first == name; });
+        if (same != records.end())
+            same->second = sequence;
+        else
+            records.emplace_back(name, sequence);
+    };
+    while (std::getline(in, line)) {
+        line = Common::RemoveWhitespace(line);
+        if (!line.empty() && (line[0] == '>' || line[0] == ';')) {
+            store();
+            name = line.substr(1);
+            sequence.clear();
+        } else {
+            sequence += line;
+        }
+    }
+    store();
+    return records;
+}
+
+LoadingOptions ReadLoadingOptions(const boost::property_tree::ptree& section) {
+    LoadingOptions options;
+    options.barcodes_filename = section.get<std::string>("barcodes_filename", "");
+    options.double_barcodes_revcmpl = section.get<bool>("double_barcodes_revcmpl", true);
+    options.double_variants_frontrear = section.get<bool>("double_variants_frontrear", true);
+    options.append_indicator_fwdbwd = section.get<bool>("append_indicator_fwdbwd", true);
+    return options;
+}
+
+void ExpandSection(const std::string& name, const boost::property_tree::ptree& section, const std::string& source_file,
+                   std::vector<Arrangement>& out) {
+    Arrangement base;
+    base.id = name;
+    base.normalised_id = section.get<std::string>("normalised_id", name);
+    base.kit = section.get<std::string>("kit", "");
+    base.barcode1 = section.get<std::string>("barcode1", "");
+    base.barcode2 = section.get<std::string>("barcode2", "");
+    base.scoring_function = section.get<std::string>("scoring_function", "");
+    base.source_file = source_file;
+    base.compatible_kits = SplitAtComma(section.get<std::string>("compatible_kits", ""));
+    const int first = section.get<int>("first_index", -1);
+    const int last = section.get<int>("last_index", -1);
+    if (first < 0 || last < 0 || last < first) {
+        out.push_back(base);
+        return;
+    }
+    for (int i = first; i <= last; ++i) {
+        Arrangement a = base;
+        a.id = FormatWithIndex(base.id, i);
+        a.normalised_id = FormatWithIndex(base.normalised_id, i);
+        a.kit = FormatWithIndex(base.kit, i);
+        a.barcode1 = FormatWithIndex(base.barcode1, i);
+        a.barcode2 = FormatWithIndex(base.barcode2, i);
+        // This kit's twelfth barcode carries a letter suffix; kept deliberately.
+        if (i == 12 && base.kit == "RLB") {
+            a.normalised_id += "a";
+            a.id += "A";
+            // An end without a barcode stays without one.
+            if (!a.barcode1.empty()) a.barcode1 += "A";
+            if (!a.barcode2.empty()) a.barcode2 += "A";
+        }
+        out.push_back(std::move(a));
+    }
+}
+
+}  // namespace
+
+BarcodeManager::BarcodeManager(const std::vector<std::string>& arrangement_files, const std::string& data_path)
+    : data_path_(data_path) {
+    for (const auto& file : arrangement_files)
+        LoadArrangementFile(ResolveDataFile(file, data_path_));
+}
+
+std::vector<std::string> BarcodeManager::SplitArrangementFiles(const std::string& text) {
+    std::vector<std::string> files;
+    std::istringstream in(text);
+    std::string file;
+    while (in >> file)
+        files.push_back(file);
+    return files;
+}
+
+void BarcodeManager::LoadArrangementFile(const std::string& path) {
+    if (!fs::exists(path)) throw std::runtime_error("Could not find arrangement file " + path);
+    boost::property_tree::ptree tree;
+    boost::property_tree::read_ini(path, tree);
+
+    const std::string source_file = fs::path(path).filename().string();
+    LoadingOptions options;
+    std::vector<Arrangement> loaded;
+    for (const auto& [name, section] : tree) {
+        // A key outside any section is a value, not a section: ignore it.
+        if (section.empty() && !section.data().empty()) continue;
+        if (name == "loading_options")
+            options = ReadLoadingOptions(section);
+        else
+            ExpandSection(name, section, source_file, loaded);
+    }
+    if (options.barcodes_filename.empty())
+        throw std::runtime_error("arrangement file does not contain loading_options.barcodes_filename");
+
+    std::string barcode_file = options.barcodes_filename;
+    if (!fs::exists(barcode_file)) barcode_file = (fs::path(path).parent_path() / barcode_file).string();
+    if (!fs::exists(barcode_file)) throw std::runtime_error("Could not load barcode file: '" + barcode_file + "'");
+
+    for (const auto& [name, sequence] : ReadFasta(barcode_file)) {
+        auto enter = [&](const std::string& key, const std::string& seq) {
+            auto found = barcodes_.find(key);
+            if (found != barcodes_.end() && found->second.source_file != barcode_file)
+                VB_LOG(ManagerLog(), Common::Severity::warning)
+                    << "Barcode '" << key << "' defined in '" << found->second.source_file << "' is redefined in '"
+                    << barcode_file << "'; the later definition is used.";
+            barcodes_[key] = Barcode{seq, barcode_file};
+        };
+        if (options.double_barcodes_revcmpl) {
+            enter(name + "_FWD", sequence);
+            enter(name + "_REV", ReverseComplement(sequence));
+        } else {
+            enter(name, sequence);
+        }
+    }
+
+    // Variants first, then orientation: the second variant is the read from
+    // the other strand, so its front holds the rear barcode as written
+    // ("_FWD") and its rear the front barcode reverse-complemented ("_REV").
+    std::vector<Arrangement> expanded;
+    if (options.double_variants_frontrear) {
+        expanded.reserve(2 * loaded.size());
+        for (const auto& a : loaded) {
+            Arrangement var1 = a;
+            var1.id += "_var1";
+            var1.variant = "var1";
+            Arrangement var2 = a;
+            var2.id += "_var2";
+            var2.variant = "var2";
+            std::swap(var2.barcode1, var2.barcode2);
+            expanded.push_back(std::move(var1));
+            expanded.push_back(std::move(var2));
+        }
+    } else {
+        expanded = std::move(loaded);
+        for (auto& a : expanded)
+            a.variant = "n/a";
+    }
+    if (options.double_barcodes_revcmpl || options.double_variants_frontrear || options.append_indicator_fwdbwd) {
+        for (auto& a : expanded) {
+            if (!a.barcode1.empty()) a.barcode1 += "_FWD";
+            if (!a.barcode2.empty()) a.barcode2 += "_REV";
+        }
+    }
+
+    for (const auto& a : expanded) {
+        for (const std::string* name : {&a.barcode1, &a.barcode2}) {
+            if (!name->empty() && !HasBarcode(*name))
+                throw std::runtime_error("Barcode '" + *name +
+                                         "' was referenced in arrangement, but not found in barcode file");
+        }
+    }
+    arrangements_.insert(arrangements_.end(), expanded.begin(), expanded.end());
+}
+
+const std::vector<Arrangement>& BarcodeManager::GetArrangements(const std::string& kits) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto cached = kit_cache_.find(kits);
+    if (cached != kit_cache_.end()) return cached->second;
+    if (kits.empty()) return arrangements_;
+
+    std::set<std::string> requested;
+    for (const auto& kit : SplitArrangementFiles(kits))
+        requested.insert(kit);
+    std::set<std::string> matched;
+    std::vector<Arrangement> selection;
+    for (const auto& a : arrangements_) {
+        for (const auto& kit : requested) {
+            if (std::find(a.compatible_kits.begin(), a.compatible_kits.end(), kit) == a.compatible_kits.end()) continue;
+            // Only the first matching kit is recorded for an arrangement: a kit
+            // matched only through arrangements already claimed counts as unmatched.
+            matched.insert(kit);
+            selection.push_back(a);
+            break;
+        }
+    }
+    if (selection.empty())
+        throw std::runtime_error("Could not match any specified kit(s) \"" + kits +
+                                 "\" with any compatible kits in the loaded configurations.");
+    if (matched.size() < requested.size()) {
+        std::string missing;
+        for (const auto& kit : requested)
+            if (matched.count(kit) == 0) missing += kit + " ";
+        throw std::runtime_error("Could not match the following kits with compatible kits in the configurations: " +
+                                 missing);
+    }
+    return kit_cache_.emplace(kits, std::move(selection)).first->second;
+}
+
+std::string BarcodeManager::GetBarcodeSequence(const std::string& name) const {
+    auto found = barcodes_.find(name);
+    if (found == barcodes_.end()) throw std::runtime_error("Unknown barcode '" + name + "'");
+    return found->second.sequence;
+}
+
+std::string BarcodeManager::KitListing() const {
+    struct KitSummary {
+        std::set<std::string> barcodes;  // distinct reported names: variants count once
+        bool front = false;
+        bool rear = false;
+    };
+    std::map<std::string, KitSummary> kits;
+    for (const auto& a : arrangements_) {
+        for (const auto& kit : a.compatible_kits) {
+            if (kit.empty()) continue;
+            KitSummary& summary = kits[kit];
+            summary.barcodes.insert(a.normalised_id);
+            summary.front |= !a.barcode1.empty();
+            summary.rear |= !a.barcode2.empty();
+        }
+    }
+    std::ostringstream out;
+    for (const auto& [kit, summary] : kits) {
+        const char* ends = summary.front && summary.rear ? "front and rear"
+                           : summary.front               ? "front only"
+                           : summary.rear                ? "rear only"
+                                                         : "none";
+        out << Common::FormatString("  %-24s %4d barcodes, %s\n", kit, static_cast<int>(summary.barcodes.size()),
+                                    std::string(ends));
+    }
+    return out.str();
+}
+
+std::string ToString(const Arrangement& a) {
+    std::ostringstream out;
+    out << "ID:             " << a.id << "\n"
+        << "normalised ID:  " << a.normalised_id << "\n"
+        << "kit:            " << a.kit << "\n"
+        << "front barc. ID: " << a.barcode1 << "\n"
+        << "rear barc. ID:  " << a.barcode2 << "\n"
+        << "variant:        " << a.variant;
+    return out.str();
+}
+
+std::string ToString(const BarcodeDetectResult& result) {
+    if (result.id.empty()) return "[none]";
+    std::ostringstream out;
+    out << result.id << " scored " << result.score << ", begin index: " << result.begin_index;
+    return out.str();
+}
+
+std::string ToString(const ArrangementDetectResult& result) {
+    std::ostringstream out;
+    out << "ID:             " << result.id << "\n"
+        << "normalised ID:  " << result.normalised_id << "\n"
+        << "kit:            " << result.kit << "\n"
+        << "variant:        " << result.variant << "\n"
+        << "score:          " << result.score << "\n"
+        << "front barcode:  " << ToString(result.front) << "\n"
+        << "rear barcode:   " << ToString(result.rear);
+    return out.str();
+}
+
+}  // namespace Barcoding

@@ -1,0 +1,38 @@
+#pragma once
+// Settings of the barcode scorer as read from the command line and the
+// configuration file, their validation, and the data-file lookup shared with
+// the barcode manager.
+
+#include <string>
+#include <vector>
+
+namespace Barcoding {
+
+struct ScorerOptions {
+    std::string barcode_kits;  // space separated; empty = every loaded arrangement
+    bool trim_barcodes = false;
+    int num_extra_bases_trim = 0;
+    std::string arrangements_files;  // whitespace separated
+    std::string score_matrix_filename;
+    // Gap costs; suffix 1 = the reference (barcode), 2 = the query (read window).
+    int start_gap1 = 0, end_gap1 = 0, open_gap1 = 0, extend_gap1 = 0;
+    int start_gap2 = 0, end_gap2 = 0, open_gap2 = 0, extend_gap2 = 0;
+    float min_score = 0;
+    float min_score_rear_override = -1.0f;  // -1 = same as min_score; after validation always the rear minimum
+    int front_window_size = 0;
+    int rear_window_size = 0;
+    bool require_barcodes_both_ends = false;
+
+    // The eight gap costs in aligner order: start1, end1, open1, extend1, start2, ...
+    std::vector<int> GapVector() const;
+};
+
+// Throws std::runtime_error for inconsistent trim settings; resolves the rear
+// minimum (min_score_rear_override becomes min_score when it is exactly -1).
+void ValidateScorerOptions(ScorerOptions& options);
+
+// name itself when it exists or is absolute, otherwise data_path/name (whether
+// or not that exists, so the caller's "not found" message names a real place).
+std::string ResolveDataFile(const std::string& name, const std::string& data_path);
+
+}  // namespace Barcoding
