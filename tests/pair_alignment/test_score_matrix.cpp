@@ -13,8 +13,9 @@ using namespace PairAlignment;
 namespace {
 
 std::string WriteFile(const std::string& name, const std::string& text) {
-    std::ofstream(name, std::ios::binary) << text;
-    return name;
+    const std::string path = ::testing::TempDir() + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
 }
 
 template <typename F>
