@@ -1,0 +1,313 @@
+#include "apps/read_processor.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include "common/fastq_reader.h"
+
+namespace Vorpa {
+
+namespace fs = std::filesystem;
+using Common::FastQRecord;
+using Common::Severity;
+
+namespace {
+
+// Records waiting for a worker; bounded so that a fast reader cannot pull a
+// whole file into memory ahead of slow workers.
+constexpr size_t kQueuedRecordsPerWorker = 256;
+
+// Fixed pool of workers draining a bounded queue of records. The job must not
+// throw (the caller wraps it); anything that still escapes is dropped so that
+// one record cannot end the process.
+class RecordJobLoop {
+public:
+    RecordJobLoop(int workers, std::function<void(const FastQRecord&)> job)
+        : job_(std::move(job)), capacity_(kQueuedRecordsPerWorker * static_cast<size_t>(workers)) {
+        for (int i = 0; i < workers; ++i)
+            threads_.emplace_back([this] { Work(); });
+    }
+    ~RecordJobLoop() { Finish(); }
+
+    void Push(FastQRecord record) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        space_.wait(lock, [this] { return queue_.size() < capacity_; });
+        queue_.push_back(std::move(record));
+        lock.unlock();
+        ready_.notify_one();
+    }
+
+    // Lets the workers drain the queue, then joins them.
+    void Finish() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closed_ = true;
+        }
+        ready_.notify_all();
+        for (auto& thread : threads_) {
+            if (thread.joinable()) thread.join();
+        }
+    }
+
+private:
+    void Work() {
+        for (;;) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            ready_.wait(lock, [this] { return closed_ || !queue_.empty(); });
+            if (queue_.empty()) return;
+            FastQRecord record = std::move(queue_.front());
+            queue_.pop_front();
+            lock.unlock();
+            space_.notify_one();
+            try {
+                job_(record);
+            } catch (...) {
+            }
+        }
+    }
+
+    std::function<void(const FastQRecord&)> job_;
+    size_t capacity_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable space_;
+    std::deque<FastQRecord> queue_;
+    bool closed_ = false;
+    std::vector<std::thread> threads_;
+};
+
+bool IsFastqName(const fs::path& path) {
+    return path.extension() == ".fastq" || path.stem().extension() == ".fastq";
+}
+
+template <typename Iterator>
+void CollectFastqFiles(Iterator entries, std::vector<std::string>& files) {
+    for (const auto& entry : entries) {
+        if (entry.is_regular_file() && IsFastqName(entry.path())) files.push_back(entry.path().string());
+    }
+}
+
+int64_t NowMs() {
+    auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+}  // namespace
+
+ReadProcessor::ReadProcessor()
+    : worker_threads(static_cast<int32_t>(std::max(1u, std::thread::hardware_concurrency()))) {}
+
+ReadProcessor::~ReadProcessor() = default;
+
+void ReadProcessor::AddOptions() {
+    AddOption("quiet,z", "Quiet mode. Nothing will be output to stdout if this option is set.", &quiet, Flag);
+    AddOption("worker_threads,t", "Number of worker threads.", &worker_threads, CommandLine | ConfigFile);
+    AddOption("input_path,i", "Path to input fastq files.", &input_path, CommandLine | Required);
+    AddOption("save_path,s", "Path to save fastq files.", &save_path, CommandLine | Required);
+    AddOption("recursive,r", "Search for input file recursively.", &recursive, Flag);
+    AddOption("trace_categories_logs", "Enable trace logs - list of strings with the desired names.",
+              &trace_categories_logs, CommandLine | ConfigFile);
+    AddOption("verbose_logs", "Enable verbose logs.", &verbose_logs, Flag);
+    AddApplicationOptions();
+}
+
+// Only zero is refused here; a negative count is left to the stages that use it.
+bool ReadProcessor::ValidateParams() {
+    if (worker_threads != 0) return true;
+    VB_LOG(logger, Severity::error) << "Invalid number of threads: " << worker_threads;
+    return false;
+}
+
+void ReadProcessor::Initialise(int argc, char** argv, const std::string& data_subfolder,
+                               const std::string& default_config_file) {
+    std::optional<int> status = SetUp(argc, argv, data_subfolder, default_config_file);
+    if (!status) return;
+    std::cout.flush();
+    std::exit(*status == 255 ? -1 : *status);
+}
+
+std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string& data_subfolder,
+                                        const std::string& default_config_file_name) {
+    default_config_file = default_config_file_name;
+    unsigned flags = ParseParameters(argc, argv, data_subfolder);
+    config_file_used = config_file;
+
+    if (flags & VersionRequested) {
+        std::cout << (argc > 0 ? argv[0] : "") << ", part of Vorpa basecalling suite " << VB_VERSION << std::endl;
+    }
+    if (flags & HelpRequested) {
+        std::cout << message_text << std::endl;
+        return 0;
+    }
+
+    // Console logging first, so the application's hook can already log;
+    // the log file follows once the save folder exists.
+    Common::LoggingSettings settings;
+    settings.quiet = quiet;
+    settings.verbose = verbose_logs;
+    settings.trace_categories = trace_categories_logs;
+    Common::InitLogging(settings);
+    OnParametersParsed();
+
+    if (flags != 0) {
+        // With --version the banner stands alone.
+        if (!(flags & VersionRequested)) std::cout << message_text << "\n" << error_text << std::endl;
+        // A failed ValidateParams may leave error_text empty (it logs
+        // instead); the Error bit alone must still stop the run.
+        if (!error_text.empty() || (flags & Error)) return 255;
+    }
+
+    if (save_path == "INPUT_PATH") save_path = input_path;
+    std::error_code status_error;
+    if (!save_path.empty() && !fs::exists(save_path, status_error)) fs::create_directories(save_path);
+
+    settings.folder = save_path;
+    settings.log_file_name = GetLogFileName();
+    Common::InitLogging(settings);
+    verbose_enabled = verbose_logger.Enabled(Severity::verbose);
+    return std::nullopt;
+}
+
+std::vector<std::string> ReadProcessor::FindInputFiles(std::istream& names) const {
+    std::vector<std::string> files;
+    if (input_path.empty()) {
+        std::string line;
+        while (std::getline(names, line)) {
+            if (!line.empty()) files.push_back(line);
+        }
+        return files;
+    }
+    try {
+        if (recursive) {
+            CollectFastqFiles(fs::recursive_directory_iterator(input_path), files);
+        } else {
+            CollectFastqFiles(fs::directory_iterator(input_path), files);
+        }
+    } catch (const std::exception& e) {
+        VB_LOG(logger, Severity::error) << "Could not list the input files in '" << input_path << "': " << e.what();
+    }
+    return files;
+}
+
+int ReadProcessor::Run() {
+    summary_stream.open(fs::path(save_path) / GetSummaryFileName(), std::ios::out | std::ios::trunc);
+    PrepareRun();
+    std::vector<std::string> files = FindInputFiles(std::cin);
+    if (!quiet) {
+        std::cout << std::endl;
+        VB_LOG(logger, Severity::info) << "Found " << files.size() << " fastq files.";
+        progress = std::make_unique<ProgressDisplay>(files.size(), std::cout);
+    }
+    int64_t start = NowMs();
+    for (const auto& file : files) {
+        if (use_async) {
+            ProcessFastqFileAsync(file);
+        } else {
+            ProcessFastqFile(file);
+        }
+    }
+    VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
+    return 0;
+}
+
+template <typename Work>
+void ReadProcessor::GuardRead(const FastQRecord& record, Work&& work) {
+    try {
+        if (verbose_enabled) {
+            VB_LOG(verbose_logger, Severity::verbose) << "Starting to process read: " << record.GetReadId();
+        }
+        work();
+    } catch (const std::exception& e) {
+        if (*e.what() == '\0') {
+            VB_LOG(logger, Severity::error) << "Error while processing read. Continuing with next read.";
+        } else {
+            VB_LOG(logger, Severity::error)
+                << "Error while processing read: " << e.what() << ". Continuing with next read.";
+        }
+    } catch (...) {
+        VB_LOG(logger, Severity::error) << "Error while processing read. Continuing with next read.";
+    }
+}
+
+// Per-file progress lines go to the verbose channel: on the console they would
+// break up the progress bar, which already shows the file count.
+int ReadProcessor::ProcessFastqFile(const std::string& path) {
+    int result = 0;
+    try {
+        VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
+        StartNewFile(path);
+        auto stream = Common::OpenFastqFile(path);
+        Common::FastQIterable reads(stream.get());
+        uint64_t count = 0;
+        {
+            RecordJobLoop loop(std::max(1, worker_threads),
+                               [this](const FastQRecord& record) { GuardRead(record, [&] { ProcessRead(record); }); });
+            for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
+                loop.Push(std::move(reads.Record()));
+                ++count;
+            }
+            loop.Finish();
+        }
+        VB_LOG(verbose_logger, Severity::info)
+            << "Successfully finished input file: " << path << " (" << count << " reads)";
+    } catch (const std::exception& e) {
+        LogFileError(path, e.what());
+        result = -1;
+    } catch (...) {
+        LogFileError(path, "");
+        result = -1;
+    }
+    FinishFile();
+    return result;
+}
+
+int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
+    int result = 0;
+    try {
+        VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
+        StartNewFile(path);
+        auto stream = Common::OpenFastqFile(path);
+        Common::FastQIterable reads(stream.get());
+        uint64_t count = 0;
+        for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
+            GuardRead(reads.Record(), [&] { SubmitRead(reads.Record()); });
+            ++count;
+        }
+        // The file is finished only when every handed read has been written.
+        WaitForCompletion();
+        VB_LOG(verbose_logger, Severity::info)
+            << "Successfully finished input file: " << path << " (" << count << " reads)";
+    } catch (const std::exception& e) {
+        LogFileError(path, e.what());
+        result = -1;
+    } catch (...) {
+        LogFileError(path, "");
+        result = -1;
+    }
+    FinishFile();
+    return result;
+}
+
+void ReadProcessor::LogFileError(const std::string& path, const std::string& what) {
+    if (what.empty()) {
+        VB_LOG(logger, Severity::error) << "Error while processing input file " << path
+                                        << ". Will continue with next input file.";
+    } else {
+        VB_LOG(logger, Severity::error) << "Error while processing input file " << path << ": " << what
+                                        << ". Will continue with next input file.";
+    }
+}
+
+void ReadProcessor::FinishFile() {
+    if (!quiet && progress) progress->Advance();
+}
+
+}  // namespace Vorpa

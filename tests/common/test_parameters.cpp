@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "common/parameters.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class TestParameters : public Common::Parameters {
+public:
+    using Parameters::config_file;
+    using Parameters::data_path;
+    using Parameters::default_config_file;
+    using Parameters::error_text;
+    using Parameters::message_text;
+    using Parameters::usage_text;
+
+    int threads = 4;
+    std::string name = "initial";
+    float ratio = 0.6f;
+    bool flag = false;
+    std::vector<std::string> list;
+    std::string needed;
+    bool valid = true;
+
+    unsigned Parse(std::vector<std::string> args) {
+        args.insert(args.begin(), "prog");
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        return ParseParameters(static_cast<int>(argv.size()), argv.data(), "");
+    }
+
+protected:
+    void AddOptions() override {
+        AddOption("threads,t", "threads", &threads, CommandLine | ConfigFile);
+        AddOption("name", "config only", &name, ConfigFile);
+        AddOption("ratio", "both by default", &ratio, 0);
+        AddOption("flag,f", "a switch", &flag, Flag);
+        AddOption("list", "several words", &list, 0);
+        AddOption("needed,n", "must be given", &needed, Required);
+        AddIgnoredOption("old_key");
+    }
+    bool ValidateParams() override { return valid; }
+};
+
+class ParametersTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::temp_directory_path() / "vb_test_parameters";
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+    }
+    void TearDown() override { fs::remove_all(folder); }
+    std::string Config(const std::string& name, const std::string& text) {
+        std::ofstream(folder / name) << text;
+        return (folder / name).string();
+    }
+    fs::path folder;
+};
+
+using P = Common::Parameters;
+
+}  // namespace
+
+TEST_F(ParametersTest, CommandLineWinsOverConfigFileOnlyForGivenOptions) {
+    Config("run.cfg", "threads = 8\nname = from_file\nlist = a\nlist = b\nneeded = x\nold_key = whatever\n");
+    TestParameters p;
+    p.default_config_file = "run.cfg";
+    EXPECT_EQ(p.Parse({"-d", folder.string(), "-t", "3", "--flag"}), 0u) << p.error_text << p.message_text;
+    EXPECT_EQ(p.threads, 3);
+    EXPECT_EQ(p.name, "from_file");
+    EXPECT_EQ(p.list, (std::vector<std::string>{"a", "b"}));
+    EXPECT_FLOAT_EQ(p.ratio, 0.6f);  // given nowhere: the initial value survives
+    EXPECT_TRUE(p.flag);
+    EXPECT_EQ(p.config_file, (folder / "run.cfg").string());
+
+    TestParameters q;
+    q.default_config_file = "run.cfg";
+    EXPECT_EQ(q.Parse({"-d", folder.string(), "--list", "c", "d", "-n", "y"}), 0u) << q.error_text;
+    EXPECT_EQ(q.threads, 8);
+    EXPECT_EQ(q.list, (std::vector<std::string>{"c", "d"}));
+    EXPECT_EQ(q.needed, "y");
+}
+
+TEST_F(ParametersTest, ConfigFileLookupAndFailures) {
+    // A name without folder is looked up in the data path; with one, used as given.
+    std::string explicit_path = Config("other.cfg", "threads = 5\n");
+    TestParameters p;
+    EXPECT_EQ(p.Parse({"-n", "x", "-d", (folder / "nowhere").string(), "--config", explicit_path}), 0u) << p.error_text;
+    EXPECT_EQ(p.threads, 5);
+
+    TestParameters missing;
+    missing.default_config_file = "absent.cfg";
+    EXPECT_EQ(missing.Parse({"-n", "x", "-d", folder.string()}), unsigned(P::Error));
+    EXPECT_EQ(missing.error_text, "Config file: " + (folder / "absent.cfg").string() + " does not exist!\n");
+
+    Config("bad.cfg", "threads = many\n");
+    TestParameters bad;
+    EXPECT_EQ(bad.Parse({"-n", "x", "-d", folder.string(), "-c", "bad.cfg"}), unsigned(P::ParseError));
+    EXPECT_EQ(bad.error_text.rfind("Error parsing config file: '", 0), 0u) << bad.error_text;
+
+    // A trailing -d has no value: the pre-scan ignores it and the parser objects.
+    TestParameters trailing;
+    unsigned result = trailing.Parse({"-n", "x", "-d"});
+    EXPECT_TRUE(result & P::ParseError);
+    EXPECT_NE(trailing.error_text.find("Error parsing command line: '"), std::string::npos);
+}
+
+TEST_F(ParametersTest, MessagesForUnexpectedMissingAndInvalid) {
+    Config("run.cfg", "bogus = 1\nthreads = 2\n");
+    TestParameters p;
+    unsigned result = p.Parse({"-d", folder.string(), "-c", "run.cfg", "--stray", "-t", "7"});
+    EXPECT_EQ(result, unsigned(P::UnexpectedOption | P::Error));
+    EXPECT_NE(p.message_text.find("Unexpected option 'bogus' found in configuration file.\n"), std::string::npos);
+    EXPECT_NE(p.message_text.find("Unexpected option 'stray' found on command line.\n"), std::string::npos)
+        << p.message_text;
+    EXPECT_EQ(p.error_text, "Missing required option 'needed'.\n");
+    EXPECT_EQ(p.threads, 7);  // parsing went on after the unexpected ones
+
+    TestParameters invalid;
+    invalid.valid = false;
+    EXPECT_EQ(invalid.Parse({"-n", "x", "-d", folder.string()}), unsigned(P::Error));
+    EXPECT_TRUE(invalid.error_text.empty());
+}
+
+TEST_F(ParametersTest, HelpAndVersion) {
+    TestParameters none;
+    none.usage_text = "Usage: prog\n";
+    EXPECT_TRUE(none.Parse({"-d", folder.string()}) & P::Error);
+    TestParameters empty;
+    empty.usage_text = "Usage: prog\n";
+    EXPECT_TRUE(empty.Parse({}) & P::HelpRequested);
+    EXPECT_EQ(empty.message_text.rfind("Usage: prog\nCommand line parameters", 0), 0u) << empty.message_text;
+    EXPECT_NE(empty.message_text.find("--threads"), std::string::npos);
+    EXPECT_EQ(empty.message_text.find("--name"), std::string::npos);  // configuration-file only
+
+    TestParameters version;
+    unsigned result = version.Parse({"-d", folder.string(), "--version"});
+    EXPECT_EQ(result, unsigned(P::VersionRequested | P::Error));
+    EXPECT_NE(version.message_text.find("Version requested.\n"), std::string::npos);
+}
+
+TEST_F(ParametersTest, MisdeclaredFlagsThrow) {
+    struct BadFlag : TestParameters {
+        void AddOptions() override { AddOption("count", "", &threads, Flag); }
+    };
+    struct ConfigFlag : TestParameters {
+        void AddOptions() override { AddOption("switch", "", &flag, Flag | ConfigFile); }
+    };
+    try {
+        BadFlag().Parse({});
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Flag options must have a storage type of bool.");
+    }
+    try {
+        ConfigFlag().Parse({});
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Flag options cannot also be configuration options.");
+    }
+}
+
+TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {
+    TestParameters p;
+    ASSERT_EQ(
+        p.Parse({"-d", folder.string(), "-n", "x y", "-t", "9", "--list", "a", "b c", "--ratio", "0.1", "--flag"}), 0u)
+        << p.error_text;
+    std::string path = (folder / "dump.cfg").string();
+    p.WriteConfigFile(path, {"written by the test"}, false);
+    std::ifstream in(path);
+    std::string text((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_EQ(text.rfind("# written by the test\n\n\n", 0), 0u);
+    EXPECT_NE(text.find("ratio\t\t=\t0.1\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("flag"), std::string::npos);  // command-line only
+
+    TestParameters q;
+    q.default_config_file = "dump.cfg";
+    ASSERT_EQ(q.Parse({"-d", folder.string()}), 0u) << q.error_text;
+    EXPECT_EQ(q.threads, 9);
+    EXPECT_EQ(q.needed, "x y");
+    EXPECT_EQ(q.list, p.list);
+    EXPECT_EQ(q.ratio, p.ratio);
+    EXPECT_FALSE(q.flag);
+}
