@@ -1,0 +1,296 @@
+#!/usr/bin/env python3
+"""Design the VB barcode kits shipped in data/barcoding.
+
+Everything is drawn from one seeded generator, so running this again with the
+same options rewrites byte-identical files. The barcodes are drawn before the
+flanks, from a stream of their own, so changing a flank length never changes
+the barcodes.
+
+Constraints enforced on the barcodes (length 24 by default):
+  * GC content 40..60 %, no homopolymer longer than 2;
+  * Levenshtein distance >= --min-distance (11) between every pair of barcodes,
+    between every barcode and every reverse complement (its own included);
+  * no barcode resembles a flank: the best placement of a barcode (or its
+    reverse complement) inside any flank context is at least
+    --min-flank-distance edits away;
+  * the assembled references (front flank + barcode + inner flank) carry no
+    homopolymer longer than 2 across the joins either.
+
+Usage: tools/design_kit.py [--out data/barcoding] [--seed N] ...
+"""
+
+import argparse
+import os
+import random
+import sys
+
+COMPLEMENT = str.maketrans("ACGT", "TGCA")
+
+
+def revcomp(seq):
+    return seq.translate(COMPLEMENT)[::-1]
+
+
+def _peq(pattern):
+    masks = {}
+    for i, c in enumerate(pattern):
+        masks[c] = masks.get(c, 0) | (1 << i)
+    return masks
+
+
+def levenshtein(a, b):
+    """Global edit distance, bit-parallel over the columns of a (any length)."""
+    if not a:
+        return len(b)
+    m = len(a)
+    peq = _peq(a)
+    full = (1 << m) - 1
+    high = 1 << (m - 1)
+    pv, mv, score = full, 0, m
+    for c in b:
+        eq = peq.get(c, 0)
+        xv = eq | mv
+        xh = (((eq & pv) + pv) ^ pv) | eq
+        ph = mv | (~(xh | pv) & full)
+        mh = pv & xh
+        if ph & high:
+            score += 1
+        elif mh & high:
+            score -= 1
+        # Shifting a 1 in charges every text character consumed before the
+        # pattern starts: that is what makes this global rather than a search.
+        ph = ((ph << 1) | 1) & full
+        mh = (mh << 1) & full
+        pv = mh | (~(xv | ph) & full)
+        mv = ph & xv
+    return score
+
+
+def best_placement_distance(pattern, text):
+    """Fewest edits turning pattern into some substring of text."""
+    m = len(pattern)
+    peq = _peq(pattern)
+    full = (1 << m) - 1
+    high = 1 << (m - 1)
+    pv, mv, score = full, 0, m
+    best = m
+    for c in text:
+        eq = peq.get(c, 0)
+        xv = eq | mv
+        xh = (((eq & pv) + pv) ^ pv) | eq
+        ph = mv | (~(xh | pv) & full)
+        mh = pv & xh
+        if ph & high:
+            score += 1
+        elif mh & high:
+            score -= 1
+        ph = (ph << 1) & full
+        mh = (mh << 1) & full
+        pv = mh | (~(xv | ph) & full)
+        mv = ph & xv
+        best = min(best, score)
+    return best
+
+
+def longest_homopolymer(seq):
+    best = run = 1 if seq else 0
+    for prev, cur in zip(seq, seq[1:]):
+        run = run + 1 if cur == prev else 1
+        best = max(best, run)
+    return best
+
+
+def gc_fraction(seq):
+    return (seq.count("G") + seq.count("C")) / len(seq)
+
+
+def random_sequence(rng, length, gc_lo=0.4, gc_hi=0.6):
+    """Uniform bases without runs longer than 2, redrawn until the GC fits."""
+    while True:
+        out = []
+        for _ in range(length):
+            banned = out[-1] if len(out) >= 2 and out[-1] == out[-2] else None
+            out.append(rng.choice([b for b in "ACGT" if b != banned]))
+        seq = "".join(out)
+        if gc_lo <= gc_fraction(seq) <= gc_hi:
+            return seq
+
+
+def design_barcodes(rng, count, length, min_distance, max_tries=2_000_000):
+    chosen = []
+    others = []  # every chosen barcode and its reverse complement
+    tries = 0
+    while len(chosen) < count:
+        tries += 1
+        if tries > max_tries:
+            raise RuntimeError(f"only {len(chosen)} barcodes found in {max_tries} tries")
+        cand = random_sequence(rng, length)
+        if cand[0] == cand[1] or cand[-1] == cand[-2]:
+            continue  # a doubled end would make a run of 3 with half of all flanks
+        rc = revcomp(cand)
+        if levenshtein(cand, rc) < min_distance:
+            continue
+        if any(levenshtein(cand, o) < min_distance for o in others):
+            continue
+        chosen.append(cand)
+        others.extend((cand, rc))
+    return chosen, tries
+
+
+def design_flanks(rng, lengths, barcodes, min_flank_distance, max_tries=100_000):
+    """Flanks that neither resemble each other nor host a barcode-like stretch.
+
+    lengths come in (front, inner) pairs; every barcode must join both flanks
+    of a pair without making a run longer than 2.
+
+    A barcode placed inside a flank context (flank plus the neighbouring join)
+    must stay min_flank_distance edits away, in both orientations, so the
+    aligner has no second good spot for a barcode within a reference.
+    """
+    for _ in range(max_tries):
+        flanks = [random_sequence(rng, n) for n in lengths]
+        if any(f[-1] == f[-2] for f in flanks[0::2]) or any(f[0] == f[1] for f in flanks[1::2]):
+            continue
+        contexts = []
+        for f in flanks:
+            contexts += [f, revcomp(f)]
+        ok = True
+        for i, a in enumerate(contexts):
+            for b in contexts[i + 1:]:
+                if len(a) >= 8 and len(b) >= 8 and best_placement_distance(a[:8], b) < 2:
+                    ok = False
+        for f in flanks:
+            if len(f) >= 12 and levenshtein(f, revcomp(f)) < len(f) // 2:
+                ok = False  # hairpin-like flank
+        for front, inner in zip(flanks[0::2], flanks[1::2]):
+            if any(longest_homopolymer(front[-3:] + bc[:3]) > 2 or longest_homopolymer(bc[-3:] + inner[:3]) > 2
+                   for bc in barcodes):
+                ok = False
+        if not ok:
+            continue
+        for bc in barcodes:
+            for form in (bc, revcomp(bc)):
+                if any(best_placement_distance(form, ctx) < min_flank_distance for ctx in contexts if len(ctx) >= len(form)):
+                    ok = False
+                    break
+            if not ok:
+                break
+        if ok:
+            return flanks
+    raise RuntimeError("no acceptable flanks found")
+
+
+def check_references(references, barcodes, min_distance):
+    for name, ref in references:
+        if longest_homopolymer(ref) > 2:
+            return f"{name}: homopolymer across a join"
+    for i, a in enumerate(barcodes):
+        for b in barcodes[i:]:
+            if levenshtein(a, revcomp(b)) < min_distance:
+                return "barcode meets a reverse complement"
+            if a is not b and levenshtein(a, b) < min_distance:
+                return "barcode pair too close"
+    return None
+
+
+def write_fasta(path, records):
+    with open(path, "w") as f:
+        for name, seq in records:
+            f.write(f">{name}\n{seq}\n")
+
+
+def write_ligation_kit(path, kit, tag, count, fasta, scoring):
+    with open(path, "w") as f:
+        f.write(f"; {kit}: barcodes at both read ends, the rear one reverse complemented.\n")
+        f.write("[loading_options]\n")
+        f.write(f"barcodes_filename = {fasta}\n")
+        f.write("double_barcodes_revcmpl = true\n")
+        f.write("double_variants_frontrear = true\n")
+        f.write("append_indicator_fwdbwd = true\n\n")
+        f.write(f"[{tag}_barcode%02i]\n")
+        f.write("normalised_id = barcode%02i\n")
+        f.write(f"kit = {kit}\n")
+        f.write("barcode1 = VB%02i\n")
+        f.write("barcode2 = VB%02i\n")
+        f.write(f"scoring_function = {scoring}\n")
+        f.write(f"compatible_kits = {kit}\n")
+        f.write("first_index = 1\n")
+        f.write(f"last_index = {count}\n")
+
+
+def write_rapid_kit(path, kit, tag, count, fasta):
+    with open(path, "w") as f:
+        f.write(f"; {kit}: one barcode at the start of the read, nothing at the rear.\n")
+        f.write("[loading_options]\n")
+        f.write(f"barcodes_filename = {fasta}\n")
+        f.write("double_barcodes_revcmpl = false\n")
+        f.write("double_variants_frontrear = false\n")
+        f.write("append_indicator_fwdbwd = false\n\n")
+        f.write(f"[{tag}_barcode%02i]\n")
+        f.write("normalised_id = barcode%02i\n")
+        f.write(f"kit = {kit}\n")
+        f.write("barcode1 = VR%02i\n")
+        f.write("; no barcode2: the rear of a read is never inspected for this kit\n")
+        f.write("scoring_function = MAX\n")
+        f.write(f"compatible_kits = {kit}\n")
+        f.write("first_index = 1\n")
+        f.write(f"last_index = {count}\n")
+
+
+def write_matrix(path, match, mismatch):
+    with open(path, "w") as f:
+        f.write(f"# vorpa_barcoder mismatch scores: match {match}, mismatch {mismatch}\n")
+        f.write("A\tC\tG\tT\n")
+        for i in range(4):
+            f.write("\t".join(str(match if i == j else mismatch) for j in range(4)) + "\n")
+
+
+def main(argv=None):
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--out", default=os.path.join(os.path.dirname(__file__), "..", "data", "barcoding"))
+    ap.add_argument("--seed", type=int, default=20261121)
+    ap.add_argument("--count", type=int, default=96)
+    ap.add_argument("--length", type=int, default=24)
+    ap.add_argument("--min-distance", type=int, default=11)
+    ap.add_argument("--min-flank-distance", type=int, default=9)
+    ap.add_argument("--front-flank", type=int, default=28)
+    ap.add_argument("--inner-flank", type=int, default=18)
+    ap.add_argument("--rapid-count", type=int, default=12)
+    ap.add_argument("--scoring", default="MAX", choices=["MAX", "ADD"])
+    ap.add_argument("--match", type=int, default=5)
+    ap.add_argument("--mismatch", type=int, default=-4)
+    ap.add_argument("--no-matrix", action="store_true", help="leave the matrix file alone")
+    args = ap.parse_args(argv)
+
+    barcode_rng = random.Random(f"vb-barcodes-{args.seed}")
+    flank_rng = random.Random(f"vb-flanks-{args.seed}-{args.front_flank}-{args.inner_flank}")
+
+    barcodes, tries = design_barcodes(barcode_rng, args.count, args.length, args.min_distance)
+    front, inner, rapid_front, rapid_inner = design_flanks(
+        flank_rng, [args.front_flank, args.inner_flank, args.front_flank, args.inner_flank], barcodes,
+        args.min_flank_distance)
+
+    ligation = [(f"VB{i + 1:02d}", front + bc + inner) for i, bc in enumerate(barcodes)]
+    rapid = [(f"VR{i + 1:02d}", rapid_front + bc + rapid_inner) for i, bc in enumerate(barcodes[:args.rapid_count])]
+    problem = check_references(ligation + rapid, barcodes, args.min_distance)
+    if problem:
+        sys.exit(f"design failed: {problem}")
+
+    os.makedirs(args.out, exist_ok=True)
+    write_fasta(os.path.join(args.out, "vb_barcodes.fasta"), ligation)
+    write_fasta(os.path.join(args.out, "vb_rapid_barcodes.fasta"), rapid)
+    write_ligation_kit(os.path.join(args.out, "vb_nb24.ini"), "VB-NB24", "NB24", 24, "vb_barcodes.fasta", args.scoring)
+    write_ligation_kit(os.path.join(args.out, "vb_nb96.ini"), "VB-NB96", "NB96", 96, "vb_barcodes.fasta", args.scoring)
+    write_rapid_kit(os.path.join(args.out, "vb_rb12.ini"), "VB-RB12", "RB12", args.rapid_count,
+                    "vb_rapid_barcodes.fasta")
+    if not args.no_matrix:
+        write_matrix(os.path.join(args.out, "vb_matrix.tsv"), args.match, args.mismatch)
+
+    pair = min(levenshtein(a, b) for i, a in enumerate(barcodes) for b in barcodes[i + 1:])
+    rc = min(levenshtein(a, revcomp(b)) for a in barcodes for b in barcodes)
+    print(f"{len(barcodes)} barcodes from {tries} candidates; min distance pairs {pair}, "
+          f"to reverse complements {rc}; reference length {len(ligation[0][1])}")
+
+
+if __name__ == "__main__":
+    main()
