@@ -1,0 +1,323 @@
+// Per-read hot path. Each read end has one ReferenceAligner holding that end's
+// references (front: barcode1 of the selected arrangements, rear: barcode2,
+// each deduplicated in first-appearance order). A read costs:
+//   1. one ScoreAll per window: scores of every reference, no traceback;
+//   2. the arrangement combination, from scores alone;
+//   3. one AlignOne per reference whose details are reported (the leading
+//      `detailed` results), to recover the found sequence and its position.
+// Scores and paths are exactly those of aligning every reference on its own,
+// because ScoreAll and AlignOne both reproduce FastAlign::Align.
+//
+// Detect score = 100 * alignment score / score of the reference against
+// itself, so a perfect barcode scores 100 whatever its length, and the
+// thresholds are on that scale.
+//
+// All per-read buffers live in the scorer and only grow; allocation per read
+// is limited to the returned results.
+
+#include "barcoding/barcode_scorer.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+
+#include "barcoding/reference_aligner.h"
+#include "common/logger.h"
+
+namespace Barcoding {
+
+namespace {
+
+constexpr float kNoScore = -std::numeric_limits<float>::infinity();
+
+const Common::Logger& ScorerLog() {
+    static const Common::Logger logger("barcode_scorer");
+    return logger;
+}
+
+// Base codes in matrix order A, C, G, T; U counts as T; -1 = not a base.
+std::array<int8_t, 256> MakeCodeTable() {
+    std::array<int8_t, 256> table;
+    table.fill(-1);
+    const char* bases[4] = {"Aa", "Cc", "Gg", "TtUu"};
+    for (int code = 0; code < 4; ++code)
+        for (const char* c = bases[code]; *c != '\0'; ++c)
+            table[static_cast<unsigned char>(*c)] = static_cast<int8_t>(code);
+    return table;
+}
+const std::array<int8_t, 256> kCodes = MakeCodeTable();
+
+float DetectScore(int score, int self_score) {
+    return static_cast<float>(100.0 * static_cast<double>(score) / static_cast<double>(self_score));
+}
+
+}  // namespace
+
+struct BarcodeScorer::End {
+    bool front = true;
+    std::vector<std::string> names;
+    std::vector<std::string> sequences;  // as in the barcode file
+    std::vector<int> self_scores;
+    std::unique_ptr<ReferenceAligner> aligner;
+
+    // Current read.
+    const std::string* read = nullptr;
+    size_t window_start = 0;
+    std::vector<int> window;  // codes
+    std::vector<int> raw_scores;
+    std::vector<float> scores;  // detect scores
+    PairAlignment::Path path;
+};
+
+BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager,
+                             const std::vector<int>& matrix, const std::string& device)
+    : options_(options), manager_(std::move(manager)), matrix_(matrix) {
+    if (!manager_) throw std::runtime_error("BarcodeScorer needs a barcode manager");
+    if (matrix_.size() != 16) throw std::runtime_error("BarcodeScorer needs a 4 x 4 mismatch matrix");
+    arrangements_ = &manager_->GetArrangements(options_.barcode_kits);
+
+    std::vector<std::string> front_names, rear_names;
+    auto index_of = [](std::vector<std::string>& names, const std::string& name) {
+        if (name.empty()) return -1;
+        auto found = std::find(names.begin(), names.end(), name);
+        if (found == names.end()) found = names.insert(names.end(), name);
+        return static_cast<int>(found - names.begin());
+    };
+    for (const auto& a : *arrangements_) {
+        front_of_.push_back(index_of(front_names, a.barcode1));
+        rear_of_.push_back(index_of(rear_names, a.barcode2));
+        combine_.push_back(a.scoring_function == "ADD"   ? Combine::kAdd
+                           : a.scoring_function == "MAX" ? Combine::kMax
+                                                         : Combine::kUnknown);
+    }
+    front_ = MakeEnd(front_names, true, device);
+    rear_ = MakeEnd(rear_names, false, device);
+    candidates_.reserve(arrangements_->size());
+}
+
+BarcodeScorer::~BarcodeScorer() = default;
+
+std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std::string>& names, bool front,
+                                                           const std::string& device) {
+    auto end = std::make_unique<End>();
+    end->front = front;
+    end->names = names;
+    std::vector<std::vector<int>> references;
+    for (const auto& name : names) {
+        std::string sequence = manager_->GetBarcodeSequence(name);
+        std::vector<int> codes;
+        int self_score = 0;
+        for (char c : sequence) {
+            const int code = kCodes[static_cast<unsigned char>(c)];
+            if (code < 0)
+                throw std::runtime_error("Barcode '" + name + "' contains the character '" + std::string(1, c) +
+                                         "', which is not one of A, C, G, T or U.");
+            codes.push_back(code);
+            self_score += matrix_[4 * code + code];
+        }
+        if (self_score <= 0)
+            throw std::runtime_error("Barcode '" + name +
+                                     "' does not score above 0 against itself with this score matrix.");
+        end->sequences.push_back(std::move(sequence));
+        end->self_scores.push_back(self_score);
+        references.push_back(std::move(codes));
+    }
+    if (!references.empty()) {
+        const brim::data_wrappers::MatView<int> view(matrix_.data(), 4, 4);
+        const int band_width = std::max(options_.front_window_size, options_.rear_window_size);
+        end->aligner = MakeReferenceAligner(device, view, options_.GapVector(), band_width, references);
+    }
+    return end;
+}
+
+// Cuts this end's window from the read, converts it to codes and scores every
+// reference against it.
+void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
+    const int length = static_cast<int>(sequence.size());
+    int begin = 0, count = 0;
+    if (end.front) {
+        count = std::min(std::max(options_.front_window_size, 0), length);
+    } else {
+        begin = std::max(0, length - options_.rear_window_size);
+        count = length - begin;
+    }
+    end.read = &sequence;
+    end.window_start = static_cast<size_t>(begin);
+    end.window.resize(static_cast<size_t>(count));
+    for (int k = 0; k < count; ++k) {
+        const char c = sequence[static_cast<size_t>(begin + k)];
+        const int code = kCodes[static_cast<unsigned char>(c)];
+        if (code < 0)
+            throw std::runtime_error("Read sequence contains the character '" + std::string(1, c) +
+                                     "', which is not one of A, C, G, T or U.");
+        end.window[static_cast<size_t>(k)] = code;
+    }
+    end.scores.resize(end.names.size());
+    if (end.names.empty()) return;
+    end.aligner->ScoreAll(end.window, end.raw_scores);
+    for (size_t k = 0; k < end.names.size(); ++k)
+        end.scores[k] = DetectScore(end.raw_scores[k], end.self_scores[k]);
+}
+
+// Reference, found sequence and index of one reference on the current window.
+// The found sequence runs from the first to the last read base the path pairs
+// with a reference base.
+void BarcodeScorer::Detail(End& end, size_t reference, BarcodeDetectResult& result) {
+    result.id = end.names[reference];
+    result.reference_sequence = end.sequences[reference];
+    result.score = end.scores[reference];
+    end.aligner->AlignOne(reference, end.window, end.path);
+    int first = -1, last = -1;
+    for (const auto& [ref, query] : end.path) {
+        if (ref < 0 || query < 0) continue;
+        if (first < 0) first = query;
+        last = query;
+    }
+    if (first < 0) {
+        result.found_sequence.clear();
+        result.begin_index = 0;
+        return;
+    }
+    result.found_sequence.assign(*end.read, end.window_start + static_cast<size_t>(first),
+                                 static_cast<size_t>(last - first + 1));
+    result.begin_index = end.front ? first : static_cast<int>(end.window.size()) - 1 - last;
+}
+
+void BarcodeScorer::TraceEnd(End& end) {
+    const char* side = end.front ? "front" : "rear";
+    {
+        std::ostringstream text;
+        text << "Aligning sequence '" << end.read->substr(end.window_start, end.window.size()) << "' to references";
+        for (const auto& name : end.names)
+            text << " " << name << ":" << side;
+        ScorerLog().Write(Common::Severity::trace, text.str());
+    }
+    std::ostringstream text;
+    text << "results after " << side << " alignment:";
+    BarcodeDetectResult result;
+    for (size_t k = 0; k < end.names.size(); ++k) {
+        Detail(end, k, result);
+        text << "\n" << ToString(result);
+    }
+    ScorerLog().Write(Common::Severity::trace, text.str());
+}
+
+std::vector<BarcodeDetectResult> BarcodeScorer::InspectEnd(End& end, const std::string& sequence,
+                                                           const std::string& kits) {
+    if (kits != options_.barcode_kits)
+        throw std::runtime_error("This barcode scorer was built for the kits \"" + options_.barcode_kits +
+                                 "\" and cannot inspect the kits \"" + kits + "\"");
+    const bool trace = ScorerLog().Enabled(Common::Severity::trace);
+    if (trace)
+        ScorerLog().Write(Common::Severity::trace, end.front ? "Entering BarcodeDetector::InspectFront()"
+                                                             : "Entering BarcodeDetector::InspectRear()");
+    AlignWindow(end, sequence);
+    if (trace) TraceEnd(end);
+    std::vector<BarcodeDetectResult> results(end.names.size());
+    for (size_t k = 0; k < end.names.size(); ++k)
+        Detail(end, k, results[k]);
+    return results;
+}
+
+std::vector<BarcodeDetectResult> BarcodeScorer::InspectFront(const std::string& sequence, const std::string& kits) {
+    return InspectEnd(*front_, sequence, kits);
+}
+
+std::vector<BarcodeDetectResult> BarcodeScorer::InspectRear(const std::string& sequence, const std::string& kits) {
+    return InspectEnd(*rear_, sequence, kits);
+}
+
+std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& sequence, size_t detailed) {
+    const bool trace = ScorerLog().Enabled(Common::Severity::trace);
+    if (trace) ScorerLog().Write(Common::Severity::trace, "Entering BarcodeDetector::InspectFront()");
+    AlignWindow(*front_, sequence);
+    if (trace) TraceEnd(*front_);
+    if (trace) ScorerLog().Write(Common::Severity::trace, "Entering BarcodeDetector::InspectRear()");
+    AlignWindow(*rear_, sequence);
+    if (trace) TraceEnd(*rear_);
+
+    const float min_front = options_.min_score;
+    const float min_rear = options_.min_score_rear_override;
+    const size_t count = arrangements_->size();
+    auto front_score = [&](size_t a) { return front_of_[a] < 0 ? kNoScore : front_->scores[front_of_[a]]; };
+    auto rear_score = [&](size_t a) { return rear_of_[a] < 0 ? kNoScore : rear_->scores[rear_of_[a]]; };
+
+    candidates_.clear();
+    size_t best = 0;
+    float best_score = kNoScore;
+    for (size_t a = 0; a < count; ++a) {
+        const float front = front_score(a);
+        const float rear = rear_score(a);
+        float combined;
+        if (front_of_[a] < 0) {
+            combined = rear;
+        } else if (rear_of_[a] < 0) {
+            combined = front;
+        } else if (combine_[a] == Combine::kAdd) {
+            combined = front + rear;
+        } else if (combine_[a] == Combine::kMax) {
+            combined = std::max(front, rear);
+        } else {
+            throw std::runtime_error("Scoring function can only have values ADD or MAX");
+        }
+        if (a == 0 || combined > best_score) {
+            best = a;
+            best_score = combined;
+        }
+        const bool keep = options_.require_barcodes_both_ends ? front >= min_front && rear >= min_rear
+                                                              : front >= min_front || rear >= min_rear;
+        if (keep) candidates_.push_back(Candidate{static_cast<uint32_t>(a), combined});
+    }
+
+    auto make_result = [&](size_t a, float combined, bool with_detail) {
+        const Arrangement& arrangement = (*arrangements_)[a];
+        ArrangementDetectResult result;
+        result.id = arrangement.id;
+        result.normalised_id = arrangement.normalised_id;
+        result.kit = arrangement.kit;
+        result.variant = arrangement.variant;
+        result.score = combined;
+        for (End* end : {front_.get(), rear_.get()}) {
+            const int reference = end->front ? front_of_[a] : rear_of_[a];
+            if (reference < 0) continue;
+            BarcodeDetectResult& detect = end->front ? result.front : result.rear;
+            if (with_detail) {
+                Detail(*end, static_cast<size_t>(reference), detect);
+            } else {
+                detect.id = end->names[static_cast<size_t>(reference)];
+                detect.score = end->scores[static_cast<size_t>(reference)];
+            }
+        }
+        return result;
+    };
+
+    std::vector<ArrangementDetectResult> results;
+    if (candidates_.empty()) {
+        ArrangementDetectResult unclassified;
+        if (count > 0) unclassified = make_result(best, best_score, detailed > 0);
+        unclassified.normalised_id = "unclassified";
+        results.push_back(std::move(unclassified));
+        return results;
+    }
+    std::stable_sort(candidates_.begin(), candidates_.end(),
+                     [](const Candidate& x, const Candidate& y) { return x.score > y.score; });
+    results.reserve(candidates_.size());
+    for (size_t r = 0; r < candidates_.size(); ++r)
+        results.push_back(make_result(candidates_[r].arrangement, candidates_[r].score, r < detailed));
+    return results;
+}
+
+int FrontTrimLength(const ArrangementDetectResult& result, const ScorerOptions& options) {
+    if (result.front.id.empty() || !(result.front.score >= options.min_score)) return 0;
+    return result.front.begin_index + static_cast<int>(result.front.found_sequence.size()) +
+           options.num_extra_bases_trim;
+}
+
+int RearTrimLength(const ArrangementDetectResult& result, const ScorerOptions& options) {
+    if (result.rear.id.empty() || !(result.rear.score >= options.min_score_rear_override)) return 0;
+    return result.rear.begin_index + static_cast<int>(result.rear.found_sequence.size()) + options.num_extra_bases_trim;
+}
+
+}  // namespace Barcoding

@@ -1,0 +1,78 @@
+#pragma once
+// Classifies one read into a barcode arrangement: the barcode references are
+// aligned against a window at each end of the read, the per-end detections
+// are combined per arrangement, and the survivors of the score thresholds come
+// back best first (or one "unclassified" result). One scorer per thread.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "barcoding/arrangement.h"
+#include "barcoding/barcode_manager.h"
+#include "barcoding/detect_results.h"
+#include "barcoding/scorer_options.h"
+
+namespace Barcoding {
+
+class ReferenceAligner;
+
+class BarcodeScorer {
+public:
+    // options must have been through ValidateScorerOptions. matrix: the 4 x 4
+    // mismatch matrix, row-major (reference code, read code). The kit
+    // selection, the reference lists and the aligners (CPU when device is
+    // empty) are built here, once. Throws for a reference holding a character
+    // that is not a base.
+    BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager, const std::vector<int>& matrix,
+                  const std::string& device = "");
+    ~BarcodeScorer();
+    BarcodeScorer(const BarcodeScorer&) = delete;
+    BarcodeScorer& operator=(const BarcodeScorer&) = delete;
+
+    // Ranked arrangements for the read (never empty). Only the first
+    // `detailed` results carry reference and found sequences and indices; the
+    // rest carry ids and scores. sequence: letters A, C, G, T, U.
+    std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
+
+    // Every front (rear) reference of the scorer's kits against the read's
+    // front (rear) window, fully detailed. kits must be the scorer's kits.
+    std::vector<BarcodeDetectResult> InspectFront(const std::string& sequence, const std::string& kits);
+    std::vector<BarcodeDetectResult> InspectRear(const std::string& sequence, const std::string& kits);
+
+private:
+    struct End;
+    enum class Combine : uint8_t { kAdd, kMax, kUnknown };
+    struct Candidate {
+        uint32_t arrangement;
+        float score;
+    };
+
+    std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, bool front, const std::string& device);
+    void AlignWindow(End& end, const std::string& sequence);
+    void Detail(End& end, size_t reference, BarcodeDetectResult& result);
+    std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
+    void TraceEnd(End& end);
+
+    ScorerOptions options_;
+    std::shared_ptr<BarcodeManager> manager_;
+    std::vector<int> matrix_;
+    const std::vector<Arrangement>* arrangements_;
+    // Per arrangement: index into the front/rear reference list (-1 = none) and
+    // how its two scores combine.
+    std::vector<int> front_of_;
+    std::vector<int> rear_of_;
+    std::vector<Combine> combine_;
+    std::unique_ptr<End> front_;
+    std::unique_ptr<End> rear_;
+    std::vector<Candidate> candidates_;  // reused per read
+};
+
+// Bases to cut for a result's front (rear) barcode: 0 unless that end scored
+// at least its minimum; otherwise the barcode's extent from the read end plus
+// num_extra_bases_trim. The trimmer clamps the value to the read.
+int FrontTrimLength(const ArrangementDetectResult& result, const ScorerOptions& options);
+int RearTrimLength(const ArrangementDetectResult& result, const ScorerOptions& options);
+
+}  // namespace Barcoding

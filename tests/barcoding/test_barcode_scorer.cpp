@@ -1,0 +1,393 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+
+#include "barcoding/barcode_scorer.h"
+#include "pair_alignment/fast_align.h"
+#include "pair_alignment/score_matrix.h"
+#include "temp_folder.h"
+
+namespace Barcoding {
+namespace {
+
+using BarcodingTest::TempFolder;
+
+// Match 5, mismatch -4; reference bases may float inside the window for free.
+const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
+
+ScorerOptions Options(const std::string& kits) {
+    ScorerOptions options;
+    options.barcode_kits = kits;
+    options.start_gap1 = 0;
+    options.end_gap1 = 0;
+    options.open_gap1 = 8;
+    options.extend_gap1 = 8;
+    options.start_gap2 = 9;
+    options.end_gap2 = 9;
+    options.open_gap2 = 8;
+    options.extend_gap2 = 8;
+    options.min_score = 60;
+    options.front_window_size = 70;
+    options.rear_window_size = 60;
+    ValidateScorerOptions(options);
+    return options;
+}
+
+std::string RandomBases(std::mt19937& random, size_t length) {
+    std::string bases;
+    for (size_t k = 0; k < length; ++k)
+        bases += "ACGT"[random() % 4];
+    return bases;
+}
+
+std::string ReverseComplement(const std::string& sequence) {
+    std::string result(sequence.rbegin(), sequence.rend());
+    for (char& c : result)
+        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
+    return result;
+}
+
+// Barcodes BC01..BC05 of 24 random bases, kit "DK" with the same barcode at
+// both ends (ADD), kit "AK" with BC02 front and BC03 rear (MAX), kit "SK" with
+// BC04 at the front only, kit "BAD" with an unknown scoring function.
+class ScorerTest : public ::testing::Test {
+protected:
+    ScorerTest() {
+        std::mt19937 random(11);
+        std::string fasta;
+        for (int i = 1; i <= 5; ++i) {
+            barcodes_.push_back(RandomBases(random, 24));
+            fasta += ">BC0" + std::to_string(i) + "\n" + barcodes_.back() + "\n";
+        }
+        dir_.Write("bc.fasta", fasta);
+        const std::string file = dir_.Write(
+            "arr.cfg",
+            "[loading_options]\nbarcodes_filename = bc.fasta\n"
+            "[barcode%02i]\nkit = DK\nbarcode1 = BC%02i\nbarcode2 = BC%02i\nfirst_index = 1\nlast_index = 2\n"
+            "scoring_function = ADD\ncompatible_kits = DK\n"
+            "[pair]\nkit = AK\nbarcode1 = BC02\nbarcode2 = BC03\nscoring_function = MAX\ncompatible_kits = AK\n"
+            "[single]\nkit = SK\nbarcode1 = BC04\nscoring_function = SUM\ncompatible_kits = SK\n"
+            "[bad]\nkit = BAD\nbarcode1 = BC05\nbarcode2 = BC05\nscoring_function = SUM\ncompatible_kits = BAD\n");
+        manager_ = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
+    }
+
+    // flank + front barcode + insert + reverse-complemented rear barcode + flank
+    std::string Read(const std::string& front, const std::string& rear, size_t flank = 10) {
+        std::mt19937 random(static_cast<unsigned>(front.size() * 31 + rear.size() + flank));
+        std::string read = RandomBases(random, flank) + front + RandomBases(random, 300);
+        if (!rear.empty()) read += ReverseComplement(rear);
+        return read + RandomBases(random, flank);
+    }
+
+    TempFolder dir_;
+    std::vector<std::string> barcodes_;
+    std::shared_ptr<BarcodeManager> manager_;
+};
+
+TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
+    BarcodeScorer scorer(Options("DK AK SK"), manager_, kMatrix);
+
+    auto best = scorer.Score(Read(barcodes_[0], barcodes_[0], 7))[0];
+    EXPECT_EQ(best.normalised_id, "barcode01");
+    EXPECT_EQ(best.id, "barcode01_var1");  // both variants tie: arrangement order decides
+    EXPECT_FLOAT_EQ(best.score, 200);
+    EXPECT_EQ(best.front.found_sequence, barcodes_[0]);
+    EXPECT_EQ(best.front.begin_index, 7);
+    EXPECT_EQ(best.front.reference_sequence, barcodes_[0]);
+    EXPECT_EQ(best.rear.id, "BC01_REV");
+    EXPECT_EQ(best.rear.found_sequence, ReverseComplement(barcodes_[0]));
+    EXPECT_EQ(best.rear.begin_index, 7);
+
+    // ADD against MAX: the DK arrangement for BC02 adds its weak rear score,
+    // so it outranks the MAX pair unless DK is left out.
+    const std::string pair = Read(barcodes_[1], barcodes_[2]);
+    auto results = scorer.Score(pair, 3);
+    EXPECT_EQ(results[0].id, "barcode02_var1");
+    EXPECT_FLOAT_EQ(results[0].score, 100 + results[0].rear.score);
+    EXPECT_EQ(results[1].id, "barcode02_var2");
+    EXPECT_EQ(results[2].id, "pair_var1");
+    EXPECT_FLOAT_EQ(results[2].score, 100);
+    BarcodeScorer pair_scorer(Options("AK"), manager_, kMatrix);
+    best = pair_scorer.Score(ReverseComplement(pair))[0];
+    EXPECT_EQ(best.id, "pair_var2");
+    EXPECT_EQ(best.front.id, "BC03_FWD");
+    EXPECT_EQ(best.rear.id, "BC02_REV");
+    EXPECT_FLOAT_EQ(best.score, 100);
+
+    // Single-ended kit: the front score alone, whatever the scoring function says.
+    const std::string single = Read(barcodes_[3], "");
+    best = scorer.Score(single)[0];
+    EXPECT_EQ(best.id, "single_var1");
+    EXPECT_FLOAT_EQ(best.score, 100);
+    EXPECT_EQ(best.rear.id, "");
+    EXPECT_EQ(best.rear.begin_index, -1);
+    best = scorer.Score(ReverseComplement(single))[0];
+    EXPECT_EQ(best.id, "single_var2");
+    EXPECT_EQ(best.rear.found_sequence, ReverseComplement(barcodes_[3]));
+    EXPECT_EQ(best.rear.begin_index, 10);
+
+    // Reads shorter than a window are used whole; an empty read is unclassified.
+    best = scorer.Score(barcodes_[3])[0];
+    EXPECT_EQ(best.id, "single_var1");
+    EXPECT_EQ(best.front.begin_index, 0);
+    EXPECT_EQ(scorer.Score("")[0].normalised_id, "unclassified");
+}
+
+TEST_F(ScorerTest, ThresholdsAndBothEndsRequirement) {
+    ScorerOptions options = Options("DK");
+    const std::string front_only = Read(barcodes_[1], "");
+    auto results = BarcodeScorer(options, manager_, kMatrix).Score(front_only);
+    EXPECT_EQ(results[0].normalised_id, "barcode02");
+
+    options.require_barcodes_both_ends = true;
+    BarcodeScorer strict(options, manager_, kMatrix);
+    results = strict.Score(front_only);
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].normalised_id, "unclassified");
+    EXPECT_EQ(results[0].id, "barcode02_var1");  // the best candidate's fields stay
+    EXPECT_EQ(results[0].front.found_sequence, barcodes_[1]);
+    EXPECT_GT(results[0].score, 100);
+    EXPECT_EQ(strict.Score(Read(barcodes_[1], barcodes_[1]))[0].normalised_id, "barcode02");
+
+    // The rear minimum applies to the rear only.
+    options = Options("DK");
+    options.min_score = 101;
+    options.min_score_rear_override = 99;
+    EXPECT_EQ(BarcodeScorer(options, manager_, kMatrix).Score(front_only)[0].normalised_id, "unclassified");
+    EXPECT_EQ(BarcodeScorer(options, manager_, kMatrix).Score(Read("", barcodes_[1]))[0].normalised_id, "barcode02");
+}
+
+TEST_F(ScorerTest, ConfigurationFaults) {
+    BarcodeScorer bad(Options("BAD"), manager_, kMatrix);
+    try {
+        bad.Score(Read(barcodes_[4], barcodes_[4]));
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Scoring function can only have values ADD or MAX");
+    }
+
+    dir_.Write("odd.fasta", ">lower\nacguacgu\n>ambiguous\nACGNT\n");
+    const std::string file = dir_.Write("odd.cfg",
+                                        "[loading_options]\nbarcodes_filename = odd.fasta\n"
+                                        "[l]\nbarcode1 = lower\ncompatible_kits = L\n"
+                                        "[n]\nbarcode1 = ambiguous\ncompatible_kits = N\n");
+    auto manager = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
+    BarcodeScorer lower(Options("L"), manager, kMatrix);
+    const auto best = lower.Score("TTTACGTACGTTTT")[0];
+    EXPECT_EQ(best.front.id, "lower_FWD");
+    EXPECT_FLOAT_EQ(best.front.score, 100);
+    EXPECT_EQ(best.front.begin_index, 3);
+    try {
+        BarcodeScorer(Options("N"), manager, kMatrix);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        const std::string message = e.what();
+        EXPECT_NE(message.find("ambiguous_FWD"), std::string::npos) << message;
+        EXPECT_NE(message.find("'N'"), std::string::npos) << message;
+    }
+}
+
+// Naive reference: every reference aligned on its own with FastAlign::Align,
+// then the arrangement rules applied directly.
+class NaiveScorer {
+public:
+    NaiveScorer(const ScorerOptions& options, BarcodeManager& manager, const std::vector<int>& matrix)
+        : options_(options),
+          manager_(manager),
+          matrix_(matrix),
+          aligner_(brim::data_wrappers::MatView<int>(matrix_.data(), 4, 4), options.GapVector(),
+                   std::max(options.front_window_size, options.rear_window_size)) {}
+
+    BarcodeDetectResult Detect(const std::string& name, const std::string& read, bool front) {
+        if (name.empty()) return {};
+        const int length = static_cast<int>(read.size());
+        const int begin = front ? 0 : std::max(0, length - options_.rear_window_size);
+        const int count = front ? std::min(options_.front_window_size, length) : length - begin;
+        std::vector<int> window, reference;
+        for (int k = 0; k < count; ++k)
+            window.push_back(Code(read[static_cast<size_t>(begin + k)]));
+        BarcodeDetectResult result;
+        result.id = name;
+        result.reference_sequence = manager_.GetBarcodeSequence(name);
+        int self = 0;
+        for (char c : result.reference_sequence) {
+            reference.push_back(Code(c));
+            self += matrix_[static_cast<size_t>(5 * reference.back())];
+        }
+        PairAlignment::Path path;
+        const int score = aligner_.Align(brim::data_wrappers::VecView<int>(reference.data(), reference.size()),
+                                         brim::data_wrappers::VecView<int>(window.data(), window.size()), path);
+        result.score = static_cast<float>(100.0 * score / self);
+        std::vector<int> paired;
+        for (const auto& [r, q] : path)
+            if (r >= 0 && q >= 0) paired.push_back(q);
+        result.begin_index = 0;
+        if (paired.empty()) return result;
+        result.found_sequence = read.substr(static_cast<size_t>(begin + paired.front()),
+                                            static_cast<size_t>(paired.back() - paired.front() + 1));
+        result.begin_index = front ? paired.front() : count - 1 - paired.back();
+        return result;
+    }
+
+    std::vector<ArrangementDetectResult> Score(const std::string& read) {
+        std::vector<ArrangementDetectResult> all;
+        for (const auto& a : manager_.GetArrangements(options_.barcode_kits)) {
+            ArrangementDetectResult r{a.id,
+                                      a.normalised_id,
+                                      a.kit,
+                                      a.variant,
+                                      0,
+                                      Detect(a.barcode1, read, true),
+                                      Detect(a.barcode2, read, false)};
+            r.score = r.front.id.empty()            ? r.rear.score
+                      : r.rear.id.empty()           ? r.front.score
+                      : a.scoring_function == "ADD" ? r.front.score + r.rear.score
+                                                    : std::max(r.front.score, r.rear.score);
+            all.push_back(r);
+        }
+        std::vector<ArrangementDetectResult> kept;
+        const float front_min = options_.min_score, rear_min = options_.min_score_rear_override;
+        for (const auto& r : all) {
+            const bool front_ok = r.front.score >= front_min, rear_ok = r.rear.score >= rear_min;
+            if (options_.require_barcodes_both_ends ? front_ok && rear_ok : front_ok || rear_ok) kept.push_back(r);
+        }
+        if (kept.empty()) {
+            auto best = all[0];
+            for (const auto& r : all)
+                if (r.score > best.score) best = r;
+            best.normalised_id = "unclassified";
+            return {best};
+        }
+        std::stable_sort(kept.begin(), kept.end(), [](const auto& x, const auto& y) { return x.score > y.score; });
+        return kept;
+    }
+
+private:
+    static int Code(char c) {
+        switch (std::toupper(static_cast<unsigned char>(c))) {
+            case 'A':
+                return 0;
+            case 'C':
+                return 1;
+            case 'G':
+                return 2;
+            default:
+                return 3;
+        }
+    }
+
+    ScorerOptions options_;
+    BarcodeManager& manager_;
+    std::vector<int> matrix_;
+    PairAlignment::FastAlign aligner_;
+};
+
+void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult& naive, bool detailed) {
+    EXPECT_EQ(fast.id, naive.id);
+    EXPECT_EQ(fast.score, naive.score);
+    if (!detailed) return;
+    EXPECT_EQ(fast.reference_sequence, naive.reference_sequence);
+    EXPECT_EQ(fast.found_sequence, naive.found_sequence);
+    EXPECT_EQ(fast.begin_index, naive.begin_index);
+}
+
+// Random reads, some carrying mutated barcodes, through both scorers.
+void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<BarcodeManager>& manager,
+                      const std::vector<std::string>& barcodes, int reads, unsigned seed,
+                      const std::vector<int>& matrix = kMatrix) {
+    BarcodeScorer scorer(options, manager, matrix);
+    NaiveScorer naive(options, *manager, matrix);
+    std::mt19937 random(seed);
+    auto mutate = [&](std::string s) {
+        for (char& c : s)
+            if (random() % 8 == 0) c = "ACGT"[random() % 4];
+        if (random() % 3 == 0) s.erase(random() % s.size(), 1 + random() % 3);
+        return s;
+    };
+    for (int n = 0; n < reads; ++n) {
+        std::string read = RandomBases(random, random() % 40);
+        if (random() % 4 != 0) read += mutate(barcodes[random() % barcodes.size()]);
+        read += RandomBases(random, random() % 150);
+        if (random() % 2 == 0) read += ReverseComplement(mutate(barcodes[random() % barcodes.size()]));
+        read += RandomBases(random, random() % 30);
+        if (random() % 2 == 0) read = ReverseComplement(read);
+
+        const auto expected = naive.Score(read);
+        for (size_t detailed : {size_t{1}, size_t{SIZE_MAX}}) {
+            const auto results = scorer.Score(read, detailed);
+            ASSERT_EQ(results.size(), expected.size()) << read;
+            for (size_t r = 0; r < results.size(); ++r) {
+                SCOPED_TRACE(read + " result " + std::to_string(r));
+                EXPECT_EQ(results[r].id, expected[r].id);
+                EXPECT_EQ(results[r].normalised_id, expected[r].normalised_id);
+                EXPECT_EQ(results[r].variant, expected[r].variant);
+                EXPECT_EQ(results[r].score, expected[r].score);
+                ExpectSameDetect(results[r].front, expected[r].front, r < detailed);
+                ExpectSameDetect(results[r].rear, expected[r].rear, r < detailed);
+            }
+        }
+    }
+}
+
+TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
+    ScorerOptions options = Options("DK AK SK");
+    CompareWithNaive(options, manager_, barcodes_, 300, 5);
+    options.require_barcodes_both_ends = true;
+    options.min_score = 40;
+    options.min_score_rear_override = 75;
+    CompareWithNaive(options, manager_, barcodes_, 100, 6);
+}
+
+// The shipped configuration file's "key = value" lines.
+std::map<std::string, std::string> ReadConfiguration(const std::string& path) {
+    std::map<std::string, std::string> values;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        const size_t equals = line.find('=');
+        if (line.empty() || line[0] == '#' || equals == std::string::npos) continue;
+        auto trim = [](std::string text) {
+            text.erase(0, text.find_first_not_of(" \t"));
+            text.erase(text.find_last_not_of(" \t\r") + 1);
+            return text;
+        };
+        values[trim(line.substr(0, equals))] = trim(line.substr(equals + 1));
+    }
+    return values;
+}
+
+TEST(ShippedKits, FastPathMatchesNaiveAlignmentOnRealReferences) {
+    const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
+    auto config = ReadConfiguration(data + "/configuration.cfg");
+    if (config.count("arrangements_files") == 0) GTEST_SKIP() << "no kits configured";
+    ScorerOptions options;
+    options.arrangements_files = config["arrangements_files"];
+    options.score_matrix_filename = config["score_matrix_filename"];
+    int* gaps[] = {&options.start_gap1, &options.end_gap1, &options.open_gap1, &options.extend_gap1,
+                   &options.start_gap2, &options.end_gap2, &options.open_gap2, &options.extend_gap2};
+    const char* gap_names[] = {"start_gap1", "end_gap1", "open_gap1", "extend_gap1",
+                               "start_gap2", "end_gap2", "open_gap2", "extend_gap2"};
+    for (int k = 0; k < 8; ++k)
+        *gaps[k] = std::stoi(config.at(gap_names[k]));
+    options.front_window_size = std::stoi(config.at("front_window_size"));
+    options.rear_window_size = std::stoi(config.at("rear_window_size"));
+    options.min_score = std::stof(config.at("min_score"));
+    ValidateScorerOptions(options);
+
+    auto manager =
+        std::make_shared<BarcodeManager>(BarcodeManager::SplitArrangementFiles(options.arrangements_files), data);
+    const auto matrix = PairAlignment::LoadMismatchMatrix(ResolveDataFile(options.score_matrix_filename, data));
+    std::vector<std::string> barcodes;
+    for (const auto& a : manager->AllArrangements())
+        if (!a.barcode1.empty()) barcodes.push_back(manager->GetBarcodeSequence(a.barcode1));
+    ASSERT_FALSE(barcodes.empty());
+    CompareWithNaive(options, manager, barcodes, 200, 9, matrix);
+}
+
+}  // namespace
+}  // namespace Barcoding
