@@ -1,0 +1,337 @@
+#!/usr/bin/env python3
+"""Simulate barcoded long reads for a kit described in data/barcoding.
+
+A molecule is  junk + adapter stem + front reference + insert
+               + revcomp(rear reference) + revcomp(adapter stem) + junk
+where the references are the barcode file's sequences (flank + barcode +
+flank), so any kit whose arrangement and barcode files are in the data folder
+can be simulated. Ligation-style kits (an arrangement with a rear barcode) get
+the whole read reverse complemented half of the time; front-only kits are read
+from the adapter end, as their chemistry dictates, and keep their orientation.
+
+Kinds of reads (fractions configurable):
+  double   the same arrangement's barcodes at both ends
+  front    only the front construct (the rear adapter was lost or never read)
+  none     no barcode construct; half of them still carry a bare adapter stem
+  chimera  the front barcode of one arrangement, the rear of another
+
+Errors: substitutions, insertions and deletions at the chosen identity, a share
+of them placed as indels in homopolymer runs (runs of 3 or more), the way
+long-read errors cluster. Qualities are Phred+33 around a per-read mean that
+follows the identity, low at the erroneous bases.
+
+Everything (ids, run ids, lengths, errors) comes from --seed. Output is FASTQ
+(gzip when the name ends in .gz, optionally split into several files) plus a
+truth table: read_id, kind, front, rear, orientation, where front and rear are
+the normalised arrangement names of the molecule's ends ("-" for none) and
+orientation is "-" when the read is the molecule's reverse complement.
+"""
+
+import argparse
+import configparser
+import glob
+import gzip
+import math
+import os
+import random
+import re
+import statistics
+import sys
+
+COMPLEMENT = str.maketrans("ACGT", "TGCA")
+BASES_FROM_BYTE = bytes(b"ACGT"[b & 3] for b in range(256))
+HOMOPOLYMER = re.compile(r"A{3,}|C{3,}|G{3,}|T{3,}")
+OTHER_BASES = {"A": "CGT", "C": "AGT", "G": "ACT", "T": "ACG"}
+DEFAULT_DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "barcoding")
+
+# Shares of the non-homopolymer errors.
+SUB_SHARE, DEL_SHARE = 0.5, 0.3  # the rest are insertions
+
+
+def revcomp(seq):
+    return seq.translate(COMPLEMENT)[::-1]
+
+
+# ---------------------------------------------------------------- kit files
+
+
+def read_fasta(path):
+    records, name, seq = {}, None, []
+    with open(path) as f:
+        for line in f:
+            line = "".join(line.split())
+            if line.startswith((">", ";")):
+                if name and seq:
+                    records[name] = "".join(seq)
+                name, seq = line[1:], []
+            elif line:
+                seq.append(line)
+    if name and seq:
+        records[name] = "".join(seq)
+    return records
+
+
+def arrangement_files(data):
+    cfg = os.path.join(data, "configuration.cfg")
+    if os.path.exists(cfg):
+        with open(cfg) as f:
+            for line in f:
+                key, _, value = line.partition("=")
+                if key.strip() == "arrangements_files" and not line.lstrip().startswith("#"):
+                    return [os.path.join(data, p) for p in value.split()]
+    return sorted(glob.glob(os.path.join(data, "*.ini")))
+
+
+def load_kit(kit, data=DEFAULT_DATA):
+    """[(normalised_id, front sequence or "", rear sequence or "")] for the kit."""
+    out = []
+    for path in arrangement_files(data):
+        ini = configparser.ConfigParser(interpolation=None, comment_prefixes=(";", "#"))
+        ini.optionxform = str
+        ini.read(path)
+        fasta = ini.get("loading_options", "barcodes_filename", fallback="")
+        if not os.path.exists(fasta):
+            fasta = os.path.join(os.path.dirname(path), fasta)
+        barcodes = None
+        for name in ini.sections():
+            if name == "loading_options":
+                continue
+            sec = ini[name]
+            if kit not in sec.get("compatible_kits", "").split(","):
+                continue
+            if barcodes is None:
+                barcodes = read_fasta(fasta)
+            first, last = int(sec.get("first_index", -1)), int(sec.get("last_index", -1))
+            indices = [None] if first < 0 or last < 0 or last < first else range(first, last + 1)
+            for i in indices:
+                fields = [sec.get("normalised_id", name), sec.get("barcode1", ""), sec.get("barcode2", "")]
+                if i is not None:
+                    fields = [f % i if "%" in f else f for f in fields]
+                    if i == 12 and sec.get("kit", "") == "RLB":
+                        fields = [fields[0] + "a"] + [f + "A" if f else f for f in fields[1:]]
+                front, rear = (barcodes[f] if f else "" for f in fields[1:])
+                out.append((fields[0], front, rear))
+    if not out:
+        sys.exit(f"kit {kit!r} not found in {data}")
+    return out
+
+
+# ---------------------------------------------------------------- sequences
+
+
+class Simulator:
+    def __init__(self, args, arrangements):
+        self.args = args
+        self.rng = random.Random(args.seed)
+        self.arr = arrangements
+        self.ligation = any(rear for _, _, rear in arrangements)
+        self.double = [a for a in arrangements if a[1] and a[2]]
+        self.fronted = [a for a in arrangements if a[1]]
+        # The stem is the part of the adapter upstream of the reference; it is
+        # ours, drawn from a fixed seed so that every run shares it.
+        stem_rng = random.Random("vb-adapter-stem")
+        self.stem = "".join(stem_rng.choice("ACGT") for _ in range(args.stem_length))
+        self.quality_tables = {}
+        self.runids = ["%040x" % self.rng.getrandbits(160) for _ in range(2)]
+        self.read_number = 0
+
+    def random_bases(self, n):
+        return self.rng.randbytes(n).translate(BASES_FROM_BYTE).decode()
+
+    def quality_table(self, mean_q):
+        """256-entry byte map whose uniform input gives Phred ~ N(mean_q, 4)."""
+        table = self.quality_tables.get(mean_q)
+        if table is None:
+            dist = statistics.NormalDist(mean_q, 4.0)
+            table = bytes(33 + min(50, max(2, round(dist.inv_cdf((b + 0.5) / 256)))) for b in range(256))
+            self.quality_tables[mean_q] = table
+        return table
+
+    def junk(self, mean):
+        return self.random_bases(min(int(self.rng.expovariate(1.0 / mean)), 6 * int(mean) + 1)) if mean > 0 else ""
+
+    def adapter_start(self):
+        # Reads often begin part-way into the adapter.
+        if self.rng.random() < 0.3:
+            return self.stem[self.rng.randrange(len(self.stem) + 1):]
+        return self.stem
+
+    def insert_length(self):
+        a = self.args
+        return max(a.min_insert, int(a.median_length * math.exp(self.rng.gauss(0.0, a.length_sigma))))
+
+    def molecule(self):
+        a, rng = self.args, self.rng
+        total = a.frac_double + a.frac_front + a.frac_none + a.frac_chimera
+        r = rng.random() * total
+        if not self.ligation:  # every barcoded read of a front-only kit is a front read
+            kind = "none" if r >= total - a.frac_none else "front"
+        elif r < a.frac_double:
+            kind = "double"
+        elif r < a.frac_double + a.frac_front:
+            kind = "front"
+        elif r < a.frac_double + a.frac_front + a.frac_none:
+            kind = "none"
+        else:
+            kind = "chimera"
+        insert = self.random_bases(self.insert_length())
+        head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
+        front_id = rear_id = "-"
+        if kind == "none":
+            stem = self.adapter_start() if rng.random() < 0.5 else ""
+            mol = head + stem + insert + tail
+        elif kind == "front":
+            nid, front, _ = rng.choice(self.fronted)
+            front_id = nid
+            mol = head + self.adapter_start() + front + insert + tail
+        else:
+            nid, front, rear = rng.choice(self.double)
+            front_id = rear_id = nid
+            if kind == "chimera":
+                others = [x for x in self.double if x[0] != nid]
+                rear_id, _, rear = rng.choice(others)
+            mol = head + self.adapter_start() + front + insert + revcomp(rear) + revcomp(self.stem) + tail
+        orientation = "+"
+        if self.ligation and rng.random() < 0.5:
+            mol, orientation = revcomp(mol), "-"
+        return mol, kind, front_id, rear_id, orientation
+
+    def read_identity(self):
+        a = self.args
+        if a.identity_sd <= 0:
+            return a.identity
+        return min(0.995, max(0.6, self.rng.gauss(a.identity, a.identity_sd)))
+
+    def mutate(self, seq, identity):
+        """Apply errors; return the read and the indices of its suspect bases."""
+        rng, n = self.rng, len(seq)
+        rate = 1.0 - identity
+        events = {}
+        # Homopolymer indels: a share of the error budget, spread over the runs
+        # in proportion to their length.
+        runs = [(m.start(), m.end()) for m in HOMOPOLYMER.finditer(seq)]
+        hp_bases = sum(e - s for s, e in runs)
+        hp_budget = self.args.homopolymer_share * rate * n
+        if hp_bases:
+            per_base = hp_budget / hp_bases
+            for s, e in runs:
+                if rng.random() < per_base * (e - s):
+                    pos = rng.randrange(s, e)
+                    events[pos] = ("D",) if rng.random() < 0.6 else ("I", seq[pos])
+        expected = (rate * n) - min(hp_budget, hp_bases)
+        k = max(0, min(n, round(rng.gauss(expected, math.sqrt(max(expected, 1e-9) * (1 - rate))))))
+        for pos in rng.sample(range(n), k):
+            if pos in events:
+                continue
+            r = rng.random()
+            if r < SUB_SHARE:
+                events[pos] = ("S", rng.choice(OTHER_BASES[seq[pos]]))
+            elif r < SUB_SHARE + DEL_SHARE:
+                events[pos] = ("D",)
+            else:
+                events[pos] = ("I", rng.choice("ACGT"))
+        pieces, suspect, last, out_len = [], [], 0, 0
+        for pos in sorted(events):
+            ev = events[pos]
+            pieces.append(seq[last:pos])
+            out_len += pos - last
+            if ev[0] == "S":
+                pieces.append(ev[1])
+                suspect.append(out_len)
+                out_len += 1
+            elif ev[0] == "I":
+                pieces.append(ev[1] + seq[pos])
+                suspect.append(out_len)
+                out_len += 2
+            else:
+                suspect.append(max(0, out_len - 1))
+            last = pos + 1
+        pieces.append(seq[last:])
+        read = "".join(pieces)
+        if not read:  # never emit an empty read
+            read = seq[:1] or "A"
+        return read, [p for p in suspect if p < len(read)]
+
+    def qualities(self, n, identity, suspect):
+        mean_q = max(4, min(30, round(-10 * math.log10(max(1e-3, 1 - identity))) + 2))
+        q = bytearray(self.rng.randbytes(n).translate(self.quality_table(mean_q)))
+        for p in suspect:
+            q[p] = 33 + self.rng.randint(2, 7)
+        return q.decode()
+
+    def record(self):
+        rng = self.rng
+        mol, kind, front, rear, orientation = self.molecule()
+        identity = self.read_identity()
+        read, suspect = self.mutate(mol, identity)
+        qual = self.qualities(len(read), identity, suspect)
+        h = "%032x" % rng.getrandbits(128)
+        read_id = f"{h[:8]}-{h[8:12]}-4{h[13:16]}-{'89ab'[int(h[16], 16) & 3]}{h[17:20]}-{h[20:32]}"
+        self.read_number += 1
+        runid = self.runids[rng.getrandbits(1)]
+        secs = 600 + self.read_number // 7
+        start = "2026-11-21T%02d:%02d:%02dZ" % (8 + secs // 3600, secs // 60 % 60, secs % 60)
+        title = (f"@{read_id} runid={runid} sampleid={self.args.sample} read={self.read_number} "
+                 f"ch={rng.randint(1, 512)} start_time={start}")
+        fastq = f"{title}\n{read}\n+\n{qual}\n"
+        return fastq, f"{read_id}\t{kind}\t{front}\t{rear}\t{orientation}\n"
+
+
+def output_names(path, parts):
+    if parts <= 1:
+        return [path]
+    m = re.match(r"(.*?)((?:\.fastq|\.fq)?(?:\.gz)?)$", path)
+    return [f"{m.group(1)}_{i}{m.group(2)}" for i in range(parts)]
+
+
+def open_out(path):
+    if path.endswith(".gz"):
+        return gzip.open(path, "wt", compresslevel=1)
+    return open(path, "w")
+
+
+def parse_args(argv=None):
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("-o", "--output", required=True, help="FASTQ file (.gz for gzip)")
+    ap.add_argument("--truth", help="truth table (default: output name with .truth.tsv)")
+    ap.add_argument("--kit", default="VB-NB24")
+    ap.add_argument("--data", default=DEFAULT_DATA, help="folder with the kit files")
+    ap.add_argument("-n", "--reads", type=int, default=10000)
+    ap.add_argument("--seed", type=int, default=1)
+    ap.add_argument("--split", type=int, default=1, help="number of output files")
+    ap.add_argument("--identity", type=float, default=0.92)
+    ap.add_argument("--identity-sd", type=float, default=0.0, help="per-read spread of the identity")
+    ap.add_argument("--homopolymer-share", type=float, default=0.25,
+                    help="share of the errors placed as indels in homopolymer runs")
+    ap.add_argument("--median-length", type=int, default=1500, help="median insert length")
+    ap.add_argument("--length-sigma", type=float, default=0.6, help="log-normal sigma of the insert length")
+    ap.add_argument("--min-insert", type=int, default=60)
+    ap.add_argument("--junk-mean", type=float, default=12.0, help="mean junk length before the adapter")
+    ap.add_argument("--stem-length", type=int, default=22, help="adapter bases upstream of the reference")
+    ap.add_argument("--frac-double", type=float, default=0.75)
+    ap.add_argument("--frac-front", type=float, default=0.10)
+    ap.add_argument("--frac-none", type=float, default=0.10)
+    ap.add_argument("--frac-chimera", type=float, default=0.05)
+    ap.add_argument("--sample", default="vb_sim")
+    return ap.parse_args(argv)
+
+
+def main(argv=None):
+    args = parse_args(argv)
+    sim = Simulator(args, load_kit(args.kit, args.data))
+    truth = args.truth or re.sub(r"(\.fastq|\.fq)?(\.gz)?$", "", args.output) + ".truth.tsv"
+    names = output_names(args.output, args.split)
+    outs = [open_out(p) for p in names]
+    with open(truth, "w") as t:
+        t.write("read_id\tkind\tfront\trear\torientation\n")
+        per_file = -(-args.reads // len(outs))
+        for i in range(args.reads):
+            fastq, row = sim.record()
+            outs[i // per_file].write(fastq)
+            t.write(row)
+    for f in outs:
+        f.close()
+
+
+if __name__ == "__main__":
+    main()
