@@ -8,6 +8,7 @@
 #include <random>
 
 #include "barcoding/barcode_scorer.h"
+#include "common/logger.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
 #include "temp_folder.h"
@@ -190,6 +191,45 @@ TEST_F(ScorerTest, ConfigurationFaults) {
         EXPECT_NE(message.find("ambiguous_FWD"), std::string::npos) << message;
         EXPECT_NE(message.find("'N'"), std::string::npos) << message;
     }
+}
+
+TEST_F(ScorerTest, InspectionAndTracingAgreeWithScore) {
+    const std::string read = Read(barcodes_[0], barcodes_[0]);
+    BarcodeScorer scorer(Options("DK"), manager_, kMatrix);
+    const auto quiet = scorer.Score(read, SIZE_MAX);
+
+    const auto front = scorer.InspectFront(read, "DK");
+    ASSERT_EQ(front.size(), 2u);  // BC01_FWD, BC02_FWD: both variants of a same-barcode pair agree
+    EXPECT_EQ(front[0].id, quiet[0].front.id);
+    EXPECT_EQ(front[0].found_sequence, quiet[0].front.found_sequence);
+    const auto rear = scorer.InspectRear(read, "DK");
+    EXPECT_EQ(rear[0].id, "BC01_REV");
+    EXPECT_EQ(rear[0].begin_index, quiet[0].rear.begin_index);
+    EXPECT_THROW(scorer.InspectFront(read, "AK"), std::runtime_error);
+
+    TempFolder logs;
+    Common::LoggingSettings settings;
+    settings.folder = logs.Path();
+    settings.log_file_name = "scorer.log";
+    settings.quiet = true;
+    settings.trace_categories = {"barcode_scorer"};
+    Common::InitLogging(settings);
+    const auto traced = scorer.Score(read, SIZE_MAX);
+    Common::ShutdownLogging();
+    ASSERT_EQ(traced.size(), quiet.size());
+    for (size_t r = 0; r < traced.size(); ++r) {
+        EXPECT_EQ(traced[r].id, quiet[r].id);
+        EXPECT_EQ(traced[r].score, quiet[r].score);
+        EXPECT_EQ(traced[r].rear.found_sequence, quiet[r].rear.found_sequence);
+    }
+    std::string text;
+    for (boost::filesystem::directory_iterator it(logs.Path()), end; it != end; ++it) {
+        std::ifstream in(it->path().string());
+        text.append(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    for (const char* line : {"Entering BarcodeDetector::InspectFront()", "Entering BarcodeDetector::InspectRear()",
+                             "results after front alignment:", "results after rear alignment:", "BC02_REV:rear"})
+        EXPECT_NE(text.find(line), std::string::npos) << line;
 }
 
 // Naive reference: every reference aligned on its own with FastAlign::Align,
