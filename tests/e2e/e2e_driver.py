@@ -1,0 +1,388 @@
+#!/usr/bin/env python3
+"""End-to-end checks of the vorpa_barcoder binary on simulated reads.
+
+Each case runs the real program in a fresh folder and checks what it leaves
+behind: the summary file, the FASTQ output tree, the console and the exit
+status. Reads come from tools/simulate_reads.py with fixed seeds, so every run
+sees the same input. Standard library only.
+
+Usage: e2e_driver.py --binary BIN --source REPO --work DIR --case NAME
+"""
+
+import argparse
+import collections
+import gzip
+import math
+import os
+import shutil
+import subprocess
+import sys
+
+SUMMARY = "barcoding_summary.txt"
+KIT = "VB-NB24"
+
+
+class Failure(Exception):
+    pass
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+class Context:
+    def __init__(self, binary, source, work):
+        self.binary = binary
+        self.source = source
+        self.work = work
+
+    def path(self, *parts):
+        return os.path.join(self.work, *parts)
+
+    def run(self, args, stdin_text=None, expect=0):
+        result = subprocess.run([self.binary] + args, input=stdin_text, capture_output=True, text=True,
+                                cwd=self.work, timeout=100)
+        if expect is not None and result.returncode != expect:
+            raise Failure(f"{' '.join(args)}: status {result.returncode}, expected {expect}\n"
+                          f"stdout:\n{result.stdout[-3000:]}\nstderr:\n{result.stderr[-3000:]}")
+        return result
+
+    def simulate(self, name, reads, seed):
+        """Simulated reads as a list of (title, sequence, quality), and the
+        expected arrangement per read id: the barcode of a read that carries
+        one at its front, "unclassified" for one without, None for chimeras."""
+        folder = self.path("sim_" + name)
+        os.makedirs(folder, exist_ok=True)
+        fastq = os.path.join(folder, "reads.fastq")
+        truth = os.path.join(folder, "truth.tsv")
+        subprocess.run([sys.executable, os.path.join(self.source, "tools", "simulate_reads.py"), "-o", fastq,
+                        "--truth", truth, "--kit", KIT, "-n", str(reads), "--seed", str(seed)],
+                       check=True, capture_output=True, text=True)
+        return read_fastq(fastq), read_truth(truth)
+
+
+# ---------------------------------------------------------------- file helpers
+
+def read_fastq(path):
+    opener = gzip.open if path.endswith(".gz") else open
+    with opener(path, "rt") as handle:
+        lines = handle.read().splitlines()
+    check(len(lines) % 4 == 0, f"{path}: {len(lines)} lines, not a whole number of records")
+    records = []
+    for i in range(0, len(lines), 4):
+        check(lines[i].startswith("@") and lines[i + 2] == "+", f"{path}: bad record at line {i + 1}")
+        records.append((lines[i], lines[i + 1], lines[i + 3]))
+    return records
+
+
+def read_truth(path):
+    expected = {}
+    with open(path) as handle:
+        columns = handle.readline().rstrip("\n").split("\t")
+        for line in handle:
+            row = dict(zip(columns, line.rstrip("\n").split("\t")))
+            if row["kind"] in ("double", "front"):
+                expected[row["read_id"]] = row["front"]
+            elif row["kind"] == "none":
+                expected[row["read_id"]] = "unclassified"
+            else:
+                expected[row["read_id"]] = None
+    return expected
+
+
+def write_fastq(path, records, compress=None):
+    text = "".join(f"{t}\n{s}\n+\n{q}\n" for t, s, q in records)
+    if compress or (compress is None and path.endswith(".gz")):
+        with gzip.open(path, "wt") as handle:
+            handle.write(text)
+    else:
+        with open(path, "w") as handle:
+            handle.write(text)
+
+
+def read_id(title):
+    return title[1:].split(" ", 1)[0]
+
+
+def read_summary(path, columns):
+    with open(path) as handle:
+        lines = handle.read().split("\n")
+    check(lines[-1] == "", f"{path} does not end in a newline")
+    rows = [line.split("\t") for line in lines[:-1]]
+    check(len(rows) >= 1, f"{path} has no header")
+    for row in rows:
+        check(len(row) == columns, f"{path}: {len(row)} columns, expected {columns}: {row}")
+    header = rows[0]
+    check(header[0] == "read_id" and header[1] == "barcode_arrangement", f"unexpected header {header}")
+    body = rows[1:]
+    ids = [row[0] for row in body]
+    check(len(set(ids)) == len(ids), f"{path}: a read id appears more than once")
+    return header, {row[0]: row for row in body}
+
+
+def output_reads(save):
+    """read id -> (folder relative to save, file name, record) over every FASTQ file written."""
+    found = {}
+    for folder, _, files in os.walk(save):
+        for name in files:
+            if not name.startswith("fastq_runid_"):
+                continue
+            for record in read_fastq(os.path.join(folder, name)):
+                rid = read_id(record[0])
+                check(rid not in found, f"read {rid} written twice")
+                found[rid] = (os.path.relpath(folder, save), name, record)
+    return found
+
+
+def split_into_files(folder, records, names):
+    """Writes records round-robin into the named files (".gz" ones compressed)."""
+    os.makedirs(folder, exist_ok=True)
+    parts = [records[i::len(names)] for i in range(len(names))]
+    for name, part in zip(names, parts):
+        write_fastq(os.path.join(folder, name), part)
+
+
+def barcoder_args(inputs, save, *extra):
+    return ["-i", inputs, "-s", save, "--barcode_kits", KIT] + list(extra)
+
+
+# ---------------------------------------------------------------- cases
+
+def case_classification(ctx):
+    records, truth = ctx.simulate("cls", 240, 11)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz", "c.fastq"])
+    ctx.run(barcoder_args("in", "out", "-t", "2"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    check(set(rows) == {read_id(r[0]) for r in records}, "summary rows do not match the input reads")
+
+    barcoded = [rid for rid in rows if truth[rid] not in (None, "unclassified")]
+    correct = sum(rows[rid][1] == truth[rid] for rid in barcoded)
+    check(len(barcoded) > 150, "the simulation gave too few barcoded reads to judge")
+    check(correct >= 0.9 * len(barcoded), f"only {correct} of {len(barcoded)} barcoded reads classified correctly")
+    wrong = [rid for rid in rows if truth[rid] is not None and rows[rid][1] not in (truth[rid], "unclassified")]
+    check(len(wrong) <= 0.02 * len(rows), f"{len(wrong)} reads given a barcode they do not carry")
+
+    written = output_reads(ctx.path("out"))
+    inputs = {read_id(r[0]): r for r in records}
+    check(set(written) == set(inputs), "FASTQ output does not hold every input read exactly once")
+    for rid, (folder, name, (title, seq, qual)) in written.items():
+        arrangement = rows[rid][1]
+        check(folder == arrangement, f"{rid} filed under {folder}, classified {arrangement}")
+        check(title == inputs[rid][0] + " barcode=" + arrangement, f"unexpected title {title}")
+        check((seq, qual) == inputs[rid][1:], f"{rid} changed without trimming")
+
+
+def case_trimming(ctx):
+    records, _ = ctx.simulate("trim", 120, 12)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    ctx.run(barcoder_args("in", "out", "--trim_barcodes"))
+    header, rows = read_summary(ctx.path("out", SUMMARY), 20)
+    check(header[18:] == ["barcode_front_total_trimmed", "barcode_rear_total_trimmed"], f"header {header}")
+    written = output_reads(ctx.path("out"))
+    inputs = {read_id(r[0]): r for r in records}
+    trimmed_reads = 0
+    for rid, row in rows.items():
+        front, rear = int(row[18]), int(row[19])
+        _, seq, qual = inputs[rid]
+        out_seq, out_qual = written[rid][2][1], written[rid][2][2]
+        check(out_seq == seq[front:len(seq) - rear] and out_qual == qual[front:len(qual) - rear],
+              f"{rid}: output is not the input less {front} front and {rear} rear bases")
+        check(len(out_seq) >= 1, f"{rid} trimmed to nothing")
+        if row[1] != "unclassified":
+            check(front > 0 or rear > 0, f"classified read {rid} was not trimmed")
+            trimmed_reads += 1
+    check(trimmed_reads > 60, "too few classified reads to judge trimming")
+
+    # Fewer bases with a negative extra: never more than the plain trim.
+    ctx.run(barcoder_args("in", "out_less", "--trim_barcodes", "--num_extra_bases_trim", "-4"))
+    _, less = read_summary(ctx.path("out_less", SUMMARY), 20)
+    for rid, row in rows.items():
+        for column in (18, 19):
+            if int(row[column]) > 4:
+                check(int(less[rid][column]) == int(row[column]) - 4, f"{rid}: extra trim not applied")
+
+
+def case_records_per_fastq(ctx):
+    records, _ = ctx.simulate("rot", 90, 13)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq"])
+    ctx.run(barcoder_args("in", "out", "-q", "4"))
+    written = output_reads(ctx.path("out"))
+    check(len(written) == len(records), "reads lost when splitting output files")
+    series = collections.defaultdict(collections.Counter)
+    for folder, name, _ in written.values():
+        run_id, index = name[len("fastq_runid_"):-len(".fastq")].rsplit("_", 1)
+        series[(folder, run_id)][int(index)] += 1
+    for key, counts in series.items():
+        total = sum(counts.values())
+        check(sorted(counts) == list(range(math.ceil(total / 4))), f"{key}: file indices {sorted(counts)}")
+        check(all(counts[i] == 4 for i in sorted(counts)[:-1]), f"{key}: a file before the last is not full")
+
+
+def case_compressed_output(ctx):
+    records, _ = ctx.simulate("gz", 60, 14)
+    split_into_files(ctx.path("in"), records, ["a.fastq.gz"])
+    ctx.run(barcoder_args("in", "out", "--compress_fastq", "-t", "2"))
+    files = [os.path.join(d, f) for d, _, fs in os.walk(ctx.path("out")) for f in fs if f.startswith("fastq_")]
+    check(files and all(f.endswith(".fastq.gz") for f in files), f"unexpected output files {files}")
+    for name in files:
+        check(subprocess.run(["gzip", "-t", name]).returncode == 0, f"{name} fails gzip -t")
+    check(len(output_reads(ctx.path("out"))) == len(records), "compressed output lost reads")
+
+
+def case_stdin_file_list(ctx):
+    records, _ = ctx.simulate("stdin", 40, 15)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    listing = "".join(ctx.path("in", name) + "\n" for name in ("a.fastq", "b.fastq.gz"))
+    ctx.run(barcoder_args("", "out"), stdin_text=listing)
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    check(len(rows) == len(records), f"{len(rows)} rows from the listed files, expected {len(records)}")
+
+
+def case_save_next_to_input(ctx):
+    records, _ = ctx.simulate("inplace", 30, 16)
+    split_into_files(ctx.path("data"), records, ["a.fastq"])
+    ctx.run(barcoder_args("data", "INPUT_PATH"))
+    _, rows = read_summary(ctx.path("data", SUMMARY), 18)
+    check(len(rows) == len(records), "summary next to the input is incomplete")
+    check(len(output_reads(ctx.path("data"))) == len(records), "FASTQ output next to the input is incomplete")
+
+
+def case_recursive_discovery(ctx):
+    records, _ = ctx.simulate("rec", 60, 17)
+    os.makedirs(ctx.path("in", "sub"))
+    write_fastq(ctx.path("in", "top.fastq"), records[:20])
+    write_fastq(ctx.path("in", "sub", "nested.fastq.gz"), records[20:40])
+    write_fastq(ctx.path("in", "ignored.fq"), records[40:])
+    ids = [read_id(r[0]) for r in records]
+    ctx.run(barcoder_args("in", "flat"))
+    _, flat = read_summary(ctx.path("flat", SUMMARY), 18)
+    check(set(flat) == set(ids[:20]), "without --recursive only the top folder's .fastq files count")
+    ctx.run(barcoder_args("in", "deep", "--recursive"))
+    _, deep = read_summary(ctx.path("deep", SUMMARY), 18)
+    check(set(deep) == set(ids[:40]), "with --recursive the nested .fastq.gz counts and .fq never does")
+
+
+def case_reads_without_run_id(ctx):
+    records, _ = ctx.simulate("norun", 40, 18)
+    stripped = []
+    for i, (title, seq, qual) in enumerate(records):
+        if i % 5 == 0:
+            title = " ".join(f for f in title.split(" ") if not f.startswith("runid="))
+            stripped.append(read_id(title))
+        records[i] = (title, seq, qual)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    result = ctx.run(barcoder_args("in", "out", "-t", "2"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    written = output_reads(ctx.path("out"))
+    check(len(rows) == len(records) - len(stripped), "reads without a run id must be dropped, the rest kept")
+    for rid in stripped:
+        check(rid not in rows and rid not in written, f"{rid} has no run id but was written")
+        check(f"Unable to detect run ID for read with ID {rid}. This read will not be processed." in result.stdout,
+              f"no drop message for {rid}")
+    check(result.stdout.count("Could not find 'runid='") == len(stripped), "one title message per dropped read")
+
+
+def case_malformed_record(ctx):
+    records, _ = ctx.simulate("bad", 30, 19)
+    good, bad_tail, other = records[:10], records[10:20], records[20:]
+    title, seq, qual = bad_tail[0]
+    bad_tail[0] = (title, seq[:5] + "n" + seq[6:], qual)  # lower case: rejected by the reader
+    os.makedirs(ctx.path("in"), exist_ok=True)
+    write_fastq(ctx.path("in", "a.fastq"), good + bad_tail)
+    write_fastq(ctx.path("in", "b.fastq.gz"), other)
+    ctx.run(barcoder_args("in", "out"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    for rid in [read_id(r[0]) for r in good + other]:
+        check(rid in rows, f"{rid} was lost; only the malformed record and what follows it may be")
+    check(read_id(bad_tail[0][0]) not in rows, "the malformed record was processed")
+
+
+def case_thread_count_invariance(ctx):
+    records, _ = ctx.simulate("threads", 150, 20)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    results = {}
+    for threads in ("1", "2", "3"):
+        save = "out" + threads
+        ctx.run(barcoder_args("in", save, "-t", threads, "--trim_barcodes"))
+        with open(ctx.path(save, SUMMARY)) as handle:
+            lines = handle.read().split("\n")
+        written = output_reads(ctx.path(save))
+        results[threads] = (lines[0], sorted(lines[1:]), sorted((k, v[0], v[2]) for k, v in written.items()))
+    check(results["1"] == results["2"] == results["3"], "output depends on the number of worker threads")
+
+
+def case_unknown_kit(ctx):
+    records, _ = ctx.simulate("kit", 10, 21)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    os.makedirs(ctx.path("out"))
+    with open(ctx.path("out", SUMMARY), "w") as handle:
+        handle.write("earlier run\n")
+    result = ctx.run(["-i", "in", "-s", "out", "--barcode_kits", "NOPE"], expect=255)
+    check('Could not match any specified kit(s) "NOPE" with any compatible kits in the loaded configurations.'
+          in result.stdout, f"kit message missing:\n{result.stdout}")
+    with open(ctx.path("out", SUMMARY)) as handle:
+        check(handle.read() == "earlier run\n", "a failed run must leave the earlier summary alone")
+    check(not [f for _, _, fs in os.walk(ctx.path("out")) for f in fs if f.startswith("fastq_")],
+          "a failed run wrote FASTQ output")
+    # The same with --quiet still tells why, on standard error.
+    result = ctx.run(["-i", "in", "-s", "out", "--barcode_kits", "NOPE", "--quiet"], expect=255)
+    check("Could not match any specified kit(s)" in result.stderr and result.stdout == "",
+          "quiet run: message expected on stderr only")
+
+
+def case_option_errors(ctx):
+    os.makedirs(ctx.path("in"))
+    # Checked while parsing, before logging is set up: the line goes to stderr.
+    result = ctx.run(barcoder_args("in", "out", "--worker_threads", "0"), expect=255)
+    check("Invalid number of threads: 0" in result.stdout + result.stderr, "worker_threads 0 message missing")
+    result = ctx.run(["-i", "in"], expect=255)
+    check("Missing required option 'save_path'." in result.stdout, "missing save_path message missing")
+    result = ctx.run(barcoder_args("in", "out", "--num_extra_bases_trim", "3"), expect=255)
+    check("Must specify trim_barcodes flag when altering num_extra_bases_trim." in result.stdout,
+          "num_extra_bases_trim without trim_barcodes message missing")
+    result = ctx.run(barcoder_args("in", "out", "--score_matrix_filename", "no_such_matrix.txt"), expect=255)
+    check("no_such_matrix.txt" in result.stdout, "a missing matrix must be named")
+
+
+def case_help_and_kits(ctx):
+    usage = ("\nUsage:\n\n  vorpa_barcoder -i <input fastq path> -s <save path>\nWith kit name:\n"
+             "  vorpa_barcoder -i <input fastq path> -s <save path> --barcode_kits <kit name>\n"
+             "List supported barcoding kits:\n  vorpa_barcoder --print_kits\n\n")
+    result = ctx.run([])
+    check(result.stdout.startswith(usage), f"usage text differs:\n{result.stdout[:400]}")
+    for option in ("--records_per_fastq", "--compress_fastq", "--print_kits", "--device", "--barcode_kits",
+                   "--trim_barcodes", "--min_score_rear_override", "--require_barcodes_both_ends"):
+        check(option in result.stdout, f"{option} missing from the help")
+    result = ctx.run(["--print_kits"])
+    check(result.stdout.startswith("Available barcoding kits are:\n"), f"kit listing:\n{result.stdout[:400]}")
+    for kit in ("VB-NB24", "VB-NB96", "VB-RB12"):
+        check(kit in result.stdout, f"{kit} missing from the kit listing")
+    result = ctx.run(["--print_kits", "--arrangements_files", ""], expect=255)
+    check("No arrangements files specified!" in result.stdout + result.stderr, "empty arrangements_files message")
+
+
+CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--binary", required=True)
+    parser.add_argument("--source", required=True)
+    parser.add_argument("--work", required=True)
+    parser.add_argument("--case", required=True, choices=sorted(CASES))
+    args = parser.parse_args()
+    work = os.path.join(os.path.abspath(args.work), args.case)
+    shutil.rmtree(work, ignore_errors=True)
+    os.makedirs(work)
+    try:
+        CASES[args.case](Context(os.path.abspath(args.binary), os.path.abspath(args.source), work))
+    except Failure as failure:
+        print(f"FAIL {args.case}: {failure}")
+        return 1
+    print(f"ok {args.case}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
