@@ -6,8 +6,11 @@
 #if !defined(__CUDACC__)
 #include "common/cuda/cuda_emulation.h"
 #define VB_KERNEL inline
+#define VB_ALIGN_BOUNDS
 #else
 #define VB_KERNEL extern "C" __global__
+// A launch has up to maxThreads threads: registers are budgeted for that.
+#define VB_ALIGN_BOUNDS __launch_bounds__(FastAlignKernels::maxThreads)
 #endif
 
 #include "common/cuda/fastalign/align_thread.h"
@@ -28,10 +31,11 @@ VB_KERNEL void SeqToInts(const char* characters, int* codes, int count, const in
 // (reference index, query index) int pairs at paths + t * 2 * (rows - 1).
 // Each thread's work areas start at thread index times width (score and match
 // rows), times rows (band offsets and lengths) and times rows * width (trace).
-VB_KERNEL void Align(const int* matrix, const int* gapCosts, const int* config, const int* references,
-                     const int* referenceLengths, const int* query, const int* queryLength, int* rowA, int* rowB,
-                     int* rowC, int* matchRow, int* bandOffsets, int* bandLengths, unsigned char* trace, int* scores,
-                     int* paths, int* pathLengths, int width, int rows) {
+VB_KERNEL void VB_ALIGN_BOUNDS Align(const int* matrix, const int* gapCosts, const int* config, const int* references,
+                                     const int* referenceLengths, const int* query, const int* queryLength, int* rowA,
+                                     int* rowB, int* rowC, int* matchRow, int* bandOffsets, int* bandLengths,
+                                     unsigned char* trace, int* scores, int* paths, int* pathLengths, int width,
+                                     int rows) {
     const int t = static_cast<int>(threadIdx.x);
     int localMatrix[subMatrixSize * subMatrixSize];
     for (int k = 0; k < subMatrixSize * subMatrixSize; ++k)
