@@ -23,5 +23,14 @@ awk -F'\t' 'NR > 1 { count[$2]++; total++ }
     close("sort")
     printf "  %-14s %6d\n", "total", total
   }' demo_output/barcoding_summary.txt
+
+# The example reads are simulated, so their true barcodes are known.
+if [ -f examples/truth.tsv ]; then
+  awk -F'\t' 'FNR == 1 { next }
+    FILENAME ~ /truth/ { if ($2 == "double" || $2 == "front") expected[$1] = $3; next }
+    ($1 in expected) { total++; if ($2 == expected[$1]) correct++ }
+    END { printf "\nBarcoded reads given their true barcode: %d of %d (%.1f%%)\n", correct, total, 100 * correct / total }' \
+    examples/truth.tsv demo_output/barcoding_summary.txt
+fi
 echo
 echo "Reads are filed under demo_output/<barcode>/fastq_runid_<run id>_0.fastq"
