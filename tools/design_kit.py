@@ -16,6 +16,11 @@ Constraints enforced on the barcodes (length 24 by default):
   * the assembled references (front flank + barcode + inner flank) carry no
     homopolymer longer than 2 across the joins either.
 
+Flanks are short on purpose (14 + 24 + 10 = 48 bases): the scorer divides an
+alignment score by the reference's self-score, so flank bases shared by every
+reference add read-error noise to right and wrong barcodes alike without
+separating them. See docs/calibration.md for the measurements.
+
 Usage: tools/design_kit.py [--out data/barcoding] [--seed N] ...
 """
 
@@ -253,8 +258,8 @@ def main(argv=None):
     ap.add_argument("--length", type=int, default=24)
     ap.add_argument("--min-distance", type=int, default=11)
     ap.add_argument("--min-flank-distance", type=int, default=9)
-    ap.add_argument("--front-flank", type=int, default=28)
-    ap.add_argument("--inner-flank", type=int, default=18)
+    ap.add_argument("--front-flank", type=int, default=14)
+    ap.add_argument("--inner-flank", type=int, default=10)
     ap.add_argument("--rapid-count", type=int, default=12)
     ap.add_argument("--scoring", default="MAX", choices=["MAX", "ADD"])
     ap.add_argument("--match", type=int, default=5)
