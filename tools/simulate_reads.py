@@ -31,6 +31,7 @@ import argparse
 import configparser
 import glob
 import gzip
+import io
 import math
 import os
 import random
@@ -286,7 +287,8 @@ def output_names(path, parts):
 
 def open_out(path):
     if path.endswith(".gz"):
-        return gzip.open(path, "wt", compresslevel=1)
+        # mtime 0 keeps the compressed bytes reproducible from the seed too.
+        return io.TextIOWrapper(gzip.GzipFile(path, "wb", compresslevel=1, mtime=0))
     return open(path, "w")
 
 
