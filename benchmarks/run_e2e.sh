@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# End-to-end throughput: the whole program on 50,000 simulated gzip reads
+# (median 1.5 kb), with 1 and 2 worker threads and two kit sizes, beside zcat
+# of the same files as the floor any FASTQ reader pays.
+# Usage: benchmarks/run_e2e.sh <build dir>
+set -euo pipefail
+build=$(cd "${1:-build}" && pwd)
+cd "$(dirname "$0")/.."
+
+binary="$build/bin/vorpa_barcoder"
+data="$build/bench_data"
+reads=${VB_BENCH_READS:-50000}
+threads_list=${VB_BENCH_THREADS:-"1 2"}
+kits_list=${VB_BENCH_KITS:-"VB-NB24 VB-NB96"}
+
+# The reads are simulated once and kept: same seed, same files.
+if [ ! -f "$data/.complete-$reads" ]; then
+  rm -rf "$data"
+  mkdir -p "$data/reads"
+  echo "Simulating $reads reads into $data ..."
+  python3 tools/simulate_reads.py -o "$data/reads/bench.fastq.gz" --truth "$data/truth.tsv" \
+    --kit VB-NB24 -n "$reads" --seed 7 --split 10 --median-length 1500
+  touch "$data/.complete-$reads"
+fi
+
+# Runs a command, prints "<seconds> <peak KiB>".
+measure() {
+  python3 - "$@" <<'PY'
+import resource, subprocess, sys, time
+start = time.monotonic()
+with open('/dev/null', 'wb') as sink:
+    status = subprocess.call(sys.argv[1:], stdout=sink)
+seconds = time.monotonic() - start
+peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+if status != 0:
+    sys.exit(f"command failed with status {status}: {' '.join(sys.argv[1:])}")
+print(f"{seconds:.3f} {peak}")
+PY
+}
+
+inputs=("$data"/reads/*.fastq.gz)
+read -r zcat_seconds zcat_peak < <(measure zcat "${inputs[@]}")
+
+# row <label> <threads> <seconds> <peak KiB>
+row() {
+  awk -v label="$1" -v threads="$2" -v s="$3" -v peak="$4" -v reads="$reads" -v z="$zcat_seconds" 'BEGIN {
+    printf "%-10s %7s %9.2f %9.0f %12.0f %9.1f %9.1f\n", label, threads, s, reads / s,
+      (threads == "-" ? reads / s : reads / s / threads), peak / 1024, s / z }'
+}
+
+printf '%-10s %7s %9s %9s %12s %9s %9s\n' kit threads seconds reads/s reads/s/thr "peak MiB" "x zcat"
+row zcat - "$zcat_seconds" "$zcat_peak"
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
+for kit in $kits_list; do
+  for threads in $threads_list; do
+    rm -rf "$out/run"
+    read -r seconds peak < <(measure "$binary" -i "$data/reads" -s "$out/run" --barcode_kits "$kit" \
+      --worker_threads "$threads" --quiet)
+    row "$kit" "$threads" "$seconds" "$peak"
+  done
+done
