@@ -219,15 +219,16 @@ class Runner:
             write_matrix(path, s.match, s.mismatch)
         return path
 
-    def run(self, reads_dir, setting, min_score, both_ends=False, data=None, tag=""):
-        key = (reads_dir, setting, min_score, both_ends, data)
+    def run(self, reads_dir, setting, min_score, both_ends=False, data=None, kit=None):
+        kit = kit or self.kit
+        key = (reads_dir, setting, min_score, both_ends, data, kit)
         if key in self.cache:
             return self.cache[key]
         out = os.path.join(self.work, "runs", f"run{self.runs:04d}")
         shutil.rmtree(out, ignore_errors=True)
         opts = setting.options(self.matrix(setting))
         opts["min_score"] = min_score
-        cmd = [self.program, "-i", reads_dir, "-s", out, "--barcode_kits", self.kit, "-t", str(self.threads)]
+        cmd = [self.program, "-i", reads_dir, "-s", out, "--barcode_kits", kit, "-t", str(self.threads)]
         if data or self.data:
             cmd += ["-d", data or self.data]
         cmd += [f"--{k}={v}" for k, v in opts.items()]
@@ -343,6 +344,7 @@ def main(argv=None):
     ap.add_argument("--program", default=os.path.join(ROOT, "build", "bin", "vorpa_barcoder"))
     ap.add_argument("--work", default="/tmp/vb_calibration")
     ap.add_argument("--kit", default="VB-NB24")
+    ap.add_argument("--extra-kit", default="VB-NB96", help="also report this kit (empty: skip)")
     ap.add_argument("--reads", type=int, default=3000, help="reads per calibration seed and identity")
     ap.add_argument("--report-reads", type=int, default=5000, help="reads per report seed and identity")
     ap.add_argument("--calib-seeds", type=int, nargs="+", default=[11, 12])
@@ -353,6 +355,8 @@ def main(argv=None):
     ap.add_argument("--windows", default="100,150,200")
     ap.add_argument("--end-gaps", default="0", help="start_gap1/end_gap1 values")
     ap.add_argument("--leaders", type=int, default=3, help="settings checked with both ends required")
+    ap.add_argument("--setting", help="skip the sweep: match:mismatch,gap,end_gap,window (with --min-score)")
+    ap.add_argument("--min-score", type=float, default=60)
     ap.add_argument("--write-config", action="store_true")
     ap.add_argument("--report", help="Markdown output (default: <work>/report.md)")
     args = ap.parse_args(argv)
@@ -365,54 +369,60 @@ def main(argv=None):
     calib = {i: simulate(args.work, i, args.calib_seeds, args.reads, args.kit, "calib") for i in IDENTITIES}
     report = {i: simulate(args.work, i, args.report_seeds, args.report_reads, args.kit, "report")
               for i in IDENTITIES}
-    thresholds = [x / 2 for x in range(60, 181)]  # 30 .. 90 in steps of 0.5
+    thresholds = list(range(30, 91))
     md = []
 
-    # Stage 2: sweep with exact re-thresholding.
-    settings = [Setting(int(mm.split(":")[0]), int(mm.split(":")[1]), g, e, w)
-                for mm, g, w, e in itertools.product(args.matches.split(","), map(int, args.gaps.split(",")),
-                                                     map(int, args.windows.split(",")),
-                                                     map(int, args.end_gaps.split(",")))]
-    sweep = []
-    for s in settings:
-        calls = {i: runner.run(calib[i][0], s, LOW_MIN_SCORE) for i in IDENTITIES}
-        interval = feasible_interval(lambda m: {i: evaluate(calls[i], calib[i][1], m) for i in IDENTITIES},
-                                     thresholds)
-        sweep.append((s, interval, calls))
-        print(f"{s.label():40s} feasible min_score {interval}", flush=True)
-    md.append("### Sweep (calibration seeds, scoring MAX, default mode)\n")
-    md.append("Feasible min_score: every default-mode target met at all three identities.\n")
-    md.append("| setting | feasible min_score | width |\n|---|---|---|")
-    for s, iv, _ in sorted(sweep, key=lambda x: -(x[1][1] - x[1][0]) if x[1] else 1):
-        md.append(f"| {s.label()} | {f'{iv[0]} .. {iv[1]}' if iv else 'none'} | "
-                  f"{iv[1] - iv[0] if iv else '-'} |")
+    if args.setting:
+        match, gap, end_gap, window = args.setting.split(",")
+        setting = Setting(int(match.split(":")[0]), int(match.split(":")[1]), int(gap), int(end_gap), int(window))
+        min_score = args.min_score
+        md.append(f"Given: {setting.label()}, min_score {min_score}.\n")
+    else:
+        # Stage 2: sweep with exact re-thresholding.
+        settings = [Setting(int(mm.split(":")[0]), int(mm.split(":")[1]), g, e, w)
+                    for mm, g, w, e in itertools.product(args.matches.split(","), map(int, args.gaps.split(",")),
+                                                         map(int, args.windows.split(",")),
+                                                         map(int, args.end_gaps.split(",")))]
+        sweep = []
+        for s in settings:
+            calls = {i: runner.run(calib[i][0], s, LOW_MIN_SCORE) for i in IDENTITIES}
+            interval = feasible_interval(lambda m: {i: evaluate(calls[i], calib[i][1], m) for i in IDENTITIES},
+                                         thresholds)
+            sweep.append((s, interval, calls))
+            print(f"{s.label():40s} feasible min_score {interval}", flush=True)
+        md.append("### Sweep (calibration seeds, scoring MAX, default mode)\n")
+        md.append("Feasible min_score: every default-mode target met at all three identities.\n")
+        md.append("| setting | feasible min_score | width |\n|---|---|---|")
+        for s, iv, _ in sorted(sweep, key=lambda x: -(x[1][1] - x[1][0]) if x[1] else 1):
+            md.append(f"| {s.label()} | {f'{iv[0]} .. {iv[1]}' if iv else 'none'} | "
+                      f"{iv[1] - iv[0] if iv else '-'} |")
 
-    # Stage 3: the leaders with both ends required, at 0.92.
-    ranked = sorted([x for x in sweep if x[1]], key=lambda x: -(x[1][1] - x[1][0]))[:args.leaders]
-    if not ranked:
-        sys.exit("no setting meets the targets")
-    md.append("\n### Leaders with --require_barcodes_both_ends (calibration seeds, identity 0.92)\n")
-    md.append("| setting | min_score | chimeras unclassified | recall (double) |\n|---|---|---|---|")
-    choice = None
-    for s, iv, _ in ranked:
-        good = []
-        for m in range(int(math.ceil(iv[0])), int(iv[1]) + 1, 2):
-            c = evaluate(runner.run(calib[BOTH_ENDS_IDENTITY][0], s, m, both_ends=True), calib[BOTH_ENDS_IDENTITY][1])
-            md.append(f"| {s.label()} | {m} | {fmt(c.chimera_unclassified, c.chimeras)} | "
-                      f"{fmt(c.recalled, c.doubles)} |")
-            if pct(c.chimera_unclassified, c.chimeras) >= CHIMERA_TARGET and \
-                    pct(c.recalled, c.doubles) >= BOTH_ENDS_RECALL_TARGET:
-                good.append(m)
-        if good:
-            lo, hi = max(iv[0], min(good)), min(iv[1], max(good))
-            if choice is None or hi - lo > choice[2] - choice[1]:
-                choice = (s, lo, hi)
-        print(f"{s.label():40s} both-ends feasible {good}", flush=True)
-    if choice is None:
-        sys.exit("no leader meets the both-ends targets")
-    setting, lo, hi = choice
-    min_score = math.floor((lo + hi) / 2)
-    md.append(f"\nChosen: {setting.label()}, min_score {min_score} (joint feasible range {lo} .. {hi}).\n")
+        # Stage 3: the leaders with both ends required, at 0.92.
+        ranked = sorted([x for x in sweep if x[1]], key=lambda x: -(x[1][1] - x[1][0]))[:args.leaders]
+        if not ranked:
+            sys.exit("no setting meets the targets")
+        md.append("\n### Leaders with --require_barcodes_both_ends (calibration seeds, identity 0.92)\n")
+        md.append("| setting | min_score | chimeras unclassified | recall (double) |\n|---|---|---|---|")
+        choice = None
+        for s, iv, _ in ranked:
+            good = []
+            for m in range(int(math.ceil(iv[0])), int(iv[1]) + 1, 2):
+                c = evaluate(runner.run(calib[BOTH_ENDS_IDENTITY][0], s, m, both_ends=True), calib[BOTH_ENDS_IDENTITY][1])
+                md.append(f"| {s.label()} | {m} | {fmt(c.chimera_unclassified, c.chimeras)} | "
+                          f"{fmt(c.recalled, c.doubles)} |")
+                if pct(c.chimera_unclassified, c.chimeras) >= CHIMERA_TARGET and \
+                        pct(c.recalled, c.doubles) >= BOTH_ENDS_RECALL_TARGET:
+                    good.append(m)
+            if good:
+                lo, hi = max(iv[0], min(good)), min(iv[1], max(good))
+                if choice is None or hi - lo > choice[2] - choice[1]:
+                    choice = (s, lo, hi)
+            print(f"{s.label():40s} both-ends feasible {good}", flush=True)
+        if choice is None:
+            sys.exit("no leader meets the both-ends targets")
+        setting, lo, hi = choice
+        min_score = math.floor((lo + hi) / 2)
+        md.append(f"\nChosen: {setting.label()}, min_score {min_score} (joint feasible range {lo} .. {hi}).\n")
 
     # Self-check: the re-thresholded sweep equals a real run at the chosen value.
     for i in IDENTITIES:
@@ -442,6 +452,23 @@ def main(argv=None):
         md.append("With --require_barcodes_both_ends:\n")
         md.append(both_table(both) + "\n")
         print(f"\n{scoring}\n{default_table(rows)}\n{both_table(both)}", flush=True)
+
+    # The larger kit on its own held-out reads: more barcodes to confuse.
+    if args.extra_kit:
+        data = data_for[scoring_choice]
+        rows, both = [], []
+        for i in IDENTITIES:
+            folder, truth = simulate(args.work, i, args.report_seeds, args.report_reads, args.extra_kit,
+                                     f"report_{args.extra_kit}")
+            rows.append((i, evaluate(runner.run(folder, setting, min_score, data=data, kit=args.extra_kit), truth)))
+            both.append((i, evaluate(runner.run(folder, setting, min_score, both_ends=True, data=data,
+                                                kit=args.extra_kit), truth)))
+        md.append(f"### {args.extra_kit}, held-out seeds {args.report_seeds}, scoring {scoring_choice}, "
+                  f"min_score {min_score}\n")
+        md.append(default_table(rows) + "\n")
+        md.append("With --require_barcodes_both_ends:\n")
+        md.append(both_table(both) + "\n")
+        print(f"\n{args.extra_kit}\n{default_table(rows)}\n{both_table(both)}", flush=True)
 
     md.append(f"\n{runner.runs} program runs, {runner.seconds:.0f} s in the program.\n")
     report_path = args.report or os.path.join(args.work, "report.md")
