@@ -36,7 +36,7 @@
 #include <boost/log/sinks/text_ostream_backend.hpp>
 #include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/support/date_time.hpp>
-#include <boost/log/utility/setup/common_attributes.hpp>
+#include <boost/log/utility/exception_handler.hpp>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -119,11 +119,13 @@ void InitLogging(const LoggingSettings& settings) {
     core->remove_all_sinks();
     g_initialised = false;
 
-    static bool common_attributes_added = false;
-    if (!common_attributes_added) {
+    static bool core_prepared = false;
+    if (!core_prepared) {
         core->add_global_attribute("TimeStamp", logging::attributes::local_clock());
         core->add_global_attribute("ThreadID", logging::attributes::current_thread_id());
-        common_attributes_added = true;
+        // A log file that cannot be written must not take a worker down with it.
+        core->set_exception_handler(logging::make_exception_suppressor());
+        core_prepared = true;
     }
 
     bool has_sink = false;
