@@ -90,13 +90,28 @@ int FastAlign::Align(const brim::data_wrappers::VecView<int>& seq1, const brim::
     return score;
 }
 
+namespace {
+
+// Copies values[k] into a buffer readable over [-kPad, count + kPad) and
+// returns a pointer to element 0; fill is what the padding reads.
+template <typename T, typename F>
+const T* Padded(std::vector<T>& buffer, int count, T fill, F&& values) {
+    buffer.assign(static_cast<size_t>(count) + 2 * Core::kPad, fill);
+    T* base = buffer.data() + Core::kPad;
+    for (int k = 0; k < count; ++k)
+        base[k] = static_cast<T>(values(k));
+    return base;
+}
+
+}  // namespace
+
 int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int width) {
     Work& w = *work_;
     const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
     w.offsets.resize(diagonals);
     w.lengths.resize(diagonals);
     w.trace.resize(diagonals * width + Core::kPad);
-    const size_t row_size = static_cast<size_t>(width) + Core::kPad;
+    const size_t row_size = static_cast<size_t>(std::max(width, l2 + 3)) + Core::kPad;
     for (auto& row : w.rows)
         if (row.size() < row_size) row.resize(row_size);
     if (w.match.size() < row_size) w.match.resize(row_size);
@@ -118,17 +133,25 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
         job.rows[k] = w.rows[k].data();
     job.match = w.match.data();
 
-    // The vector builds look the matrix up by byte codes and need it 4 x 4.
-    const SimdKernels& kernels = n_ == 4 ? ActiveKernels() : GenericKernels();
-    if (&kernels != &GenericKernels()) {
-        w.ref_rev8.assign(static_cast<size_t>(l1) + 2 * Core::kPad, 0);
-        w.query8.assign(static_cast<size_t>(l2) + 2 * Core::kPad, 0);
-        for (int k = 0; k < l1; ++k)
-            w.ref_rev8[Core::kPad + k] = static_cast<uint8_t>(ref[l1 - 1 - k]);
-        for (int k = 0; k < l2; ++k)
-            w.query8[Core::kPad + k] = static_cast<uint8_t>(query[k]);
-        job.ref_rev8 = w.ref_rev8.data() + Core::kPad;
-        job.query8 = w.query8.data() + Core::kPad;
+    // The vector builds look the matrix up by byte codes, so they need it
+    // 4 x 4, and their impossible scores differ from the generic build's by a
+    // cost, which is harmless only while real scores stay far from them.
+    const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
+    const SimdKernels& kernels = n_ == 4 && range <= Core::kLimit32 ? ActiveKernels() : GenericKernels();
+    if (&kernels == &GenericKernels()) return kernels.fill_band(job);
+
+    const Core::Costs& c = job.costs;
+    auto up_cost = [&](int k) { return k == l1 ? c.start1 : k == 0 ? c.end1 : c.open1; };  // i = l1 - k
+    auto right_cost = [&](int j) { return j == 0 ? c.start2 : j == l2 ? c.end2 : c.open2; };
+    job.ref_rev8 = Padded<uint8_t>(w.ref_rev8, l1, 0, [&](int k) { return ref[l1 - 1 - k]; });
+    job.query8 = Padded<uint8_t>(w.query8, l2, 0, [&](int j) { return query[j]; });
+    job.lanes16 = range <= Core::kLimit16;
+    if (job.lanes16) {
+        job.up_cost16 = Padded<int16_t>(w.up_cost16, l1 + 1, 0, up_cost);
+        job.right_cost16 = Padded<int16_t>(w.right_cost16, l2 + 1, 0, right_cost);
+    } else {
+        job.up_cost = Padded<int>(w.up_cost, l1 + 1, 0, up_cost);
+        job.right_cost = Padded<int>(w.right_cost, l2 + 1, 0, right_cost);
     }
     return kernels.fill_band(job);
 }

@@ -15,8 +15,12 @@ struct FastAlign::Work {
     std::vector<uint8_t> trace;
     std::vector<int> offsets;  // band offset and length per anti-diagonal
     std::vector<int> lengths;
-    std::vector<uint8_t> ref_rev8;  // padded byte copies for the vector builds
+    std::vector<uint8_t> ref_rev8;  // padded inputs of the vector builds
     std::vector<uint8_t> query8;
+    std::vector<int> up_cost;
+    std::vector<int> right_cost;
+    std::vector<int16_t> up_cost16;
+    std::vector<int16_t> right_cost16;
     std::vector<int16_t> lane_rows16;  // batch kernels' score rows
     std::vector<int32_t> lane_rows32;
     std::vector<int> lane_scores;

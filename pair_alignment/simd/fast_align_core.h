@@ -20,23 +20,39 @@ struct Costs {
 };
 
 // One banded alignment: fill the trace matrix, return the score of (l1, l2).
+//
+// The generic build follows the band position by position with three score
+// rows of band positions and a separate routine for each diagonal's two edge
+// cells. The vector builds index their rows by query index instead, with
+// sentinel guards just outside the band, and take each cell's gap costs from
+// per-position arrays, so one vector loop covers the whole diagonal, edges and
+// matrix borders included. Both give identical scores and traces as long as
+// every impossible candidate stays below every real one, which the caller
+// guarantees by handing the vector builds only jobs within kLimit32 (or
+// kLimit16 with lanes16 set) - see fast_align.cpp.
 struct BandJob {
     int l1 = 0, l2 = 0, width = 0;
-    const int* ref = nullptr;    // l1 codes
-    const int* query = nullptr;  // l2 codes
-    // Byte copies for the vector builds (set only when the matrix is 4 x 4):
-    // ref_rev8[k] = ref[l1 - 1 - k], query8[k] = query[k]; both readable over
-    // [-kPad, length + kPad) with zeros outside the sequence.
-    const uint8_t* ref_rev8 = nullptr;
-    const uint8_t* query8 = nullptr;
+    const int* ref = nullptr;     // l1 codes
+    const int* query = nullptr;   // l2 codes
     const int* matrix = nullptr;  // n x n, row = reference code
     int n = 0;
     Costs costs{};
     const int* offsets = nullptr;  // l1 + l2 + 1 band offsets and lengths
     const int* lengths = nullptr;
     uint8_t* trace = nullptr;                    // (l1 + l2 + 1) * width codes, plus kPad writable bytes
-    int* rows[3] = {nullptr, nullptr, nullptr};  // width + kPad ints each
+    int* rows[3] = {nullptr, nullptr, nullptr};  // max(width, l2 + 3) + kPad ints each
     int* match = nullptr;                        // width + kPad ints
+
+    // For the vector builds only (the matrix is then 4 x 4). Indexed by
+    // k = l1 - i for reference position i, or by query index j, and readable
+    // over [-kPad, length + kPad):
+    const uint8_t* ref_rev8 = nullptr;   // [k] = ref[i - 1], zero outside
+    const uint8_t* query8 = nullptr;     // [j] = query[j], zero outside
+    const int* up_cost = nullptr;        // [k] = gap cost of a reference gap at i (start1, open1, end1)
+    const int* right_cost = nullptr;     // [j] = gap cost of a query gap at j (start2, open2, end2)
+    const int16_t* up_cost16 = nullptr;  // the same in 16 bits, when lanes16
+    const int16_t* right_cost16 = nullptr;
+    bool lanes16 = false;  // scores fit 16-bit lanes (within kLimit16)
 };
 using FillBandFn = int (*)(const BandJob&);
 int FillBandGeneric(const BandJob& job);

@@ -172,7 +172,13 @@ TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
     std::mt19937 rng(20261121);
     const auto builds = SupportedBuilds();
     for (int n = 0; n < 1500; ++n) {
-        const Case c = RandomCase(rng, n < 1000 ? 40 : 200);
+        Case c = RandomCase(rng, n < 1000 ? 40 : 200);
+        // Now and then scores too wide for 16-bit lanes.
+        if (n % 4 == 3) {
+            for (int& v : c.matrix) v *= 100;
+            for (int& v : c.costs) v *= 100;
+            for (int& v : c.gaps) v *= 100;
+        }
         const Result expected = Naive(c.matrix, c.costs, c.ref, c.qry, Band(c.ref.size(), c.qry.size(), c.width));
         for (const auto& build : builds) {
             ASSERT_EQ(RunAlign(c, build), expected) << build << "\n" << Describe(c);
