@@ -339,8 +339,15 @@ void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult
 // Random reads, some carrying mutated barcodes, through both scorers.
 void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<BarcodeManager>& manager,
                       const std::vector<std::string>& barcodes, int reads, unsigned seed,
-                      const std::vector<int>& matrix = kMatrix) {
-    BarcodeScorer scorer(options, manager, matrix);
+                      const std::vector<int>& matrix = kMatrix, const std::string& device = "") {
+    std::unique_ptr<BarcodeScorer> built;
+    try {
+        built = std::make_unique<BarcodeScorer>(options, manager, matrix, device);
+    } catch (const std::runtime_error& e) {
+        if (device.empty()) throw;
+        GTEST_SKIP() << "no usable device " << device << ": " << e.what();
+    }
+    BarcodeScorer& scorer = *built;
     NaiveScorer naive(options, *manager, matrix);
     std::mt19937 random(seed);
     auto mutate = [&](std::string s) {
@@ -401,13 +408,20 @@ std::map<std::string, std::string> ReadConfiguration(const std::string& path) {
     return values;
 }
 
-TEST(ShippedKits, FastPathMatchesNaiveAlignmentOnRealReferences) {
+struct ShippedKits {
+    ScorerOptions options;
+    std::shared_ptr<BarcodeManager> manager;
+    std::vector<int> matrix;
+    std::vector<std::string> barcodes;  // front references, for building reads
+};
+
+ShippedKits LoadShippedKits() {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
     auto config = ReadConfiguration(data + "/configuration.cfg");
-    if (config.count("arrangements_files") == 0) GTEST_SKIP() << "no kits configured";
-    ScorerOptions options;
-    options.arrangements_files = config["arrangements_files"];
-    options.score_matrix_filename = config["score_matrix_filename"];
+    ShippedKits kits;
+    ScorerOptions& options = kits.options;
+    options.arrangements_files = config.at("arrangements_files");
+    options.score_matrix_filename = config.at("score_matrix_filename");
     int* gaps[] = {&options.start_gap1, &options.end_gap1, &options.open_gap1, &options.extend_gap1,
                    &options.start_gap2, &options.end_gap2, &options.open_gap2, &options.extend_gap2};
     const char* gap_names[] = {"start_gap1", "end_gap1", "open_gap1", "extend_gap1",
@@ -419,14 +433,24 @@ TEST(ShippedKits, FastPathMatchesNaiveAlignmentOnRealReferences) {
     options.min_score = std::stof(config.at("min_score"));
     ValidateScorerOptions(options);
 
-    auto manager =
+    kits.manager =
         std::make_shared<BarcodeManager>(BarcodeManager::SplitArrangementFiles(options.arrangements_files), data);
-    const auto matrix = PairAlignment::LoadMismatchMatrix(ResolveDataFile(options.score_matrix_filename, data));
-    std::vector<std::string> barcodes;
-    for (const auto& a : manager->AllArrangements())
-        if (!a.barcode1.empty()) barcodes.push_back(manager->GetBarcodeSequence(a.barcode1));
-    ASSERT_FALSE(barcodes.empty());
-    CompareWithNaive(options, manager, barcodes, 200, 9, matrix);
+    kits.matrix = PairAlignment::LoadMismatchMatrix(ResolveDataFile(options.score_matrix_filename, data));
+    for (const auto& a : kits.manager->AllArrangements())
+        if (!a.barcode1.empty()) kits.barcodes.push_back(kits.manager->GetBarcodeSequence(a.barcode1));
+    return kits;
+}
+
+TEST(ShippedKits, FastPathMatchesNaiveAlignmentOnRealReferences) {
+    const ShippedKits kits = LoadShippedKits();
+    ASSERT_FALSE(kits.barcodes.empty());
+    CompareWithNaive(kits.options, kits.manager, kits.barcodes, 200, 9, kits.matrix);
+}
+
+// The same on a GPU, where this machine has one.
+TEST(ShippedKits, GpuFastPathMatchesNaiveAlignment) {
+    const ShippedKits kits = LoadShippedKits();
+    CompareWithNaive(kits.options, kits.manager, kits.barcodes, 200, 10, kits.matrix, "cuda:0");
 }
 
 }  // namespace
