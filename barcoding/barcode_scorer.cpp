@@ -126,7 +126,7 @@ std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std
     }
     if (!references.empty()) {
         const brim::data_wrappers::MatView<int> view(matrix_.data(), 4, 4);
-        const int band_width = std::max(options_.front_window_size, options_.rear_window_size);
+        const int band_width = std::max({options_.front_window_size, options_.rear_window_size, 1});
         end->aligner = MakeReferenceAligner(device, view, options_.GapVector(), band_width, references);
     }
     return end;
@@ -140,7 +140,9 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     if (end.front) {
         count = std::min(std::max(options_.front_window_size, 0), length);
     } else {
-        begin = std::max(0, length - options_.rear_window_size);
+        // 64-bit so that a negative window size cannot overflow; it yields an empty window.
+        const int64_t start = static_cast<int64_t>(length) - options_.rear_window_size;
+        begin = static_cast<int>(std::clamp<int64_t>(start, 0, length));
         count = length - begin;
     }
     end.read = &sequence;
