@@ -332,6 +332,9 @@ std::string BarcodeManager::KitListing() const {
             if (kit.empty()) continue;
             KitSummary& summary = kits[kit];
             summary.barcodes.insert(a.normalised_id);
+            // The second variant is the same construct read from the other
+            // strand: its ends say nothing about where the kit puts barcodes.
+            if (a.variant == "var2") continue;
             summary.front |= !a.barcode1.empty();
             summary.rear |= !a.barcode2.empty();
         }

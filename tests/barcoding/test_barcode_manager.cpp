@@ -66,8 +66,8 @@ TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
     dir.Write("bc.fasta", ">BC01\nAACGTTG\n>BC02\nacgUN\n");
     const std::string file = dir.Write("arr.cfg",
                                        "[loading_options]\nbarcodes_filename = bc.fasta\n"
-                                       "[double]\nbarcode1 = BC01\nbarcode2 = BC02\nscoring_function = ADD\n"
-                                       "[single]\nbarcode1 = BC01\n");
+                                       "[double]\nbarcode1 = BC01\nbarcode2 = BC02\ncompatible_kits = D\n"
+                                       "[single]\nbarcode1 = BC01\ncompatible_kits = S\n");
     BarcodeManager manager({file}, "");
     EXPECT_EQ(manager.GetBarcodeSequence("BC01_FWD"), "AACGTTG");
     EXPECT_EQ(manager.GetBarcodeSequence("BC01_REV"), "CAACGTT");
@@ -82,6 +82,10 @@ TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
     EXPECT_EQ(ends(all[2]), "single_var1:BC01_FWD|:var1");
     EXPECT_EQ(ends(all[3]), "single_var2:|BC01_REV:var2");
     EXPECT_EQ(all[1].normalised_id, "double");
+    // The mirrored variant does not make a front-only kit double-ended.
+    const std::string listing = manager.KitListing();
+    EXPECT_NE(listing.find("1 barcodes, front and rear\n"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("1 barcodes, front only\n"), std::string::npos) << listing;
 }
 
 TEST(BarcodeManager, FastaQuirks) {
