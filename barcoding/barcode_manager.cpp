@@ -345,7 +345,8 @@ std::string BarcodeManager::KitListing() const {
                            : summary.front               ? "front only"
                            : summary.rear                ? "rear only"
                                                          : "none";
-        out << Common::FormatString("  %-24s %4d barcodes, %s\n", kit, static_cast<int>(summary.barcodes.size()),
+        const int count = static_cast<int>(summary.barcodes.size());
+        out << Common::FormatString("  %-24s %4d barcode%s, %s\n", kit, count, std::string(count == 1 ? "" : "s"),
                                     std::string(ends));
     }
     return out.str();

@@ -84,8 +84,8 @@ TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
     EXPECT_EQ(all[1].normalised_id, "double");
     // The mirrored variant does not make a front-only kit double-ended.
     const std::string listing = manager.KitListing();
-    EXPECT_NE(listing.find("1 barcodes, front and rear\n"), std::string::npos) << listing;
-    EXPECT_NE(listing.find("1 barcodes, front only\n"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("1 barcode, front and rear\n"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("1 barcode, front only\n"), std::string::npos) << listing;
 }
 
 TEST(BarcodeManager, FastaQuirks) {
