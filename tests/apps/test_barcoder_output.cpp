@@ -148,7 +148,7 @@ TEST(ReadBatchQueue, EveryReadHandedOutOnce) {
             for (int b = 0; b < kBatchesPerFeeder; ++b) {
                 Vorpa::ReadBatch batch(rng() % 5);  // empty batches are ignored
                 for (size_t r = 0; r < batch.size(); ++r) {
-                    batch[r].title = "@" + std::to_string(f) + "_" + std::to_string(b) + "_" + std::to_string(r);
+                    batch[r].title = std::to_string(f * 1000000 + b * 10 + static_cast<int>(r));
                 }
                 queue.Push(std::move(batch));
             }
