@@ -1,0 +1,59 @@
+// The scorer's GPU aligner against its CPU one, through the fake CUDA driver
+// running the fastalign kernels on the CPU: more references than one launch
+// takes, windows longer than the aligner was first sized for, and per-reference
+// paths answered from the last launch.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "barcoding/gpu_reference_aligner.h"
+#include "common/kernel_images.h"
+#include "tests/common/emulated_fastalign_kernels.h"
+#include "tests/common/fake_cuda_driver.h"
+
+namespace {
+
+TEST(GpuReferenceAligner, AgreesWithTheCpuAligner) {
+    if (Common::FindKernelImage("fastalign.fatbin") == nullptr) GTEST_SKIP() << "built without nvcc";
+    FakeCuda::FakeCudaDriver fake;
+    FakeCuda::RegisterEmulatedFastAlign(fake.state());
+    std::mt19937 rng(31);
+    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+
+    std::vector<int> matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3};
+    const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
+    const std::vector<int> gaps = {1, 1, 4, 4, 5, 5, 4, 4};
+    std::vector<std::vector<int>> references(400);  // two launches
+    for (auto& reference : references) {
+        reference.resize(static_cast<size_t>(uniform(5, 20)));
+        for (int& code : reference)
+            code = uniform(0, 3);
+    }
+    const int band_width = 30;
+    {
+        auto gpu = Barcoding::MakeGpuReferenceAligner("cuda:0", view, gaps, band_width, references);
+        auto cpu = Barcoding::MakeCpuReferenceAligner(view, gaps, band_width, references);
+        for (int round = 0; round < 6; ++round) {
+            // Later rounds exceed the band width the aligner was sized for.
+            std::vector<int> window(static_cast<size_t>(round < 3 ? uniform(0, 30) : uniform(31, 80)));
+            for (int& code : window)
+                code = uniform(0, 3);
+            std::vector<int> gpu_scores, cpu_scores;
+            gpu->ScoreAll(window, gpu_scores);
+            cpu->ScoreAll(window, cpu_scores);
+            ASSERT_EQ(gpu_scores, cpu_scores) << "round " << round;
+            const size_t launches = fake.state().launches.size();
+            for (size_t k : {size_t{0}, size_t{351}, size_t{352}, size_t{399}}) {
+                PairAlignment::Path gpu_path, cpu_path;
+                EXPECT_EQ(gpu->AlignOne(k, window, gpu_path), cpu->AlignOne(k, window, cpu_path));
+                EXPECT_EQ(gpu_path, cpu_path) << "round " << round << " reference " << k;
+            }
+            EXPECT_EQ(fake.state().launches.size(), launches);  // paths came with the scores
+        }
+    }
+    EXPECT_TRUE(fake.state().device_blocks.empty());
+    EXPECT_EQ(fake.state().live_contexts, 0);
+}
+
+}  // namespace
