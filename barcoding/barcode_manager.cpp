@@ -241,9 +241,12 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
         }
     }
 
-    // Variants first, then orientation: the second variant is the read from
-    // the other strand, so its front holds the rear barcode as written
-    // ("_FWD") and its rear the front barcode reverse-complemented ("_REV").
+    // Orientation belongs to the barcode's place in the arrangement as
+    // written: the written front barcode is always "_FWD" and the written rear
+    // one "_REV". The second variant then exchanges the two ends, so a double
+    // barcode BC01/BC01 gives var1 = BC01_FWD|BC01_REV and var2 =
+    // BC01_REV|BC01_FWD. The swap is recorded here and applied after the
+    // suffixes below.
     std::vector<Arrangement> expanded;
     if (options.double_variants_frontrear) {
         expanded.reserve(2 * loaded.size());
@@ -254,7 +257,6 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
             Arrangement var2 = a;
             var2.id += "_var2";
             var2.variant = "var2";
-            std::swap(var2.barcode1, var2.barcode2);
             expanded.push_back(std::move(var1));
             expanded.push_back(std::move(var2));
         }
@@ -269,6 +271,8 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
             if (!a.barcode2.empty()) a.barcode2 += "_REV";
         }
     }
+    for (auto& a : expanded)
+        if (a.variant == "var2") std::swap(a.barcode1, a.barcode2);
 
     for (const auto& a : expanded) {
         for (const std::string* name : {&a.barcode1, &a.barcode2}) {

@@ -78,9 +78,9 @@ TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
     ASSERT_EQ(all.size(), 4u);
     auto ends = [](const Arrangement& a) { return a.id + ":" + a.barcode1 + "|" + a.barcode2 + ":" + a.variant; };
     EXPECT_EQ(ends(all[0]), "double_var1:BC01_FWD|BC02_REV:var1");
-    EXPECT_EQ(ends(all[1]), "double_var2:BC02_FWD|BC01_REV:var2");
+    EXPECT_EQ(ends(all[1]), "double_var2:BC02_REV|BC01_FWD:var2");
     EXPECT_EQ(ends(all[2]), "single_var1:BC01_FWD|:var1");
-    EXPECT_EQ(ends(all[3]), "single_var2:|BC01_REV:var2");
+    EXPECT_EQ(ends(all[3]), "single_var2:|BC01_FWD:var2");
     EXPECT_EQ(all[1].normalised_id, "double");
     // The mirrored variant does not make a front-only kit double-ended.
     const std::string listing = manager.KitListing();

@@ -104,14 +104,16 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
     auto results = scorer.Score(pair, 3);
     EXPECT_EQ(results[0].id, "barcode02_var1");
     EXPECT_FLOAT_EQ(results[0].score, 100 + results[0].rear.score);
-    EXPECT_EQ(results[1].id, "barcode02_var2");
-    EXPECT_EQ(results[2].id, "pair_var1");
-    EXPECT_FLOAT_EQ(results[2].score, 100);
+    EXPECT_EQ(results[1].id, "pair_var1");
+    EXPECT_FLOAT_EQ(results[1].score, 100);
+
+    // The second variant exchanges the written ends: BC03 reverse-complemented
+    // at the front and BC02 as written at the rear.
     BarcodeScorer pair_scorer(Options("AK"), manager_, kMatrix);
-    best = pair_scorer.Score(ReverseComplement(pair))[0];
+    best = pair_scorer.Score(Read(ReverseComplement(barcodes_[2]), ReverseComplement(barcodes_[1])))[0];
     EXPECT_EQ(best.id, "pair_var2");
-    EXPECT_EQ(best.front.id, "BC03_FWD");
-    EXPECT_EQ(best.rear.id, "BC02_REV");
+    EXPECT_EQ(best.front.id, "BC03_REV");
+    EXPECT_EQ(best.rear.id, "BC02_FWD");
     EXPECT_FLOAT_EQ(best.score, 100);
 
     // Single-ended kit: the front score alone, whatever the scoring function says.
@@ -121,9 +123,10 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
     EXPECT_FLOAT_EQ(best.score, 100);
     EXPECT_EQ(best.rear.id, "");
     EXPECT_EQ(best.rear.begin_index, -1);
-    best = scorer.Score(ReverseComplement(single))[0];
+    // Its second variant looks for the barcode as written at the rear.
+    best = scorer.Score(Read("", ReverseComplement(barcodes_[3])))[0];
     EXPECT_EQ(best.id, "single_var2");
-    EXPECT_EQ(best.rear.found_sequence, ReverseComplement(barcodes_[3]));
+    EXPECT_EQ(best.rear.found_sequence, barcodes_[3]);
     EXPECT_EQ(best.rear.begin_index, 10);
 
     // Reads shorter than a window are used whole; an empty read is unclassified.
@@ -169,7 +172,7 @@ TEST_F(ScorerTest, InspectionAndTracingAgreeWithScore) {
     const auto quiet = scorer.Score(read, SIZE_MAX);
 
     const auto front = scorer.InspectFront(read, "DK");
-    ASSERT_EQ(front.size(), 2u);  // BC01_FWD, BC02_FWD: both variants of a same-barcode pair agree
+    ASSERT_EQ(front.size(), 4u);  // BC01/BC02, each _FWD (var1) and _REV (var2)
     EXPECT_EQ(front[0].id, quiet[0].front.id);
     EXPECT_EQ(front[0].found_sequence, quiet[0].front.found_sequence);
     const auto rear = scorer.InspectRear(read, "DK");
