@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "pair_alignment/simd/band_cells.h"
+#include "pair_alignment/simd/fast_align_core.h"
 
 namespace PairAlignment::Core {
 

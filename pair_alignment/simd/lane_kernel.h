@@ -19,6 +19,13 @@
 namespace PairAlignment::Core {
 namespace {
 
+inline int MaxOf(int a, int b) {
+    return a > b ? a : b;
+}
+inline int MinOf(int a, int b) {
+    return a < b ? a : b;
+}
+
 template <class B>
 void ScoreLanes(const LaneJob& job, int sentinel) {
     using T = typename B::T;
@@ -68,21 +75,24 @@ void ScoreLanes(const LaneJob& job, int sentinel) {
             B::Store(cur + lo * lanes, none);
             B::Store(cur + (hi + 2) * lanes, none);
             // Cells with 1 <= i < l1 and 1 <= j < l2 only pay open costs.
-            const int first = lo > 1 ? (lo > d - l1 + 1 ? lo : d - l1 + 1) : (1 > d - l1 + 1 ? 1 : d - l1 + 1);
-            int last = hi < l2 - 1 ? hi : l2 - 1;
-            if (last > d - 1) last = d - 1;
+            const int first = MaxOf(lo, MaxOf(1, d - l1 + 1));
+            const int last = MinOf(hi, MinOf(l2 - 1, d - 1));
             for (int j = lo; j <= hi && j < first; ++j)
                 edge_cell(d, j);
             // Profile row of reference position i - 1, walking down as j goes up.
             int row = (d - first - 1) * n * lanes;
+            // S(i-1, j) of one cell is S(i, j-1) of the next: carried, not reloaded.
+            T left = B::Load(prev + first * lanes);
             for (int j = first; j <= last; ++j, row -= n * lanes) {
                 // S(i,j) = max(S(i-1,j-1) + M(ref[i-1], q[j-1]), S(i,j-1) + open1, S(i-1,j) + open2)
+                const T above = B::Load(prev + (j + 1) * lanes);
                 const T diag = B::Add(B::Load(prev2 + j * lanes), B::Load(profile + row + query[j - 1] * lanes));
-                const T up = B::Add(B::Load(prev + j * lanes), open1);
-                const T right = B::Add(B::Load(prev + (j + 1) * lanes), open2);
+                const T up = B::Add(left, open1);
+                const T right = B::Add(above, open2);
                 B::Store(cur + (j + 1) * lanes, B::Max(diag, B::Max(up, right)));
+                left = above;
             }
-            for (int j = (last + 1 > first ? last + 1 : first); j <= hi; ++j)
+            for (int j = MaxOf(last + 1, first); j <= hi; ++j)
                 edge_cell(d, j);
             Elem* spare = prev2;
             prev2 = prev;
