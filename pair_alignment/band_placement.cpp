@@ -42,4 +42,13 @@ void PlaceBand(int l1, int l2, int width, int* offsets, int* lengths) {
     }
 }
 
+bool BandEndsStepByOne(const int* offsets, const int* lengths, int diagonals) {
+    for (int d = 1; d < diagonals; ++d) {
+        const int start_step = offsets[d] - offsets[d - 1];
+        const int end_step = offsets[d] + lengths[d] - offsets[d - 1] - lengths[d - 1];
+        if (start_step < 0 || start_step > 1 || end_step < 0 || end_step > 1) return false;
+    }
+    return true;
+}
+
 }  // namespace PairAlignment

@@ -14,4 +14,9 @@ int EffectiveBandWidth(int l1, int l2, int configured);
 // increasing). Both arrays hold l1 + l2 + 1 values.
 void PlaceBand(int l1, int l2, int width, int* offsets, int* lengths);
 
+// Whether both ends of the band advance by 0 or 1 cell per diagonal, as
+// PlaceBand guarantees. The vector kernels, which read just past the band's
+// previous ends, rely on it and check it before trusting a band.
+bool BandEndsStepByOne(const int* offsets, const int* lengths, int diagonals);
+
 }  // namespace PairAlignment

@@ -137,7 +137,9 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
     // 4 x 4, and their impossible scores differ from the generic build's by a
     // cost, which is harmless only while real scores stay far from them.
     const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
-    const SimdKernels& kernels = n_ == 4 && range <= Core::kLimit32 ? ActiveKernels() : GenericKernels();
+    const bool vector_safe =
+        n_ == 4 && range <= Core::kLimit32 && BandEndsStepByOne(job.offsets, job.lengths, static_cast<int>(diagonals));
+    const SimdKernels& kernels = vector_safe ? ActiveKernels() : GenericKernels();
     if (&kernels == &GenericKernels()) return kernels.fill_band(job);
 
     const Core::Costs& c = job.costs;

@@ -80,10 +80,16 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
     for (const ReferenceBatch::Group& group : batch.groups) {
         const int l1 = group.length;
         if (l1 == 0) continue;
-        const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
+        const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
+        w.offsets.resize(diagonals);
+        w.lengths.resize(diagonals);
+        PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, band_width_), w.offsets.data(), w.lengths.data());
+        const int64_t range = static_cast<int64_t>(diagonals) * max_abs_cost_;
         const bool use16 = range <= Core::kLimit16 && !group.profile16.empty();
-        if (!use16 && range > Core::kLimit32) {
-            // Scores too large for 32-bit lanes with a safe sentinel: one by one.
+        if ((!use16 && range > Core::kLimit32) ||
+            !BandEndsStepByOne(w.offsets.data(), w.lengths.data(), static_cast<int>(diagonals))) {
+            // Scores too large for 32-bit lanes with a safe sentinel (or a band
+            // the kernels cannot walk): one by one.
             for (int member : group.members) {
                 const std::vector<int>& ref = batch.references[member];
                 scores[member] = Align(brim::data_wrappers::VecView<int>(const_cast<int*>(ref.data()), ref.size()),
@@ -91,11 +97,6 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
             }
             continue;
         }
-        const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
-        w.offsets.resize(diagonals);
-        w.lengths.resize(diagonals);
-        PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, band_width_), w.offsets.data(), w.lengths.data());
-
         Core::LaneJob job;
         job.l1 = l1;
         job.l2 = l2;
