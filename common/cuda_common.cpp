@@ -1,5 +1,6 @@
 #include "common/cuda_common.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <stdexcept>
@@ -135,7 +136,11 @@ std::shared_ptr<CUDADevice> CUDADevice::Acquire(const CUDADeviceRequest& request
     if (index == kAutoDevice) {
         // Settled once: later workers must land on the same GPU even though
         // the first one's allocations changed the free memory.
-        if (auto_choice < 0) auto_choice = PickAutoDevice(driver);
+        if (auto_choice < 0) {
+            auto_choice = PickAutoDevice(driver);
+            VB_LOG(Log(), Severity::info)
+                << "Device string auto: using CUDA device " << auto_choice << ", the one with the most free memory";
+        }
         index = auto_choice;
     }
     if (auto existing = registry[index].lock()) return existing;
@@ -172,7 +177,7 @@ CUDADevice::CUDADevice(int index, const CUDADeviceRequest& request) : driver_(Ge
         memory_limit_ = request.memory_bytes;
     VB_LOG(Log(), Severity::info) << "Using CUDA device " << index << ": compute capability " << major << "." << minor
                                   << ", " << processors << " multiprocessors, " << free << " of " << total
-                                  << " bytes free" << (memory_limit_ ? ", pool limit " : "")
+                                  << " bytes free" << (memory_limit_ ? ", memory limit " : "")
                                   << (memory_limit_ ? std::to_string(memory_limit_) + " bytes" : "");
 }
 
@@ -236,7 +241,7 @@ CUdeviceptr CUDADevice::ReserveBuffer(size_t bytes, CUstream stream) {
         return best->pointer;
     }
 
-    if (memory_limit_ != 0 && pool_bytes_ + bytes > memory_limit_)
+    if (memory_limit_ != 0 && pool_bytes_ + charged_bytes_ + bytes > memory_limit_)
         throw std::runtime_error("Could not allocate shared buffer for CUDA basecaller.");
     CUdeviceptr pointer = 0;
     if (driver_.cuMemAlloc_v2(&pointer, bytes) != CUDA_SUCCESS)
@@ -244,6 +249,21 @@ CUdeviceptr CUDADevice::ReserveBuffer(size_t bytes, CUstream stream) {
     buffers_.push_back({pointer, bytes, true, nullptr});
     pool_bytes_ += bytes;
     return pointer;
+}
+
+void CUDADevice::ChargeMemory(int64_t bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (bytes < 0) {
+        charged_bytes_ -= std::min(charged_bytes_, static_cast<uint64_t>(-bytes));
+        return;
+    }
+    const uint64_t wanted = static_cast<uint64_t>(bytes);
+    if (memory_limit_ != 0 && pool_bytes_ + charged_bytes_ + wanted > memory_limit_)
+        throw std::runtime_error("GPU memory limit of " + std::to_string(memory_limit_) +
+                                 " bytes reached on CUDA device " + std::to_string(index_) + ": " +
+                                 std::to_string(wanted) +
+                                 " more bytes needed (raise the limit in the device string or use fewer workers).");
+    charged_bytes_ += wanted;
 }
 
 void CUDADevice::ReleaseBufferAsync(CUdeviceptr pointer, CUstream stream) {

@@ -45,8 +45,13 @@ public:
 
     int Index() const { return index_; }
     CUcontext Context() const { return context_; }
-    // Bytes the buffer pool may hold; 0 = as much as the device gives.
+    // Bytes this program may hold on the device (the device string's limit,
+    // shared by the buffer pool and ChargeMemory); 0 = as much as it gives.
     uint64_t MemoryLimit() const { return memory_limit_; }
+    // Counts memory that its owner allocates directly (not from the pool)
+    // against the limit: throws std::runtime_error, charging nothing, when
+    // bytes more would exceed it. A negative count gives bytes back.
+    void ChargeMemory(int64_t bytes);
 
     // Makes the device's context current on this thread for its lifetime.
     class ScopedContext {
@@ -94,6 +99,7 @@ private:
     std::mutex mutex_;  // guards everything below
     std::vector<Buffer> buffers_;
     uint64_t pool_bytes_ = 0;
+    uint64_t charged_bytes_ = 0;
     std::map<std::string, CUmodule> modules_;
 };
 

@@ -142,31 +142,40 @@ void FastAlignGPU::Allocate() {
     const size_t width = static_cast<size_t>(row_width_);
     const size_t rows = static_cast<size_t>(rows_);
     const size_t path_ints = 2 * (rows - 1);
-    auto make = [&](DeviceArray& array, size_t bytes, bool staged) {
-        array.bytes = std::max<size_t>(bytes, sizeof(int));  // the driver refuses empty allocations
-        VB_CHECK(driver.cuMemAlloc_v2(&array.device, array.bytes));
-        if (staged) VB_CHECK(driver.cuMemAllocHost_v2(&array.host, array.bytes));
-        b.total_bytes += array.bytes;
+    // Sizes first: the whole set is charged against the device's memory limit
+    // before anything is allocated. Staged arrays have page-locked host twins.
+    const std::pair<Slot, std::pair<size_t, bool>> plan[] = {
+        {kMatrix, {matrix_.size() * sizeof(int), true}},
+        {kGaps, {gap_costs_.size() * sizeof(int), true}},
+        {kConfig, {2 * sizeof(int), true}},
+        {kLookup, {lookup_.size() * sizeof(int), true}},
+        {kReferences, {threads * static_cast<size_t>(max_reference_length_) * sizeof(int), true}},
+        {kReferenceLengths, {threads * sizeof(int), true}},
+        {kQueryChars, {static_cast<size_t>(max_query_length_), true}},
+        {kQueryCodes, {static_cast<size_t>(max_query_length_) * sizeof(int), false}},
+        {kQueryLength, {sizeof(int), true}},
+        {kRowA, {threads * width * sizeof(int), false}},
+        {kRowB, {threads * width * sizeof(int), false}},
+        {kRowC, {threads * width * sizeof(int), false}},
+        {kMatch, {threads * width * sizeof(int), false}},
+        {kBandOffsets, {threads * rows * sizeof(int), false}},
+        {kBandLengths, {threads * rows * sizeof(int), false}},
+        {kTrace, {threads * rows * width, false}},
+        {kScores, {threads * sizeof(int), true}},
+        {kPaths, {threads * path_ints * sizeof(int), true}},
+        {kPathLengths, {threads * sizeof(int), true}},
     };
-    make(b[kMatrix], matrix_.size() * sizeof(int), true);
-    make(b[kGaps], gap_costs_.size() * sizeof(int), true);
-    make(b[kConfig], 2 * sizeof(int), true);
-    make(b[kLookup], lookup_.size() * sizeof(int), true);
-    make(b[kReferences], threads * static_cast<size_t>(max_reference_length_) * sizeof(int), true);
-    make(b[kReferenceLengths], threads * sizeof(int), true);
-    make(b[kQueryChars], static_cast<size_t>(max_query_length_), true);
-    make(b[kQueryCodes], static_cast<size_t>(max_query_length_) * sizeof(int), false);
-    make(b[kQueryLength], sizeof(int), true);
-    make(b[kRowA], threads * width * sizeof(int), false);
-    make(b[kRowB], threads * width * sizeof(int), false);
-    make(b[kRowC], threads * width * sizeof(int), false);
-    make(b[kMatch], threads * width * sizeof(int), false);
-    make(b[kBandOffsets], threads * rows * sizeof(int), false);
-    make(b[kBandLengths], threads * rows * sizeof(int), false);
-    make(b[kTrace], threads * rows * width, false);
-    make(b[kScores], threads * sizeof(int), true);
-    make(b[kPaths], threads * path_ints * sizeof(int), true);
-    make(b[kPathLengths], threads * sizeof(int), true);
+    size_t total = 0;
+    for (const auto& [slot, size] : plan)
+        total += std::max<size_t>(size.first, sizeof(int));
+    device_->ChargeMemory(static_cast<int64_t>(total));
+    b.total_bytes = total;
+    for (const auto& [slot, size] : plan) {
+        DeviceArray& array = b[slot];
+        array.bytes = std::max<size_t>(size.first, sizeof(int));  // the driver refuses empty allocations
+        VB_CHECK(driver.cuMemAlloc_v2(&array.device, array.bytes));
+        if (size.second) VB_CHECK(driver.cuMemAllocHost_v2(&array.host, array.bytes));
+    }
 
     std::copy(matrix_.begin(), matrix_.end(), b[kMatrix].Host<int>());
     std::copy(gap_costs_.begin(), gap_costs_.end(), b[kGaps].Host<int>());
@@ -197,6 +206,8 @@ void FastAlignGPU::Release() noexcept {
         }
         if (stream_ != nullptr) report(driver.cuStreamDestroy_v2(stream_), __LINE__);
         stream_ = nullptr;
+        device_->ChargeMemory(-static_cast<int64_t>(buffers_->total_bytes));
+        buffers_->total_bytes = 0;
     } catch (const std::exception& e) {
         VB_LOG(Log(), Common::Severity::error) << "FastAlignGPU clean-up failed: " << e.what();
     }

@@ -187,6 +187,12 @@ TEST_F(EmulatedGpu, ConstructorChecks) {
         FastAlignGPU gpu(view, kDefaultGaps, table, 10, 10, "cuda:1,0", 11);
         EXPECT_EQ(fake_.state().contexts_created, std::vector<int>{1});
     }
+    // The device string's memory limit covers the aligners' own buffers.
+    EXPECT_EQ(message([&] {
+                  FastAlignGPU(view, kDefaultGaps, table, 10, 10, "cuda:0:1000", 11);
+              }).rfind("GPU memory limit of 1000 bytes reached on CUDA device 0: ", 0),
+              0u);
+    EXPECT_TRUE(fake_.state().device_blocks.empty());
     // A failing driver call names this aligner's source and the driver's error,
     // and what was allocated before it is released again.
     fake_.state().fail_allocation_after = 6;
