@@ -50,7 +50,7 @@ private:
         const std::vector<int> lookup = PairAlignment::FastAlignGPU::BaseCodeTable();
         const size_t per_launch = PairAlignment::FastAlignGPU::kMaxReferences;
         for (size_t first = 0; first == 0 || first < references_.size(); first += per_launch) {
-            auto aligner = std::make_unique<PairAlignment::FastAlignGPU>(view, gaps_, lookup, max_reference_length_,
+            auto aligner = std::make_shared<PairAlignment::FastAlignGPU>(view, gaps_, lookup, max_reference_length_,
                                                                          max_query_length, device_, band_width_);
             const size_t last = std::min(references_.size(), first + per_launch);
             aligner->SetReferences(std::vector<std::vector<int>>(references_.begin() + static_cast<long>(first),
@@ -88,7 +88,7 @@ private:
     std::vector<std::vector<int>> references_;
     size_t max_reference_length_ = 0;
     size_t max_query_length_ = 0;
-    std::vector<std::unique_ptr<PairAlignment::FastAlignGPU>> chunks_;
+    std::vector<std::shared_ptr<PairAlignment::FastAlignGPU>> chunks_;
 
     // The last launch.
     bool have_results_ = false;
