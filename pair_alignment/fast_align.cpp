@@ -108,14 +108,12 @@ const T* Padded(std::vector<T>& buffer, int count, T fill, F&& values) {
 int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int width) {
     Work& w = *work_;
     const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
-    w.offsets.resize(diagonals);
-    w.lengths.resize(diagonals);
+    const bool band_steps_by_one = PrepareBand(l1, l2, width);
     w.trace.resize(diagonals * width + Core::kPad);
     const size_t row_size = static_cast<size_t>(std::max(width, l2 + 3)) + Core::kPad;
     for (auto& row : w.rows)
         if (row.size() < row_size) row.resize(row_size);
     if (w.match.size() < row_size) w.match.resize(row_size);
-    PlaceBand(l1, l2, width, w.offsets.data(), w.lengths.data());
 
     Core::BandJob job;
     job.l1 = l1;
@@ -137,8 +135,7 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
     // 4 x 4, and their impossible scores differ from the generic build's by a
     // cost, which is harmless only while real scores stay far from them.
     const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
-    const bool vector_safe =
-        n_ == 4 && range <= Core::kLimit32 && BandEndsStepByOne(job.offsets, job.lengths, static_cast<int>(diagonals));
+    const bool vector_safe = n_ == 4 && range <= Core::kLimit32 && band_steps_by_one;
     const SimdKernels& kernels = vector_safe ? ActiveKernels() : GenericKernels();
     if (&kernels == &GenericKernels()) return kernels.fill_band(job);
 
@@ -158,39 +155,48 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
     return kernels.fill_band(job);
 }
 
+bool FastAlign::PrepareBand(int l1, int l2, int width) {
+    Work& w = *work_;
+    if (w.band_l1 == l1 && w.band_l2 == l2 && w.band_width == width) return w.band_steps_by_one;
+    const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
+    w.offsets.resize(diagonals);
+    w.lengths.resize(diagonals);
+    PlaceBand(l1, l2, width, w.offsets.data(), w.lengths.data());
+    w.band_steps_by_one = BandEndsStepByOne(w.offsets.data(), w.lengths.data(), static_cast<int>(diagonals));
+    w.band_l1 = l1;
+    w.band_l2 = l2;
+    w.band_width = width;
+    return w.band_steps_by_one;
+}
+
 // Walks the trace from (L1, L2) back to a border, collecting the (reference,
-// query) index of every cell passed, then marks gaps: a step that leaves one
-// index unchanged aligned the other base against a gap.
+// query) index pair of every cell passed. A step that leaves one index
+// unchanged aligned the other base against a gap, so that index is marked -1.
+// Marking each pair as its step is taken gives exactly the pairs of the
+// two-pass formulation (collect, then compare each pair with the next): the
+// next pair repeats an index precisely when the step kept it. Once one
+// sequence is exhausted, the rest of the other faces gaps.
 void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
     const Work& w = *work_;
+    path.reserve(static_cast<size_t>(l1) + l2);
     int i = l1 - 1;
     int j = l2 - 1;
     int d = l1 + l2;
     int position = 0;
     while (i >= 0 && j >= 0) {
-        path.emplace_back(i, j);
         const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
-        if (code == DIAG) {
-            --i;
-            --j;
-            d -= 2;
-        } else if (code == UP) {
-            --j;
-            --d;
-        } else {
-            --i;
-            --d;
-        }
+        const int di = code != UP;     // DIAG and RIGHT consume a reference base
+        const int dj = code != RIGHT;  // DIAG and UP consume a query base
+        path.emplace_back(di ? i : -1, dj ? j : -1);
+        i -= di;
+        j -= dj;
+        d -= di + dj;
         position = j + 1 - w.offsets[d];
     }
     for (; i >= 0; --i)
         path.emplace_back(i, -1);
     for (; j >= 0; --j)
         path.emplace_back(-1, j);
-    for (size_t k = 0; k + 1 < path.size(); ++k) {
-        if (path[k].first == path[k + 1].first) path[k].first = -1;
-        if (path[k].second == path[k + 1].second) path[k].second = -1;
-    }
     std::reverse(path.begin(), path.end());
 }
 

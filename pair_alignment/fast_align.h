@@ -77,6 +77,9 @@ private:
     struct Work;  // score rows, match row, trace matrix, band offsets/lengths
     // Fills the trace of one alignment (both lengths > 0); returns its score.
     int FillTrace(const int* ref, int l1, const int* query, int l2, int width);
+    // Places the band of (l1, l2, width) in the work buffers unless it is
+    // already there; returns whether its ends step by at most one cell.
+    bool PrepareBand(int l1, int l2, int width);
     void Traceback(int l1, int l2, int width, Path& path) const;
     Core::Costs InternalCosts() const;
 

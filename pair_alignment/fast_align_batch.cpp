@@ -81,13 +81,10 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         const int l1 = group.length;
         if (l1 == 0) continue;
         const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
-        w.offsets.resize(diagonals);
-        w.lengths.resize(diagonals);
-        PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, band_width_), w.offsets.data(), w.lengths.data());
+        const bool band_steps_by_one = PrepareBand(l1, l2, EffectiveBandWidth(l1, l2, band_width_));
         const int64_t range = static_cast<int64_t>(diagonals) * max_abs_cost_;
         const bool use16 = range <= Core::kLimit16 && !group.profile16.empty();
-        if ((!use16 && range > Core::kLimit32) ||
-            !BandEndsStepByOne(w.offsets.data(), w.lengths.data(), static_cast<int>(diagonals))) {
+        if ((!use16 && range > Core::kLimit32) || !band_steps_by_one) {
             // Scores too large for 32-bit lanes with a safe sentinel (or a band
             // the kernels cannot walk): one by one.
             for (int member : group.members) {

@@ -15,6 +15,10 @@ struct FastAlign::Work {
     std::vector<uint8_t> trace;
     std::vector<int> offsets;  // band offset and length per anti-diagonal
     std::vector<int> lengths;
+    // What offsets and lengths were placed for: consecutive calls usually share
+    // both lengths, so the band is placed once for many alignments.
+    int band_l1 = -1, band_l2 = -1, band_width = -1;
+    bool band_steps_by_one = false;
     std::vector<uint8_t> ref_rev8;  // padded inputs of the vector builds
     std::vector<uint8_t> query8;
     std::vector<int> up_cost;
