@@ -45,7 +45,7 @@ struct ReferenceBatch;
 class FastAlign : public Aligner {
 public:
     // matrix: n x n mismatch scores (copied); gaps: 6 or 8 positive costs (see
-    // score_matrix.h); band_width: rounded up to odd.
+    // score_matrix.h); band_width: rounded up to odd, must be positive.
     FastAlign(const brim::data_wrappers::MatView<int>& matrix, std::vector<int> gaps, int band_width);
     ~FastAlign() override;
 
@@ -57,13 +57,15 @@ public:
     virtual int GetMismatchScore(int i, int j);
 
     // Many references against one query. Scores (and the paths asked for) are
-    // exactly those Align would give for each reference on its own.
+    // exactly those Align would give for each reference on its own. A batch
+    // may only be used with an aligner of the same matrix (checked).
     std::shared_ptr<const ReferenceBatch> PrepareReferences(const std::vector<std::vector<int>>& references) const;
     // scores[k] for reference k, no traceback at all.
     void ScoreBatch(const ReferenceBatch& batch, const brim::data_wrappers::VecView<int>& query,
                     std::vector<int>& scores);
     // As ScoreBatch, and paths[k] filled only where want_path[k] is non-zero
-    // (the others are left empty).
+    // (the others are left empty; entries past the end of want_path count as
+    // zero).
     void AlignBatch(const ReferenceBatch& batch, const brim::data_wrappers::VecView<int>& query,
                     const std::vector<uint8_t>& want_path, std::vector<int>& scores, std::vector<Path>& paths);
 
@@ -93,7 +95,8 @@ private:
 
 // Which build of the core routines is in use: "generic", "sse41" or "avx2".
 // Chosen once from the processor's features; the environment variable VB_SIMD
-// forces one (an unknown or unsupported value is an error).
+// forces one (an unknown or unsupported value is an error), and so does
+// ForceSimdBuild (simd_dispatch.h) for tests and benchmarks.
 const char* ActiveSimdBuild();
 
 }  // namespace PairAlignment
