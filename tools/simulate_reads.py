@@ -15,9 +15,11 @@ Kinds of reads (fractions configurable):
   none     no barcode construct; half of them still carry a bare adapter stem
   chimera  the front barcode of one arrangement, the rear of another
 
-Errors: substitutions, insertions and deletions at the chosen identity, a share
-of them placed as indels in homopolymer runs (runs of 3 or more), the way
-long-read errors cluster. Qualities are Phred+33 around a per-read mean that
+Errors: substitutions, insertions and deletions at the chosen identity, plus
+extra indels in homopolymer runs (runs of 3 or more), the way long-read errors
+cluster. The identity is that of sequence without such runs (barcodes and
+flanks have none), so the read as a whole is a little less accurate:
+conservative for calibration. Qualities are Phred+33 around a per-read mean that
 follows the identity, low at the erroneous bases.
 
 Everything (ids, run ids, lengths, errors) comes from --seed. Output is FASTQ
@@ -45,8 +47,10 @@ HOMOPOLYMER = re.compile(r"A{3,}|C{3,}|G{3,}|T{3,}")
 OTHER_BASES = {"A": "CGT", "C": "AGT", "G": "ACT", "T": "ACG"}
 DEFAULT_DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "barcoding")
 
-# Shares of the non-homopolymer errors.
-SUB_SHARE, DEL_SHARE = 0.5, 0.3  # the rest are insertions
+# Shares of the non-homopolymer errors; the rest are insertions.
+SUB_SHARE, DEL_SHARE = 0.5, 0.3
+# Homopolymer errors: share of the error budget and the deletions among them.
+DEFAULT_HOMOPOLYMER_SHARE, HOMOPOLYMER_DEL_SHARE = 0.25, 0.6
 
 
 def revcomp(seq):
@@ -208,18 +212,21 @@ class Simulator:
         rng, n = self.rng, len(seq)
         rate = 1.0 - identity
         events = {}
-        # Homopolymer indels: a share of the error budget, spread over the runs
-        # in proportion to their length.
+        # Uniform errors at the nominal rate everywhere, so that barcodes and
+        # flanks (which have no runs longer than 2) see exactly the chosen
+        # identity; homopolymer runs of 3 or more get extra indels on top, in
+        # proportion to their length, making up the chosen share of all errors
+        # of a typical read.
+        share = self.args.homopolymer_share
         runs = [(m.start(), m.end()) for m in HOMOPOLYMER.finditer(seq)]
         hp_bases = sum(e - s for s, e in runs)
-        hp_budget = self.args.homopolymer_share * rate * n
-        if hp_bases:
-            per_base = hp_budget / hp_bases
+        if hp_bases and 0 < share < 1:
+            per_base = share / (1 - share) * rate * n / hp_bases
             for s, e in runs:
                 if rng.random() < per_base * (e - s):
                     pos = rng.randrange(s, e)
-                    events[pos] = ("D",) if rng.random() < 0.6 else ("I", seq[pos])
-        expected = (rate * n) - min(hp_budget, hp_bases)
+                    events[pos] = ("D",) if rng.random() < HOMOPOLYMER_DEL_SHARE else ("I", seq[pos])
+        expected = rate * n
         k = max(0, min(n, round(rng.gauss(expected, math.sqrt(max(expected, 1e-9) * (1 - rate))))))
         for pos in rng.sample(range(n), k):
             if pos in events:
@@ -303,8 +310,8 @@ def parse_args(argv=None):
     ap.add_argument("--split", type=int, default=1, help="number of output files")
     ap.add_argument("--identity", type=float, default=0.92)
     ap.add_argument("--identity-sd", type=float, default=0.0, help="per-read spread of the identity")
-    ap.add_argument("--homopolymer-share", type=float, default=0.25,
-                    help="share of the errors placed as indels in homopolymer runs")
+    ap.add_argument("--homopolymer-share", type=float, default=DEFAULT_HOMOPOLYMER_SHARE,
+                    help="share of a typical read's errors that are extra indels in homopolymer runs")
     ap.add_argument("--median-length", type=int, default=1500, help="median insert length")
     ap.add_argument("--length-sigma", type=float, default=0.6, help="log-normal sigma of the insert length")
     ap.add_argument("--min-insert", type=int, default=60)
