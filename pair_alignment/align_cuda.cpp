@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <stdexcept>
 
@@ -107,7 +108,9 @@ FastAlignGPU::FastAlignGPU(const brim::data_wrappers::MatView<int>& matrix, cons
     rows_ = max_reference_length_ + max_query_length_ + 1;
 
     const auto requests = Common::CUDADevice::ParseDeviceString(device);
-    if (requests.size() > 1)
+    // Every worker builds aligners from the same string: one warning is enough.
+    static std::atomic<bool> warned{false};
+    if (requests.size() > 1 && !warned.exchange(true))
         VB_LOG(Log(), Common::Severity::warning)
             << "FastAlignGPU only supports one GPU currently!  Devices string passed was: " << device
             << ". Only the first device will be used.";
