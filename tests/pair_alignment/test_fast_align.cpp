@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <iostream>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -175,9 +177,12 @@ TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
         Case c = RandomCase(rng, n < 1000 ? 40 : 200);
         // Now and then scores too wide for 16-bit lanes.
         if (n % 4 == 3) {
-            for (int& v : c.matrix) v *= 100;
-            for (int& v : c.costs) v *= 100;
-            for (int& v : c.gaps) v *= 100;
+            for (int& v : c.matrix)
+                v *= 100;
+            for (int& v : c.costs)
+                v *= 100;
+            for (int& v : c.gaps)
+                v *= 100;
         }
         const Result expected = Naive(c.matrix, c.costs, c.ref, c.qry, Band(c.ref.size(), c.qry.size(), c.width));
         for (const auto& build : builds) {
@@ -303,4 +308,28 @@ TEST_F(FastAlignTest, ForcingAnUnknownBuildFails) {
     }
     ForceSimdBuild("generic");
     EXPECT_STREQ(ActiveSimdBuild(), "generic");
+}
+
+TEST(SimdDispatch, UnknownBuildInEnvironmentIsAnError) {
+    // The build is chosen once per process, so the choice is made in a fresh
+    // child that re-runs this test.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const char* old = std::getenv("VB_SIMD");
+    const std::string saved = old ? old : "";
+    setenv("VB_SIMD", "avx512", 1);
+    EXPECT_EXIT(
+        {
+            try {
+                ActiveSimdBuild();
+            } catch (const std::runtime_error& e) {
+                std::cerr << e.what();
+                std::exit(3);
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(3), "Unknown SIMD build \"avx512\" in VB_SIMD");
+    if (old)
+        setenv("VB_SIMD", saved.c_str(), 1);
+    else
+        unsetenv("VB_SIMD");
 }
