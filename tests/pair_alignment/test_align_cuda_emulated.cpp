@@ -79,9 +79,12 @@ TEST_F(EmulatedGpu, MatchesCpuAlignerOnRandomCases) {
         std::vector<int> gaps(uniform(0, 1) == 0 ? 6 : 8);
         for (int& gap : gaps)
             gap = uniform(0, 6);
-        const int band_width = uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 40);
-        const int max_reference = uniform(0, 30);
-        const int max_query = uniform(0, 60);
+        // Mostly small cases, every tenth of barcoding size (windows of a few
+        // hundred bases, bands that do and do not cover the whole matrix).
+        const bool large = config % 10 == 0;
+        const int band_width = large ? uniform(1, 250) : uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 40);
+        const int max_reference = uniform(0, large ? 100 : 30);
+        const int max_query = uniform(0, large ? 250 : 60);
         const MatView<int> view(matrix.data(), 4, 4);
         FastAlignGPU gpu(view, gaps, FastAlignGPU::BaseCodeTable(), max_reference, max_query, "cuda:0", band_width);
         PairAlignment::FastAlign cpu(view, gaps, band_width);
