@@ -273,7 +273,14 @@ void Barcoder::WaitForCompletion() {
     completion.wait(lock, [this] { return processed.load() == submitted; });
 }
 
+// Summary rows are flushed once per batch rather than per row: the file stays
+// at most one batch behind, and no system call is made while the output mutex
+// is held for a single read.
 void Barcoder::ReadsDone(size_t count) {
+    {
+        std::lock_guard<std::mutex> lock(output_mutex);
+        summary_stream.flush();
+    }
     {
         std::lock_guard<std::mutex> lock(completion_mutex);
         processed += count;
@@ -339,7 +346,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         }
     }
     if (results.empty()) VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
-    summary_stream << row << std::flush;
+    summary_stream << row;
     writer->Write(record, arrangement, run_id);
     ++tally.reads_per_arrangement[arrangement];
 }

@@ -46,7 +46,8 @@ public:
     // asked). Called by the workers; rows and records leave in the same order.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record);
 
-    // A worker finished count reads taken from the queue (written or dropped).
+    // A worker finished count reads taken from the queue (written or dropped);
+    // their summary rows are flushed before they count as done.
     void ReadsDone(size_t count);
 
 protected:
