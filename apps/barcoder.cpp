@@ -144,6 +144,8 @@ void Barcoder::PrintKits() {
 int Barcoder::Run() {
     PrepareConfiguration();
     const int status = ReadProcessor::Run();
+    // A file that failed after handing over some reads never waited for them.
+    WaitForCompletion();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - run_start).count();
     StopWorkers();
     try {
@@ -264,6 +266,7 @@ int Barcoder::SubmitRead(const Common::FastQRecord& record) {
 }
 
 void Barcoder::WaitForCompletion() {
+    if (!queue) return;
     if (!pending.empty()) {
         queue->Push(std::move(pending));
         pending = ReadBatch();
