@@ -6,10 +6,12 @@ same options rewrites byte-identical files. The barcodes are drawn before the
 flanks, from a stream of their own, so changing a flank length never changes
 the barcodes.
 
-Constraints enforced on the barcodes (length 24 by default):
+Constraints enforced on the 24-base barcodes:
   * GC content 40..60 %, no homopolymer longer than 2;
   * Levenshtein distance >= --min-distance (11) between every pair of barcodes,
     between every barcode and every reverse complement (its own included);
+    the leading barcodes, used by the smaller kits, keep larger distances
+    among themselves (--tiers: VB01..VB12 >= 14, VB01..VB24 >= 13);
   * no barcode resembles a flank: the best placement of a barcode (or its
     reverse complement) inside any flank context is at least
     --min-flank-distance edits away;
@@ -30,6 +32,7 @@ import random
 import sys
 
 COMPLEMENT = str.maketrans("ACGT", "TGCA")
+BARCODE_LENGTH = 24
 
 
 def revcomp(seq):
@@ -121,24 +124,31 @@ def random_sequence(rng, length, gc_lo=0.4, gc_hi=0.6):
             return seq
 
 
-def design_barcodes(rng, count, length, min_distance, max_tries=2_000_000):
+def design_barcodes(rng, plan, max_tries=5_000_000):
+    """Greedy random draw; plan = [(count, min_distance), ...] with growing counts.
+
+    The first tier's barcodes keep the first tier's distance among themselves,
+    and so on: the small kits use the leading barcodes, so they get the widest
+    spacing, while every pair still keeps the last tier's distance.
+    """
     chosen = []
     others = []  # every chosen barcode and its reverse complement
     tries = 0
-    while len(chosen) < count:
-        tries += 1
-        if tries > max_tries:
-            raise RuntimeError(f"only {len(chosen)} barcodes found in {max_tries} tries")
-        cand = random_sequence(rng, length)
-        if cand[0] == cand[1] or cand[-1] == cand[-2]:
-            continue  # a doubled end would make a run of 3 with half of all flanks
-        rc = revcomp(cand)
-        if levenshtein(cand, rc) < min_distance:
-            continue
-        if any(levenshtein(cand, o) < min_distance for o in others):
-            continue
-        chosen.append(cand)
-        others.extend((cand, rc))
+    for count, min_distance in plan:
+        while len(chosen) < count:
+            tries += 1
+            if tries > max_tries:
+                raise RuntimeError(f"only {len(chosen)} barcodes found in {max_tries} tries")
+            cand = random_sequence(rng, BARCODE_LENGTH)
+            if cand[0] == cand[1] or cand[-1] == cand[-2]:
+                continue  # a doubled end would make a run of 3 with half of all flanks
+            rc = revcomp(cand)
+            if levenshtein(cand, rc) < min_distance:
+                continue
+            if any(levenshtein(cand, o) < min_distance for o in others):
+                continue
+            chosen.append(cand)
+            others.extend((cand, rc))
     return chosen, tries
 
 
@@ -255,8 +265,9 @@ def main(argv=None):
     ap.add_argument("--out", default=os.path.join(os.path.dirname(__file__), "..", "data", "barcoding"))
     ap.add_argument("--seed", type=int, default=20261121)
     ap.add_argument("--count", type=int, default=96)
-    ap.add_argument("--length", type=int, default=24)
     ap.add_argument("--min-distance", type=int, default=11)
+    ap.add_argument("--tiers", default="12:14,24:13",
+                    help="leading subsets with a larger distance, count:distance,... (the small kits)")
     ap.add_argument("--min-flank-distance", type=int, default=9)
     ap.add_argument("--front-flank", type=int, default=14)
     ap.add_argument("--inner-flank", type=int, default=10)
@@ -270,7 +281,8 @@ def main(argv=None):
     barcode_rng = random.Random(f"vb-barcodes-{args.seed}")
     flank_rng = random.Random(f"vb-flanks-{args.seed}-{args.front_flank}-{args.inner_flank}")
 
-    barcodes, tries = design_barcodes(barcode_rng, args.count, args.length, args.min_distance)
+    plan = [tuple(int(x) for x in t.split(":")) for t in args.tiers.split(",") if t] + [(args.count, args.min_distance)]
+    barcodes, tries = design_barcodes(barcode_rng, plan)
     front, inner, rapid_front, rapid_inner = design_flanks(
         flank_rng, [args.front_flank, args.inner_flank, args.front_flank, args.inner_flank], barcodes,
         args.min_flank_distance)
@@ -291,10 +303,12 @@ def main(argv=None):
     if not args.no_matrix:
         write_matrix(os.path.join(args.out, "vb_matrix.tsv"), args.match, args.mismatch)
 
-    pair = min(levenshtein(a, b) for i, a in enumerate(barcodes) for b in barcodes[i + 1:])
-    rc = min(levenshtein(a, revcomp(b)) for a in barcodes for b in barcodes)
-    print(f"{len(barcodes)} barcodes from {tries} candidates; min distance pairs {pair}, "
-          f"to reverse complements {rc}; reference length {len(ligation[0][1])}")
+    print(f"{len(barcodes)} barcodes from {tries} candidates; reference length {len(ligation[0][1])}")
+    for count, _ in plan:
+        sub = barcodes[:count]
+        pair = min(levenshtein(a, b) for i, a in enumerate(sub) for b in sub[i + 1:])
+        rc = min(levenshtein(a, revcomp(b)) for a in sub for b in sub)
+        print(f"  first {count}: min distance between barcodes {pair}, to reverse complements {rc}")
 
 
 if __name__ == "__main__":

@@ -54,11 +54,13 @@ class ShippedKitTest(unittest.TestCase):
         full = [s[FRONT_FLANK:FRONT_FLANK + 24] for s in seqs]
         for bc in full:
             self.assertTrue(0.4 <= design_kit.gc_fraction(bc) <= 0.6, bc)
+        # VB01..VB24 (the 24-barcode kit) are spaced wider than the rest.
         for i, a in enumerate(full):
-            self.assertGreaterEqual(design_kit.levenshtein(a, design_kit.revcomp(a)), 11)
-            for b in full[i + 1:]:
-                self.assertGreaterEqual(design_kit.levenshtein(a, b), 11)
-                self.assertGreaterEqual(design_kit.levenshtein(a, design_kit.revcomp(b)), 11)
+            self.assertGreaterEqual(design_kit.levenshtein(a, design_kit.revcomp(a)), 13 if i < 24 else 11)
+            for j, b in enumerate(full[i + 1:], i + 1):
+                need = 13 if j < 24 else 11
+                self.assertGreaterEqual(design_kit.levenshtein(a, b), need)
+                self.assertGreaterEqual(design_kit.levenshtein(a, design_kit.revcomp(b)), need)
 
     def test_kits_load(self):
         nb24 = simulate_reads.load_kit("VB-NB24")
@@ -170,6 +172,10 @@ class MetricsTest(unittest.TestCase):
 
         self.assertEqual(calibrate.feasible_interval(counts_at, list(range(11))), (5, 7))
         self.assertIsNone(calibrate.feasible_interval(counts_at, [0, 3, 4]))
+
+    def test_first_true(self):
+        for cut in range(-1, 12):
+            self.assertEqual(calibrate.first_true(lambda m: m >= cut, 0, 10), min(max(cut, 0), 11))
 
 
 if __name__ == "__main__":
