@@ -312,6 +312,22 @@ def case_thread_count_invariance(ctx):
     check(results["1"] == results["2"] == results["3"], "output depends on the number of worker threads")
 
 
+def case_both_ends_required(ctx):
+    records, truth = ctx.simulate("both", 120, 22)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    ctx.run(barcoder_args("in", "out", "--require_barcodes_both_ends", "--min_score", "60"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    classified = [row for row in rows.values() if row[1] != "unclassified"]
+    check(len(classified) > 60, "too few reads classified with both ends required")
+    for row in classified:
+        check(float(row[7]) >= 60 and float(row[13]) >= 60, f"{row[0]} classified without both barcodes")
+    # A front-only kit can never satisfy the requirement.
+    result = ctx.run(["-i", "in", "-s", "rapid", "--arrangements_files", "vb_rb12.ini",
+                      "--require_barcodes_both_ends"], expect=255)
+    check("All configurations only have one barcode, so 'require_barcodes_both_ends' cannot be specified"
+          in result.stdout, "single-barcode configuration message missing")
+
+
 def case_unknown_kit(ctx):
     records, _ = ctx.simulate("kit", 10, 21)
     split_into_files(ctx.path("in"), records, ["a.fastq"])
