@@ -18,10 +18,11 @@ Constraints enforced on the 24-base barcodes:
   * the assembled references (front flank + barcode + inner flank) carry no
     homopolymer longer than 2 across the joins either.
 
-Flanks are short on purpose (14 + 24 + 10 = 48 bases): the scorer divides an
+Flanks are short on purpose (10 + 24 + 8 = 42 bases): the scorer divides an
 alignment score by the reference's self-score, so flank bases shared by every
 reference add read-error noise to right and wrong barcodes alike without
-separating them. See docs/calibration.md for the measurements.
+separating them; much shorter references, though, start to find barcode-like
+stretches in random sequence. See docs/calibration.md for the measurements.
 
 Usage: tools/design_kit.py [--out data/barcoding] [--seed N] ...
 """
@@ -269,8 +270,8 @@ def main(argv=None):
     ap.add_argument("--tiers", default="12:14,24:13",
                     help="leading subsets with a larger distance, count:distance,... (the small kits)")
     ap.add_argument("--min-flank-distance", type=int, default=9)
-    ap.add_argument("--front-flank", type=int, default=14)
-    ap.add_argument("--inner-flank", type=int, default=10)
+    ap.add_argument("--front-flank", type=int, default=10)
+    ap.add_argument("--inner-flank", type=int, default=8)
     ap.add_argument("--rapid-count", type=int, default=12)
     ap.add_argument("--scoring", default="MAX", choices=["MAX", "ADD"])
     ap.add_argument("--match", type=int, default=5)

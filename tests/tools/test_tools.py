@@ -37,7 +37,7 @@ class DistanceTest(unittest.TestCase):
             self.assertEqual(design_kit.best_placement_distance(a, b), naive_distance(a, b, True), (a, b))
 
 
-FRONT_FLANK = 14  # the design's front flank length; barcodes are 24 bases
+FRONT_FLANK = 10  # the design's front flank length; barcodes are 24 bases
 
 
 class ShippedKitTest(unittest.TestCase):
