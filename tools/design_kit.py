@@ -276,7 +276,8 @@ def main(argv=None):
     ap.add_argument("--scoring", default="MAX", choices=["MAX", "ADD"])
     ap.add_argument("--match", type=int, default=5)
     ap.add_argument("--mismatch", type=int, default=-4)
-    ap.add_argument("--no-matrix", action="store_true", help="leave the matrix file alone")
+    ap.add_argument("--matrix", action="store_true",
+                    help="also write vb_matrix.tsv (normally written by tools/calibrate.py --write-config)")
     args = ap.parse_args(argv)
 
     barcode_rng = random.Random(f"vb-barcodes-{args.seed}")
@@ -301,7 +302,7 @@ def main(argv=None):
     write_ligation_kit(os.path.join(args.out, "vb_nb96.ini"), "VB-NB96", "NB96", 96, "vb_barcodes.fasta", args.scoring)
     write_rapid_kit(os.path.join(args.out, "vb_rb12.ini"), "VB-RB12", "RB12", args.rapid_count,
                     "vb_rapid_barcodes.fasta")
-    if not args.no_matrix:
+    if args.matrix:
         write_matrix(os.path.join(args.out, "vb_matrix.tsv"), args.match, args.mismatch)
 
     print(f"{len(barcodes)} barcodes from {tries} candidates; reference length {len(ligation[0][1])}")
