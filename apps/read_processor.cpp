@@ -239,23 +239,15 @@ void ReadProcessor::GuardRead(const FastQRecord& record, Work&& work) {
 
 // Per-file progress lines go to the verbose channel: on the console they would
 // break up the progress bar, which already shows the file count.
-int ReadProcessor::ProcessFastqFile(const std::string& path) {
+template <typename Feed>
+int ReadProcessor::ProcessInputFile(const std::string& path, Feed&& feed) {
     int result = 0;
     try {
         VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
         StartNewFile(path);
         auto stream = Common::OpenFastqFile(path);
         Common::FastQIterable reads(stream.get());
-        uint64_t count = 0;
-        {
-            RecordJobLoop loop(std::max(1, worker_threads),
-                               [this](const FastQRecord& record) { GuardRead(record, [&] { ProcessRead(record); }); });
-            for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
-                loop.Push(std::move(reads.Record()));
-                ++count;
-            }
-            loop.Finish();
-        }
+        const uint64_t count = feed(reads);
         VB_LOG(verbose_logger, Severity::info)
             << "Successfully finished input file: " << path << " (" << count << " reads)";
     } catch (const std::exception& e) {
@@ -269,13 +261,22 @@ int ReadProcessor::ProcessFastqFile(const std::string& path) {
     return result;
 }
 
+int ReadProcessor::ProcessFastqFile(const std::string& path) {
+    return ProcessInputFile(path, [this](Common::FastQIterable& reads) {
+        uint64_t count = 0;
+        RecordJobLoop loop(std::max(1, worker_threads),
+                           [this](const FastQRecord& record) { GuardRead(record, [&] { ProcessRead(record); }); });
+        for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
+            loop.Push(std::move(reads.Record()));
+            ++count;
+        }
+        loop.Finish();
+        return count;
+    });
+}
+
 int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
-    int result = 0;
-    try {
-        VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
-        StartNewFile(path);
-        auto stream = Common::OpenFastqFile(path);
-        Common::FastQIterable reads(stream.get());
+    return ProcessInputFile(path, [this](Common::FastQIterable& reads) {
         uint64_t count = 0;
         for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
             GuardRead(reads.Record(), [&] { SubmitRead(reads.Record()); });
@@ -283,17 +284,8 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
         }
         // The file is finished only when every handed read has been written.
         WaitForCompletion();
-        VB_LOG(verbose_logger, Severity::info)
-            << "Successfully finished input file: " << path << " (" << count << " reads)";
-    } catch (const std::exception& e) {
-        LogFileError(path, e.what());
-        result = -1;
-    } catch (...) {
-        LogFileError(path, "");
-        result = -1;
-    }
-    FinishFile();
-    return result;
+        return count;
+    });
 }
 
 void ReadProcessor::LogFileError(const std::string& path, const std::string& what) {

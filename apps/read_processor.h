@@ -86,6 +86,11 @@ private:
     // exception into an error line so the next read goes on.
     template <typename Work>
     void GuardRead(const Common::FastQRecord& record, Work&& work);
+    // The frame shared by both per-file paths: start, open, let `feed` hand
+    // every record on (it returns the count), and turn any failure into the
+    // per-file error line. Returns 0, or -1 when the file failed.
+    template <typename Feed>
+    int ProcessInputFile(const std::string& path, Feed&& feed);
     void LogFileError(const std::string& path, const std::string& what);
     void FinishFile();
 };
