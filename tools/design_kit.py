@@ -47,40 +47,20 @@ def _peq(pattern):
     return masks
 
 
-def levenshtein(a, b):
-    """Global edit distance, bit-parallel over the columns of a (any length)."""
-    if not a:
-        return len(b)
-    m = len(a)
-    peq = _peq(a)
-    full = (1 << m) - 1
-    high = 1 << (m - 1)
-    pv, mv, score = full, 0, m
-    for c in b:
-        eq = peq.get(c, 0)
-        xv = eq | mv
-        xh = (((eq & pv) + pv) ^ pv) | eq
-        ph = mv | (~(xh | pv) & full)
-        mh = pv & xh
-        if ph & high:
-            score += 1
-        elif mh & high:
-            score -= 1
-        # Shifting a 1 in charges every text character consumed before the
-        # pattern starts: that is what makes this global rather than a search.
-        ph = ((ph << 1) | 1) & full
-        mh = (mh << 1) & full
-        pv = mh | (~(xv | ph) & full)
-        mv = ph & xv
-    return score
+def _myers(pattern, text, anchored):
+    """Bit-parallel edit distance of pattern against text (Myers' algorithm).
 
-
-def best_placement_distance(pattern, text):
-    """Fewest edits turning pattern into some substring of text."""
+    anchored: the whole of text must be matched (global distance, returned as
+    the final score). Otherwise pattern may sit anywhere in text, and the
+    smallest score seen at any text position is returned.
+    """
     m = len(pattern)
     peq = _peq(pattern)
     full = (1 << m) - 1
     high = 1 << (m - 1)
+    # Shifting a 1 in charges every text character consumed before the pattern
+    # starts: that is what makes the anchored form global rather than a search.
+    carry = 1 if anchored else 0
     pv, mv, score = full, 0, m
     best = m
     for c in text:
@@ -93,12 +73,24 @@ def best_placement_distance(pattern, text):
             score += 1
         elif mh & high:
             score -= 1
-        ph = (ph << 1) & full
+        ph = ((ph << 1) | carry) & full
         mh = (mh << 1) & full
         pv = mh | (~(xv | ph) & full)
         mv = ph & xv
         best = min(best, score)
-    return best
+    return score if anchored else best
+
+
+def levenshtein(a, b):
+    """Global edit distance, bit-parallel over the columns of a (any length)."""
+    if not a:
+        return len(b)
+    return _myers(a, b, anchored=True)
+
+
+def best_placement_distance(pattern, text):
+    """Fewest edits turning pattern into some substring of text."""
+    return _myers(pattern, text, anchored=False)
 
 
 def longest_homopolymer(seq):

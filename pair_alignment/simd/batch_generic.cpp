@@ -1,83 +1,54 @@
 // The readable build of the many-reference score kernel: plain loops over the
 // lanes of a block, which the compiler may vectorise with baseline flags.
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 
 #include "pair_alignment/simd/lane_kernel.h"
 
 namespace PairAlignment::Core {
 namespace {
 
-struct Lanes16 {
-    using Elem = int16_t;
+// One 32-byte block of lanes as a plain array. Adds saturate to the element's
+// range like the vector builds' 16-bit adds, so the sentinel stays at the
+// bottom instead of wrapping; 32-bit jobs never come near the limits.
+template <typename E>
+struct ScalarLanes {
+    using Elem = E;
+    static constexpr int kCount = 32 / sizeof(E);
     struct T {
-        int16_t v[16];
+        E v[kCount];
     };
     static T Load(const Elem* p) {
         T r;
-        for (int k = 0; k < 16; ++k)
+        for (int k = 0; k < kCount; ++k)
             r.v[k] = p[k];
         return r;
     }
     static void Store(Elem* p, const T& a) {
-        for (int k = 0; k < 16; ++k)
+        for (int k = 0; k < kCount; ++k)
             p[k] = a.v[k];
     }
-    // Saturating, like the vector builds' 16-bit adds: the sentinel stays at
-    // the bottom of the range instead of wrapping.
     static T Add(const T& a, const T& b) {
         T r;
-        for (int k = 0; k < 16; ++k) {
-            const int sum = a.v[k] + b.v[k];
-            r.v[k] = static_cast<int16_t>(sum < -32768 ? -32768 : sum > 32767 ? 32767 : sum);
+        for (int k = 0; k < kCount; ++k) {
+            const int64_t sum = int64_t{a.v[k]} + b.v[k];
+            r.v[k] =
+                static_cast<E>(std::clamp<int64_t>(sum, std::numeric_limits<E>::min(), std::numeric_limits<E>::max()));
         }
         return r;
     }
     static T Max(const T& a, const T& b) {
         T r;
-        for (int k = 0; k < 16; ++k)
+        for (int k = 0; k < kCount; ++k)
             r.v[k] = a.v[k] > b.v[k] ? a.v[k] : b.v[k];
         return r;
     }
     static T Set1(int x) {
         T r;
-        for (int k = 0; k < 16; ++k)
-            r.v[k] = static_cast<int16_t>(x);
-        return r;
-    }
-};
-
-struct Lanes32 {
-    using Elem = int32_t;
-    struct T {
-        int32_t v[8];
-    };
-    static T Load(const Elem* p) {
-        T r;
-        for (int k = 0; k < 8; ++k)
-            r.v[k] = p[k];
-        return r;
-    }
-    static void Store(Elem* p, const T& a) {
-        for (int k = 0; k < 8; ++k)
-            p[k] = a.v[k];
-    }
-    static T Add(const T& a, const T& b) {
-        T r;
-        for (int k = 0; k < 8; ++k)
-            r.v[k] = a.v[k] + b.v[k];
-        return r;
-    }
-    static T Max(const T& a, const T& b) {
-        T r;
-        for (int k = 0; k < 8; ++k)
-            r.v[k] = a.v[k] > b.v[k] ? a.v[k] : b.v[k];
-        return r;
-    }
-    static T Set1(int x) {
-        T r;
-        for (int k = 0; k < 8; ++k)
-            r.v[k] = x;
+        for (int k = 0; k < kCount; ++k)
+            r.v[k] = static_cast<E>(x);
         return r;
     }
 };
@@ -85,10 +56,10 @@ struct Lanes32 {
 }  // namespace
 
 void ScoreLanes16Generic(const LaneJob& job) {
-    ScoreLanes<Lanes16>(job, kSentinel16);
+    ScoreLanes<ScalarLanes<int16_t>>(job, kSentinel16);
 }
 void ScoreLanes32Generic(const LaneJob& job) {
-    ScoreLanes<Lanes32>(job, kSentinel32);
+    ScoreLanes<ScalarLanes<int32_t>>(job, kSentinel32);
 }
 
 }  // namespace PairAlignment::Core

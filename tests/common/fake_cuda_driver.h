@@ -16,6 +16,16 @@
 
 namespace FakeCuda {
 
+// Whether text is prefix + a line number + suffix (driver errors name the
+// source line, which moves with every edit).
+inline bool MatchesWithLine(const std::string& text, const std::string& prefix, const std::string& suffix) {
+    if (text.size() <= prefix.size() + suffix.size()) return false;
+    if (text.compare(0, prefix.size(), prefix) != 0) return false;
+    if (text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) return false;
+    const std::string line = text.substr(prefix.size(), text.size() - prefix.size() - suffix.size());
+    return line.find_first_not_of("0123456789") == std::string::npos;
+}
+
 using Common::CUcontext;
 using Common::CUdevice;
 using Common::CUdeviceptr;

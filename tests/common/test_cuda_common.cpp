@@ -13,16 +13,6 @@
 
 namespace {
 
-// Whether text is prefix + a line number + suffix (driver errors name the
-// source line, which moves with every edit).
-bool MatchesWithLine(const std::string& text, const std::string& prefix, const std::string& suffix) {
-    if (text.size() <= prefix.size() + suffix.size()) return false;
-    if (text.compare(0, prefix.size(), prefix) != 0) return false;
-    if (text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) return false;
-    const std::string line = text.substr(prefix.size(), text.size() - prefix.size() - suffix.size());
-    return line.find_first_not_of("0123456789") == std::string::npos;
-}
-
 using Common::CUDADevice;
 using Common::CUDADeviceRequest;
 
@@ -122,7 +112,8 @@ TEST(CudaDevice, SharedPerIndexAndReleasedWithTheLastUser) {
 
     fake.state().context_create_result = FakeCuda::kOutOfMemory;
     const std::string failure = ErrorOf([] { CUDADevice::Acquire({0, 0, 0}); });
-    EXPECT_TRUE(MatchesWithLine(failure, "CUDA error at common/cuda_common:", ": CUDA_ERROR_OUT_OF_MEMORY")) << failure;
+    EXPECT_TRUE(FakeCuda::MatchesWithLine(failure, "CUDA error at common/cuda_common:", ": CUDA_ERROR_OUT_OF_MEMORY"))
+        << failure;
 }
 
 TEST(CudaDevice, BufferPool) {

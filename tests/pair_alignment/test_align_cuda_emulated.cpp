@@ -17,16 +17,6 @@
 
 namespace {
 
-// Whether text is prefix + a line number + suffix (driver errors name the
-// source line, which moves with every edit).
-bool MatchesWithLine(const std::string& text, const std::string& prefix, const std::string& suffix) {
-    if (text.size() <= prefix.size() + suffix.size()) return false;
-    if (text.compare(0, prefix.size(), prefix) != 0) return false;
-    if (text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) return false;
-    const std::string line = text.substr(prefix.size(), text.size() - prefix.size() - suffix.size());
-    return line.find_first_not_of("0123456789") == std::string::npos;
-}
-
 using brim::data_wrappers::MatView;
 using brim::data_wrappers::VecView;
 using PairAlignment::FastAlignGPU;
@@ -200,7 +190,8 @@ TEST_F(EmulatedGpu, ConstructorChecks) {
     // and what was allocated before it is released again.
     fake_.state().fail_allocation_after = 6;
     const std::string failure = message([&] { FastAlignGPU(view, kDefaultGaps, table, 10, 10, "cuda:0", 11); });
-    EXPECT_TRUE(MatchesWithLine(failure, "CUDA error at pair_alignment/align_cuda:", ": CUDA_ERROR_OUT_OF_MEMORY"))
+    EXPECT_TRUE(
+        FakeCuda::MatchesWithLine(failure, "CUDA error at pair_alignment/align_cuda:", ": CUDA_ERROR_OUT_OF_MEMORY"))
         << failure;
     ExpectAllReleased();
 }
