@@ -1,6 +1,7 @@
 #include "apps/barcoder.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -9,6 +10,8 @@
 #include <utility>
 
 #include "apps/barcoder_worker.h"
+#include "apps/ordered_pipeline.h"
+#include "apps/read_batch.h"
 #include "apps/summary_row.h"
 #include "barcoding/barcode_manager.h"
 #include "barcoding/barcode_scorer.h"
@@ -16,17 +19,40 @@
 #include "common/fastq_record.h"
 #include "common/fastq_writer.h"
 #include "common/logger.h"
+#include "common/output_file.h"
+#include "common/stop_signal.h"
 #include "pair_alignment/score_matrix.h"
 
 namespace Vorpa {
 
 namespace {
 
-// Reads travel to the workers in batches of this many; the queue holds at most
-// kQueuedBatchesPerWorker batches per worker, which bounds the memory held by
-// reads in flight whatever the input size.
-constexpr size_t kBatchSize = 64;
-constexpr size_t kQueuedBatchesPerWorker = 4;
+// A batch ends after this many bases or reads, whichever comes first. Cutting
+// by bases keeps batches of very long reads from starving the workers and
+// bounds memory; the cuts depend on the input alone, never on timing or the
+// number of workers, so the output does not either. A batch of about a
+// megabase is a few megabytes in flight and big enough that each output file
+// gets a gzip member of useful size.
+constexpr uint64_t kBatchBases = 1u << 20;
+constexpr size_t kBatchReads = 4096;
+// Batches in flight (queued, being processed, or waiting for the writer): each
+// worker can hold one and a few more wait on either side.
+size_t BatchesInFlight(size_t workers) {
+    return 2 * workers + 2;
+}
+
+// A run id names output files, so it must be one harmless file-name component.
+bool UsableRunId(const std::string& run_id) {
+    if (run_id.empty() || run_id == "." || run_id == "..") return false;
+    for (unsigned char c : run_id) {
+        if (c == '/' || c < 0x20 || c == 0x7f) return false;
+    }
+    return true;
+}
+
+const char* SignalName(int sig) {
+    return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal";
+}
 
 const char* const kUsage =
     "\nUsage:\n\n  vorpa_barcoder -i <input fastq path> -s <save path>\nWith "
@@ -46,9 +72,9 @@ Barcoder::Barcoder() {
 }
 
 Barcoder::~Barcoder() {
-    // Normally the workers are gone by now; this covers a run torn down early.
-    if (queue) queue->Close();
-    workers.clear();
+    // Normally the threads are gone by now; this covers a run torn down early.
+    if (pipeline) pipeline->Stop();
+    StopThreads();
 }
 
 void Barcoder::AddApplicationOptions() {
@@ -142,20 +168,31 @@ void Barcoder::PrintKits() {
 }
 
 int Barcoder::Run() {
+    Common::InstallStopSignalHandlers();
     PrepareConfiguration();
-    const int status = ReadProcessor::Run();
-    // A file that failed after handing over some reads never waited for them.
+    try {
+        ReadProcessor::Run();
+    } catch (const Common::OutputError& error) {
+        // The summary could not even be opened: nothing was written.
+        failure = error.what();
+    }
     WaitForCompletion();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - run_start).count();
-    StopWorkers();
+    StopThreads();
     try {
         if (writer) writer->Finalise();
+        summary_file.Close();
     } catch (const std::exception& error) {
-        VB_LOG(logger, Common::Severity::error) << "Error while closing the output files: " << error.what();
+        if (failure.empty()) failure = error.what();
     }
-    summary_stream.flush();
     ReportRun(seconds);
-    return status;
+    return ExitStatus();
+}
+
+int Barcoder::ExitStatus() const {
+    if (!failure.empty()) return 1;
+    const int sig = Common::StopSignal();
+    return sig != 0 ? 128 + sig : 0;
 }
 
 // Everything that can reject the configuration happens here, before the read
@@ -221,19 +258,24 @@ void Barcoder::CheckBothEndsRequirement() {
 }
 
 void Barcoder::PrepareRun() {
-    summary_stream << SummaryHeader(scorer_options.trim_barcodes) << std::flush;
+    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes));
     writer = std::make_unique<Common::BarcodeFastqWriter>(save_path, compress_fastq,
                                                           static_cast<unsigned>(records_per_fastq));
-    queue = std::make_unique<ReadBatchQueue>(kQueuedBatchesPerWorker * scorers.size());
-    pending.reserve(kBatchSize);
+    pipeline = std::make_unique<OrderedPipeline<ReadBatch>>(BatchesInFlight(scorers.size()));
+    pending = std::make_unique<ReadBatch>();
+    BarcoderWorker::Settings settings;
+    settings.detailed_results = detailed_results;
+    settings.compress = compress_fastq;
+    settings.keep_text = compress_fastq && records_per_fastq > 0;
     try {
         for (auto& scorer : scorers) {
-            workers.push_back(std::make_unique<BarcoderWorker>(*this, *queue, scorer, detailed_results));
+            workers.push_back(std::make_unique<BarcoderWorker>(*this, *pipeline, scorer, settings));
             workers.back()->Start();
         }
+        writer_thread = std::thread([this] { WriterLoop(); });
     } catch (const std::exception& error) {
-        queue->Close();
-        workers.clear();
+        pipeline->Stop();
+        StopThreads();
         FailRun(error.what());
     }
     run_start = std::chrono::steady_clock::now();
@@ -254,79 +296,127 @@ void Barcoder::ProcessRead(const Common::FastQRecord& /*record*/) {
     throw std::runtime_error("Non-async barcoding no longer supported!");
 }
 
-int Barcoder::SubmitRead(const Common::FastQRecord& record) {
-    pending.push_back(record);
-    ++submitted;
-    if (pending.size() >= kBatchSize) {
-        queue->Push(std::move(pending));
-        pending = ReadBatch();
-        pending.reserve(kBatchSize);
-    }
-    return 1;
+int Barcoder::SubmitRead(Common::FastQRecord&& record) {
+    if (!pipeline || pipeline->Stopped()) return 0;
+    pending->bases += record.sequence.size();
+    pending->reads.push_back(std::move(record));
+    if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
+    return pipeline->Stopped() ? 0 : 1;
+}
+
+// A file's end rides with the batch holding its last read, so that the writer
+// reports the file done once all of its reads are written. Batches run on
+// across files: no wait here.
+void Barcoder::EndOfInputFile(const InputFileEnd& end) {
+    if (!pending) return;
+    pending->file_ends.push_back(end);
+}
+
+void Barcoder::SubmitPending() {
+    if (pending->reads.empty() && pending->file_ends.empty()) return;
+    pipeline->Submit(std::move(*pending));
+    pending = std::make_unique<ReadBatch>();
 }
 
 void Barcoder::WaitForCompletion() {
-    if (!queue) return;
-    if (!pending.empty()) {
-        queue->Push(std::move(pending));
-        pending = ReadBatch();
-        pending.reserve(kBatchSize);
-    }
-    std::unique_lock<std::mutex> lock(completion_mutex);
-    completion.wait(lock, [this] { return processed.load() == submitted; });
+    if (!pipeline) return;
+    SubmitPending();
+    pipeline->Close();
+    pipeline->WaitUntilEmitted();
 }
 
-// Summary rows are flushed once per batch rather than per row: the file stays
-// at most one batch behind, and no system call is made while the output mutex
-// is held for a single read.
-void Barcoder::ReadsDone(size_t count) {
+bool Barcoder::ShouldStopReading() const {
+    return ReadProcessor::ShouldStopReading() || (pipeline && pipeline->Stopped());
+}
+
+void Barcoder::FailPipeline(const std::string& message) {
     {
         std::lock_guard<std::mutex> lock(output_mutex);
-        summary_stream.flush();
+        if (failure.empty()) failure = message;
     }
-    {
-        std::lock_guard<std::mutex> lock(completion_mutex);
-        processed += count;
-    }
-    completion.notify_all();
+    pipeline->Stop();
 }
 
-void Barcoder::StopWorkers() {
-    if (!queue) return;
-    queue->Close();
-    for (auto& worker : workers) {
+void Barcoder::StopThreads() {
+    for (auto& worker : workers)
         worker->Join();
-        tally.dropped += worker->DroppedReads();
-    }
     workers.clear();
+    if (writer_thread.joinable()) writer_thread.join();
+}
+
+void Barcoder::WriterLoop() {
+    ReadBatch batch;
+    while (pipeline->NextInOrder(batch)) {
+        EmitBatch(batch);
+        pipeline->Emitted();
+    }
+}
+
+// A batch is written whole or not at all: FASTQ chunks first, then the
+// summary rows, so that the summary never lists a read whose record is not
+// in the FASTQ output; if any write fails, everything this batch wrote is cut
+// off again, the run stops reading and ends with the error.
+void Barcoder::EmitBatch(ReadBatch& batch) {
+    std::lock_guard<std::mutex> lock(output_mutex);
+    if (!failure.empty()) return;
+    const uint64_t summary_size = summary_file.Size();
+    writer->BeginBatch();
+    try {
+        for (const auto& chunk : batch.chunks)
+            writer->Append(chunk);
+        summary_file.Write(batch.summary);
+        writer->CommitBatch();
+    } catch (const std::exception& error) {
+        failure = error.what();
+        try {
+            writer->RollbackBatch();
+            Common::TruncateOutputFile(summary_file.Path(), summary_size);
+        } catch (const std::exception& undo) {
+            failure += std::string(" (") + undo.what() + ")";
+        }
+        pipeline->Stop();
+        return;
+    }
+    tally.Add(batch.tally);
+    for (const auto& end : batch.file_ends) {
+        if (end.failed) {
+            ++tally.files_failed;
+        } else {
+            ++tally.files_read;
+            if (!end.error.empty()) ++tally.files_ended_early;
+        }
+        AdvanceProgress();
+    }
 }
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results,
-                            Common::FastQRecord& record) {
+                            Common::FastQRecord& record, ReadBatch& batch) {
     const std::string run_id = record.GetRunId();
+    if (!UsableRunId(run_id))
+        throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
     const std::string read_id = record.GetReadId();
-    RunIdEntry* entry = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(writer_map_mutex);
-        auto& slot = run_id_entries[run_id];
-        if (!slot) slot = std::make_unique<RunIdEntry>();
-        entry = slot.get();
-    }
-    {
-        std::lock_guard<std::mutex> lock(entry->mutex);
-        ++entry->records;
+
+    if (verbose_logger.Enabled(Common::Severity::verbose)) {
+        std::string text = "first 10 results of front & rear barcode detection: ";
+        const size_t shown = std::min<size_t>(results.size(), 10);
+        for (size_t i = 0; i < shown; ++i) {
+            text += '\n';
+            text += Barcoding::ToString(results[i]);
+        }
+        VB_LOG(verbose_logger, Common::Severity::verbose) << text;
     }
 
-    // The row text and the trimming depend on this read alone, so they are
-    // prepared before the output mutex; only the writes are serialised.
     const bool trimming = scorer_options.trim_barcodes;
-    std::string row;
     std::string arrangement = "unclassified";
+    float score = -std::numeric_limits<float>::infinity();
+    const size_t read_bases = record.sequence.size();
     if (results.empty()) {
-        row = NoResultRow(read_id, trimming);
+        VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
+        batch.summary += NoResultRow(read_id, trimming);
     } else {
         const auto& best = results.front();
         arrangement = best.normalised_id;
+        score = best.score;
         const int read_length = static_cast<int>(record.sequence.size());
         const int rear_window = std::min(scorer_options.rear_window_size, read_length);
         TrimmedBases trimmed;
@@ -336,27 +426,39 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
             trimmed.rear = Common::BarcodeTrimmer::TrimRear(Barcoding::RearTrimLength(best, scorer_options),
                                                             record.sequence, record.qstring);
         }
-        row = SummaryRow(read_id, best, rear_window, trimming ? &trimmed : nullptr);
+        batch.summary += SummaryRow(read_id, best, rear_window, trimming ? &trimmed : nullptr);
     }
     record.AppendToTitle("barcode", arrangement);
-
-    std::lock_guard<std::mutex> lock(output_mutex);
-    if (verbose_logger.Enabled(Common::Severity::verbose)) {
-        VB_LOG(verbose_logger, Common::Severity::verbose) << "first 10 results of front & rear barcode detection: ";
-        const size_t shown = std::min<size_t>(results.size(), 10);
-        for (size_t i = 0; i < shown; ++i) {
-            VB_LOG(verbose_logger, Common::Severity::verbose) << Barcoding::ToString(results[i]);
-        }
-    }
-    if (results.empty()) VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
-    summary_stream << row;
-    writer->Write(record, arrangement, run_id);
-    ++tally.reads_per_arrangement[arrangement];
+    batch.ChunkFor(Common::BarcodeFastqWriter::FolderFor(arrangement, false, true, false), run_id).AddRecord(record);
+    batch.tally.arrangements[arrangement].Add(read_bases, score);
 }
 
+// The report goes to the log (and the console unless quiet). What stopped a
+// run early, and reads lost on the way, also go to standard error: a quiet
+// run must not lose reads without a word.
 void Barcoder::ReportRun(double seconds) {
+    tally.files_found = input_files_found;
     for (const auto& line : FormatRunReport(tally, seconds))
         VB_LOG(logger, Common::Severity::info) << line;
+    const unsigned long long written = tally.Written();
+    std::string alarm;
+    if (!failure.empty()) {
+        alarm = "Stopped: " + failure + ". " + std::to_string(written) +
+                " reads were written (each with its summary row); the rest of the input was not processed.";
+    } else if (const int sig = Common::StopSignal(); sig != 0) {
+        alarm = std::string("Interrupted by ") + SignalName(sig) + ": stopped reading; " + std::to_string(written) +
+                " reads were written (each with its summary row) and every output file was closed.";
+    }
+    if (!alarm.empty()) {
+        VB_LOG(logger, Common::Severity::error) << alarm;
+        if (quiet) std::cerr << alarm << std::endl;
+    }
+    if (quiet && (tally.dropped + tally.failed + tally.files_ended_early + tally.files_failed) > 0) {
+        std::cerr << "Warning: " << tally.dropped << " reads without a run id and " << tally.failed
+                  << " reads that failed were not written; " << tally.files_ended_early
+                  << " input files ended early and " << tally.files_failed
+                  << " could not be read. See the log in " << save_path << "." << std::endl;
+    }
 }
 
 }  // namespace Vorpa

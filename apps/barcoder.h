@@ -3,17 +3,14 @@
 // barcodes at its ends, writes one row per read to barcoding_summary.txt and
 // files the read, tagged with its arrangement, under the arrangement's folder.
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "apps/read_batch_queue.h"
 #include "apps/read_processor.h"
 #include "apps/run_report.h"
 #include "barcoding/detect_results.h"
@@ -31,24 +28,36 @@ class BarcodeFastqWriter;
 namespace Vorpa {
 
 class BarcoderWorker;
+template <typename Batch>
+class OrderedPipeline;
+struct ReadBatch;
 
+// A run is a three-step pipeline (apps/ordered_pipeline.h): the reading
+// thread (ReadProcessor::Run) cuts the input into numbered batches through
+// SubmitRead; workers score and format whole batches (WriteResults), with
+// compression when asked; one writer thread appends each batch's bytes to the
+// summary and the FASTQ files strictly in input order, under the output
+// mutex. Output is therefore byte-identical for any number of workers.
 class Barcoder : public ReadProcessor {
 public:
     Barcoder();
     ~Barcoder() override;
 
     // Checks the whole barcode configuration before any output is touched,
-    // processes the input, then closes every output file and reports. A
+    // processes the input, then closes every output file and reports.
+    // Returns 0, 1 when an output could not be written (the run stops at the
+    // first failure), or 128 + the signal number after SIGINT / SIGTERM. A
     // configuration error is reported and ends the process with status 255.
     int Run();
 
-    // Writes the summary row and the FASTQ record of one read (trimmed when
-    // asked). Called by the workers; rows and records leave in the same order.
-    void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record);
+    // Formats one read into the batch: its summary row, and its FASTQ record
+    // (trimmed when asked, tagged with its arrangement) into the chunk of its
+    // output file. Called by the workers; nothing is written here.
+    void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
+                      ReadBatch& batch);
 
-    // A worker finished count reads taken from the queue (written or dropped);
-    // their summary rows are flushed before they count as done.
-    void ReadsDone(size_t count);
+    // A worker could not process a batch at all: the run stops with message.
+    void FailPipeline(const std::string& message);
 
 protected:
     void AddApplicationOptions() override;
@@ -58,22 +67,23 @@ protected:
     void PrepareRun() override;
     void StartNewFile(const std::string& path) override;
     void ProcessRead(const Common::FastQRecord& record) override;
-    int SubmitRead(const Common::FastQRecord& record) override;
+    int SubmitRead(Common::FastQRecord&& record) override;
+    void EndOfInputFile(const InputFileEnd& end) override;
     void WaitForCompletion() override;
+    bool ShouldStopReading() const override;
 
 private:
-    struct RunIdEntry {
-        std::mutex mutex;
-        uint64_t records = 0;
-    };
-
     [[noreturn]] void FailRun(const std::string& message);
     void PrintKits();
     void PrepareConfiguration();
     void LogSettings();
     void CheckBothEndsRequirement();
-    void StopWorkers();
+    void SubmitPending();
+    void WriterLoop();
+    void EmitBatch(ReadBatch& batch);
+    void StopThreads();
     void ReportRun(double seconds);
+    int ExitStatus() const;
 
     // Options.
     Barcoding::ScorerOptions scorer_options;
@@ -87,22 +97,17 @@ private:
     std::vector<std::shared_ptr<Barcoding::BarcodeScorer>> scorers;  // one per worker
     size_t detailed_results = 1;
 
-    // Feeding: only the reading thread touches pending and submitted.
-    std::unique_ptr<ReadBatchQueue> queue;
-    ReadBatch pending;
-    uint64_t submitted = 0;
-    std::atomic<uint64_t> processed{0};
-    std::mutex completion_mutex;
-    std::condition_variable completion;
+    // The pipeline. Only the reading thread touches pending.
+    std::unique_ptr<OrderedPipeline<ReadBatch>> pipeline;
+    std::unique_ptr<ReadBatch> pending;
     std::vector<std::unique_ptr<BarcoderWorker>> workers;
+    std::thread writer_thread;
 
-    // Output. Lock order: writer_map_mutex, then an entry's mutex (never both
-    // held), then output_mutex.
-    std::mutex writer_map_mutex;
-    std::map<std::string, std::unique_ptr<RunIdEntry>> run_id_entries;
+    // Output: only the writer thread writes, under output_mutex.
     std::mutex output_mutex;
-    std::unique_ptr<Common::BarcodeFastqWriter> writer;  // under output_mutex
-    RunTally tally;                                      // under output_mutex
+    std::unique_ptr<Common::BarcodeFastqWriter> writer;
+    RunTally tally;
+    std::string failure;  // the first fault that stopped the run
     std::chrono::steady_clock::time_point run_start;
 };
 

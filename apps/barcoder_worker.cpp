@@ -36,13 +36,17 @@ std::string ReadIdForMessage(const Common::FastQRecord& record) {
 
 }  // namespace
 
-BarcoderWorker::BarcoderWorker(Barcoder& owner, ReadBatchQueue& queue, std::shared_ptr<Barcoding::BarcodeScorer> scorer,
-                               size_t detailed_results)
-    : owner_(owner), queue_(queue), scorer_(std::move(scorer)), detailed_results_(detailed_results) {}
+BarcoderWorker::BarcoderWorker(Barcoder& owner, OrderedPipeline<ReadBatch>& pipeline,
+                               std::shared_ptr<Barcoding::BarcodeScorer> scorer, const Settings& settings)
+    : owner_(owner),
+      pipeline_(pipeline),
+      scorer_(std::move(scorer)),
+      settings_(settings),
+      gzip_(std::make_unique<Common::GzipMemberWriter>()) {}
 
 BarcoderWorker::~BarcoderWorker() {
-    // Only reached without Join when the run is being torn down early; the
-    // owner closes the queue first, so the loop ends.
+    // Only reached without Join when the run is torn down early; the owner
+    // stops or closes the pipeline first, so the loop ends.
     if (thread_.joinable()) thread_.join();
 }
 
@@ -63,32 +67,52 @@ int BarcoderWorker::Join() {
 
 int BarcoderWorker::WorkerLoop() {
     ReadBatch batch;
-    while (queue_.Pop(batch)) {
-        for (auto& record : batch)
-            ProcessOne(record);
-        owner_.ReadsDone(batch.size());
-        batch.clear();
+    while (pipeline_.Take(batch)) {
+        try {
+            ProcessBatch(batch);
+        } catch (const std::exception& error) {
+            // Per-read failures are handled below; this is a failure of the
+            // batch as a whole (memory, compression), which no later batch
+            // can make up for: the run stops rather than lose reads silently.
+            owner_.FailPipeline(std::string("Processing a batch of reads failed: ") + error.what());
+            return 1;
+        }
+        pipeline_.Finish(std::move(batch));
     }
     return 0;
 }
 
-// Every read taken off the queue ends here exactly once: written, dropped for
-// want of a run id, or logged as failed. None of these stops the worker.
-void BarcoderWorker::ProcessOne(Common::FastQRecord& record) {
+void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
+    for (auto& record : batch.reads)
+        ProcessOne(record, batch);
+    // The input is no longer needed; free it before the batch waits for the writer.
+    std::vector<Common::FastQRecord>().swap(batch.reads);
+    if (!settings_.compress) return;
+    for (auto& chunk : batch.chunks) {
+        gzip_->Append(chunk.text, chunk.gzip);
+        if (!settings_.keep_text) std::string().swap(chunk.text);
+    }
+}
+
+// Every read of a batch ends here exactly once: formatted for output, dropped
+// for want of a run id, or logged as failed. None of these stops the worker.
+void BarcoderWorker::ProcessOne(Common::FastQRecord& record, ReadBatch& batch) {
     try {
-        if (record.GetRunId() == Common::kInvalidRunId) {
+        const std::string run_id = record.GetRunId();
+        if (run_id == Common::kInvalidRunId) {
             VB_LOG(WorkerLogger(), Common::Severity::error)
                 << "Unable to detect run ID for read with ID " << record.GetReadId()
                 << ". This read will not be processed.";
-            ++dropped_;
+            ++batch.tally.dropped;
             return;
         }
-        const auto results = scorer_->Score(record.sequence, detailed_results_);
-        owner_.WriteResults(results, record);
+        const auto results = scorer_->Score(record.sequence, settings_.detailed_results);
+        owner_.WriteResults(results, record, batch);
         VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.GetReadId();
     } catch (const std::exception& error) {
         VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << ReadIdForMessage(record)
                                                         << ": " << error.what() << ". Continuing with next read.";
+        ++batch.tally.failed;
     }
 }
 

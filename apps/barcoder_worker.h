@@ -1,13 +1,17 @@
 #pragma once
-// One barcoder worker thread: takes read batches off the queue, scores each
-// read with its own scorer and hands the results to the barcoder's output.
+// One barcoder worker thread: takes read batches from the pipeline, scores
+// each read with its own scorer, lets the barcoder format it into the batch,
+// compresses the batch's FASTQ text per output file when asked, and hands the
+// batch on to the writer.
 
 #include <cstdint>
 #include <future>
 #include <memory>
 #include <thread>
 
-#include "apps/read_batch_queue.h"
+#include "apps/ordered_pipeline.h"
+#include "apps/read_batch.h"
+#include "common/gzip_member_tmp.h"
 
 namespace Barcoding {
 class BarcodeScorer;
@@ -19,29 +23,35 @@ class Barcoder;
 
 class BarcoderWorker {
 public:
-    // detailed_results: how many leading results need their found sequences.
-    BarcoderWorker(Barcoder& owner, ReadBatchQueue& queue, std::shared_ptr<Barcoding::BarcodeScorer> scorer,
-                   size_t detailed_results);
+    struct Settings {
+        size_t detailed_results = 1;  // leading results that need their found sequences
+        bool compress = false;        // make each output chunk a gzip member
+        bool keep_text = false;       // keep the text beside the member (the writer may cut it)
+    };
+
+    BarcoderWorker(Barcoder& owner, OrderedPipeline<ReadBatch>& pipeline,
+                   std::shared_ptr<Barcoding::BarcodeScorer> scorer, const Settings& settings);
     ~BarcoderWorker();
     BarcoderWorker(const BarcoderWorker&) = delete;
     BarcoderWorker& operator=(const BarcoderWorker&) = delete;
 
     // Throws std::runtime_error "Could not start worker thread".
     void Start();
-    // Waits until the queue is closed and drained; the loop's status.
+    // Waits until the pipeline is drained (or stopped); the loop's status.
     int Join();
-    // Reads dropped for want of a run id; valid after Join.
-    uint64_t DroppedReads() const { return dropped_; }
+
+    // Everything a worker does to one batch (also callable without a thread).
+    void ProcessBatch(ReadBatch& batch);
 
 private:
     int WorkerLoop();
-    void ProcessOne(Common::FastQRecord& record);
+    void ProcessOne(Common::FastQRecord& record, ReadBatch& batch);
 
     Barcoder& owner_;
-    ReadBatchQueue& queue_;
+    OrderedPipeline<ReadBatch>& pipeline_;
     std::shared_ptr<Barcoding::BarcodeScorer> scorer_;
-    size_t detailed_results_;
-    uint64_t dropped_ = 0;
+    Settings settings_;
+    std::unique_ptr<Common::GzipMemberWriter> gzip_;
     std::future<int> status_;
     std::thread thread_;
 };

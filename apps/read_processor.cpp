@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "common/fastq_reader.h"
+#include "common/stop_signal.h"
 
 namespace Vorpa {
 
@@ -198,9 +199,10 @@ std::vector<std::string> ReadProcessor::FindInputFiles(std::istream& names) cons
 }
 
 int ReadProcessor::Run() {
-    summary_stream.open(fs::path(save_path) / GetSummaryFileName(), std::ios::out | std::ios::trunc);
+    summary_file.Open((fs::path(save_path) / GetSummaryFileName()).string(), true);
     PrepareRun();
     std::vector<std::string> files = FindInputFiles(std::cin);
+    input_files_found = files.size();
     if (!quiet) {
         std::cout << std::endl;
         VB_LOG(logger, Severity::info) << "Found " << files.size() << " fastq files.";
@@ -208,6 +210,7 @@ int ReadProcessor::Run() {
     }
     int64_t start = NowMs();
     for (const auto& file : files) {
+        if (ShouldStopReading()) break;
         if (use_async) {
             ProcessFastqFileAsync(file);
         } else {
@@ -216,6 +219,10 @@ int ReadProcessor::Run() {
     }
     VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
     return 0;
+}
+
+bool ReadProcessor::ShouldStopReading() const {
+    return Common::StopSignal() != 0;
 }
 
 template <typename Work>
@@ -240,52 +247,68 @@ void ReadProcessor::GuardRead(const FastQRecord& record, Work&& work) {
 // Per-file progress lines go to the verbose channel: on the console they would
 // break up the progress bar, which already shows the file count.
 template <typename Feed>
-int ReadProcessor::ProcessInputFile(const std::string& path, Feed&& feed) {
-    int result = 0;
+int ReadProcessor::ProcessInputFile(const std::string& path, InputFileEnd& end, Feed&& feed) {
+    end.path = path;
     try {
         VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
         StartNewFile(path);
         auto stream = Common::OpenFastqFile(path);
         Common::FastQIterable reads(stream.get());
-        const uint64_t count = feed(reads);
-        VB_LOG(verbose_logger, Severity::info)
-            << "Successfully finished input file: " << path << " (" << count << " reads)";
+        end.reads = feed(reads);
+        end.error = reads.Error();
+        if (end.error.empty()) {
+            VB_LOG(verbose_logger, Severity::info)
+                << "Successfully finished input file: " << path << " (" << end.reads << " reads)";
+        } else {
+            VB_LOG(logger, Severity::error) << "Input file " << path << " ended early after " << end.reads
+                                            << " reads: " << end.error << ". The rest of this file was skipped.";
+        }
+        return 0;
     } catch (const std::exception& e) {
         LogFileError(path, e.what());
-        result = -1;
+        end.error = e.what();
     } catch (...) {
         LogFileError(path, "");
-        result = -1;
+        end.error = "unknown error";
     }
-    FinishFile();
-    return result;
+    end.failed = true;
+    return -1;
 }
 
 int ReadProcessor::ProcessFastqFile(const std::string& path) {
-    return ProcessInputFile(path, [this](Common::FastQIterable& reads) {
+    InputFileEnd end;
+    const int result = ProcessInputFile(path, end, [this](Common::FastQIterable& reads) {
         uint64_t count = 0;
         RecordJobLoop loop(std::max(1, worker_threads),
                            [this](const FastQRecord& record) { GuardRead(record, [&] { ProcessRead(record); }); });
-        for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
+        for (reads.Begin(); !reads.AtEnd() && !ShouldStopReading(); reads.Increment()) {
             loop.Push(std::move(reads.Record()));
             ++count;
         }
         loop.Finish();
         return count;
     });
+    AdvanceProgress();
+    return result;
 }
 
+// Records move from the reader into the application; nothing here waits for
+// them to be processed.
 int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
-    return ProcessInputFile(path, [this](Common::FastQIterable& reads) {
+    InputFileEnd end;
+    const int result = ProcessInputFile(path, end, [this](Common::FastQIterable& reads) {
         uint64_t count = 0;
         for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
-            GuardRead(reads.Record(), [&] { SubmitRead(reads.Record()); });
+            if (ShouldStopReading()) break;
+            bool refused = false;
+            GuardRead(reads.Record(), [&] { refused = SubmitRead(std::move(reads.Record())) == 0; });
+            if (refused) break;
             ++count;
         }
-        // The file is finished only when every handed read has been written.
-        WaitForCompletion();
         return count;
     });
+    EndOfInputFile(end);
+    return result;
 }
 
 void ReadProcessor::LogFileError(const std::string& path, const std::string& what) {
@@ -298,7 +321,7 @@ void ReadProcessor::LogFileError(const std::string& path, const std::string& wha
     }
 }
 
-void ReadProcessor::FinishFile() {
+void ReadProcessor::AdvanceProgress() {
     if (!quiet && progress) progress->Advance();
 }
 

@@ -14,9 +14,19 @@
 #include "apps/progress_display.h"
 #include "common/fastq_record.h"
 #include "common/logger.h"
+#include "common/output_file.h"
 #include "common/parameters.h"
 
 namespace Vorpa {
+
+// How the reading of one input file ended, handed to the application after the
+// file's last record.
+struct InputFileEnd {
+    std::string path;
+    uint64_t reads = 0;  // records taken from the file and handed over
+    bool failed = false;  // the file could not be read at all (error says why)
+    std::string error;    // why reading stopped early; empty after a clean end of input
+};
 
 class ReadProcessor : public Common::Parameters {
 public:
@@ -29,12 +39,16 @@ public:
     void Initialise(int argc, char** argv, const std::string& data_subfolder, const std::string& default_config_file);
     // Processes every input file; per-file and per-read failures are logged
     // and skipped. Returns the process exit status (0). Exceptions from
-    // PrepareRun (configuration errors) propagate.
+    // PrepareRun (configuration errors) propagate. Reading stops early when
+    // ShouldStopReading() says so (a signal, a failed output).
     int Run();
-    // One input file through ProcessRead on worker_threads threads /
-    // through SubmitRead and WaitForCompletion. 0 on success, -1 when the
-    // file failed (logged).
+    // One input file through ProcessRead on worker_threads threads, each
+    // read finished before it returns. 0 on success, -1 when the file failed
+    // (logged).
     int ProcessFastqFile(const std::string& path);
+    // One input file handed to the application's own pipeline through
+    // SubmitRead, then EndOfInputFile; returns without waiting for the reads
+    // to be processed. 0 on success, -1 when the file failed (logged).
     int ProcessFastqFileAsync(const std::string& path);
 
 protected:
@@ -51,10 +65,20 @@ protected:
     virtual void StartNewFile(const std::string& path) = 0;
     // Synchronous per-read work; called from worker threads concurrently.
     virtual void ProcessRead(const Common::FastQRecord& record) = 0;
-    // Asynchronous path: hand one record to the application's own workers,
-    // then, at the end of each file, wait until all handed records are done.
-    virtual int SubmitRead(const Common::FastQRecord& record) = 0;
+    // Asynchronous path, all called from the reading thread: hand one record
+    // over (0 = the application takes no more reads); say that a file's last
+    // record has been handed over; after the last file, wait until every
+    // handed record is done. Reads of consecutive files flow on without a
+    // wait in between, so the application reports a file as done (progress)
+    // when its last read is, with AdvanceProgress.
+    virtual int SubmitRead(Common::FastQRecord&& record) = 0;
+    virtual void EndOfInputFile(const InputFileEnd& /*end*/) {}
     virtual void WaitForCompletion() = 0;
+    // Polled between records: true stops reading (the files not yet read
+    // are skipped). By default: a stop signal arrived.
+    virtual bool ShouldStopReading() const;
+    // One more file is done: the progress bar moves (unless quiet).
+    void AdvanceProgress();
 
     // Initialise without ending the process: returns the exit status when the
     // process should end now (help, option errors), nothing to go on.
@@ -75,7 +99,8 @@ protected:
     std::vector<std::string> trace_categories_logs;
     std::string config_file_used;  // resolved configuration file path
     bool verbose_enabled = false;  // verbose_logger accepts verbose records (cached once)
-    std::ofstream summary_stream;
+    Common::OutputFile summary_file;  // the run's summary, opened (emptied) by Run
+    uint64_t input_files_found = 0;
     std::unique_ptr<ProgressDisplay> progress;
 
     Common::Logger logger{"read_processor"};
@@ -88,11 +113,10 @@ private:
     void GuardRead(const Common::FastQRecord& record, Work&& work);
     // The frame shared by both per-file paths: start, open, let `feed` hand
     // every record on (it returns the count), and turn any failure into the
-    // per-file error line. Returns 0, or -1 when the file failed.
+    // per-file error line. Fills end; returns 0, or -1 when the file failed.
     template <typename Feed>
-    int ProcessInputFile(const std::string& path, Feed&& feed);
+    int ProcessInputFile(const std::string& path, InputFileEnd& end, Feed&& feed);
     void LogFileError(const std::string& path, const std::string& what);
-    void FinishFile();
 };
 
 }  // namespace Vorpa

@@ -1,5 +1,6 @@
 #pragma once
-// The end-of-run report: how the reads were classified and how fast.
+// The end-of-run report: how the reads were classified, what was lost and
+// why, and how fast.
 
 #include <cstdint>
 #include <map>
@@ -8,14 +9,40 @@
 
 namespace Vorpa {
 
+struct ArrangementTally {
+    uint64_t reads = 0;
+    uint64_t bases = 0;
+    double score_sum = 0;  // of the finite barcode scores
+    uint64_t scored = 0;   // reads with a finite barcode score
+
+    void Add(uint64_t read_bases, float score);
+    void Add(const ArrangementTally& other);
+};
+
+// Counted where the reads are (per batch) and summed by the writer, so no
+// counter is shared between threads.
 struct RunTally {
-    std::map<std::string, uint64_t> reads_per_arrangement;  // by reported arrangement name, "unclassified" included
-    uint64_t dropped = 0;                                   // reads without a run id, written nowhere
+    // Written reads by reported arrangement name, "unclassified" included.
+    std::map<std::string, ArrangementTally> arrangements;
+    uint64_t dropped = 0;  // reads without a run id: written nowhere
+    uint64_t failed = 0;   // reads whose processing failed: written nowhere
+    uint64_t mixed = 0;    // reads whose two ends passed for different barcodes
+    // Unclassified reads by reason text ("no barcode above the minimum", ...).
+    std::map<std::string, uint64_t> unclassified_reasons;
+    uint64_t files_found = 0;
+    uint64_t files_read = 0;         // opened and read, to their end or not
+    uint64_t files_ended_early = 0;  // stopped by a malformed record or damaged data
+    uint64_t files_failed = 0;       // could not be read at all
+
+    uint64_t Written() const;
+    uint64_t Unclassified() const;
+    void Add(const RunTally& other);
 };
 
 // The report as lines of text (no newlines): a table of arrangement, reads and
 // percent of written reads (arrangements by name, "unclassified" last), the
-// classified and unclassified totals and the throughput over seconds.
+// classified and unclassified totals, the unclassified reads by reason, the
+// reads and files lost and the throughput over seconds.
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds);
 
 }  // namespace Vorpa

@@ -105,9 +105,11 @@ void FastQIterable::Increment() {
         record_.Validate();
     } catch (const std::exception& e) {
         VB_LOG(logger, Severity::error) << "Caught exception, so setting END flag. " << e.what();
+        error_ = e.what();
         state_ = kEnd;
     } catch (...) {
         VB_LOG(logger, Severity::error) << "Caught unknown exception, so setting END flag.";
+        error_ = "unknown error";
         state_ = kEnd;
     }
 }

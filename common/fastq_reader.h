@@ -34,6 +34,9 @@ public:
     FastQIterable& Begin();
     void Increment();
     bool AtEnd() const { return state_ == kEnd; }
+    // Why the iteration ended: empty at a clean end of input, else the
+    // message of the record or stream failure that ended it.
+    const std::string& Error() const { return error_; }
     // Valid only while !AtEnd(). Not const so a consumer may move it out.
     FastQRecord& Record() { return record_; }
     const FastQRecord& Record() const { return record_; }
@@ -49,6 +52,7 @@ private:
     int32_t state_ = kNotStarted;
     std::istream* stream_;
     std::string plus_line_;
+    std::string error_;
 };
 
 }  // namespace Common

@@ -1,50 +1,82 @@
-// Files stay open between writes: the map holds one open stream per (folder,
-// run id), so a read costs one formatted append. A gzip file is a compressor
-// chained in front of the file stream; closing the chain is what writes the
-// gzip trailer, so every path that drops a file goes through Close().
+// Each series knows its current file and how many records it holds, so the
+// writer alone decides rotation, in input order. Files are plain descriptors
+// written one chunk at a time; with compression every chunk is one gzip
+// member, and a gzip file may hold any number of members back to back, so a
+// file is valid after every chunk and can be closed and reopened for
+// appending at any time. That is what lets the writer keep only a bounded
+// number of files open whatever the number of arrangements and run ids.
 
 #include "common/fastq_writer.h"
 
-// GCC 12 reports a false -Wrestrict inside the gzip compressor's inlined
-// buffer copies (boost/iostreams with libstdc++ char_traits).
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wrestrict"
-#endif
+#include <sys/resource.h>
 
-#include <boost/filesystem.hpp>
-#include <boost/iostreams/filter/gzip.hpp>
-#include <boost/iostreams/filtering_stream.hpp>
-#include <fstream>
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <stdexcept>
 
+#include "common/gzip_member_tmp.h"
 #include "common/logger.h"
+#include "common/output_file.h"
 
 namespace Common {
 
+namespace fs = std::filesystem;
+
 namespace {
+
 const Logger& WriterLog() {
     static const Logger logger("fastq_writer");
     return logger;
 }
+
+// Half of the open-file limit, leaving the rest to inputs, logs and the
+// summary; never fewer than a handful.
+unsigned DefaultMaxOpenFiles() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 1024;
+    return static_cast<unsigned>(std::clamp<rlim_t>(limit.rlim_cur / 2, 4, 1024));
+}
+
+bool OutOfDescriptors(const OutputError& error) {
+    return error.ErrorNumber() == EMFILE || error.ErrorNumber() == ENFILE;
+}
+
 }  // namespace
 
-struct FastqWriter::OpenFile {
-    std::string path;
-    unsigned index = 0;
-    unsigned records = 0;  // written to the current file
-    std::ofstream file;
-    std::unique_ptr<boost::iostreams::filtering_ostream> gzip;  // null for plain text
+void FastqChunk::AddRecord(const FastQRecord& record) {
+    text.reserve(text.size() + record.title.size() + record.sequence.size() + record.qstring.size() + 4);
+    text += record.title;
+    text += '\n';
+    text += record.sequence;
+    text += "\n+\n";
+    text += record.qstring;
+    text += '\n';
+    record_ends.push_back(text.size());
+}
 
-    std::ostream& Stream() { return gzip ? static_cast<std::ostream&>(*gzip) : file; }
-    void Close() {
-        if (gzip) gzip->reset();  // flushes the compressor and writes the trailer
-        gzip.reset();
-        file.close();
+struct FastqWriter::Series {
+    std::string folder;
+    std::string run_id;
+    unsigned index = 0;
+    uint64_t records = 0;  // in the current file
+    bool created = false;  // the current file was created (emptied) by this run
+    uint64_t last_use = 0;
+    uint64_t undo_batch = 0;  // the batch whose undo record holds this file's earlier size
+    std::string undo_path;
+    OutputFile file;
+
+    std::string Path(bool compress) const {
+        std::string name = "fastq_runid_" + run_id + "_" + std::to_string(index) + ".fastq";
+        if (compress) name += ".gz";
+        return (fs::path(folder) / name).string();
     }
 };
 
 FastqWriter::FastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options)
-    : save_paths_(std::move(save_paths)), options_(options) {
+    : save_paths_(std::move(save_paths)),
+      options_(options),
+      max_open_(options.max_open_files > 0 ? options.max_open_files : DefaultMaxOpenFiles()) {
     if (save_paths_.empty()) throw std::runtime_error("Cannot create FastqWriter with no writer objects!");
 }
 
@@ -57,83 +89,198 @@ FastqWriter::~FastqWriter() {
     }
 }
 
-std::unique_ptr<FastqWriter::OpenFile> FastqWriter::Open(const Key& key, unsigned index) const {
-    namespace fs = boost::filesystem;
-    const fs::path folder(key.first);
-    if (!folder.empty() && !fs::exists(folder)) fs::create_directories(folder);
-    std::string name = "fastq_runid_" + key.second + "_" + std::to_string(index) + ".fastq";
-    if (options_.compress) name += ".gz";
-    auto file = std::make_unique<OpenFile>();
-    file->path = (folder / name).string();
-    file->index = index;
-    if (fs::exists(file->path))
-        VB_LOG(WriterLog(), Severity::warning) << "The output file '" << file->path << "' will be overwitten.";
-    file->file.open(file->path, std::ios::out | std::ios::binary | std::ios::trunc);
-    if (!file->file) throw std::runtime_error("Failed to open file '" + file->path + "' for writing.");
-    if (options_.compress) {
-        namespace io = boost::iostreams;
-        file->gzip = std::make_unique<io::filtering_ostream>();
-        file->gzip->push(io::gzip_compressor(io::gzip_params(io::gzip::best_speed)));
-        file->gzip->push(file->file);
+FastqWriter::Series& FastqWriter::FindSeries(const Key& key) {
+    auto found = series_.find(key);
+    if (found != series_.end()) return *found->second;
+    auto series = std::make_unique<Series>();
+    series->folder = key.first;
+    series->run_id = key.second;
+    return *series_.emplace(key, std::move(series)).first->second;
+}
+
+void FastqWriter::CloseLeastRecentlyUsed() {
+    Series* oldest = nullptr;
+    for (auto& [key, series] : series_) {
+        if (series->file.IsOpen() && (oldest == nullptr || series->last_use < oldest->last_use)) oldest = series.get();
     }
-    return file;
+    if (oldest == nullptr) return;
+    oldest->file.Close();
+    --open_count_;
+}
+
+// The first open of a file in this run empties it (an older run's file of the
+// same name is replaced); a reopen after an eviction appends.
+void FastqWriter::EnsureOpen(Series& series) {
+    series.last_use = ++use_clock_;
+    if (series.file.IsOpen()) return;
+    while (open_count_ >= max_open_)
+        CloseLeastRecentlyUsed();
+    const std::string path = series.Path(options_.compress);
+    if (!series.created) {
+        std::error_code error;
+        if (!series.folder.empty() && !fs::is_directory(series.folder, error)) {
+            fs::create_directories(series.folder, error);
+            if (error)
+                throw OutputError("Failed to create folder '" + series.folder + "': " + error.message() + ".");
+        }
+        if (fs::exists(path, error))
+            VB_LOG(WriterLog(), Severity::warning) << "The output file '" << path << "' will be overwitten.";
+    }
+    for (int attempt = 0;; ++attempt) {
+        try {
+            series.file.Open(path, !series.created);
+            break;
+        } catch (const OutputError& error) {
+            // Another part of the process may hold descriptors we counted on.
+            if (attempt > 0 || !OutOfDescriptors(error) || open_count_ == 0) throw;
+            max_open_ = std::max(1u, static_cast<unsigned>(open_count_ / 2));
+            while (open_count_ > max_open_ - 1)
+                CloseLeastRecentlyUsed();
+        }
+    }
+    series.created = true;
+    ++open_count_;
+}
+
+void FastqWriter::WriteToSeries(Series& series, std::string_view bytes) {
+    EnsureOpen(series);
+    // The size before the first write of a batch to this file is where a
+    // rollback cuts it back to.
+    if (in_batch_ && (series.undo_batch != batch_id_ || series.undo_path != series.file.Path())) {
+        batch_undo_.emplace_back(series.file.Path(), series.file.Size());
+        series.undo_batch = batch_id_;
+        series.undo_path = series.file.Path();
+    }
+    series.file.Write(bytes);
 }
 
 void FastqWriter::startNewFile(const Key& key) {
-    std::unique_ptr<OpenFile>& slot = files_.at(key);
-    const unsigned next = slot->index + 1;
-    slot->Close();
-    slot = Open(key, next);
+    Series& series = FindSeries(key);
+    if (series.file.IsOpen()) {
+        series.file.Close();
+        --open_count_;
+    }
+    ++series.index;
+    series.records = 0;
+    series.created = false;
+}
+
+std::string FastqWriter::CompressPiece(std::string_view text) {
+    std::string member;
+    GzipMemberWriter().Append(text, member);
+    return member;
+}
+
+void FastqWriter::Append(const FastqChunk& chunk) {
+    if (finalised_) throw std::runtime_error("Attempted to write record after finalizing the writer.");
+    if (chunk.Records() == 0) return;
+    const uint64_t limit = options_.records_per_fastq;
+    for (const auto& root : save_paths_) {
+        const Key key((fs::path(root) / chunk.folder).string(), chunk.run_id);
+        Series& series = FindSeries(key);
+        if (limit > 0 && series.records >= limit) startNewFile(key);
+        if (limit == 0 || series.records + chunk.Records() <= limit) {
+            WriteToSeries(series, options_.compress ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
+            series.records += chunk.Records();
+            continue;
+        }
+        // The chunk straddles one or more file boundaries: cut it at record
+        // ends, filling the current file first.
+        if (chunk.text.size() != chunk.record_ends.back())
+            throw std::logic_error("A FASTQ chunk crossing a file boundary must carry its text.");
+        size_t done = 0;
+        while (done < chunk.Records()) {
+            if (series.records >= limit) startNewFile(key);
+            const size_t take = std::min<size_t>(chunk.Records() - done, limit - series.records);
+            const size_t begin = done == 0 ? 0 : chunk.record_ends[done - 1];
+            const size_t end = chunk.record_ends[done + take - 1];
+            const std::string_view piece(chunk.text.data() + begin, end - begin);
+            if (options_.compress) {
+                WriteToSeries(series, CompressPiece(piece));
+            } else {
+                WriteToSeries(series, piece);
+            }
+            series.records += take;
+            done += take;
+        }
+    }
+    records_written_ += chunk.Records();
 }
 
 void FastqWriter::WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id) {
-    if (finalised_) throw std::runtime_error("Attempted to write record after finalizing the writer.");
-    const std::string text = record.ToString();
-    for (const auto& root : save_paths_) {
-        const Key key((boost::filesystem::path(root) / folder).string(), run_id);
-        auto found = files_.find(key);
-        if (found == files_.end()) found = files_.emplace(key, Open(key, 0)).first;
-        if (options_.records_per_fastq > 0 && found->second->records >= options_.records_per_fastq) startNewFile(key);
-        OpenFile& file = *found->second;
-        file.Stream() << text;
-        if (!file.Stream()) throw std::runtime_error("Failed to write to file '" + file.path + "'.");
-        ++file.records;
+    FastqChunk chunk;
+    chunk.folder = folder;
+    chunk.run_id = run_id;
+    chunk.AddRecord(record);
+    if (options_.compress) CompressPiece(chunk.text).swap(chunk.gzip);
+    Append(chunk);
+}
+
+void FastqWriter::BeginBatch() {
+    in_batch_ = true;
+    ++batch_id_;
+    batch_undo_.clear();
+}
+
+void FastqWriter::CommitBatch() {
+    in_batch_ = false;
+    batch_undo_.clear();
+}
+
+void FastqWriter::RollbackBatch() {
+    in_batch_ = false;
+    std::vector<std::pair<std::string, uint64_t>> undo;
+    undo.swap(batch_undo_);
+    std::string failures;
+    for (const auto& [path, size] : undo) {
+        try {
+            TruncateOutputFile(path, size);
+        } catch (const OutputError& error) {
+            failures += std::string(failures.empty() ? "" : " ") + error.what();
+        }
     }
+    if (!failures.empty()) throw OutputError(failures);
 }
 
 void FastqWriter::Flush() {
     if (finalised_) throw std::runtime_error("Attempted to flush after finalizing the writer.");
-    for (auto& [key, file] : files_)
-        file->Stream().flush();
 }
 
 void FastqWriter::Finalise() {
     if (finalised_) return;
     finalised_ = true;
-    for (auto& [key, file] : files_) {
-        file->Stream().flush();
-        file->Close();
+    std::string failures;
+    for (auto& [key, series] : series_) {
+        try {
+            series->file.Close();
+        } catch (const OutputError& error) {
+            failures += std::string(failures.empty() ? "" : " ") + error.what();
+        }
     }
-    files_.clear();
+    open_count_ = 0;
+    series_.clear();
+    if (!failures.empty()) throw OutputError(failures);
 }
 
 BarcodeFastqWriter::BarcodeFastqWriter(const std::string& save_path, bool compress, unsigned records_per_fastq,
                                        bool split_pass_fail)
-    : FastqWriter({save_path}, FastqWriterOptions{split_pass_fail, compress, records_per_fastq}) {}
+    : FastqWriter({save_path}, FastqWriterOptions{split_pass_fail, compress, records_per_fastq, 0}) {}
 
 BarcodeFastqWriter::BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options)
     : FastqWriter(std::move(save_paths), options) {}
 
+std::string BarcodeFastqWriter::FolderFor(const std::string& arrangement, bool split_pass_fail, bool pass,
+                                          bool calibration) {
+    if (calibration) return "calibration_strands";
+    fs::path folder;
+    if (split_pass_fail) folder /= pass ? "pass" : "fail";
+    if (!arrangement.empty()) folder /= arrangement;
+    return folder.string();
+}
+
 void BarcodeFastqWriter::Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id,
                                bool pass, bool calibration) {
-    boost::filesystem::path folder;
-    if (calibration) {
-        folder = "calibration_strands";
-    } else {
-        if (Options().split_pass_fail) folder /= pass ? "pass" : "fail";
-        if (!arrangement.empty()) folder /= arrangement;
-    }
-    WriteToFolder(record, folder.string(), run_id);
+    WriteToFolder(record, FolderFor(arrangement, Options().split_pass_fail, pass, calibration), run_id);
 }
 
 }  // namespace Common

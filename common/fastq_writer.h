@@ -2,11 +2,19 @@
 // FASTQ output split by folder and run id. Every (folder, run id) pair has its
 // own series of files "fastq_runid_<run id>_<index>.fastq[.gz]", indices from
 // 0; with records_per_fastq > 0 the next file starts when a record arrives
-// after the current one is full. Not thread-safe: the caller serialises.
+// after the current one is full.
+//
+// Records arrive as chunks: the text of many records of one series, already
+// formatted (and, with compression, already made into a gzip member) by a
+// worker. The writer only appends bytes and decides where a series' next file
+// begins, which depends on everything written before and so belongs here.
+// Not thread-safe: one writer thread (or the caller's lock) serialises it.
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,44 +24,86 @@ namespace Common {
 
 struct FastqWriterOptions {
     bool split_pass_fail = false;    // "pass"/"fail" folder level
-    bool compress = false;           // gzip, fastest level
+    bool compress = false;           // gzip
     unsigned records_per_fastq = 0;  // 0 = one file per folder and run id
+    // Output files kept open at once; the least recently used is closed (and
+    // later reopened for appending) beyond that. 0 = derived from the
+    // process's open-file limit.
+    unsigned max_open_files = 0;
+};
+
+// The records of one series in one batch, in input order.
+struct FastqChunk {
+    std::string folder;  // relative to the save path; "" = the save path itself
+    std::string run_id;
+    std::string text;                // FASTQ text; may be empty when gzip holds it all
+    std::vector<size_t> record_ends;  // end offset in text of each record
+    std::string gzip;                 // with compression: one gzip member holding text
+
+    size_t Records() const { return record_ends.size(); }
+    void AddRecord(const FastQRecord& record);
 };
 
 class FastqWriter {
 public:
     // save_paths are the output roots ("writer objects"): every record is
-    // written below each of them, so one run can fill a local and a shared
-    // folder at once. Throws when the list is empty.
+    // written below each of them. Throws when the list is empty.
     FastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options);
     virtual ~FastqWriter();
     FastqWriter(const FastqWriter&) = delete;
     FastqWriter& operator=(const FastqWriter&) = delete;
 
-    // Appends record to the current file of (root / folder, run_id) under every
-    // root; folder is relative ("" = the root itself). Missing folders are created.
+    // Appends the chunk's records to their series under every root. With
+    // compression, chunk.gzip is written as it is when the records all go to
+    // one file; a chunk that straddles a file boundary needs chunk.text.
+    // Throws OutputError (output_file.h) when a file cannot be opened or written.
+    void Append(const FastqChunk& chunk);
+    // One record; folder is relative ("" = the root itself).
     void WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id);
+
+    // Everything appended between BeginBatch and RollbackBatch is cut off
+    // again (files cut back to their earlier size), so that a failed batch
+    // leaves whole batches behind. CommitBatch forgets the record.
+    void BeginBatch();
+    void CommitBatch();
+    void RollbackBatch();
+
+    // Nothing is buffered; kept for callers that flush at checkpoints.
     void Flush();
-    // Flushes and closes every file (gzip trailers included); later writes and
-    // flushes throw. The destructor finalises when this was not called.
+    // Closes every file; later writes and flushes throw. The destructor
+    // finalises quietly when this was not called.
     void Finalise();
 
     const FastqWriterOptions& Options() const { return options_; }
+    size_t OpenFileCount() const { return open_count_; }
+    // Records written so far to every series, summed (first root only).
+    uint64_t RecordsWritten() const { return records_written_; }
 
 protected:
-    struct OpenFile;
+    struct Series;
     using Key = std::pair<std::string, std::string>;  // (full folder path, run id)
 
-    // Closes the entry's current file and opens the next index.
+    // Closes the series' current file and moves on to the next index.
     void startNewFile(const Key& key);
 
 private:
-    std::unique_ptr<OpenFile> Open(const Key& key, unsigned index) const;
+    Series& FindSeries(const Key& key);
+    void WriteToSeries(Series& series, std::string_view bytes);
+    void EnsureOpen(Series& series);
+    void CloseLeastRecentlyUsed();
+    std::string CompressPiece(std::string_view text);
 
     std::vector<std::string> save_paths_;
     FastqWriterOptions options_;
+    unsigned max_open_;
     bool finalised_ = false;
-    std::map<Key, std::unique_ptr<OpenFile>> files_;
+    std::map<Key, std::unique_ptr<Series>> series_;
+    size_t open_count_ = 0;
+    uint64_t use_clock_ = 0;
+    uint64_t records_written_ = 0;
+    bool in_batch_ = false;
+    uint64_t batch_id_ = 0;
+    std::vector<std::pair<std::string, uint64_t>> batch_undo_;  // (path, size before the batch)
 };
 
 // Chooses the folder from the classification: "calibration_strands" for
@@ -66,6 +116,9 @@ public:
 
     void Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id, bool pass = true,
                bool calibration = false);
+
+    // The relative folder Write would use.
+    static std::string FolderFor(const std::string& arrangement, bool split_pass_fail, bool pass, bool calibration);
 };
 
 }  // namespace Common

@@ -28,6 +28,7 @@ public:
     std::vector<std::string> files_started;
     std::vector<std::string> reads;  // read ids handed to ProcessRead / SubmitRead
     int waits = 0;
+    std::vector<Vorpa::InputFileEnd> ends;
     bool prepared = false;
 
     std::optional<int> Start(std::vector<std::string> args) {
@@ -45,9 +46,13 @@ protected:
     void PrepareRun() override { prepared = true; }
     void StartNewFile(const std::string& path) override { files_started.push_back(path); }
     void ProcessRead(const Common::FastQRecord& record) override { Take(record); }
-    int SubmitRead(const Common::FastQRecord& record) override {
+    int SubmitRead(Common::FastQRecord&& record) override {
         Take(record);
         return 1;
+    }
+    void EndOfInputFile(const Vorpa::InputFileEnd& end) override {
+        ends.push_back(end);
+        AdvanceProgress();
     }
     void WaitForCompletion() override { ++waits; }
 
@@ -169,7 +174,16 @@ TEST_F(ReadProcessorTest, AsyncRunHandsEveryReadOverAndSurvivesBadFiles) {
     EXPECT_EQ(p.Run(), 0);
     std::sort(p.reads.begin(), p.reads.end());
     EXPECT_EQ(p.reads, (std::vector<std::string>{"a1", "a2", "a4", "b1"}));
-    EXPECT_EQ(p.waits, 3);
+    // Files flow on without waiting; each end is reported with how it ended.
+    EXPECT_EQ(p.waits, 0);
+    ASSERT_EQ(p.ends.size(), 3u);
+    std::sort(p.ends.begin(), p.ends.end(), [](const auto& x, const auto& y) { return x.path < y.path; });
+    EXPECT_EQ(p.ends[0].reads, 4u);
+    EXPECT_TRUE(p.ends[0].error.empty());
+    EXPECT_EQ(p.ends[1].reads, 1u);
+    EXPECT_NE(p.ends[1].error.find("unexpected character 'a'"), std::string::npos) << p.ends[1].error;
+    EXPECT_FALSE(p.ends[1].failed);
+    EXPECT_TRUE(p.ends[2].failed || !p.ends[2].error.empty());
     EXPECT_EQ(p.files_started.size(), 3u);
     EXPECT_TRUE(p.prepared);
     EXPECT_TRUE(fs::exists(root / "out" / "summary.txt"));

@@ -1,16 +1,45 @@
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
+#include <map>
+#include <random>
 #include <sstream>
 
 #include "common/fastq_writer.h"
+#include "common/gzip_member_tmp.h"
+#include "common/output_file.h"
 
 namespace Common {
 namespace {
 
 namespace fs = boost::filesystem;
+
+// zlib as the reference reader: every member of a gzip file, one after another.
+std::string Gunzip(const std::string& data) {
+    std::string out;
+    z_stream stream{};
+    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    stream.avail_in = static_cast<uInt>(data.size());
+    char buffer[1 << 14];
+    while (stream.avail_in > 0) {
+        stream.next_out = reinterpret_cast<Bytef*>(buffer);
+        stream.avail_out = sizeof buffer;
+        const int result = inflate(&stream, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - stream.avail_out);
+        if (result == Z_STREAM_END) {
+            inflateReset(&stream);
+        } else if (result != Z_OK) {
+            ADD_FAILURE() << "not valid gzip: " << result;
+            break;
+        }
+    }
+    inflateEnd(&stream);
+    return out;
+}
 
 class FastqWriterTest : public ::testing::Test {
 protected:
@@ -109,6 +138,100 @@ TEST_F(FastqWriterTest, MisuseIsRefused) {
     std::ofstream((root_ / "blocker").string()) << "x";
     BarcodeFastqWriter blocked((root_ / "blocker").string(), false, 0);
     EXPECT_THROW(blocked.Write(Record(0), "", "R1"), std::runtime_error);
+}
+
+// Chunks of random sizes for random series, through writers with file limits,
+// compression and only two files open at a time (so files are closed and
+// reopened for appending all the time), against the simplest model: each
+// series' records in order, cut every records_per_fastq into files.
+TEST_F(FastqWriterTest, ChunksLandWhereRecordByRecordWritingWouldPutThem) {
+    std::mt19937 rng(20261122);
+    for (bool compress : {false, true}) {
+        for (unsigned limit : {0u, 1u, 3u, 7u}) {
+            fs::remove_all(root_);
+            FastqWriterOptions options;
+            options.compress = compress;
+            options.records_per_fastq = limit;
+            options.max_open_files = 2;
+            std::map<std::pair<std::string, std::string>, std::vector<std::string>> model;
+            {
+                FastqWriter writer({root_.string()}, options);
+                GzipMemberWriter gzip;
+                int next = 0;
+                for (int c = 0; c < 60; ++c) {
+                    FastqChunk chunk;
+                    chunk.folder = "bc" + std::to_string(rng() % 4);
+                    chunk.run_id = "run" + std::to_string(rng() % 3);
+                    const int records = static_cast<int>(rng() % 9);
+                    for (int r = 0; r < records; ++r) {
+                        const FastQRecord record = Record(next++, chunk.run_id);
+                        chunk.AddRecord(record);
+                        model[{chunk.folder, chunk.run_id}].push_back(record.ToString());
+                    }
+                    if (compress) gzip.Append(chunk.text, chunk.gzip);
+                    writer.Append(chunk);
+                    EXPECT_LE(writer.OpenFileCount(), 2u);
+                }
+                writer.Finalise();
+            }
+            size_t files_expected = 0;
+            for (const auto& [key, records] : model) {
+                const size_t per_file = limit == 0 ? records.size() : limit;
+                for (size_t first = 0, index = 0; first < records.size(); first += per_file, ++index) {
+                    std::string expected;
+                    for (size_t r = first; r < std::min(records.size(), first + per_file); ++r)
+                        expected += records[r];
+                    fs::path file = root_ / key.first / ("fastq_runid_" + key.second + "_" + std::to_string(index) +
+                                                         (compress ? ".fastq.gz" : ".fastq"));
+                    ASSERT_TRUE(fs::exists(file)) << file;
+                    EXPECT_EQ(compress ? Gunzip(Slurp(file)) : Slurp(file), expected) << file;
+                    ++files_expected;
+                }
+            }
+            EXPECT_EQ(Files().size(), files_expected) << compress << " " << limit;
+        }
+    }
+}
+
+// A failed batch is cut off again: files hold exactly what the committed
+// batches wrote, also across a rotation inside the failed batch.
+TEST_F(FastqWriterTest, RollbackLeavesOnlyCommittedBatches) {
+    FastqWriterOptions options;
+    options.records_per_fastq = 3;
+    FastqWriter writer({root_.string()}, options);
+    auto chunk_of = [&](int first, int count) {
+        FastqChunk chunk;
+        chunk.folder = "bc";
+        chunk.run_id = "R1";
+        for (int k = first; k < first + count; ++k)
+            chunk.AddRecord(Record(k));
+        return chunk;
+    };
+    writer.BeginBatch();
+    writer.Append(chunk_of(0, 2));
+    writer.CommitBatch();
+    writer.BeginBatch();
+    writer.Append(chunk_of(2, 3));  // fills file 0, starts file 1
+    writer.RollbackBatch();
+    writer.Finalise();
+    EXPECT_EQ(Slurp(root_ / "bc/fastq_runid_R1_0.fastq"), Record(0).ToString() + Record(1).ToString());
+    EXPECT_EQ(Slurp(root_ / "bc/fastq_runid_R1_1.fastq"), "");
+}
+
+// A full disk is reported with the reason and the file; the file never
+// silently holds a cut record.
+TEST_F(FastqWriterTest, WriteFailureNamesTheFile) {
+    fs::create_directories(root_ / "bc");
+    fs::create_symlink("/dev/full", root_ / "bc/fastq_runid_R1_0.fastq");
+    BarcodeFastqWriter writer(root_.string(), false, 0);
+    try {
+        writer.Write(Record(0), "bc", "R1");
+        FAIL();
+    } catch (const OutputError& e) {
+        EXPECT_NE(std::string(e.what()).find("No space left on device while writing '"), std::string::npos)
+            << e.what();
+        EXPECT_NE(std::string(e.what()).find("bc/fastq_runid_R1_0.fastq'"), std::string::npos) << e.what();
+    }
 }
 
 }  // namespace

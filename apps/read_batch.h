@@ -1,0 +1,39 @@
+#pragma once
+// One batch of reads on its way through a run: what the reading thread cut
+// from the input, and what a worker made of it for the writer.
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "apps/read_processor.h"
+#include "apps/run_report.h"
+#include "common/fastq_record.h"
+#include "common/fastq_writer.h"
+
+namespace Vorpa {
+
+struct ReadBatch {
+    uint64_t sequence = 0;  // set by the pipeline: input order
+
+    // From the reading thread.
+    std::vector<Common::FastQRecord> reads;
+    uint64_t bases = 0;
+    // Files whose last read is in this batch or an earlier one; the writer
+    // reports them done after writing the batch.
+    std::vector<InputFileEnd> file_ends;
+
+    // From the worker, in read order.
+    std::string summary;                     // summary rows
+    std::vector<Common::FastqChunk> chunks;  // one per output series, by first appearance
+    RunTally tally;
+
+    // The chunk of (folder, run id), added at the end when new.
+    Common::FastqChunk& ChunkFor(const std::string& folder, const std::string& run_id);
+
+private:
+    std::unordered_map<std::string, size_t> chunk_index_;
+};
+
+}  // namespace Vorpa
