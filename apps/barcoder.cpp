@@ -169,6 +169,7 @@ void Barcoder::PrintKits() {
 
 int Barcoder::Run() {
     Common::InstallStopSignalHandlers();
+    Common::RaiseOpenFileLimit();
     PrepareConfiguration();
     try {
         ReadProcessor::Run();
@@ -426,10 +427,11 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
             trimmed.rear = Common::BarcodeTrimmer::TrimRear(Barcoding::RearTrimLength(best, scorer_options),
                                                             record.sequence, record.qstring);
         }
-        batch.summary += SummaryRow(read_id, best, rear_window, trimming ? &trimmed : nullptr);
+        AppendSummaryRow(batch.summary, read_id, best, rear_window, trimming ? &trimmed : nullptr);
     }
     record.AppendToTitle("barcode", arrangement);
-    batch.ChunkFor(Common::BarcodeFastqWriter::FolderFor(arrangement, false, true, false), run_id).AddRecord(record);
+    // The barcoder files reads by arrangement alone (no pass/fail split).
+    batch.ChunkFor(arrangement, run_id).AddRecord(record);
     batch.tally.arrangements[arrangement].Add(read_bases, score);
 }
 

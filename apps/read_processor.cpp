@@ -300,9 +300,16 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
         uint64_t count = 0;
         for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
             if (ShouldStopReading()) break;
+            FastQRecord& record = reads.Record();
+            // The record moves on; its successor is read into strings of the
+            // same capacity, so reading does not regrow them line by line.
+            const size_t title = record.title.size(), bases = record.sequence.size();
             bool refused = false;
-            GuardRead(reads.Record(), [&] { refused = SubmitRead(std::move(reads.Record())) == 0; });
+            GuardRead(record, [&] { refused = SubmitRead(std::move(record)) == 0; });
             if (refused) break;
+            record.title.reserve(title);
+            record.sequence.reserve(bases);
+            record.qstring.reserve(bases);
             ++count;
         }
         return count;

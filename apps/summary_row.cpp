@@ -1,6 +1,7 @@
 #include "apps/summary_row.h"
 
-#include <sstream>
+#include <charconv>
+#include <cmath>
 
 namespace Vorpa {
 
@@ -33,27 +34,63 @@ constexpr int kColumnsWithTrim = 20;
 // that every row has the same number of columns whatever the arrangement.
 const char* const kNoBarcodeTail = "\t0\t0\t0\t0\t0";
 
-void WriteFront(std::ostream& out, const Barcoding::BarcodeDetectResult& front) {
-    out << '\t' << front.id;
-    if (front.id.empty()) {
-        out << kNoBarcodeTail;
+// As a default-formatted stream prints a float: up to six significant digits
+// ("%g"), "inf"/"-inf"/"nan" for the rest.
+void AppendScore(std::string& out, float score) {
+    if (std::isnan(score)) {
+        out += std::signbit(score) ? "-nan" : "nan";
         return;
     }
-    out << '\t' << front.score << '\t' << front.reference_sequence << '\t' << front.found_sequence << '\t'
-        << front.found_sequence.size() << '\t' << front.begin_index;
+    char text[32];
+    const auto result = std::to_chars(text, text + sizeof text, score, std::chars_format::general, 6);
+    out.append(text, result.ptr);
+}
+
+void AppendInt(std::string& out, long long value) {
+    char text[24];
+    const auto result = std::to_chars(text, text + sizeof text, value);
+    out.append(text, result.ptr);
+}
+
+void AppendFront(std::string& out, const Barcoding::BarcodeDetectResult& front) {
+    out += '\t';
+    out += front.id;
+    if (front.id.empty()) {
+        out += kNoBarcodeTail;
+        return;
+    }
+    out += '\t';
+    AppendScore(out, front.score);
+    out += '\t';
+    out += front.reference_sequence;
+    out += '\t';
+    out += front.found_sequence;
+    out += '\t';
+    AppendInt(out, static_cast<long long>(front.found_sequence.size()));
+    out += '\t';
+    AppendInt(out, front.begin_index);
 }
 
 // The rear detection counts its index back from the end of the window; the
 // summary reports where the found sequence ends counted from the window start.
-void WriteRear(std::ostream& out, const Barcoding::BarcodeDetectResult& rear, int rear_window) {
-    out << '\t' << rear.id;
+void AppendRear(std::string& out, const Barcoding::BarcodeDetectResult& rear, int rear_window) {
+    out += '\t';
+    out += rear.id;
     if (rear.id.empty()) {
-        out << kNoBarcodeTail;
+        out += kNoBarcodeTail;
         return;
     }
     const int found_length = static_cast<int>(rear.found_sequence.size());
-    out << '\t' << rear.score << '\t' << rear.reference_sequence << '\t' << rear.found_sequence << '\t' << found_length
-        << '\t' << (rear_window - found_length - rear.begin_index);
+    out += '\t';
+    AppendScore(out, rear.score);
+    out += '\t';
+    out += rear.reference_sequence;
+    out += '\t';
+    out += rear.found_sequence;
+    out += '\t';
+    AppendInt(out, found_length);
+    out += '\t';
+    AppendInt(out, rear_window - found_length - rear.begin_index);
 }
 
 }  // namespace
@@ -69,16 +106,35 @@ std::string SummaryHeader(bool with_trim_columns) {
     return header;
 }
 
+void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
+                      int rear_window, const TrimmedBases* trimmed) {
+    out += read_id;
+    out += '\t';
+    out += best.normalised_id;
+    out += '\t';
+    out += best.id;
+    out += '\t';
+    out += best.kit;
+    out += '\t';
+    out += best.variant;
+    out += '\t';
+    AppendScore(out, best.score);
+    AppendFront(out, best.front);
+    AppendRear(out, best.rear, rear_window);
+    if (trimmed != nullptr) {
+        out += '\t';
+        AppendInt(out, trimmed->front);
+        out += '\t';
+        AppendInt(out, trimmed->rear);
+    }
+    out += '\n';
+}
+
 std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
                        const TrimmedBases* trimmed) {
-    std::ostringstream out;
-    out << read_id << '\t' << best.normalised_id << '\t' << best.id << '\t' << best.kit << '\t' << best.variant << '\t'
-        << best.score;
-    WriteFront(out, best.front);
-    WriteRear(out, best.rear, rear_window);
-    if (trimmed != nullptr) out << '\t' << trimmed->front << '\t' << trimmed->rear;
-    out << '\n';
-    return out.str();
+    std::string row;
+    AppendSummaryRow(row, read_id, best, rear_window, trimmed);
+    return row;
 }
 
 std::string NoResultRow(const std::string& read_id, bool with_trim_columns) {

@@ -17,6 +17,10 @@ struct TrimmedBases {
 // are present exactly when with_trim_columns is set, as in every row.
 std::string SummaryHeader(bool with_trim_columns);
 
+// Appends the row for a read classified as best to out (see SummaryRow).
+void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
+                      int rear_window, const TrimmedBases* trimmed);
+
 // The row for a read classified as best. rear_window is the length of the rear
 // window actually used: min(rear_window_size, read length). trimmed == nullptr
 // leaves out the two trim columns.

@@ -64,6 +64,7 @@ struct FastqWriter::Series {
     uint64_t last_use = 0;
     uint64_t undo_batch = 0;  // the batch whose undo record holds this file's earlier size
     std::string undo_path;
+    uint64_t created_batch = 0;  // the batch that created the current file
     OutputFile file;
 
     std::string Path(bool compress) const {
@@ -126,6 +127,7 @@ void FastqWriter::EnsureOpen(Series& series) {
         if (fs::exists(path, error))
             VB_LOG(WriterLog(), Severity::warning) << "The output file '" << path << "' will be overwitten.";
     }
+    if (!series.created) series.created_batch = in_batch_ ? batch_id_ : 0;
     for (int attempt = 0;; ++attempt) {
         try {
             series.file.Open(path, !series.created);
@@ -147,7 +149,7 @@ void FastqWriter::WriteToSeries(Series& series, std::string_view bytes) {
     // The size before the first write of a batch to this file is where a
     // rollback cuts it back to.
     if (in_batch_ && (series.undo_batch != batch_id_ || series.undo_path != series.file.Path())) {
-        batch_undo_.emplace_back(series.file.Path(), series.file.Size());
+        batch_undo_.push_back({series.file.Path(), series.file.Size(), series.created_batch == batch_id_});
         series.undo_batch = batch_id_;
         series.undo_path = series.file.Path();
     }
@@ -229,11 +231,14 @@ void FastqWriter::CommitBatch() {
 
 void FastqWriter::RollbackBatch() {
     in_batch_ = false;
-    std::vector<std::pair<std::string, uint64_t>> undo;
+    std::vector<Undo> undo;
     undo.swap(batch_undo_);
     std::string failures;
-    for (const auto& [path, size] : undo) {
+    for (const auto& [path, size, created] : undo) {
         try {
+            // A file the batch created goes again: an empty .gz is not valid gzip.
+            std::error_code error;
+            if (created && fs::remove(path, error)) continue;
             TruncateOutputFile(path, size);
         } catch (const OutputError& error) {
             failures += std::string(failures.empty() ? "" : " ") + error.what();

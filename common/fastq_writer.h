@@ -103,7 +103,12 @@ private:
     uint64_t records_written_ = 0;
     bool in_batch_ = false;
     uint64_t batch_id_ = 0;
-    std::vector<std::pair<std::string, uint64_t>> batch_undo_;  // (path, size before the batch)
+    struct Undo {
+        std::string path;
+        uint64_t size;  // before the batch
+        bool created;   // by the batch
+    };
+    std::vector<Undo> batch_undo_;
 };
 
 // Chooses the folder from the classification: "calibration_strands" for

@@ -1,6 +1,7 @@
 #include "common/output_file.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +87,19 @@ void TruncateOutputFile(const std::string& path, uint64_t size) {
                           " bytes: " + std::strerror(error) + ".",
                           error);
     }
+}
+
+}  // namespace Common
+
+namespace Common {
+
+void RaiseOpenFileLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    // An unlimited hard limit may still be refused by the kernel's ceiling;
+    // the writer then works within the soft limit it finds.
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace Common

@@ -56,7 +56,11 @@ private:
 // Throws OutputError when that fails too.
 void TruncateOutputFile(const std::string& path, uint64_t size);
 
-// "<reason> while writing '<path>'" for the current errno.
+// Raises the soft open-file limit to the hard one (best effort): a run with
+// many arrangements and run ids keeps many output files open.
+void RaiseOpenFileLimit();
+
+// "<reason> while writing '<path>'" for the given errno.
 std::string WriteFailureText(const std::string& path, int error_number);
 
 }  // namespace Common

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <limits>
 #include <random>
 #include <set>
 #include <sstream>
@@ -107,6 +109,29 @@ TEST(SummaryRow, ColumnsAgreeWithHeaderAndDetections) {
             EXPECT_EQ(row[18], std::to_string(trimmed.front));
             EXPECT_EQ(row[19], std::to_string(trimmed.rear));
         }
+    }
+}
+
+// Scores are written as a default-formatted stream writes a float, whatever
+// their magnitude: users and scripts parse these columns.
+TEST(SummaryRow, ScoresPrintLikeTheStreamDefault) {
+    std::mt19937 rng(11);
+    std::vector<float> values = {0.0f, -0.0f, 100.0f, -100.0f, 56.5f, 1e-7f, 123456.0f, 1234567.0f, 1e30f,
+                                 std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+                                 std::numeric_limits<float>::denorm_min()};
+    for (int k = 0; k < 20000; ++k) {
+        uint32_t bits = static_cast<uint32_t>(rng());
+        float value;
+        std::memcpy(&value, &bits, sizeof value);
+        if (std::isnan(value)) continue;
+        values.push_back(value);
+        values.push_back(static_cast<float>(static_cast<int>(rng() % 40000) - 20000) / 100.0f);
+    }
+    for (float value : values) {
+        Barcoding::ArrangementDetectResult best;
+        best.score = value;
+        const auto row = SplitRow(Vorpa::SummaryRow("r", best, 100, nullptr));
+        ASSERT_EQ(row[5], Text(value)) << value;
     }
 }
 

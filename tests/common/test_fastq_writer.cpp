@@ -215,7 +215,7 @@ TEST_F(FastqWriterTest, RollbackLeavesOnlyCommittedBatches) {
     writer.RollbackBatch();
     writer.Finalise();
     EXPECT_EQ(Slurp(root_ / "bc/fastq_runid_R1_0.fastq"), Record(0).ToString() + Record(1).ToString());
-    EXPECT_EQ(Slurp(root_ / "bc/fastq_runid_R1_1.fastq"), "");
+    EXPECT_FALSE(fs::exists(root_ / "bc/fastq_runid_R1_1.fastq"));  // created by the failed batch
 }
 
 // A full disk is reported with the reason and the file; the file never

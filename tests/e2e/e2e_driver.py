@@ -298,18 +298,185 @@ def case_malformed_record(ctx):
     check(read_id(bad_tail[0][0]) not in rows, "the malformed record was processed")
 
 
+def tree_bytes(save):
+    """Relative path -> bytes of every output file (logs aside)."""
+    files = {}
+    for folder, _, names in os.walk(save):
+        for name in names:
+            if name.endswith(".log"):
+                continue
+            path = os.path.join(folder, name)
+            with open(path, "rb") as handle:
+                files[os.path.relpath(path, save)] = handle.read()
+    return files
+
+
+def many_reads(ctx, name, seed, reads=9000, median=300):
+    """Simulated reads for runs that span several batches."""
+    fastq = ctx.path("sim_" + name + ".fastq")
+    subprocess.run([sys.executable, os.path.join(ctx.source, "tools", "simulate_reads.py"), "-o", fastq,
+                    "--kit", KIT, "-n", str(reads), "--seed", str(seed), "--median-length", str(median)],
+                   check=True, capture_output=True, text=True)
+    return read_fastq(fastq)
+
+
 def case_thread_count_invariance(ctx):
-    records, _ = ctx.simulate("threads", 150, 20)
+    # Enough reads for several batches, in files of uneven sizes, so that
+    # batches start and end inside files and span file boundaries.
+    records = many_reads(ctx, "threads", 20)
+    os.makedirs(ctx.path("in"))
+    bounds = [0, 700, 701, 4500, 6000, len(records)]
+    for k in range(len(bounds) - 1):
+        name = f"part{k}.fastq" + (".gz" if k % 2 else "")
+        write_fastq(ctx.path("in", name), records[bounds[k]:bounds[k + 1]])
+    for extra in ([], ["--compress_fastq", "-q", "250"], ["--trim_barcodes"]):
+        trees = {}
+        for threads in ("1", "2", "8"):
+            save = "out" + threads
+            shutil.rmtree(ctx.path(save), ignore_errors=True)
+            ctx.run(barcoder_args("in", save, "-t", threads, *extra))
+            trees[threads] = tree_bytes(ctx.path(save))
+        check(trees["1"] == trees["2"] == trees["8"],
+              f"output bytes depend on the number of worker threads ({' '.join(extra)})")
+        written = output_reads(ctx.path("out2"))
+        columns = 20 if "--trim_barcodes" in extra else 18
+        _, rows = read_summary(ctx.path("out2", SUMMARY), columns)
+        check(len(written) == len(records) and set(written) == set(rows),
+              f"{len(records)} reads in, {len(rows)} summary rows, {len(written)} FASTQ records")
+
+
+def case_compressed_equals_plain(ctx):
+    records = many_reads(ctx, "gzplain", 31, reads=5000)
     split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
-    results = {}
-    for threads in ("1", "2", "3"):
-        save = "out" + threads
-        ctx.run(barcoder_args("in", save, "-t", threads, "--trim_barcodes"))
-        with open(ctx.path(save, SUMMARY)) as handle:
-            lines = handle.read().split("\n")
-        written = output_reads(ctx.path(save))
-        results[threads] = (lines[0], sorted(lines[1:]), sorted((k, v[0], v[2]) for k, v in written.items()))
-    check(results["1"] == results["2"] == results["3"], "output depends on the number of worker threads")
+    for extra in ([], ["-q", "37"]):
+        shutil.rmtree(ctx.path("plain"), ignore_errors=True)
+        shutil.rmtree(ctx.path("packed"), ignore_errors=True)
+        ctx.run(barcoder_args("in", "plain", *extra))
+        ctx.run(barcoder_args("in", "packed", "--compress_fastq", "-t", "2", *extra))
+        plain = tree_bytes(ctx.path("plain"))
+        packed = tree_bytes(ctx.path("packed"))
+        check(plain.pop(SUMMARY) == packed.pop(SUMMARY), "the summary depends on --compress_fastq")
+        check(sorted(name + ".gz" for name in plain) == sorted(packed), "compressed output has other files")
+        for name, data in plain.items():
+            path = ctx.path("packed", name + ".gz")
+            check(subprocess.run(["gzip", "-t", path]).returncode == 0, f"{path} is not valid gzip")
+            check(gzip.decompress(packed[name + ".gz"]) == data, f"{path} does not hold what the plain run wrote")
+
+
+def check_consistent(save, columns=18):
+    """Summary rows and FASTQ records list the same reads; the summary ends in
+    a whole row; every gzip file is valid. Returns the number of reads."""
+    _, rows = read_summary(os.path.join(save, SUMMARY), columns)
+    packed = [os.path.join(folder, name) for folder, _, names in os.walk(save) for name in names
+              if name.endswith(".gz")]
+    if packed:
+        check(subprocess.run(["gzip", "-t"] + packed, capture_output=True).returncode == 0,
+              f"not valid gzip among {len(packed)} files in {save}")
+    written = output_reads(save)
+    check(set(written) == set(rows), f"{len(rows)} summary rows but {len(written)} FASTQ records "
+                                     f"({len(set(rows) - set(written))} rows without record, "
+                                     f"{len(set(written) - set(rows))} records without row)")
+    return len(rows)
+
+
+def mount_small_tmpfs(folder, size):
+    os.makedirs(folder, exist_ok=True)
+    if os.geteuid() != 0:
+        return False
+    return subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", folder],
+                          capture_output=True).returncode == 0
+
+
+def case_disk_full(ctx):
+    records = many_reads(ctx, "full", 41, reads=8000)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    for extra in ([], ["--compress_fastq"]):
+        # A disk that fills up part way through the run.
+        ctx.run(barcoder_args("in", "sized", "-z", *extra))
+        full_size = sum(len(data) for data in tree_bytes(ctx.path("sized")).values())
+        shutil.rmtree(ctx.path("sized"))
+        save = ctx.path("small")
+        if mount_small_tmpfs(save, f"{full_size * 45 // 100 // 1024}k"):
+            try:
+                result = ctx.run(barcoder_args("in", save, "-t", "2", *extra), expect=1)
+                check("No space left on device while writing '" in result.stdout + result.stderr,
+                      "the failure is not named:\n" + result.stdout[-2000:] + result.stderr[-2000:])
+                written = check_consistent(save)
+                check(0 < written < len(records), f"{written} of {len(records)} reads written on a full disk")
+                check(f"{written} reads were written" in result.stdout + result.stderr,
+                      "the count of written reads is not reported")
+            finally:
+                subprocess.run(["umount", save])
+            shutil.rmtree(save)
+        # Without mounting: an output file that always reports a full disk.
+        save = ctx.path("devfull")
+        shutil.rmtree(save, ignore_errors=True)
+        os.makedirs(os.path.join(save, "barcode05"))
+        target = "fastq_runid_" + records[0][0].split("runid=")[1].split(" ")[0] + "_0.fastq"
+        if extra:
+            target += ".gz"
+        os.symlink("/dev/full", os.path.join(save, "barcode05", target))
+        result = ctx.run(barcoder_args("in", save, "-z", *extra), expect=1)
+        check("No space left on device while writing '" in result.stderr and "barcode05" in result.stderr,
+              "a quiet run must still say what failed:\n" + result.stderr[-2000:])
+        # The batch that failed created that file, so it was removed with the rest of the batch.
+        check(not os.path.lexists(os.path.join(save, "barcode05", target)), "the failed file was left behind")
+        check_consistent(save)
+
+
+def case_signals(ctx):
+    import signal
+    import time
+    records = many_reads(ctx, "sig", 51, reads=3000)
+    os.makedirs(ctx.path("in"))
+    # Many copies under other read ids: a run long enough to interrupt.
+    for copy in range(12):
+        write_fastq(ctx.path("in", f"copy{copy}.fastq"),
+                    [(f"@c{copy}_{t[1:]}", s, q) for t, s, q in records])
+    split_into_files(ctx.path("in_small"), records, ["a.fastq", "b.fastq.gz"])
+    for sig, status in ((signal.SIGINT, 130), (signal.SIGTERM, 143)):
+        save = ctx.path(f"out{status}")
+        args = ["-i", "in", "-s", save, "--barcode_kits", "VB-NB96", "-t", "1", "--compress_fastq"]
+        process = subprocess.Popen([ctx.binary] + args, cwd=ctx.work, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        time.sleep(1.0)
+        process.send_signal(sig)
+        out, err = process.communicate(timeout=60)
+        check(process.returncode == status, f"status {process.returncode} after {sig.name}, expected {status}\n"
+                                            f"{out[-2000:]}{err[-2000:]}")
+        check(f"Interrupted by {sig.name}" in out + err, "the interruption is not reported")
+        written = check_consistent(save)
+        check(0 < written < 12 * len(records), f"{written} reads written after {sig.name}")
+    # A closed standard output (a pager quit early) does not stop the work.
+    process = subprocess.Popen([ctx.binary] + barcoder_args("in_small", "piped"), cwd=ctx.work,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    process.stdout.close()
+    process.wait(timeout=120)
+    check(process.returncode == 0, f"status {process.returncode} with a closed standard output")
+    check(check_consistent(ctx.path("piped")) == len(records), "reads were lost with a closed stdout")
+
+
+def case_few_file_descriptors(ctx):
+    import resource
+    records, _ = ctx.simulate("fd", 1500, 61)
+    # 60 run ids x the kit's barcodes: far more output files than descriptors.
+    renamed = []
+    for k, (title, seq, qual) in enumerate(records):
+        rid = read_id(title)
+        renamed.append((f"@{rid} runid=run{k % 60:02d}", seq, qual))
+    split_into_files(ctx.path("in"), renamed, ["a.fastq", "b.fastq"])
+
+    def limit():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+
+    for extra in ([], ["--compress_fastq", "-q", "3"]):
+        save = "out" + str(len(extra))
+        result = subprocess.run([ctx.binary] + barcoder_args("in", save, "-t", "2", *extra), cwd=ctx.work,
+                                capture_output=True, text=True, preexec_fn=limit, timeout=100)
+        check(result.returncode == 0, f"status {result.returncode} under ulimit -n 64\n{result.stdout[-2000:]}")
+        check(check_consistent(ctx.path(save)) == len(records), "reads were lost under ulimit -n 64")
+        series = {(folder, name.rsplit("_", 1)[0]) for folder, name, _ in output_reads(ctx.path(save)).values()}
+        check(len(series) > 200, f"only {len(series)} output series: the case does not test eviction")
 
 
 def case_both_ends_required(ctx):
