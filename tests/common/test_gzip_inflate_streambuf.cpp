@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/gzip_inflate_streambuf.h"
-#include "gzip_test_support.h"
+#include "tests/common/gzip_test_support.h"
 
 namespace fs = std::filesystem;
 using namespace TestSupport;
