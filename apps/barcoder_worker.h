@@ -11,7 +11,7 @@
 
 #include "apps/ordered_pipeline.h"
 #include "apps/read_batch.h"
-#include "common/gzip_member_tmp.h"
+#include "common/gzip_member_writer.h"
 
 namespace Barcoding {
 class BarcodeScorer;

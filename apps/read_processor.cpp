@@ -253,15 +253,15 @@ int ReadProcessor::ProcessInputFile(const std::string& path, InputFileEnd& end, 
         VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
         StartNewFile(path);
         auto stream = Common::OpenFastqFile(path);
-        Common::FastQIterable reads(stream.get());
+        Common::FastQIterable reads(stream.get(), path);
         end.reads = feed(reads);
         end.error = reads.Error();
         if (end.error.empty()) {
             VB_LOG(verbose_logger, Severity::info)
                 << "Successfully finished input file: " << path << " (" << end.reads << " reads)";
         } else {
-            VB_LOG(logger, Severity::error) << "Input file " << path << " ended early after " << end.reads
-                                            << " reads: " << end.error << ". The rest of this file was skipped.";
+            // The reader has logged why, naming the file and the record.
+            VB_LOG(verbose_logger, Severity::info) << "Input file ended early: " << path << " (" << end.reads << " reads)";
         }
         return 0;
     } catch (const std::exception& e) {

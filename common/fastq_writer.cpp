@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "common/gzip_member_tmp.h"
+#include "common/gzip_member_writer.h"
 #include "common/logger.h"
 #include "common/output_file.h"
 
@@ -168,8 +168,9 @@ void FastqWriter::startNewFile(const Key& key) {
 }
 
 std::string FastqWriter::CompressPiece(std::string_view text) {
+    if (!gzip_) gzip_ = std::make_unique<GzipMemberWriter>();
     std::string member;
-    GzipMemberWriter().Append(text, member);
+    gzip_->Append(text, member);
     return member;
 }
 

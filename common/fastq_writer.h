@@ -22,6 +22,8 @@
 
 namespace Common {
 
+class GzipMemberWriter;
+
 struct FastqWriterOptions {
     bool split_pass_fail = false;    // "pass"/"fail" folder level
     bool compress = false;           // gzip
@@ -109,6 +111,7 @@ private:
         bool created;   // by the batch
     };
     std::vector<Undo> batch_undo_;
+    std::unique_ptr<GzipMemberWriter> gzip_;  // for chunks cut at a file boundary
 };
 
 // Chooses the folder from the classification: "calibration_strands" for

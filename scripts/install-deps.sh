@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ccache pkg-config python3 gzip
-  zlib1g-dev
+  zlib1g-dev libisal-dev
   libboost-program-options-dev libboost-filesystem-dev libboost-iostreams-dev
   libboost-log-dev libboost-thread-dev libboost-date-time-dev libboost-regex-dev
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "common/fastq_writer.h"
-#include "common/gzip_member_tmp.h"
+#include "common/gzip_member_writer.h"
 #include "common/output_file.h"
 
 namespace Common {
