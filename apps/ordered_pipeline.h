@@ -80,8 +80,7 @@ public:
     bool NextInOrder(Batch& batch) {
         std::unique_lock<std::mutex> lock(mutex_);
         auto& slot = slots_[emitted_ % slots_.size()];
-        result_ready_.wait(lock,
-                           [&] { return stopped_ || slot.has_value() || (closed_ && emitted_ == submitted_); });
+        result_ready_.wait(lock, [&] { return stopped_ || slot.has_value() || (closed_ && emitted_ == submitted_); });
         if (stopped_ || !slot.has_value()) return false;
         batch = std::move(*slot);
         slot.reset();

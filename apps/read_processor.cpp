@@ -261,7 +261,8 @@ int ReadProcessor::ProcessInputFile(const std::string& path, InputFileEnd& end, 
                 << "Successfully finished input file: " << path << " (" << end.reads << " reads)";
         } else {
             // The reader has logged why, naming the file and the record.
-            VB_LOG(verbose_logger, Severity::info) << "Input file ended early: " << path << " (" << end.reads << " reads)";
+            VB_LOG(verbose_logger, Severity::info)
+                << "Input file ended early: " << path << " (" << end.reads << " reads)";
         }
         return 0;
     } catch (const std::exception& e) {

@@ -23,7 +23,7 @@ namespace Vorpa {
 // file's last record.
 struct InputFileEnd {
     std::string path;
-    uint64_t reads = 0;  // records taken from the file and handed over
+    uint64_t reads = 0;   // records taken from the file and handed over
     bool failed = false;  // the file could not be read at all (error says why)
     std::string error;    // why reading stopped early; empty after a clean end of input
 };
@@ -97,8 +97,8 @@ protected:
     std::string input_path;
     std::string save_path;
     std::vector<std::string> trace_categories_logs;
-    std::string config_file_used;  // resolved configuration file path
-    bool verbose_enabled = false;  // verbose_logger accepts verbose records (cached once)
+    std::string config_file_used;     // resolved configuration file path
+    bool verbose_enabled = false;     // verbose_logger accepts verbose records (cached once)
     Common::OutputFile summary_file;  // the run's summary, opened (emptied) by Run
     uint64_t input_files_found = 0;
     std::unique_ptr<ProgressDisplay> progress;

@@ -121,8 +121,7 @@ void FastqWriter::EnsureOpen(Series& series) {
         std::error_code error;
         if (!series.folder.empty() && !fs::is_directory(series.folder, error)) {
             fs::create_directories(series.folder, error);
-            if (error)
-                throw OutputError("Failed to create folder '" + series.folder + "': " + error.message() + ".");
+            if (error) throw OutputError("Failed to create folder '" + series.folder + "': " + error.message() + ".");
         }
         if (fs::exists(path, error))
             VB_LOG(WriterLog(), Severity::warning) << "The output file '" << path << "' will be overwitten.";

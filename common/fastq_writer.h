@@ -38,7 +38,7 @@ struct FastqWriterOptions {
 struct FastqChunk {
     std::string folder;  // relative to the save path; "" = the save path itself
     std::string run_id;
-    std::string text;                // FASTQ text; may be empty when gzip holds it all
+    std::string text;                 // FASTQ text; may be empty when gzip holds it all
     std::vector<size_t> record_ends;  // end offset in text of each record
     std::string gzip;                 // with compression: one gzip member holding text
 

@@ -83,9 +83,9 @@ void TruncateOutputFile(const std::string& path, uint64_t size) {
     } while (result != 0 && errno == EINTR);
     if (result != 0) {
         const int error = errno;
-        throw OutputError("Failed to cut '" + path + "' back to " + std::to_string(size) +
-                          " bytes: " + std::strerror(error) + ".",
-                          error);
+        throw OutputError(
+            "Failed to cut '" + path + "' back to " + std::to_string(size) + " bytes: " + std::strerror(error) + ".",
+            error);
     }
 }
 

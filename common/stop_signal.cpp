@@ -1,8 +1,7 @@
 #include "common/stop_signal.h"
 
-#include <csignal>
-
 #include <atomic>
+#include <csignal>
 
 namespace Common {
 

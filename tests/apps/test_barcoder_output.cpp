@@ -116,8 +116,17 @@ TEST(SummaryRow, ColumnsAgreeWithHeaderAndDetections) {
 // their magnitude: users and scripts parse these columns.
 TEST(SummaryRow, ScoresPrintLikeTheStreamDefault) {
     std::mt19937 rng(11);
-    std::vector<float> values = {0.0f, -0.0f, 100.0f, -100.0f, 56.5f, 1e-7f, 123456.0f, 1234567.0f, 1e30f,
-                                 std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+    std::vector<float> values = {0.0f,
+                                 -0.0f,
+                                 100.0f,
+                                 -100.0f,
+                                 56.5f,
+                                 1e-7f,
+                                 123456.0f,
+                                 1234567.0f,
+                                 1e30f,
+                                 std::numeric_limits<float>::infinity(),
+                                 -std::numeric_limits<float>::infinity(),
                                  std::numeric_limits<float>::denorm_min()};
     for (int k = 0; k < 20000; ++k) {
         uint32_t bits = static_cast<uint32_t>(rng());

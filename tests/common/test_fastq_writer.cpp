@@ -181,8 +181,9 @@ TEST_F(FastqWriterTest, ChunksLandWhereRecordByRecordWritingWouldPutThem) {
                     std::string expected;
                     for (size_t r = first; r < std::min(records.size(), first + per_file); ++r)
                         expected += records[r];
-                    fs::path file = root_ / key.first / ("fastq_runid_" + key.second + "_" + std::to_string(index) +
-                                                         (compress ? ".fastq.gz" : ".fastq"));
+                    fs::path file = root_ / key.first /
+                                    ("fastq_runid_" + key.second + "_" + std::to_string(index) +
+                                     (compress ? ".fastq.gz" : ".fastq"));
                     ASSERT_TRUE(fs::exists(file)) << file;
                     EXPECT_EQ(compress ? Gunzip(Slurp(file)) : Slurp(file), expected) << file;
                     ++files_expected;
@@ -228,8 +229,7 @@ TEST_F(FastqWriterTest, WriteFailureNamesTheFile) {
         writer.Write(Record(0), "bc", "R1");
         FAIL();
     } catch (const OutputError& e) {
-        EXPECT_NE(std::string(e.what()).find("No space left on device while writing '"), std::string::npos)
-            << e.what();
+        EXPECT_NE(std::string(e.what()).find("No space left on device while writing '"), std::string::npos) << e.what();
         EXPECT_NE(std::string(e.what()).find("bc/fastq_runid_R1_0.fastq'"), std::string::npos) << e.what();
     }
 }
