@@ -166,9 +166,7 @@ void Barcoder::PrepareConfiguration() {
     try {
         Barcoding::ValidateScorerOptions(scorer_options);
         LogSettings();
-        if (worker_threads < 1) {
-            throw std::runtime_error("Invalid number of threads: " + std::to_string(worker_threads));
-        }
+        Common::RequireInRange("worker_threads", worker_threads, 1, Common::kMaxWorkerThreads);
         if (records_per_fastq < 0) {
             throw std::runtime_error("Invalid number of records per fastq file: " + std::to_string(records_per_fastq));
         }

@@ -29,12 +29,27 @@ const char* const kColumns[] = {"read_id",
 constexpr int kColumnsWithoutTrim = 18;
 constexpr int kColumnsWithTrim = 20;
 
+// A TAB, CR or newline inside a text field (a read id may carry any of them
+// but space) would add a column or start a new row. Each becomes '_': the
+// field keeps its length and stays one whitespace-free token.
+struct Field {
+    const std::string& text;
+};
+
+std::ostream& operator<<(std::ostream& out, Field field) {
+    const std::string& text = field.text;
+    if (text.find_first_of("\t\r\n") == std::string::npos) return out << text;
+    for (char c : text)
+        out << (c == '\t' || c == '\r' || c == '\n' ? '_' : c);
+    return out;
+}
+
 // An end without a barcode reads as its empty id followed by five zeros, so
 // that every row has the same number of columns whatever the arrangement.
 const char* const kNoBarcodeTail = "\t0\t0\t0\t0\t0";
 
 void WriteFront(std::ostream& out, const Barcoding::BarcodeDetectResult& front) {
-    out << '\t' << front.id;
+    out << '\t' << Field{front.id};
     if (front.id.empty()) {
         out << kNoBarcodeTail;
         return;
@@ -46,7 +61,7 @@ void WriteFront(std::ostream& out, const Barcoding::BarcodeDetectResult& front) 
 // The rear detection counts its index back from the end of the window; the
 // summary reports where the found sequence ends counted from the window start.
 void WriteRear(std::ostream& out, const Barcoding::BarcodeDetectResult& rear, int rear_window) {
-    out << '\t' << rear.id;
+    out << '\t' << Field{rear.id};
     if (rear.id.empty()) {
         out << kNoBarcodeTail;
         return;
@@ -72,8 +87,8 @@ std::string SummaryHeader(bool with_trim_columns) {
 std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
                        const TrimmedBases* trimmed) {
     std::ostringstream out;
-    out << read_id << '\t' << best.normalised_id << '\t' << best.id << '\t' << best.kit << '\t' << best.variant << '\t'
-        << best.score;
+    out << Field{read_id} << '\t' << Field{best.normalised_id} << '\t' << Field{best.id} << '\t' << Field{best.kit}
+        << '\t' << Field{best.variant} << '\t' << best.score;
     WriteFront(out, best.front);
     WriteRear(out, best.rear, rear_window);
     if (trimmed != nullptr) out << '\t' << trimmed->front << '\t' << trimmed->rear;
@@ -84,7 +99,9 @@ std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementD
 std::string NoResultRow(const std::string& read_id, bool with_trim_columns) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
-    std::string row = read_id + "\tunclassified\t\t\t\t0\t" + kNoBarcodeTail + '\t' + kNoBarcodeTail;
+    std::ostringstream out;
+    out << Field{read_id};
+    std::string row = out.str() + "\tunclassified\t\t\t\t0\t" + kNoBarcodeTail + '\t' + kNoBarcodeTail;
     if (with_trim_columns) row += "\t0\t0";
     row += '\n';
     return row;
