@@ -266,6 +266,8 @@ std::vector<std::string> BarcodeManager::SplitArrangementFiles(const std::string
 
 void BarcodeManager::LoadArrangementFile(const std::string& path) {
     if (!fs::exists(path)) throw std::runtime_error("Could not find arrangement file " + path);
+    // A device or a pipe would be read forever.
+    if (!fs::is_regular_file(path)) throw std::runtime_error("Arrangement file " + path + " is not a regular file");
     boost::property_tree::ptree tree;
     boost::property_tree::read_ini(path, tree);
 
@@ -284,8 +286,11 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
         throw std::runtime_error("arrangement file does not contain loading_options.barcodes_filename");
 
     std::string barcode_file = options.barcodes_filename;
-    if (!fs::exists(barcode_file)) barcode_file = (fs::path(path).parent_path() / barcode_file).string();
+    if (!fs::is_regular_file(barcode_file) && fs::path(barcode_file).is_relative())
+        barcode_file = (fs::path(path).parent_path() / barcode_file).string();
     if (!fs::exists(barcode_file)) throw std::runtime_error("Could not load barcode file: '" + barcode_file + "'");
+    if (!fs::is_regular_file(barcode_file))
+        throw std::runtime_error("Barcode file '" + barcode_file + "' is not a regular file");
 
     for (const auto& [name, sequence] : ReadFasta(barcode_file)) {
         if (sequence.size() > static_cast<size_t>(kMaxReferenceLength))

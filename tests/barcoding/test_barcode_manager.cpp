@@ -115,6 +115,9 @@ TEST(BarcodeManager, LoadingFaults) {
     const std::string missing = dir.Write("b.cfg", "[loading_options]\nbarcodes_filename = gone.fasta\n");
     EXPECT_EQ(ErrorOf([&] { BarcodeManager({missing}, ""); }),
               "Could not load barcode file: '" + dir.Path() + "/gone.fasta'");
+    const std::string device = dir.Write("dev.cfg", "[loading_options]\nbarcodes_filename = /dev/zero\n");
+    EXPECT_EQ(ErrorOf([&] { BarcodeManager({device}, ""); }), "Barcode file '/dev/zero' is not a regular file");
+    EXPECT_EQ(ErrorOf([&] { BarcodeManager({"/dev/zero"}, ""); }), "Arrangement file /dev/zero is not a regular file");
     const std::string duplicate = dir.Write("c.cfg", "[a]\nkit=1\n[a]\nkit=2\n");
     EXPECT_NE(ErrorOf([&] { BarcodeManager({duplicate}, ""); }).find("duplicate section name"), std::string::npos);
     const std::string bad_format = dir.Write("d.cfg", NoExpansion() + "[a%s]\nfirst_index = 1\nlast_index = 2\n");
