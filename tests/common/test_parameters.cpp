@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -158,30 +157,6 @@ TEST_F(ParametersTest, UnknownOptionsAreNamedAsTypedWithAHint) {
     EXPECT_EQ(config.message_text,
               "Unexpected option 'thread' found in configuration file. Did you mean 'threads'?\n"
               "Unexpected option 'nmae' found in configuration file. Did you mean 'name'?\n");
-}
-
-TEST(OptionChecks, RangeAndFiniteness) {
-    EXPECT_NO_THROW(Common::RequireInRange("w", 1, 1, 3));
-    EXPECT_NO_THROW(Common::RequireInRange("w", 3, 1, 3));
-    for (long long value : {0LL, 4LL, -2147483648LL}) {
-        try {
-            Common::RequireInRange("front_window_size", value, 1, 3);
-            ADD_FAILURE() << value;
-        } catch (const std::runtime_error& e) {
-            EXPECT_EQ(e.what(),
-                      "Invalid value " + std::to_string(value) + " for 'front_window_size': must be between 1 and 3.");
-        }
-    }
-    EXPECT_NO_THROW(Common::RequireFinite("min_score", -1e30));
-    for (double value : {std::nan(""), HUGE_VAL, -HUGE_VAL}) {
-        try {
-            Common::RequireFinite("min_score", value);
-            ADD_FAILURE() << value;
-        } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find("for 'min_score': must be a finite number."), std::string::npos)
-                << e.what();
-        }
-    }
 }
 
 TEST_F(ParametersTest, HelpAndVersion) {

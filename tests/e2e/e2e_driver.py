@@ -517,6 +517,17 @@ def case_unusable_save_path(ctx):
         # Not writable even for root.
         result = ctx.run(barcoder_args("in", "/proc"), expect=255)
         check("Cannot write into save folder '/proc': " in result.stdout, f"message missing:\n{result.stdout}")
+    # A read-only folder; root ignores its mode, so then an ordinary user runs.
+    os.makedirs(ctx.path("read_only"))
+    os.chmod(ctx.path("read_only"), 0o555)
+    user = 65534 if os.geteuid() == 0 else None
+    if user is not None and subprocess.run(["ls", ctx.path("in")], user=user, capture_output=True).returncode != 0:
+        raise Skip("running as root and an ordinary user cannot reach the work folder, so a read-only folder "
+                   "cannot be checked")
+    result = ctx.run(barcoder_args("in", "read_only"), expect=255, user=user)
+    check("Cannot write into save folder 'read_only': Permission denied" in result.stdout,
+          f"message missing:\n{result.stdout}")
+    check(os.listdir(ctx.path("read_only")) == [], "the refused run left files behind")
 
 
 def case_discovery_bad_entries(ctx):
@@ -556,8 +567,12 @@ def case_discovery_unreadable_folder(ctx):
                        "cannot be checked")
     try:
         result = ctx.run(barcoder_args("in", "out", "-r"), user=user)
+        # The unreadable folder as the input folder is an error, not an empty run.
+        refused = ctx.run(barcoder_args(os.path.join("in", "locked"), "out"), user=user, expect=255)
     finally:
         os.chmod(ctx.path("in", "locked"), 0o755)
+    check(f"Cannot read input folder '{os.path.join('in', 'locked')}': Permission denied" in refused.stdout,
+          f"message missing:\n{refused.stdout}")
     check("Found 2 fastq files." in result.stdout, f"the readable files were not all found:\n{result.stdout[-2000:]}")
     check(f"Skipping '{os.path.join('in', 'locked')}': Permission denied" in result.stdout,
           "no warning naming the unreadable folder")
