@@ -21,6 +21,7 @@
 #include "common/logger.h"
 #include "common/output_file.h"
 #include "common/stop_signal.h"
+#include "common/string_utils.h"
 #include "pair_alignment/score_matrix.h"
 
 namespace Vorpa {
@@ -39,15 +40,6 @@ constexpr size_t kBatchReads = 4096;
 // worker can hold one and a few more wait on either side.
 size_t BatchesInFlight(size_t workers) {
     return 2 * workers + 2;
-}
-
-// A run id names output files, so it must be one harmless file-name component.
-bool UsableRunId(const std::string& run_id) {
-    if (run_id.empty() || run_id == "." || run_id == "..") return false;
-    for (unsigned char c : run_id) {
-        if (c == '/' || c < 0x20 || c == 0x7f) return false;
-    }
-    return true;
 }
 
 const char* SignalName(int sig) {
@@ -204,9 +196,7 @@ void Barcoder::PrepareConfiguration() {
     try {
         Barcoding::ValidateScorerOptions(scorer_options);
         LogSettings();
-        if (worker_threads < 1) {
-            throw std::runtime_error("Invalid number of threads: " + std::to_string(worker_threads));
-        }
+        Common::RequireInRange("worker_threads", worker_threads, 1, Common::kMaxWorkerThreads);
         if (records_per_fastq < 0) {
             throw std::runtime_error("Invalid number of records per fastq file: " + std::to_string(records_per_fastq));
         }
@@ -393,7 +383,8 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
                             ReadBatch& batch) {
     const std::string run_id = record.GetRunId();
-    if (!UsableRunId(run_id)) throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
+    // A run id names output files, so it must be one harmless file-name component.
+    if (!Common::IsUsableFileNameComponent(run_id)) throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
     const std::string read_id = record.GetReadId();
 
     if (verbose_logger.Enabled(Common::Severity::verbose)) {

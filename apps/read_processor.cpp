@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "apps/input_files.h"
 #include "common/fastq_reader.h"
 #include "common/stop_signal.h"
 
@@ -85,17 +86,6 @@ private:
     std::vector<std::thread> threads_;
 };
 
-bool IsFastqName(const fs::path& path) {
-    return path.extension() == ".fastq" || path.stem().extension() == ".fastq";
-}
-
-template <typename Iterator>
-void CollectFastqFiles(Iterator entries, std::vector<std::string>& files) {
-    for (const auto& entry : entries) {
-        if (entry.is_regular_file() && IsFastqName(entry.path())) files.push_back(entry.path().string());
-    }
-}
-
 int64_t NowMs() {
     auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
@@ -167,8 +157,15 @@ std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string
     }
 
     if (save_path == "INPUT_PATH") save_path = input_path;
-    std::error_code status_error;
-    if (!save_path.empty() && !fs::exists(save_path, status_error)) fs::create_directories(save_path);
+    // Both paths are checked before anything is written, so that a run that
+    // cannot read or cannot write leaves the save folder as it was.
+    std::string problem = InputPathProblem(input_path);
+    if (problem.empty()) problem = PrepareSaveFolder(save_path);
+    if (!problem.empty()) {
+        VB_LOG(logger, Severity::error) << problem;
+        if (quiet) std::cerr << problem << std::endl;
+        return 255;
+    }
 
     settings.folder = save_path;
     settings.log_file_name = GetLogFileName();
@@ -178,24 +175,10 @@ std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string
 }
 
 std::vector<std::string> ReadProcessor::FindInputFiles(std::istream& names) const {
-    std::vector<std::string> files;
-    if (input_path.empty()) {
-        std::string line;
-        while (std::getline(names, line)) {
-            if (!line.empty()) files.push_back(line);
-        }
-        return files;
-    }
-    try {
-        if (recursive) {
-            CollectFastqFiles(fs::recursive_directory_iterator(input_path), files);
-        } else {
-            CollectFastqFiles(fs::directory_iterator(input_path), files);
-        }
-    } catch (const std::exception& e) {
-        VB_LOG(logger, Severity::error) << "Could not list the input files in '" << input_path << "': " << e.what();
-    }
-    return files;
+    InputFiles found = DiscoverInputFiles(input_path, recursive, save_path, names);
+    for (const auto& warning : found.warnings)
+        VB_LOG(logger, Severity::warning) << warning;
+    return std::move(found.files);
 }
 
 int ReadProcessor::Run() {

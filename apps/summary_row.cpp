@@ -30,6 +30,18 @@ const char* const kColumns[] = {"read_id",
 constexpr int kColumnsWithoutTrim = 18;
 constexpr int kColumnsWithTrim = 20;
 
+// A TAB, CR or newline inside a text field (a read id may carry any of them
+// but space) would add a column or start a new row. Each becomes '_': the
+// field keeps its length and stays one whitespace-free token.
+void AppendField(std::string& out, const std::string& text) {
+    if (text.find_first_of("\t\r\n") == std::string::npos) {
+        out += text;
+        return;
+    }
+    for (char c : text)
+        out += (c == '\t' || c == '\r' || c == '\n') ? '_' : c;
+}
+
 // An end without a barcode reads as its empty id followed by five zeros, so
 // that every row has the same number of columns whatever the arrangement.
 const char* const kNoBarcodeTail = "\t0\t0\t0\t0\t0";
@@ -54,7 +66,7 @@ void AppendInt(std::string& out, long long value) {
 
 void AppendFront(std::string& out, const Barcoding::BarcodeDetectResult& front) {
     out += '\t';
-    out += front.id;
+    AppendField(out, front.id);
     if (front.id.empty()) {
         out += kNoBarcodeTail;
         return;
@@ -75,7 +87,7 @@ void AppendFront(std::string& out, const Barcoding::BarcodeDetectResult& front) 
 // summary reports where the found sequence ends counted from the window start.
 void AppendRear(std::string& out, const Barcoding::BarcodeDetectResult& rear, int rear_window) {
     out += '\t';
-    out += rear.id;
+    AppendField(out, rear.id);
     if (rear.id.empty()) {
         out += kNoBarcodeTail;
         return;
@@ -108,15 +120,15 @@ std::string SummaryHeader(bool with_trim_columns) {
 
 void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
                       int rear_window, const TrimmedBases* trimmed) {
-    out += read_id;
+    AppendField(out, read_id);
     out += '\t';
-    out += best.normalised_id;
+    AppendField(out, best.normalised_id);
     out += '\t';
-    out += best.id;
+    AppendField(out, best.id);
     out += '\t';
-    out += best.kit;
+    AppendField(out, best.kit);
     out += '\t';
-    out += best.variant;
+    AppendField(out, best.variant);
     out += '\t';
     AppendScore(out, best.score);
     AppendFront(out, best.front);
@@ -140,7 +152,12 @@ std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementD
 std::string NoResultRow(const std::string& read_id, bool with_trim_columns) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
-    std::string row = read_id + "\tunclassified\t\t\t\t0\t" + kNoBarcodeTail + '\t' + kNoBarcodeTail;
+    std::string row;
+    AppendField(row, read_id);
+    row += "\tunclassified\t\t\t\t0\t";
+    row += kNoBarcodeTail;
+    row += '\t';
+    row += kNoBarcodeTail;
     if (with_trim_columns) row += "\t0\t0";
     row += '\n';
     return row;

@@ -13,7 +13,7 @@ struct Arrangement {
     std::string kit;
     std::string barcode1;          // front barcode name, empty = no front barcode
     std::string barcode2;          // rear barcode name, empty = no rear barcode
-    std::string scoring_function;  // "ADD" or "MAX"; checked only when scored
+    std::string scoring_function;  // "ADD" or "MAX"; checked when the kit is selected
     std::string variant;           // "n/a", "var1" or "var2"
     std::string source_file;       // file name of the arrangement file that defined it
     std::vector<std::string> compatible_kits;

@@ -18,6 +18,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cctype>
+#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -139,13 +140,54 @@ std::vector<std::pair<std::string, std::string>> ReadFasta(const std::string& pa
     return records;
 }
 
-LoadingOptions ReadLoadingOptions(const boost::property_tree::ptree& section) {
+// The property tree's get(key, default) answers the default for a value it
+// cannot convert, which would turn "last_index = 1O" into "no range" without
+// a word. Numbers and switches are therefore read as text and parsed here.
+std::string BadValue(const std::string& key, const std::string& text, const std::string& section,
+                     const std::string& source_file, const char* expected) {
+    return "Invalid value '" + text + "' for " + key + " in section [" + section + "] of " + source_file +
+           ": must be " + expected;
+}
+
+int ReadIndex(const boost::property_tree::ptree& values, const std::string& key, const std::string& section,
+              const std::string& source_file) {
+    const auto text = values.get_optional<std::string>(key);
+    if (!text) return -1;
+    const std::string trimmed = Common::TrimWhitespace(*text);
+    int value = 0;
+    const auto [end, error] = std::from_chars(trimmed.data(), trimmed.data() + trimmed.size(), value);
+    if (trimmed.empty() || error != std::errc() || end != trimmed.data() + trimmed.size())
+        throw std::runtime_error(BadValue(key, *text, section, source_file, "a whole number"));
+    return value;
+}
+
+bool ReadSwitch(const boost::property_tree::ptree& values, const std::string& key, bool fallback,
+                const std::string& section, const std::string& source_file) {
+    const auto text = values.get_optional<std::string>(key);
+    if (!text) return fallback;
+    const std::string trimmed = Common::TrimWhitespace(*text);
+    if (trimmed == "true" || trimmed == "1") return true;
+    if (trimmed == "false" || trimmed == "0") return false;
+    throw std::runtime_error(BadValue(key, *text, section, source_file, "true or false"));
+}
+
+LoadingOptions ReadLoadingOptions(const boost::property_tree::ptree& section, const std::string& source_file) {
+    const std::string name = "loading_options";
     LoadingOptions options;
     options.barcodes_filename = section.get<std::string>("barcodes_filename", "");
-    options.double_barcodes_revcmpl = section.get<bool>("double_barcodes_revcmpl", true);
-    options.double_variants_frontrear = section.get<bool>("double_variants_frontrear", true);
-    options.append_indicator_fwdbwd = section.get<bool>("append_indicator_fwdbwd", true);
+    options.double_barcodes_revcmpl = ReadSwitch(section, "double_barcodes_revcmpl", true, name, source_file);
+    options.double_variants_frontrear = ReadSwitch(section, "double_variants_frontrear", true, name, source_file);
+    options.append_indicator_fwdbwd = ReadSwitch(section, "append_indicator_fwdbwd", true, name, source_file);
     return options;
+}
+
+// Classified reads are filed in a folder named after normalised_id, so it must
+// be one plain folder name: "../x" or "a/b" would write outside the save folder.
+void CheckNormalisedId(const std::string& id, const std::string& section, const std::string& source_file) {
+    if (Common::IsUsableFileNameComponent(id)) return;
+    throw std::runtime_error("normalised_id '" + id + "' in section [" + section + "] of " + source_file +
+                             " cannot be used as a folder name: it must not be empty, '.' or '..', nor contain '/' "
+                             "or control characters");
 }
 
 void ExpandSection(const std::string& name, const boost::property_tree::ptree& section, const std::string& source_file,
@@ -159,13 +201,18 @@ void ExpandSection(const std::string& name, const boost::property_tree::ptree& s
     base.scoring_function = section.get<std::string>("scoring_function", "");
     base.source_file = source_file;
     base.compatible_kits = SplitAtComma(section.get<std::string>("compatible_kits", ""));
-    const int first = section.get<int>("first_index", -1);
-    const int last = section.get<int>("last_index", -1);
+    const int first = ReadIndex(section, "first_index", name, source_file);
+    const int last = ReadIndex(section, "last_index", name, source_file);
     if (first < 0 || last < 0 || last < first) {
+        CheckNormalisedId(base.normalised_id, name, source_file);
         out.push_back(base);
         return;
     }
-    for (int i = first; i <= last; ++i) {
+    if (static_cast<long long>(last) - first + 1 > kMaxArrangementSpan)
+        throw std::runtime_error("Section [" + name + "] of " + source_file + " spans first_index " +
+                                 std::to_string(first) + " to last_index " + std::to_string(last) + "; at most " +
+                                 std::to_string(kMaxArrangementSpan) + " arrangements per section are allowed");
+    for (int i = first;; ++i) {
         Arrangement a = base;
         a.id = FormatWithIndex(base.id, i);
         a.normalised_id = FormatWithIndex(base.normalised_id, i);
@@ -180,7 +227,23 @@ void ExpandSection(const std::string& name, const boost::property_tree::ptree& s
             if (!a.barcode1.empty()) a.barcode1 += "A";
             if (!a.barcode2.empty()) a.barcode2 += "A";
         }
+        CheckNormalisedId(a.normalised_id, name, source_file);
         out.push_back(std::move(a));
+        if (i == last) break;  // not "i <= last": last may be INT_MAX
+    }
+}
+
+// Both ends of a double-barcode arrangement are combined by its scoring
+// function; a single-barcode arrangement never uses it.
+void CheckScoringFunctions(const std::vector<Arrangement>& arrangements) {
+    for (const auto& a : arrangements) {
+        if (a.barcode1.empty() || a.barcode2.empty()) continue;
+        if (a.scoring_function == "ADD" || a.scoring_function == "MAX") continue;
+        // The section as formatted, without the strand variant's suffix.
+        std::string section = a.id;
+        if (a.variant == "var1" || a.variant == "var2") section.resize(section.size() - 5);
+        throw std::runtime_error("Scoring function can only have values ADD or MAX (found '" + a.scoring_function +
+                                 "' in section [" + section + "] of " + a.source_file + ")");
     }
 }
 
@@ -203,6 +266,8 @@ std::vector<std::string> BarcodeManager::SplitArrangementFiles(const std::string
 
 void BarcodeManager::LoadArrangementFile(const std::string& path) {
     if (!fs::exists(path)) throw std::runtime_error("Could not find arrangement file " + path);
+    // A device or a pipe would be read forever.
+    if (!fs::is_regular_file(path)) throw std::runtime_error("Arrangement file " + path + " is not a regular file");
     boost::property_tree::ptree tree;
     boost::property_tree::read_ini(path, tree);
 
@@ -213,7 +278,7 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
         // A key outside any section is a value, not a section: ignore it.
         if (section.empty() && !section.data().empty()) continue;
         if (name == "loading_options")
-            options = ReadLoadingOptions(section);
+            options = ReadLoadingOptions(section, source_file);
         else
             ExpandSection(name, section, source_file, loaded);
     }
@@ -221,10 +286,17 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
         throw std::runtime_error("arrangement file does not contain loading_options.barcodes_filename");
 
     std::string barcode_file = options.barcodes_filename;
-    if (!fs::exists(barcode_file)) barcode_file = (fs::path(path).parent_path() / barcode_file).string();
+    if (!fs::is_regular_file(barcode_file) && fs::path(barcode_file).is_relative())
+        barcode_file = (fs::path(path).parent_path() / barcode_file).string();
     if (!fs::exists(barcode_file)) throw std::runtime_error("Could not load barcode file: '" + barcode_file + "'");
+    if (!fs::is_regular_file(barcode_file))
+        throw std::runtime_error("Barcode file '" + barcode_file + "' is not a regular file");
 
     for (const auto& [name, sequence] : ReadFasta(barcode_file)) {
+        if (sequence.size() > static_cast<size_t>(kMaxReferenceLength))
+            throw std::runtime_error("Barcode '" + name + "' in '" + barcode_file + "' is " +
+                                     std::to_string(sequence.size()) + " bases long; at most " +
+                                     std::to_string(kMaxReferenceLength) + " are allowed");
         auto enter = [&](const std::string& key, const std::string& seq) {
             auto found = barcodes_.find(key);
             if (found != barcodes_.end() && found->second.source_file != barcode_file)
@@ -288,7 +360,10 @@ const std::vector<Arrangement>& BarcodeManager::GetArrangements(const std::strin
     std::lock_guard<std::mutex> lock(mutex_);
     auto cached = kit_cache_.find(kits);
     if (cached != kit_cache_.end()) return cached->second;
-    if (kits.empty()) return arrangements_;
+    if (kits.empty()) {
+        CheckScoringFunctions(arrangements_);
+        return arrangements_;
+    }
 
     std::set<std::string> requested;
     for (const auto& kit : SplitArrangementFiles(kits))
@@ -315,6 +390,7 @@ const std::vector<Arrangement>& BarcodeManager::GetArrangements(const std::strin
         throw std::runtime_error("Could not match the following kits with compatible kits in the configurations: " +
                                  missing);
     }
+    CheckScoringFunctions(selection);
     return kit_cache_.emplace(kits, std::move(selection)).first->second;
 }
 

@@ -21,12 +21,18 @@ public:
     BarcodeManager(const std::vector<std::string>& arrangement_files, const std::string& data_path);
 
     // Parses one arrangement file and its barcode file, expands its sections
-    // and appends them. Throws std::runtime_error on any configuration fault.
+    // and appends them. Throws std::runtime_error, naming the file and
+    // section, on any configuration fault: among them a normalised_id that is
+    // not one plain folder name (Common::IsUsableFileNameComponent), a section
+    // spanning more than kMaxArrangementSpan indices, and a barcode longer
+    // than kMaxReferenceLength.
     void LoadArrangementFile(const std::string& path);
 
     // Arrangements serving the whitespace-separated kit names in kits (all of
     // them for an empty text). Thread-safe; the list lives as long as the
-    // manager and the same text always yields the same object.
+    // manager and the same text always yields the same object. Throws when a
+    // selected double-barcode arrangement has a scoring_function other than
+    // ADD or MAX, so that a bad kit fails the run, not every read.
     const std::vector<Arrangement>& GetArrangements(const std::string& kits);
     const std::vector<Arrangement>& AllArrangements() const { return arrangements_; }
 

@@ -3,13 +3,39 @@
 #include <boost/filesystem.hpp>
 #include <stdexcept>
 
+#include "common/parameters.h"
+#include "pair_alignment/score_matrix.h"
+#include "pair_alignment/simd/fast_align_core.h"
+
 namespace Barcoding {
 
 std::vector<int> ScorerOptions::GapVector() const {
     return {start_gap1, end_gap1, open_gap1, extend_gap1, start_gap2, end_gap2, open_gap2, extend_gap2};
 }
 
+// Why these bounds: the aligners work on anti-diagonals of a (reference length
+// + window + 1)-long band, and no score in it exceeds that length times the
+// largest |cost| in magnitude. With references of at most 1000 bases, windows
+// of at most 10000 and costs of at most 1000 that is about 1.1e7, fifty times
+// below the limit of the 32-bit kernels (which keep an impossible-score
+// sentinel clear of every real score) and two hundred times below 2^31, so no
+// alignment ever falls back to overflowing arithmetic. The 16-bit kernels are
+// still chosen per alignment, only when its own range fits them.
+static_assert((static_cast<long long>(kMaxReferenceLength) + kMaxWindowSize + 1) * PairAlignment::kMaxScoreMagnitude <=
+                  PairAlignment::Core::kLimit32 / 40,
+              "scoring bounds must keep every score far inside the 32-bit kernels' range");
+
 void ValidateScorerOptions(ScorerOptions& options) {
+    static const char* const kGapNames[] = {"start_gap1", "end_gap1", "open_gap1", "extend_gap1",
+                                            "start_gap2", "end_gap2", "open_gap2", "extend_gap2"};
+    const std::vector<int> gaps = options.GapVector();
+    for (size_t k = 0; k < gaps.size(); ++k)
+        Common::RequireInRange(kGapNames[k], gaps[k], 0, PairAlignment::kMaxScoreMagnitude);
+    Common::RequireInRange("front_window_size", options.front_window_size, 1, kMaxWindowSize);
+    Common::RequireInRange("rear_window_size", options.rear_window_size, 1, kMaxWindowSize);
+    Common::RequireFinite("min_score", options.min_score);
+    Common::RequireFinite("min_score_rear_override", options.min_score_rear_override);
+    Common::RequireInRange("num_extra_bases_trim", options.num_extra_bases_trim, -kMaxExtraTrim, kMaxExtraTrim);
     if (options.num_extra_bases_trim != 0 && !options.trim_barcodes)
         throw std::runtime_error("Must specify trim_barcodes flag when altering num_extra_bases_trim.");
     // Only fewer-bases trimming is bounded by the windows: trimming more than a

@@ -27,7 +27,18 @@ struct ScorerOptions {
     std::vector<int> GapVector() const;
 };
 
-// Throws std::runtime_error for inconsistent trim settings; resolves the rear
+// Bounds of the scoring settings. Together with the score matrix's bound
+// (PairAlignment::kMaxScoreMagnitude, also the bound of every gap cost) they
+// keep every alignment score far inside 32-bit arithmetic; see the .cpp.
+constexpr int kMaxWindowSize = 10000;       // front_window_size, rear_window_size: 1 .. this
+constexpr int kMaxReferenceLength = 1000;   // bases of one barcode (reference) sequence
+constexpr int kMaxExtraTrim = 10000;        // |num_extra_bases_trim|
+constexpr int kMaxArrangementSpan = 10000;  // last_index - first_index + 1 of one arrangement section
+
+// Throws std::runtime_error, naming the setting and the allowed range, for a
+// gap cost outside 0 .. kMaxScoreMagnitude, a window outside 1 ..
+// kMaxWindowSize, a minimum score that is not finite, an extra trim outside
+// +-kMaxExtraTrim, and inconsistent trim settings. Then resolves the rear
 // minimum (min_score_rear_override becomes min_score when it is exactly -1).
 void ValidateScorerOptions(ScorerOptions& options);
 

@@ -1,6 +1,9 @@
 #include "common/parameters.h"
 
+#include <algorithm>
 #include <boost/program_options.hpp>
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -52,6 +55,61 @@ std::vector<std::string> ValueLines(const T& value) {
 
 bool HasParent(const std::string& path) {
     return fs::path(path).has_parent_path();
+}
+
+// Levenshtein distance (insertions, deletions, substitutions), two rows.
+size_t EditDistance(const std::string& a, const std::string& b) {
+    std::vector<size_t> previous(b.size() + 1), current(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j)
+        previous[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        current[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t substitute = previous[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+            current[j] = std::min({previous[j] + 1, current[j - 1] + 1, substitute});
+        }
+        std::swap(previous, current);
+    }
+    return previous[b.size()];
+}
+
+// The declared option a mistyped name most likely meant, or "": one that
+// differs only by '-' typed for '_', else the nearest within two edits (the
+// first declared on a tie). Names under three characters get no distance
+// hint, since every one-letter option is within two edits of them.
+std::string LikelyOption(const std::string& typed, const po::options_description& known) {
+    std::string name = typed;
+    std::replace(name.begin(), name.end(), '-', '_');
+    constexpr size_t kMaxEdits = 2;
+    std::string best;
+    size_t best_distance = kMaxEdits + 1;
+    for (const auto& option : known.options()) {
+        const std::string& candidate = option->long_name();
+        if (candidate.empty()) continue;
+        if (candidate == name) return candidate;
+        if (typed.size() < 3) continue;
+        const size_t distance = EditDistance(name, candidate);
+        if (distance < best_distance) {
+            best = candidate;
+            best_distance = distance;
+        }
+    }
+    return best;
+}
+
+// What the user typed for an unknown command-line option: its first token,
+// without the "=value" of a long option.
+std::string TypedOption(const po::option& option) {
+    if (option.original_tokens.empty()) return option.string_key;
+    const std::string& token = option.original_tokens.front();
+    if (token.rfind("--", 0) == 0) return token.substr(0, token.find('='));
+    return token;
+}
+
+bool LooksLikeNumber(const std::string& token) {
+    char* end = nullptr;
+    std::strtod(token.c_str(), &end);
+    return !token.empty() && end == token.c_str() + token.size();
 }
 
 }  // namespace
@@ -172,7 +230,10 @@ unsigned Parameters::ParseParameters(int argc, char** argv, const std::string& d
                 bool unexpected = false;
                 for (const auto& option : parsed.options) {
                     if (!option.unregistered) continue;
-                    message_text += "Unexpected option '" + option.string_key + "' found in configuration file.\n";
+                    message_text += "Unexpected option '" + option.string_key + "' found in configuration file.";
+                    const std::string likely = LikelyOption(option.string_key, options_->config_file);
+                    if (!likely.empty()) message_text += " Did you mean '" + likely + "'?";
+                    message_text += "\n";
                     unexpected = true;
                 }
                 if (unexpected) parse_result |= UnexpectedOption;
@@ -196,14 +257,31 @@ unsigned Parameters::ParseParameters(int argc, char** argv, const std::string& d
         po::store(parsed, command_line);
         options_->MarkRequiredSeen(command_line);
         po::notify(command_line);
+        // The parser cannot know whether an unknown option takes a value, so
+        // "--name value" arrives as the unknown "--name" plus a stray token
+        // (or, for "-5", a second unknown option). That token is the option's
+        // value, not an option of its own; any other stray token is reported.
+        bool after_unknown = false;
         for (const auto& option : parsed.options) {
-            if (!option.unregistered && option.position_key < 0) continue;
-            // Unknown "--name value" arrives as "--name" plus a stray token;
-            // both are reported so nothing the user typed goes unnoticed.
-            std::string name = option.string_key.empty() && !option.original_tokens.empty()
-                                   ? option.original_tokens.front()
-                                   : option.string_key;
-            message_text += "Unexpected option '" + name + "' found on command line.\n";
+            const bool stray = option.position_key >= 0;
+            if (!option.unregistered && !stray) {
+                after_unknown = false;
+                continue;
+            }
+            const std::string typed = TypedOption(option);
+            if (after_unknown && (stray || LooksLikeNumber(typed))) {
+                after_unknown = false;
+                continue;
+            }
+            after_unknown = option.unregistered && option.original_tokens.size() == 1 &&
+                            option.original_tokens.front().find('=') == std::string::npos;
+            message_text += "Unexpected option '" + typed + "' found on command line.";
+            if (option.unregistered) {
+                const std::string bare = typed.substr(std::min(typed.find_first_not_of('-'), typed.size()));
+                const std::string likely = LikelyOption(bare, options_->command_line);
+                if (!likely.empty()) message_text += " Did you mean '--" + likely + "'?";
+            }
+            message_text += "\n";
             parse_result |= UnexpectedOption;
         }
     } catch (const po::error& e) {
@@ -232,6 +310,19 @@ unsigned Parameters::ParseParameters(int argc, char** argv, const std::string& d
     if (!config_file.empty() && !HasParent(config_file)) config_file = (fs::path(data_path) / config_file).string();
     if (!ValidateParams()) parse_result |= Error;
     return parse_result;
+}
+
+void RequireInRange(const std::string& option, long long value, long long min, long long max) {
+    if (value >= min && value <= max) return;
+    throw std::runtime_error("Invalid value " + std::to_string(value) + " for '" + option + "': must be between " +
+                             std::to_string(min) + " and " + std::to_string(max) + ".");
+}
+
+void RequireFinite(const std::string& option, double value) {
+    if (std::isfinite(value)) return;
+    std::ostringstream text;
+    text << "Invalid value " << value << " for '" << option << "': must be a finite number.";
+    throw std::runtime_error(text.str());
 }
 
 void Parameters::WriteConfigFile(const std::string& path, const std::vector<std::string>& header_lines,

@@ -81,4 +81,15 @@ private:
     std::unique_ptr<Options> options_;
 };
 
+// Upper bound of worker_threads: far above the cores of any machine we run on,
+// low enough that a slip such as "-t 100000" is refused rather than spending
+// memory on per-thread state until the machine runs out.
+constexpr int kMaxWorkerThreads = 1024;
+
+// Start-up checks of option values. Each throws std::runtime_error naming the
+// option and what is allowed, e.g. "Invalid value 0 for 'front_window_size':
+// must be between 1 and 10000."
+void RequireInRange(const std::string& option, long long value, long long min, long long max);
+void RequireFinite(const std::string& option, double value);
+
 }  // namespace Common

@@ -43,4 +43,15 @@ std::string TrimWhitespace(const std::string& text) {
     return std::string(begin, end);
 }
 
+// 255 bytes is NAME_MAX on the usual Linux file systems; a longer name fails
+// only when the file is created, which is too late for a configuration check.
+bool IsUsableFileNameComponent(const std::string& text) {
+    constexpr size_t kMaxNameBytes = 255;
+    if (text.empty() || text == "." || text == ".." || text.size() > kMaxNameBytes) return false;
+    return std::none_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return c == '/' || byte < 0x20 || byte == 0x7f;
+    });
+}
+
 }  // namespace Common

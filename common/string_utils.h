@@ -33,4 +33,10 @@ std::string RemoveWhitespace(const std::string& text);
 // Removes the isspace() characters at both ends only.
 std::string TrimWhitespace(const std::string& text);
 
+// Whether text can be used as-is as one component of a file path (a folder or
+// file name inside a known folder): not empty, not "." or "..", at most 255
+// bytes, and free of '/', NUL and other control characters (bytes below 0x20
+// and 0x7f). Text that passes cannot climb out of its folder or split a path.
+bool IsUsableFileNameComponent(const std::string& text);
+
 }  // namespace Common

@@ -20,16 +20,21 @@ int EffectiveBandWidth(int l1, int l2, int configured) {
 // band's ends never move by more than one cell between diagonals. That makes
 // every band cell have at least one in-band predecessor, so no band score is
 // ever derived from the impossible score alone.
+//
+// (l1 + 1) * d is formed in double: as an int product it overflows once the
+// lengths reach tens of thousands. Both factors and the product are exact in
+// double far beyond that, so the value (and the band) is the one the int
+// product had wherever it did not overflow.
 void PlaceBand(int l1, int l2, int width, int* offsets, int* lengths) {
     const int total = l1 + l2;
     const int half = width / 2;
-    const double inv_n = 1.0 / (total + 1);
+    const double inv_n = 1.0 / (static_cast<double>(total) + 1);
     int r = 0;
     int q = 0;
     offsets[0] = 0;
     lengths[0] = 1;
     for (int d = 1; d <= total; ++d) {
-        const double a = (l1 + 1) * d * inv_n - r;
+        const double a = (static_cast<double>(l1) + 1) * d * inv_n - r;
         const double b = d * inv_n * (l2 + 1) - q;
         if (a <= b)
             ++q;

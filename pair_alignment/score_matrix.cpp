@@ -22,17 +22,22 @@ std::vector<std::string> SplitTabs(const std::string& line) {
     }
 }
 
-int ParseMatrixValue(const std::string& text, const std::string& column) {
+int ParseMatrixValue(const std::string& text, const std::string& column, const std::string& filename) {
     size_t used = 0;
-    int value = 0;
+    long value = 0;
     try {
-        value = std::stoi(text, &used);
+        value = std::stol(text, &used);
     } catch (const std::exception&) {
         used = 0;
     }
     if (used == 0 || used != text.size())
-        throw std::runtime_error("Invalid value \"" + text + "\" in column " + column + " of score matrix.");
-    return value;
+        throw std::runtime_error("Invalid value \"" + text + "\" in column " + column + " of score matrix \"" +
+                                 filename + "\".");
+    if (value < -kMaxScoreMagnitude || value > kMaxScoreMagnitude)
+        throw std::runtime_error("Value " + text + " in column " + column + " of score matrix \"" + filename +
+                                 "\" is outside the allowed range -" + std::to_string(kMaxScoreMagnitude) + " to " +
+                                 std::to_string(kMaxScoreMagnitude) + ".");
+    return static_cast<int>(value);
 }
 
 }  // namespace
@@ -57,7 +62,8 @@ Table ReadTable(const std::string& filename) {
             continue;
         }
         if (fields.size() != header.size())
-            throw std::runtime_error("Error: Incomplete row in line " + std::to_string(line_number) + ": expecting " +
+            throw std::runtime_error("Error: Incomplete row in line " + std::to_string(line_number) + " of \"" +
+                                     filename + "\": expecting " +
                                      std::to_string(static_cast<unsigned long>(header.size())) + " columns but got " +
                                      std::to_string(static_cast<unsigned long>(fields.size())));
         for (size_t k = 0; k < fields.size(); ++k)
@@ -77,9 +83,9 @@ std::vector<int> LoadMismatchMatrix(const std::string& filename) {
         const std::string name = kColumns[b];
         const auto it = table.find(name);
         if (it == table.end() || it->second.size() != 4)
-            throw std::runtime_error("Column " + name + " in score matrix has wrong size.");
+            throw std::runtime_error("Column " + name + " in score matrix \"" + filename + "\" has wrong size.");
         for (int a = 0; a < 4; ++a)
-            matrix[4 * a + b] = ParseMatrixValue(it->second[a], name);
+            matrix[4 * a + b] = ParseMatrixValue(it->second[a], name, filename);
     }
     return matrix;
 }

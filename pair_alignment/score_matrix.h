@@ -16,8 +16,15 @@ using Table = std::map<std::string, std::vector<std::string>>;
 // return is dropped. Every row must have as many fields as the header.
 Table ReadTable(const std::string& filename);
 
+// Largest |value| of a matrix element (and of a gap cost, checked with the
+// other scoring settings): small enough that no alignment score of the
+// bounded reference and window lengths comes near 32-bit limits.
+constexpr int kMaxScoreMagnitude = 1000;
+
 // 4 x 4 row-major matrix from the table's columns "A", "C", "G", "T" laid side
-// by side: element (reference code a, query code b) is at 4 * a + b.
+// by side: element (reference code a, query code b) is at 4 * a + b. Throws
+// std::runtime_error naming the file for a missing file or column, a value
+// that is not an integer, or one outside +-kMaxScoreMagnitude.
 std::vector<int> LoadMismatchMatrix(const std::string& filename);
 
 // The aligners' six internal costs from the 6 or 8 positive penalties, negated:

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need. Idempotent: when
 # everything is already there it only checks and says nothing.
+#
+# Optional groups, named as arguments, add what some builds need on top:
+#   fuzz   clang and its libFuzzer runtime, for the fuzz targets (-DVB_FUZZ=ON)
+# e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
 set -euo pipefail
 
 packages=(
@@ -11,6 +15,12 @@ packages=(
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
+for group in "$@"; do
+  case "$group" in
+    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    *) echo "install-deps: unknown group '$group' (known: fuzz)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

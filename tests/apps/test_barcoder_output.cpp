@@ -144,6 +144,33 @@ TEST(SummaryRow, ScoresPrintLikeTheStreamDefault) {
     }
 }
 
+// A read id may hold TAB, CR or newline (only spaces end it); each becomes
+// '_' so the row keeps its columns and stays one line.
+TEST(SummaryRow, ControlCharactersInTextsKeepTheRowShape) {
+    Barcoding::ArrangementDetectResult best;
+    best.id = "odd\tid";
+    best.normalised_id = "barcode01";
+    best.kit = "K\r";
+    best.variant = "var1";
+    best.front.id = "BC01_FWD";
+    best.front.found_sequence = "ACGT";
+    const std::string id = "r\t1\r\n2";
+    for (bool trim : {false, true}) {
+        const Vorpa::TrimmedBases trimmed{1, 2};
+        for (const std::string& text :
+             {Vorpa::SummaryRow(id, best, 100, trim ? &trimmed : nullptr), Vorpa::NoResultRow(id, trim)}) {
+            EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+            EXPECT_EQ(text.find('\r'), std::string::npos);
+            const auto row = SplitRow(text);
+            ASSERT_EQ(row.size(), trim ? 20u : 18u);
+            EXPECT_EQ(row[0], "r_1__2");
+        }
+    }
+    const auto row = SplitRow(Vorpa::SummaryRow(id, best, 100, nullptr));
+    EXPECT_EQ(row[2], "odd_id");
+    EXPECT_EQ(row[3], "K_");
+}
+
 TEST(RunReport, TotalsAndUnclassifiedLast) {
     Vorpa::RunTally tally;
     for (const auto& [name, reads] :

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "barcoding/barcode_manager.h"
+#include "barcoding/scorer_options.h"
 #include "temp_folder.h"
 
 namespace Barcoding {
@@ -114,12 +115,81 @@ TEST(BarcodeManager, LoadingFaults) {
     const std::string missing = dir.Write("b.cfg", "[loading_options]\nbarcodes_filename = gone.fasta\n");
     EXPECT_EQ(ErrorOf([&] { BarcodeManager({missing}, ""); }),
               "Could not load barcode file: '" + dir.Path() + "/gone.fasta'");
+    const std::string device = dir.Write("dev.cfg", "[loading_options]\nbarcodes_filename = /dev/zero\n");
+    EXPECT_EQ(ErrorOf([&] { BarcodeManager({device}, ""); }), "Barcode file '/dev/zero' is not a regular file");
+    EXPECT_EQ(ErrorOf([&] { BarcodeManager({"/dev/zero"}, ""); }), "Arrangement file /dev/zero is not a regular file");
     const std::string duplicate = dir.Write("c.cfg", "[a]\nkit=1\n[a]\nkit=2\n");
     EXPECT_NE(ErrorOf([&] { BarcodeManager({duplicate}, ""); }).find("duplicate section name"), std::string::npos);
     const std::string bad_format = dir.Write("d.cfg", NoExpansion() + "[a%s]\nfirst_index = 1\nlast_index = 2\n");
     dir.Write("bc.fasta", ">X\nA\n");
     EXPECT_NE(ErrorOf([&] { BarcodeManager({bad_format}, ""); }).find("Unsupported format text 'a%s'"),
               std::string::npos);
+}
+
+// Settings that would write outside the save folder, never finish loading or
+// overflow the aligner are refused at load time, naming file and section.
+TEST(BarcodeManager, RefusesUnusableNamesRangesAndLengths) {
+    TempFolder dir;
+    dir.Write("bc.fasta", ">X\nACGT\n");
+    auto load = [&](const std::string& sections) {
+        const std::string file = dir.Write("arr.cfg", NoExpansion() + sections);
+        return ErrorOf([&] { BarcodeManager({file}, ""); });
+    };
+    for (const std::string id : {"../x", "a/b", ".", "..", "tab\there"}) {
+        EXPECT_EQ(load("[sec]\nnormalised_id = " + id + "\nbarcode1 = X\n"),
+                  "normalised_id '" + id +
+                      "' in section [sec] of arr.cfg cannot be used as a folder name: it must not be empty, '.' or "
+                      "'..', nor contain '/' or control characters");
+    }
+    EXPECT_NE(load("[sec]\nnormalised_id =\nbarcode1 = X\n").find("normalised_id '' in section [sec]"),
+              std::string::npos);
+    // Checked after formatting with the index.
+    EXPECT_NE(load("[s%i]\nnormalised_id = %i/x\nfirst_index = 1\nlast_index = 2\n")
+                  .find("normalised_id '1/x' in section [s%i] of arr.cfg"),
+              std::string::npos);
+
+    EXPECT_EQ(load("[s%i]\nfirst_index = 1\nlast_index = 2000000000\n"),
+              "Section [s%i] of arr.cfg spans first_index 1 to last_index 2000000000; at most 10000 arrangements per "
+              "section are allowed");
+    EXPECT_EQ(load("[s%i]\nfirst_index = 0\nlast_index = 9999\n"), "(no error)");
+    // The last index a section may name does not overflow the loop.
+    EXPECT_EQ(load("[s%i]\nfirst_index = 2147483645\nlast_index = 2147483647\n"), "(no error)");
+    EXPECT_EQ(load("[s%i]\nfirst_index = 1\nlast_index = 1O\n"),
+              "Invalid value '1O' for last_index in section [s%i] of arr.cfg: must be a whole number");
+    EXPECT_EQ(load("[s%i]\nfirst_index = 1\nlast_index = 99999999999\n"),
+              "Invalid value '99999999999' for last_index in section [s%i] of arr.cfg: must be a whole number");
+    const std::string options = "[loading_options]\nbarcodes_filename = bc.fasta\ndouble_barcodes_revcmpl = maybe\n";
+    EXPECT_EQ(ErrorOf([&] { BarcodeManager({dir.Write("switch.cfg", options)}, ""); }),
+              "Invalid value 'maybe' for double_barcodes_revcmpl in section [loading_options] of switch.cfg: must be "
+              "true or false");
+
+    dir.Write("bc.fasta", ">long\n" + std::string(kMaxReferenceLength, 'A') + "\n");
+    EXPECT_EQ(load("[sec]\nbarcode1 = long\n"), "(no error)");
+    dir.Write("bc.fasta", ">X\nACGT\n>long\n" + std::string(kMaxReferenceLength + 1, 'A') + "\n");
+    EXPECT_EQ(load("[sec]\nbarcode1 = X\n"),
+              "Barcode 'long' in '" + dir.Path() + "/bc.fasta' is 1001 bases long; at most 1000 are allowed");
+}
+
+// A double-barcode arrangement's scoring function is checked when its kit is
+// selected; kits not asked for may carry anything.
+TEST(BarcodeManager, ScoringFunctionsOfSelectedKitsOnly) {
+    TempFolder dir;
+    dir.Write("bc.fasta", ">X\nACGT\n");
+    const std::string file =
+        dir.Write("arr.cfg",
+                  "[loading_options]\nbarcodes_filename = bc.fasta\n"
+                  "[good]\nbarcode1 = X\nbarcode2 = X\nscoring_function = ADD\ncompatible_kits = G\n"
+                  "[single]\nbarcode1 = X\nscoring_function = SUM\ncompatible_kits = S\n"
+                  "[odd%02i]\nbarcode1 = X\nbarcode2 = X\nscoring_function = max\ncompatible_kits = O\n"
+                  "first_index = 3\nlast_index = 4\n");
+    BarcodeManager manager({file}, "");
+    EXPECT_EQ(manager.GetArrangements("G").size(), 2u);
+    EXPECT_EQ(manager.GetArrangements("S").size(), 2u);
+    const std::string message =
+        "Scoring function can only have values ADD or MAX (found 'max' in section [odd03] of arr.cfg)";
+    EXPECT_EQ(ErrorOf([&] { manager.GetArrangements("O"); }), message);
+    EXPECT_EQ(ErrorOf([&] { manager.GetArrangements("G O"); }), message);
+    EXPECT_EQ(ErrorOf([&] { manager.GetArrangements(""); }), message);
 }
 
 TEST(BarcodeManager, FilesResolveAgainstTheDataPathAndLaterBarcodesWin) {

@@ -137,12 +137,13 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
 }
 
 TEST_F(ScorerTest, ConfigurationFaults) {
-    BarcodeScorer bad(Options("BAD"), manager_, kMatrix);
+    // An unknown scoring function fails when the kit is selected, not per read.
     try {
-        bad.Score(Read(barcodes_[4], barcodes_[4]));
+        BarcodeScorer bad(Options("BAD"), manager_, kMatrix);
         FAIL();
     } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Scoring function can only have values ADD or MAX");
+        EXPECT_STREQ(e.what(),
+                     "Scoring function can only have values ADD or MAX (found 'SUM' in section [bad] of arr.cfg)");
     }
 
     dir_.Write("odd.fasta", ">lower\nacguacgu\n>ambiguous\nACGNT\n");

@@ -117,7 +117,7 @@ TEST_F(ParametersTest, MessagesForUnexpectedMissingAndInvalid) {
     unsigned result = p.Parse({"-d", folder.string(), "-c", "run.cfg", "--stray", "-t", "7"});
     EXPECT_EQ(result, unsigned(P::UnexpectedOption | P::Error));
     EXPECT_NE(p.message_text.find("Unexpected option 'bogus' found in configuration file.\n"), std::string::npos);
-    EXPECT_NE(p.message_text.find("Unexpected option 'stray' found on command line.\n"), std::string::npos)
+    EXPECT_NE(p.message_text.find("Unexpected option '--stray' found on command line.\n"), std::string::npos)
         << p.message_text;
     EXPECT_EQ(p.error_text, "Missing required option 'needed'.\n");
     EXPECT_EQ(p.threads, 7);  // parsing went on after the unexpected ones
@@ -126,6 +126,37 @@ TEST_F(ParametersTest, MessagesForUnexpectedMissingAndInvalid) {
     invalid.valid = false;
     EXPECT_EQ(invalid.Parse({"-n", "x", "-d", folder.string()}), unsigned(P::Error));
     EXPECT_TRUE(invalid.error_text.empty());
+}
+
+// An unknown option is named as typed, with a hint when it is a likely slip
+// for a declared one; the value typed after it is not reported as an option.
+TEST_F(ParametersTest, UnknownOptionsAreNamedAsTypedWithAHint) {
+    auto messages = [&](std::vector<std::string> args) {
+        TestParameters p;
+        args.insert(args.end(), {"-n", "x", "-d", folder.string()});
+        EXPECT_EQ(p.Parse(args), unsigned(P::UnexpectedOption)) << p.message_text;
+        return p.message_text;
+    };
+    const std::string tail = "' found on command line.";
+    EXPECT_EQ(messages({"--threds", "3"}), "Unexpected option '--threds" + tail + " Did you mean '--threads'?\n");
+    EXPECT_EQ(messages({"--thraeds=3"}), "Unexpected option '--thraeds" + tail + " Did you mean '--threads'?\n");
+    EXPECT_EQ(messages({"--ratio-x", "-5"}), "Unexpected option '--ratio-x" + tail + " Did you mean '--ratio'?\n");
+    EXPECT_EQ(messages({"--old-key"}), "Unexpected option '--old-key" + tail + "\n");  // config-file only
+    EXPECT_EQ(messages({"--data-path", "elsewhere"}),
+              "Unexpected option '--data-path" + tail + " Did you mean '--data_path'?\n");
+    EXPECT_EQ(messages({"--zzzzzz", "1", "--lst", "a"}),
+              "Unexpected option '--zzzzzz" + tail + "\nUnexpected option '--lst" + tail + " Did you mean '--list'?\n");
+    EXPECT_EQ(messages({"-y"}), "Unexpected option '-y" + tail + "\n");
+    // A stray word that follows no unknown option is reported as it is.
+    EXPECT_EQ(messages({"extra"}), "Unexpected option 'extra" + tail + "\n");
+    EXPECT_EQ(messages({"--flag", "extra"}), "Unexpected option 'extra" + tail + "\n");
+
+    Config("typo.cfg", "thread = 2\nnmae = y\n");
+    TestParameters config;
+    config.Parse({"-n", "x", "-d", folder.string(), "-c", "typo.cfg"});
+    EXPECT_EQ(config.message_text,
+              "Unexpected option 'thread' found in configuration file. Did you mean 'threads'?\n"
+              "Unexpected option 'nmae' found in configuration file. Did you mean 'name'?\n");
 }
 
 TEST_F(ParametersTest, HelpAndVersion) {

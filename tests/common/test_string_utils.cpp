@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "common/string_utils.h"
 
@@ -27,4 +29,14 @@ TEST(StringUtils, RemoveWhitespaceMatchesNaiveReference) {
         }
         EXPECT_EQ(Common::RemoveWhitespace(text), expected);
     }
+}
+
+TEST(StringUtils, UsableFileNameComponents) {
+    for (const std::string& name : std::vector<std::string>{"barcode01", "unclassified", "a b", ".hidden", "...",
+                                                            "x..y", "\xc3\xa9t\xc3\xa9", std::string(255, 'n')})
+        EXPECT_TRUE(Common::IsUsableFileNameComponent(name)) << name;
+    for (const std::string& name :
+         std::vector<std::string>{"", ".", "..", "../x", "a/b", "/", "tab\there", "new\nline", "cr\r", "del\x7f",
+                                  std::string("nul\0x", 5), std::string(256, 'n')})
+        EXPECT_FALSE(Common::IsUsableFileNameComponent(name)) << name;
 }

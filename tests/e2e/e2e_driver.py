@@ -26,6 +26,13 @@ class Failure(Exception):
     pass
 
 
+class Skip(Exception):
+    """The case cannot be checked here (reported to CTest as skipped)."""
+
+
+SKIPPED = 77
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)
@@ -40,9 +47,9 @@ class Context:
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def run(self, args, stdin_text=None, expect=0):
+    def run(self, args, stdin_text=None, expect=0, user=None):
         result = subprocess.run([self.binary] + args, input=stdin_text, capture_output=True, text=True,
-                                cwd=self.work, timeout=100)
+                                cwd=self.work, timeout=100, user=user)
         if expect is not None and result.returncode != expect:
             raise Failure(f"{' '.join(args)}: status {result.returncode}, expected {expect}\n"
                           f"stdout:\n{result.stdout[-3000:]}\nstderr:\n{result.stderr[-3000:]}")
@@ -545,6 +552,251 @@ def case_help_and_kits(ctx):
     check("No arrangements files specified!" in result.stdout + result.stderr, "empty arrangements_files message")
 
 
+# ---------------------------------------------------------------- refused settings
+
+EARLIER = "earlier run\n"
+
+
+def prepare_earlier_run(ctx, reads=10, seed=30):
+    """An input folder and a save folder holding an earlier run's summary and
+    one FASTQ file, which a refused run must leave exactly as they are."""
+    records, _ = ctx.simulate("refused", reads, seed)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    os.makedirs(ctx.path("out", "barcode01"), exist_ok=True)
+    with open(ctx.path("out", SUMMARY), "w") as handle:
+        handle.write(EARLIER)
+    write_fastq(ctx.path("out", "barcode01", "fastq_runid_old_0.fastq"), records[:1])
+
+
+def check_refused(ctx, args, message, stdin_text=None):
+    result = ctx.run(args, expect=255, stdin_text=stdin_text)
+    text = result.stdout + result.stderr
+    check(message in text, f"{' '.join(args)}: message {message!r} missing:\n{text[-2000:]}")
+    with open(ctx.path("out", SUMMARY)) as handle:
+        check(handle.read() == EARLIER, f"{' '.join(args)}: the earlier summary was touched")
+    outputs = sorted(os.path.relpath(os.path.join(d, f), ctx.path("out"))
+                     for d, _, fs in os.walk(ctx.path("out")) for f in fs if f.startswith("fastq_"))
+    check(outputs == [os.path.join("barcode01", "fastq_runid_old_0.fastq")],
+          f"{' '.join(args)}: FASTQ output changed: {outputs}")
+    return result
+
+
+def case_refused_options(ctx):
+    prepare_earlier_run(ctx)
+    refused = [
+        (["--open_gap1", "-3"], "Invalid value -3 for 'open_gap1': must be between 0 and 1000."),
+        (["--start_gap2", "5000"], "Invalid value 5000 for 'start_gap2': must be between 0 and 1000."),
+        (["--front_window_size", "0"], "Invalid value 0 for 'front_window_size': must be between 1 and 10000."),
+        (["--rear_window_size", "-5"], "Invalid value -5 for 'rear_window_size': must be between 1 and 10000."),
+        (["--rear_window_size", "100001"],
+         "Invalid value 100001 for 'rear_window_size': must be between 1 and 10000."),
+        (["--min_score", "nan"], "Invalid value nan for 'min_score': must be a finite number."),
+        (["--min_score_rear_override", "inf"],
+         "Invalid value inf for 'min_score_rear_override': must be a finite number."),
+        (["-t", "100000"], "Invalid value 100000 for 'worker_threads': must be between 1 and 1024."),
+        (["-t", "-2"], "Invalid value -2 for 'worker_threads': must be between 1 and 1024."),
+        (["--trim_barcodes", "--num_extra_bases_trim", "2147483647"],
+         "Invalid value 2147483647 for 'num_extra_bases_trim': must be between -10000 and 10000."),
+    ]
+    for extra, message in refused:
+        check_refused(ctx, barcoder_args("in", "out", *extra), message)
+    # The same refusal with --quiet still says why, on standard error.
+    result = check_refused(ctx, barcoder_args("in", "out", "--open_gap1", "-3", "--quiet"), "open_gap1")
+    check(result.stdout == "" and "open_gap1" in result.stderr, "quiet refusal: message expected on stderr only")
+
+
+def case_refused_kit_files(ctx):
+    prepare_earlier_run(ctx)
+    source = os.path.join(ctx.source, "data", "barcoding")
+    kit = os.path.join(source, "vb_rb12.ini")
+    with open(kit) as handle:
+        text = handle.read()
+    shutil.copy(os.path.join(source, "vb_rapid_barcodes.fasta"), ctx.path("vb_rapid_barcodes.fasta"))
+
+    def variant(name, old, new):
+        check(old in text, f"{old!r} not in the shipped kit")
+        with open(ctx.path(name), "w") as handle:
+            handle.write(text.replace(old, new))
+        return ctx.path(name)
+
+    def kit_args(path, *extra):
+        return ["-i", "in", "-s", "out", "--arrangements_files", path] + list(extra)
+
+    huge = variant("huge_range.ini", "last_index = 12", "last_index = 2000000000")
+    check_refused(ctx, kit_args(huge), "Section [RB12_barcode%02i] of huge_range.ini spans first_index 1 to "
+                  "last_index 2000000000; at most 10000 arrangements per section are allowed")
+    escape = variant("escape.ini", "normalised_id = barcode%02i", "normalised_id = ../x%02i")
+    check_refused(ctx, kit_args(escape), "normalised_id '../x01' in section [RB12_barcode%02i] of escape.ini cannot "
+                  "be used as a folder name")
+    check(not os.path.exists(ctx.path("x01")), "a read was written outside the save folder")
+
+    # A double-barcode kit with a scoring function that is neither ADD nor MAX.
+    nb24 = os.path.join(source, "vb_nb24.ini")
+    with open(nb24) as handle:
+        double = handle.read()
+    check("scoring_function = MAX" in double, "the shipped kit changed")
+    with open(ctx.path("sum.ini"), "w") as handle:
+        handle.write(double.replace("scoring_function = MAX", "scoring_function = SUM"))
+    shutil.copy(os.path.join(source, "vb_barcodes.fasta"), ctx.path("vb_barcodes.fasta"))
+    check_refused(ctx, kit_args(ctx.path("sum.ini")), "Scoring function can only have values ADD or MAX (found "
+                  "'SUM' in section [NB24_barcode01] of sum.ini)")
+
+    # A 100 kb barcode.
+    with open(ctx.path("long.fasta"), "w") as handle:
+        handle.write(">VR01\n" + "ACGT" * 25000 + "\n")
+    long_kit = variant("long.ini", "barcodes_filename = vb_rapid_barcodes.fasta", "barcodes_filename = long.fasta")
+    result = check_refused(ctx, kit_args(long_kit), "is 100000 bases long; at most 1000 are allowed")
+    check("Barcode 'VR01' in 'long.fasta'" in result.stdout, "the barcode and its file must be named")
+
+    # Score matrices: a value near INT_MAX, and one past the bound.
+    for value, message in (("2147483000", "is outside the allowed range -1000 to 1000."),
+                           ("-1001", "is outside the allowed range -1000 to 1000.")):
+        with open(ctx.path("matrix.tsv"), "w") as handle:
+            handle.write(f"A\tC\tG\tT\n{value}\t-4\t-4\t-4\n-4\t5\t-4\t-4\n-4\t-4\t5\t-4\n-4\t-4\t-4\t5\n")
+        check_refused(ctx, barcoder_args("in", "out", "--score_matrix_filename", ctx.path("matrix.tsv")),
+                      f"Value {value} in column A of score matrix \"{ctx.path('matrix.tsv')}\" {message}")
+
+
+# ---------------------------------------------------------------- paths and discovery
+
+def case_missing_input(ctx):
+    prepare_earlier_run(ctx)
+    check_refused(ctx, barcoder_args("absent", "out"), "Input path 'absent' does not exist")
+    check_refused(ctx, barcoder_args(ctx.path("in", "a.fastq"), "out"),
+                  f"Input path '{ctx.path('in', 'a.fastq')}' is not a folder")
+    check(not os.path.exists(ctx.path("fresh")), "")
+    ctx.run(barcoder_args("absent", "fresh"), expect=255)
+    check(not os.path.exists(ctx.path("fresh")), "a refused run created its save folder")
+
+
+def case_unusable_save_path(ctx):
+    records, _ = ctx.simulate("save", 10, 31)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    with open(ctx.path("taken"), "w") as handle:
+        handle.write("a file\n")
+    result = ctx.run(barcoder_args("in", "taken"), expect=255)
+    check("Save path 'taken' exists and is not a folder" in result.stdout, f"message missing:\n{result.stdout}")
+    result = ctx.run(barcoder_args("in", "taken/below"), expect=255)
+    check("Cannot create save folder 'taken/below': " in result.stdout, f"message missing:\n{result.stdout}")
+    with open(ctx.path("taken")) as handle:
+        check(handle.read() == "a file\n", "the file given as save path was changed")
+    if os.path.isdir("/proc/self"):
+        # Not writable even for root.
+        result = ctx.run(barcoder_args("in", "/proc"), expect=255)
+        check("Cannot write into save folder '/proc': " in result.stdout, f"message missing:\n{result.stdout}")
+    # A read-only folder; root ignores its mode, so then an ordinary user runs.
+    os.makedirs(ctx.path("read_only"))
+    os.chmod(ctx.path("read_only"), 0o555)
+    user = 65534 if os.geteuid() == 0 else None
+    if user is not None and subprocess.run(["ls", ctx.path("in")], user=user, capture_output=True).returncode != 0:
+        raise Skip("running as root and an ordinary user cannot reach the work folder, so a read-only folder "
+                   "cannot be checked")
+    result = ctx.run(barcoder_args("in", "read_only"), expect=255, user=user)
+    check("Cannot write into save folder 'read_only': Permission denied" in result.stdout,
+          f"message missing:\n{result.stdout}")
+    check(os.listdir(ctx.path("read_only")) == [], "the refused run left files behind")
+
+
+def case_discovery_bad_entries(ctx):
+    records, _ = ctx.simulate("entries", 60, 32)
+    names = [f"f{k:02d}.fastq" for k in range(30)]
+    split_into_files(ctx.path("in"), records, names)
+    os.symlink("loop", ctx.path("in", "loop"))
+    os.symlink("self.fastq", ctx.path("in", "self.fastq"))
+    for recursive in ([], ["-r"]):
+        save = "out" + "".join(recursive)
+        result = ctx.run(barcoder_args("in", save, *recursive))
+        check("Found 30 fastq files." in result.stdout, f"not every file was found:\n{result.stdout[-2000:]}")
+        for link in ("loop", "self.fastq"):
+            check(f"Skipping '{os.path.join('in', link)}': " in result.stdout, f"no warning naming {link}")
+        _, rows = read_summary(ctx.path(save, SUMMARY), 18)
+        check(len(rows) == len(records), f"{len(rows)} of {len(records)} reads in the summary")
+
+
+def case_discovery_unreadable_folder(ctx):
+    records, _ = ctx.simulate("locked", 40, 33)
+    split_into_files(ctx.path("in"), records[:20], ["a.fastq"])
+    split_into_files(ctx.path("in", "open"), records[20:30], ["b.fastq"])
+    split_into_files(ctx.path("in", "locked"), records[30:], ["c.fastq"])
+    os.chmod(ctx.path("in", "locked"), 0)
+    user = None
+    if os.geteuid() == 0:
+        # Root reads every folder; run as an ordinary user instead, if one can
+        # reach the work folder.
+        user = 65534
+        for folder in (ctx.path("in"), ctx.path("in", "open")):
+            os.chmod(folder, 0o755)
+        os.makedirs(ctx.path("out"))
+        os.chown(ctx.path("out"), user, -1)
+        probe = subprocess.run(["ls", ctx.path("in")], user=user, capture_output=True)
+        if probe.returncode != 0:
+            raise Skip("running as root and an ordinary user cannot reach the work folder, so folder permissions "
+                       "cannot be checked")
+    try:
+        result = ctx.run(barcoder_args("in", "out", "-r"), user=user)
+        # The unreadable folder as the input folder is an error, not an empty run.
+        refused = ctx.run(barcoder_args(os.path.join("in", "locked"), "out"), user=user, expect=255)
+    finally:
+        os.chmod(ctx.path("in", "locked"), 0o755)
+    check(f"Cannot read input folder '{os.path.join('in', 'locked')}': Permission denied" in refused.stdout,
+          f"message missing:\n{refused.stdout}")
+    check("Found 2 fastq files." in result.stdout, f"the readable files were not all found:\n{result.stdout[-2000:]}")
+    check(f"Skipping '{os.path.join('in', 'locked')}': Permission denied" in result.stdout,
+          "no warning naming the unreadable folder")
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    check(set(rows) == {read_id(r[0]) for r in records[:30]}, "the reads of the readable files are not all there")
+
+
+def case_save_folder_inside_input(ctx):
+    records, _ = ctx.simulate("inside", 40, 34)
+    split_into_files(ctx.path("in"), records[:20], ["a.fastq"])
+    split_into_files(ctx.path("in", "sub"), records[20:], ["b.fastq"])
+    ids = {read_id(r[0]) for r in records}
+    for _ in range(2):  # the second run finds the first one's output under in/out
+        result = ctx.run(barcoder_args("in", os.path.join("in", "out"), "-r"))
+        check("Found 2 fastq files." in result.stdout, f"files of the save folder were taken:\n{result.stdout}")
+        _, rows = read_summary(ctx.path("in", "out", SUMMARY), 18)
+        check(set(rows) == ids, "summary does not hold exactly the input reads")
+    # The input folder itself as the save folder: its own files only.
+    for _ in range(2):
+        result = ctx.run(barcoder_args("in", "INPUT_PATH", "-r"))
+        check("Found 1 fastq files." in result.stdout, f"earlier output was read back in:\n{result.stdout}")
+        check("Not searching the subfolders of 'in': it is also the save folder" in result.stdout,
+              "no warning that the subfolders were not searched")
+        _, rows = read_summary(ctx.path("in", SUMMARY), 18)
+        check(set(rows) == {read_id(r[0]) for r in records[:20]}, "summary does not hold the top folder's reads")
+
+
+def case_read_id_with_tab(ctx):
+    records, _ = ctx.simulate("tab", 20, 35)
+    odd = []
+    for i in (0, 5):
+        title, seq, qual = records[i]
+        rid = read_id(title)
+        records[i] = (title.replace(rid, rid + "\tpart", 1), seq, qual)
+        odd.append(rid + "_part")
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    ctx.run(barcoder_args("in", "out"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)  # checks the column count of every row
+    for rid in odd:
+        check(rid in rows, f"{rid} missing from the summary")
+
+
+def case_option_hint(ctx):
+    records, _ = ctx.simulate("hint", 10, 36)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    result = ctx.run(barcoder_args("in", "out", "--min-score", "60"))
+    check("Unexpected option '--min-score' found on command line. Did you mean '--min_score'?\n" in result.stdout,
+          f"hint missing:\n{result.stdout}")
+    check("'60'" not in result.stdout, "the value of the unknown option was reported as an option")
+    result = ctx.run(barcoder_args("in", "out", "--recusive", "--bogus_option=1", "extra"))
+    check("Unexpected option '--recusive' found on command line. Did you mean '--recursive'?\n" in result.stdout,
+          f"hint missing:\n{result.stdout}")
+    check("Unexpected option '--bogus_option' found on command line.\n" in result.stdout,
+          f"an unknown option without a likely match must be named alone:\n{result.stdout}")
+    check("Unexpected option 'extra' found on command line.\n" in result.stdout, "a stray word must be reported")
+
+
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
 
 
@@ -563,6 +815,9 @@ def main():
     except Failure as failure:
         print(f"FAIL {args.case}: {failure}")
         return 1
+    except Skip as reason:
+        print(f"SKIP {args.case}: {reason}")
+        return SKIPPED
     print(f"ok {args.case}")
     return 0
 

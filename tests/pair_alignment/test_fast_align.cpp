@@ -219,6 +219,46 @@ TEST_F(FastAlignTest, BandEndsMoveAtMostOneCellPerDiagonal) {
     }
 }
 
+// Lengths whose (l1 + 1) * d once overflowed int and threw the band out of
+// the matrix. The band must keep its shape there and match a reference that
+// forms the product in 64-bit integers: the band the int product gave wherever
+// it fitted (the GPU kernel reproduces that one), the intended one beyond.
+TEST_F(FastAlignTest, BandPlacementHoldsForLongSequences) {
+    auto reference = [](int l1, int l2, int width, std::vector<int>& off) {
+        const int total = l1 + l2, half = width / 2;
+        const double inv_n = 1.0 / (total + 1);
+        int r = 0, q = 0;
+        off.assign(total + 1, 0);
+        for (int d = 1; d <= total; ++d) {
+            const double a = static_cast<double>(static_cast<long long>(l1 + 1) * d) * inv_n - r;
+            if (a <= d * inv_n * (l2 + 1) - q)
+                ++q;
+            else
+                ++r;
+            off[d] = std::max({0, d - l1, q - half});
+        }
+    };
+    std::mt19937 rng(5);
+    std::vector<std::pair<int, int>> sizes = {{100000, 150}, {150, 100000}, {60000, 60000}, {46000, 47000}};
+    for (int n = 0; n < 20; ++n)
+        sizes.emplace_back(1 + rng() % 46000, 1 + rng() % 46000);
+    for (const auto& [l1, l2] : sizes) {
+        const int width = EffectiveBandWidth(l1, l2, 1 + 2 * static_cast<int>(rng() % 200));
+        const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
+        std::vector<int> off(diagonals), len(diagonals), expected;
+        PlaceBand(l1, l2, width, off.data(), len.data());
+        ASSERT_TRUE(BandEndsStepByOne(off.data(), len.data(), static_cast<int>(diagonals))) << l1 << " " << l2;
+        ASSERT_EQ(off[l1 + l2], l2);
+        for (int d = 0; d <= l1 + l2; ++d) {
+            ASSERT_GE(off[d], std::max(0, d - l1)) << l1 << " " << l2 << " " << d;
+            ASSERT_LE(off[d] + len[d] - 1, std::min(l2, d)) << l1 << " " << l2 << " " << d;
+            ASSERT_GE(len[d], 1);
+        }
+        reference(l1, l2, width, expected);
+        ASSERT_EQ(off, expected) << l1 << " " << l2;
+    }
+}
+
 TEST_F(FastAlignTest, BatchesMatchAlignForEveryBuild) {
     std::mt19937 rng(99);
     const auto builds = SupportedBuilds();

@@ -42,9 +42,11 @@ TEST(ReadTable, ReportsMissingFileAndRaggedRows) {
     EXPECT_EQ(ErrorOf([] { ReadTable("no/such/table.txt"); }), "Error: Failed to open file \"no/such/table.txt\"");
     // Line numbers are physical lines, the comment included.
     const auto short_row = WriteFile("table_short.txt", "# c\nA\tC\tG\tT\n1\t2\t3\n");
-    EXPECT_EQ(ErrorOf([&] { ReadTable(short_row); }), "Error: Incomplete row in line 3: expecting 4 columns but got 3");
+    EXPECT_EQ(ErrorOf([&] { ReadTable(short_row); }),
+              "Error: Incomplete row in line 3 of \"" + short_row + "\": expecting 4 columns but got 3");
     const auto long_row = WriteFile("table_long.txt", "A\tC\n1\t2\n1\t2\t3\n");
-    EXPECT_EQ(ErrorOf([&] { ReadTable(long_row); }), "Error: Incomplete row in line 3: expecting 2 columns but got 3");
+    EXPECT_EQ(ErrorOf([&] { ReadTable(long_row); }),
+              "Error: Incomplete row in line 3 of \"" + long_row + "\": expecting 2 columns but got 3");
 }
 
 TEST(LoadMismatchMatrix, LaysColumnsSideBySide) {
@@ -63,9 +65,31 @@ TEST(LoadMismatchMatrix, ReportsMissingFileAndBadColumns) {
     const auto five = WriteFile("matrix_five.txt",
                                 "A\tC\tG\tT\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n"
                                 "1\t1\t1\t1\n");
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(five); }), "Column A in score matrix has wrong size.");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(five); }), "Column A in score matrix \"" + five + "\" has wrong size.");
     const auto no_c = WriteFile("matrix_no_c.txt", "A\tX\tG\tT\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n");
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(no_c); }), "Column C in score matrix has wrong size.");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(no_c); }), "Column C in score matrix \"" + no_c + "\" has wrong size.");
+}
+
+// Values beyond the bound would let scores of long references and windows
+// overflow the aligners' arithmetic; the bound itself is accepted, and text
+// that is no integer (or does not fit one) is refused before any range check.
+TEST(LoadMismatchMatrix, RefusesValuesOutsideTheBound) {
+    auto matrix_with = [](const std::string& value) {
+        return WriteFile("matrix_value.txt",
+                         "A\tC\tG\tT\n" + value + "\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n");
+    };
+    const std::string bound = std::to_string(kMaxScoreMagnitude);
+    for (const std::string& value : {bound, "-" + bound})
+        EXPECT_EQ(LoadMismatchMatrix(matrix_with(value))[0], std::stoi(value));
+    for (const std::string value : {"1001", "-1001", "2147483647", "-2147483648", "99999999999"}) {
+        const auto file = matrix_with(value);
+        EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }), "Value " + value + " in column A of score matrix \"" +
+                                                                  file +
+                                                                  "\" is outside the allowed range -1000 to 1000.");
+    }
+    const auto file = matrix_with("99999999999999999999");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }),
+              "Invalid value \"99999999999999999999\" in column A of score matrix \"" + file + "\".");
 }
 
 TEST(GapVector, ConvertsSixOrEightValues) {
