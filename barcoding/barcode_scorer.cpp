@@ -84,18 +84,19 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
     arrangements_ = &manager_->GetArrangements(options_.barcode_kits);
 
     std::vector<std::string> front_names, rear_names;
-    // Per reference: the kits of the arrangements that use it at that end.
-    std::vector<std::vector<std::string>> front_kits, rear_kits;
-    auto index_of = [](std::vector<std::string>& names, std::vector<std::vector<std::string>>& kits,
-                       const std::string& name, const std::string& kit) {
+    // Per reference: (kit, normalised id) of the arrangements that use it at that end.
+    std::vector<Uses> front_uses, rear_uses;
+    auto index_of = [](std::vector<std::string>& names, std::vector<Uses>& uses, const std::string& name,
+                       const Arrangement& a) {
         if (name.empty()) return -1;
         auto found = std::find(names.begin(), names.end(), name);
         if (found == names.end()) {
             found = names.insert(names.end(), name);
-            kits.emplace_back();
+            uses.emplace_back();
         }
-        auto& its_kits = kits[static_cast<size_t>(found - names.begin())];
-        if (std::find(its_kits.begin(), its_kits.end(), kit) == its_kits.end()) its_kits.push_back(kit);
+        auto& its_uses = uses[static_cast<size_t>(found - names.begin())];
+        const std::pair<std::string, std::string> use{a.kit, a.normalised_id};
+        if (std::find(its_uses.begin(), its_uses.end(), use) == its_uses.end()) its_uses.push_back(use);
         return static_cast<int>(found - names.begin());
     };
     std::vector<std::string> normalised, kits;
@@ -103,8 +104,8 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
         auto kit = std::find(kits.begin(), kits.end(), a.kit);
         if (kit == kits.end()) kit = kits.insert(kits.end(), a.kit);
         kit_of_.push_back(static_cast<uint32_t>(kit - kits.begin()));
-        front_of_.push_back(index_of(front_names, front_kits, a.barcode1, a.kit));
-        rear_of_.push_back(index_of(rear_names, rear_kits, a.barcode2, a.kit));
+        front_of_.push_back(index_of(front_names, front_uses, a.barcode1, a));
+        rear_of_.push_back(index_of(rear_names, rear_uses, a.barcode2, a));
         combine_.push_back(a.scoring_function == "ADD"   ? Combine::kAdd
                            : a.scoring_function == "MAX" ? Combine::kMax
                                                          : Combine::kUnknown);
@@ -112,8 +113,8 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
         if (found == normalised.end()) found = normalised.insert(normalised.end(), a.normalised_id);
         name_of_.push_back(static_cast<uint32_t>(found - normalised.begin()));
     }
-    front_ = MakeEnd(front_names, front_kits, true, device);
-    rear_ = MakeEnd(rear_names, rear_kits, false, device);
+    front_ = MakeEnd(front_names, front_uses, true, device);
+    rear_ = MakeEnd(rear_names, rear_uses, false, device);
     candidates_.reserve(arrangements_->size());
     front_mark_.assign(normalised.size(), 0);
     kit_fit_.assign(kits.size(), kNoRaw);
@@ -122,8 +123,8 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
 BarcodeScorer::~BarcodeScorer() = default;
 
 std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std::string>& names,
-                                                           const std::vector<std::vector<std::string>>& kits,
-                                                           bool front, const std::string& device) {
+                                                           const std::vector<Uses>& uses, bool front,
+                                                           const std::string& device) {
     auto end = std::make_unique<End>();
     end->front = front;
     end->names = names;
@@ -146,7 +147,7 @@ std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std
             throw std::runtime_error("Barcode '" + name +
                                      "' does not score above 0 against itself with this score matrix.");
         end->sequences.push_back(std::move(sequence));
-        scale_references.push_back(ScaleReference{name, codes, kits[k]});
+        scale_references.push_back(ScaleReference{name, codes, uses[k]});
         references.push_back(std::move(codes));
     }
     if (!references.empty()) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "barcoding/arrangement.h"
@@ -55,8 +56,8 @@ private:
         float score;
     };
 
-    std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names,
-                                 const std::vector<std::vector<std::string>>& kits, bool front,
+    using Uses = std::vector<std::pair<std::string, std::string>>;  // (kit, normalised id) per arrangement
+    std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, const std::vector<Uses>& uses, bool front,
                                  const std::string& device);
     bool IsMixed();
     void AlignWindow(End& end, const std::string& sequence);

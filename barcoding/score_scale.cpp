@@ -11,9 +11,11 @@
 // background only fix the length of the scale, so that a perfect copy scores
 // 100.
 //
-// Invariants: class_of_ maps references with identical codes to one class;
-// members_[kit] lists each class at most once; a reference's rival is the best
-// class of any of its kits other than its own class.
+// Invariants: members_[kit] lists the kit's barcodes, each with its
+// references in that kit; every reference is in at most one barcode of a kit,
+// and kits_of_ says which. References with identical sequences, or standing
+// for the same barcode of a kit (its two orientations), are in one barcode. A
+// reference's rival is the best barcode of any of its kits other than its own.
 
 #include "barcoding/score_scale.h"
 
@@ -56,8 +58,8 @@ std::string Key(const ScaleSettings& settings, const std::vector<ScaleReference>
         key << reference.name << ':';
         for (int c : reference.codes)
             key << static_cast<char>('0' + c);
-        for (const auto& kit : reference.kits)
-            key << ':' << kit.size() << ':' << kit;
+        for (const auto& [kit, barcode] : reference.uses)
+            key << ':' << kit.size() << ':' << kit << ':' << barcode.size() << ':' << barcode;
         key << ';';
     }
     return key.str();
@@ -86,22 +88,48 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
     const size_t count = references.size();
     if (settings.matrix.size() != 16) throw std::runtime_error("ScoreScale needs a 4 x 4 mismatch matrix");
 
-    // Classes of identical sequences, kits and their member classes.
-    std::map<std::vector<int>, uint32_t> classes;
+    // Barcodes: references joined by an identical sequence or by standing for
+    // the same barcode of a kit (e.g. its two orientations), transitively.
+    std::vector<uint32_t> parent(count);
+    for (size_t k = 0; k < count; ++k)
+        parent[k] = static_cast<uint32_t>(k);
+    auto root = [&parent](uint32_t k) {
+        while (parent[k] != k)
+            k = parent[k] = parent[parent[k]];
+        return k;
+    };
+    std::map<std::vector<int>, uint32_t> by_sequence;
+    std::map<std::pair<std::string, std::string>, uint32_t> by_use;
+    for (size_t k = 0; k < count; ++k) {
+        const uint32_t self = static_cast<uint32_t>(k);
+        const uint32_t same_sequence = by_sequence.emplace(references[k].codes, self).first->second;
+        parent[root(self)] = root(same_sequence);
+        for (const auto& use : references[k].uses)
+            parent[root(self)] = root(by_use.emplace(use, self).first->second);
+    }
+
+    // Per kit, its barcodes with their references in that kit.
     std::map<std::string, uint32_t> kits;
+    std::vector<std::map<uint32_t, uint32_t>> group_of_barcode;  // per kit: barcode root -> group
     kits_of_.resize(count);
     for (size_t k = 0; k < count; ++k) {
-        const auto [found, added] = classes.emplace(references[k].codes, static_cast<uint32_t>(representative_.size()));
-        if (added) representative_.push_back(static_cast<uint32_t>(k));
-        class_of_.push_back(found->second);
-        for (const auto& kit : references[k].kits) {
-            const auto [slot, new_kit] = kits.emplace(kit, static_cast<uint32_t>(members_.size()));
-            if (new_kit) members_.emplace_back();
-            auto& members = members_[slot->second];
-            if (std::find(members.begin(), members.end(), found->second) == members.end())
-                members.push_back(found->second);
-            if (std::find(kits_of_[k].begin(), kits_of_[k].end(), slot->second) == kits_of_[k].end())
-                kits_of_[k].push_back(slot->second);
+        for (const auto& use : references[k].uses) {
+            const auto [slot, new_kit] = kits.emplace(use.first, static_cast<uint32_t>(members_.size()));
+            if (new_kit) {
+                members_.emplace_back();
+                group_of_barcode.emplace_back();
+            }
+            const uint32_t kit_index = slot->second;
+            auto& groups = members_[kit_index];
+            const auto [group, new_group] = group_of_barcode[kit_index].emplace(root(static_cast<uint32_t>(k)),
+                                                                                static_cast<uint32_t>(groups.size()));
+            if (new_group) groups.emplace_back();
+            auto& group_references = groups[group->second];
+            if (std::find(group_references.begin(), group_references.end(), k) == group_references.end())
+                group_references.push_back(static_cast<uint32_t>(k));
+            const Membership membership{kit_index, group->second};
+            if (std::find(kits_of_[k].begin(), kits_of_[k].end(), membership) == kits_of_[k].end())
+                kits_of_[k].push_back(membership);
         }
     }
 
@@ -127,10 +155,8 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
     for (size_t k = 0; k < count; ++k) {
         if (codes[k].empty()) continue;
         aligner.ScoreBatch(*batch, View(codes[k]), raw);
-        for (uint32_t kit : kits_of_[k])
-            for (uint32_t other : members_[kit])
-                if (other != class_of_[k])
-                    floor_[k] = std::max(floor_[k], static_cast<double>(raw[representative_[other]]));
+        const int rival = BestRival(k, raw);
+        if (rival != kNoRaw) floor_[k] = rival;
     }
 
     // Backgrounds: the mean over the random windows (0 for an end that has no
@@ -147,10 +173,7 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
             aligner.ScoreBatch(*batch, View(window), raw);
             for (size_t k = 0; k < count; ++k) {
                 sums[k] += raw[k];
-                int rival = kNoRaw;
-                for (uint32_t kit : kits_of_[k])
-                    for (uint32_t other : members_[kit])
-                        if (other != class_of_[k]) rival = std::max(rival, raw[representative_[other]]);
+                const int rival = BestRival(k, raw);
                 if (rival != kNoRaw) rival_sums[k] += rival;
             }
         }
@@ -167,9 +190,10 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
         if (floor_[k] >= background_[k]) {
             std::string rival;
             aligner.ScoreBatch(*batch, View(codes[k]), raw);
-            for (size_t j = 0; j < count && rival.empty(); ++j)
-                if (class_of_[j] != class_of_[k] && static_cast<double>(raw[j]) == floor_[k])
-                    rival = references[j].name;
+            for (const auto& [kit, group] : kits_of_[k])
+                for (size_t other = 0; other < members_[kit].size(); ++other)
+                    for (uint32_t j : members_[kit][other])
+                        if (other != group && static_cast<double>(raw[j]) == floor_[k]) rival = references[j].name;
             throw std::runtime_error("Barcodes '" + name + "' and '" + rival +
                                      "' of the same kit cannot be told apart: against a perfect copy of '" + name +
                                      "', '" + rival + "' scores " + std::to_string(static_cast<int>(floor_[k])) +
@@ -182,33 +206,49 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
     }
 }
 
+int ScoreScale::BestRival(size_t k, const std::vector<int>& raw) const {
+    int rival = kNoRaw;
+    for (const auto& [kit, group] : kits_of_[k])
+        for (size_t other = 0; other < members_[kit].size(); ++other)
+            if (other != group)
+                for (uint32_t j : members_[kit][other])
+                    rival = std::max(rival, raw[j]);
+    return rival;
+}
+
 void ScoreScale::Apply(const std::vector<int>& raw, std::vector<float>& scores, Work& work) const {
+    // Per kit, the best and second-best barcode (each at the best of its
+    // references); a reference's rival is then the best barcode other than
+    // its own, in any of its kits.
     const size_t kit_count = members_.size();
     work.best.assign(kit_count, kNoRaw);
     work.second.assign(kit_count, kNoRaw);
-    work.best_class.assign(kit_count, 0);
+    work.best_group.assign(kit_count, 0);
     for (size_t kit = 0; kit < kit_count; ++kit) {
         int best = kNoRaw, second = kNoRaw;
-        uint32_t best_class = 0;
-        for (uint32_t member : members_[kit]) {
-            const int value = raw[representative_[member]];
+        uint32_t best_group = 0;
+        const auto& groups = members_[kit];
+        for (size_t group = 0; group < groups.size(); ++group) {
+            int value = kNoRaw;
+            for (uint32_t j : groups[group])
+                value = std::max(value, raw[j]);
             if (value > best) {
                 second = best;
                 best = value;
-                best_class = member;
+                best_group = static_cast<uint32_t>(group);
             } else if (value > second) {
                 second = value;
             }
         }
         work.best[kit] = best;
         work.second[kit] = second;
-        work.best_class[kit] = best_class;
+        work.best_group[kit] = best_group;
     }
     scores.resize(self_.size());
     for (size_t k = 0; k < self_.size(); ++k) {
         int rival = kNoRaw;
-        for (uint32_t kit : kits_of_[k])
-            rival = std::max(rival, work.best_class[kit] == class_of_[k] ? work.second[kit] : work.best[kit]);
+        for (const auto& [kit, group] : kits_of_[k])
+            rival = std::max(rival, work.best_group[kit] == group ? work.second[kit] : work.best[kit]);
         scores[k] = ScaledScore(raw[k], self_[k], rival == kNoRaw ? kNone : static_cast<double>(rival), floor_[k],
                                 background_[k]);
     }

@@ -8,7 +8,9 @@
 //   rival       the best raw score on the same read of the reference's
 //               competitors: the other references of this end used by
 //               arrangements of the same kit (references of other kits do not
-//               compete; an identical sequence is the same barcode);
+//               compete; an identical sequence, or a reference standing for
+//               the same barcode, e.g. its other orientation, is the same
+//               barcode);
 //   floor       the best raw score a competitor reaches against a perfect copy
 //               of the reference, or on average in a window of random
 //               sequence if that is more (on a read, the copy sits among
@@ -25,15 +27,17 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Barcoding {
 
 // One reference of a read end, as the scale needs it.
 struct ScaleReference {
-    std::string name;               // for error messages
-    std::vector<int> codes;         // base codes 0..3
-    std::vector<std::string> kits;  // kits whose arrangements use it at this end
+    std::string name;        // for error messages
+    std::vector<int> codes;  // base codes 0..3
+    // (kit, normalised id) of every arrangement using it at this end.
+    std::vector<std::pair<std::string, std::string>> uses;
 };
 
 // Alignment settings the raw scores come from.
@@ -55,8 +59,8 @@ public:
 
     // Per-read scratch of Apply, one per thread (the scale itself is shared).
     struct Work {
-        std::vector<int> best, second;  // per kit: the two best raw scores of different sequences
-        std::vector<uint32_t> best_class;
+        std::vector<int> best, second;  // per kit: the two best raw scores of different barcodes
+        std::vector<uint32_t> best_group;
     };
 
     // scores[k] on the scale for the raw scores of every reference on one read.
@@ -72,10 +76,16 @@ private:
     std::vector<int> self_;
     std::vector<double> floor_;
     std::vector<double> background_;
-    std::vector<uint32_t> class_of_;              // identical sequences share a class
-    std::vector<uint32_t> representative_;        // per class: one reference
-    std::vector<std::vector<uint32_t>> members_;  // per kit: its classes
-    std::vector<std::vector<uint32_t>> kits_of_;  // per reference: its kits
+    struct Membership {
+        uint32_t kit;
+        uint32_t group;  // index into members_[kit]
+        bool operator==(const Membership&) const = default;
+    };
+    // Best raw score among the references of other barcodes of k's kits.
+    int BestRival(size_t k, const std::vector<int>& raw) const;
+
+    std::vector<std::vector<std::vector<uint32_t>>> members_;  // per kit, per barcode: its references
+    std::vector<std::vector<Membership>> kits_of_;             // per reference
 };
 
 // The scale for these settings and references, built on first use and shared

@@ -244,24 +244,52 @@ public:
         return Codes(read.substr(static_cast<size_t>(begin), static_cast<size_t>(count)));
     }
 
-    // Sequences of the other references at this end in arrangements of name's kits.
+    // Sequences of the references at this end in arrangements of name's kits
+    // that stand for another barcode: not the same sequence, nor linked to it
+    // by a chain of shared sequences or shared (kit, normalised id).
     const std::vector<std::string>& Competitors(const std::string& name, bool front) {
         const std::string key = name + (front ? ">" : "<");
         auto found = competitors_.find(key);
         if (found != competitors_.end()) return found->second;
         const auto& arrangements = manager_.GetArrangements(options_.barcode_kits);
-        const std::string sequence = manager_.GetBarcodeSequence(name);
         auto at_end = [front](const Arrangement& a) { return front ? a.barcode1 : a.barcode2; };
+        const std::set<std::string>& same = SameBarcode(name, front);
         std::vector<std::string> result;
         for (const auto& mine : arrangements) {
             if (at_end(mine) != name) continue;
-            for (const auto& other : arrangements) {
-                if (other.kit != mine.kit || at_end(other).empty()) continue;
-                const std::string theirs = manager_.GetBarcodeSequence(at_end(other));
-                if (theirs != sequence) result.push_back(theirs);
-            }
+            for (const auto& other : arrangements)
+                if (other.kit == mine.kit && !at_end(other).empty() && !same.count(at_end(other)))
+                    result.push_back(manager_.GetBarcodeSequence(at_end(other)));
         }
         return competitors_[key] = result;
+    }
+
+    // Names linked to name at this end by a chain of shared sequences or
+    // shared (kit, normalised id): grown pairwise until nothing changes.
+    const std::set<std::string>& SameBarcode(const std::string& name, bool front) {
+        auto& groups = same_[front ? 0 : 1];
+        if (groups.empty()) {
+            const auto& arrangements = manager_.GetArrangements(options_.barcode_kits);
+            auto at_end = [front](const Arrangement& a) { return front ? a.barcode1 : a.barcode2; };
+            for (const auto& a : arrangements)
+                if (!at_end(a).empty()) groups[at_end(a)] = {at_end(a)};
+            for (bool grew = true; grew;) {
+                grew = false;
+                for (const auto& x : arrangements)
+                    for (const auto& y : arrangements) {
+                        if (at_end(x).empty() || at_end(y).empty()) continue;
+                        const bool linked =
+                            manager_.GetBarcodeSequence(at_end(x)) == manager_.GetBarcodeSequence(at_end(y)) ||
+                            (x.kit == y.kit && x.normalised_id == y.normalised_id);
+                        if (!linked) continue;
+                        auto& mine = groups[at_end(x)];
+                        const auto theirs = groups[at_end(y)];
+                        for (const auto& other : theirs)
+                            grew = mine.insert(other).second || grew;
+                    }
+            }
+        }
+        return groups.at(name);
     }
 
     // Floor and background of a reference, computed once.
@@ -408,6 +436,7 @@ private:
     std::map<std::string, int> raw_;                   // "<name>>" front, "<name><" rear, for the current read
     std::unordered_map<std::string, int> on_read_[2];  // per end: reference sequence -> raw, current read
     std::map<std::string, std::vector<std::string>> competitors_;
+    std::map<std::string, std::set<std::string>> same_[2];  // per end: name -> names of the same barcode
     std::map<std::string, std::pair<double, double>> static_;
     std::unordered_map<std::string, std::optional<int>> on_random_;  // sequence, end, window -> raw
 };

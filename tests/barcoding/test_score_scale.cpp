@@ -121,10 +121,14 @@ TEST(ScoreScale, RightBarcodeFarAboveWrongOnesForEveryFlankAndBarcodeLength) {
                 const std::string read = kit.Read(random, truth, -1, 0.06);
                 const auto front = scorer.InspectFront(read, "K");
                 const std::string right = "BC" + std::string(truth < 9 ? "0" : "") + std::to_string(truth + 1) + "_FWD";
+                // The barcode's other orientation (_REV) is the same barcode, not a wrong one.
                 float right_score = -1000, wrong_score = -1000;
-                for (const auto& result : front)
-                    (result.id == right ? right_score : wrong_score) =
-                        std::max(result.id == right ? right_score : wrong_score, result.score);
+                for (const auto& result : front) {
+                    if (result.id == right)
+                        right_score = result.score;
+                    else if (result.id.substr(0, 4) != right.substr(0, 4))
+                        wrong_score = std::max(wrong_score, result.score);
+                }
                 EXPECT_GT(right_score, 20) << read;
                 EXPECT_LE(wrong_score, 0) << read;
                 EXPECT_GT(right_score - wrong_score, 45) << read;
@@ -151,6 +155,16 @@ TEST(ScoreScale, PerfectCopyScores100AndNoCompetitorMeansRandomBackground) {
         EXPECT_LE(best.front.score, 100);
         EXPECT_GE(best.rear.score, 97);
     }
+    // A short read: each window holds both barcodes, one in either
+    // orientation. The two orientations are the same barcode, not rivals.
+    for (int n = 0; n < 10; ++n) {
+        const std::string& reference = kit.references[static_cast<size_t>(n)];
+        const std::string read = RandomBases(random, 10) + reference + RandomBases(random, 20) +
+                                 ReverseComplement(reference) + RandomBases(random, 10);
+        const auto best = scorer.Score(read)[0];
+        EXPECT_GE(best.front.score, 97);
+        EXPECT_GE(best.rear.score, 97);
+    }
     // Random reads: no reference stands out from its competitors.
     for (int n = 0; n < 50; ++n)
         EXPECT_EQ(scorer.Score(kit.Read(random, -1, -1, 0))[0].reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
@@ -169,11 +183,11 @@ TEST(ScoreScale, ScorersOfTheSameKitsShareOneScale) {
     const Kit kit(4, 16, 5, 9);
     ScaleSettings settings{kMatrix, Options("K").GapVector(), 150, 150};
     std::vector<ScaleReference> references;
-    for (const auto& reference : kit.references) {
+    for (size_t k = 0; k < kit.references.size(); ++k) {
         std::vector<int> codes;
-        for (char c : reference)
+        for (char c : kit.references[k])
             codes.push_back(static_cast<int>(std::string("ACGT").find(c)));
-        references.push_back(ScaleReference{"r", codes, {"K"}});
+        references.push_back(ScaleReference{"r", codes, {{"K", "barcode" + std::to_string(k)}}});
     }
     const auto first = ShareScoreScale(settings, references);
     EXPECT_EQ(ShareScoreScale(settings, references), first);
