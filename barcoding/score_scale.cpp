@@ -159,8 +159,12 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
         if (rival != kNoRaw) floor_[k] = rival;
     }
 
-    // Backgrounds: the mean over the random windows (0 for an end that has no
-    // window, where the scale falls back to raw / self for a lone reference).
+    // Backgrounds: the mean over the random windows of the best score any
+    // barcode of the reference's kits reaches there, its own included (0 for
+    // an end that has no window, where the scale falls back to raw / self for
+    // a lone reference). A barcode that fits a read no better than its kit
+    // fits random sequence is no evidence, even where its competitors fit
+    // worse still; this keeps reads without a barcode near or below 0.
     // On a read, the copy of a barcode sits among other bases, where its
     // competitors may find a better spot than on the copy alone: the mean of
     // their best on the random windows raises the floor to that level, so
@@ -172,8 +176,8 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
         for (const auto& window : windows) {
             aligner.ScoreBatch(*batch, View(window), raw);
             for (size_t k = 0; k < count; ++k) {
-                sums[k] += raw[k];
                 const int rival = BestRival(k, raw);
+                sums[k] += std::max(raw[k], rival);
                 if (rival != kNoRaw) rival_sums[k] += rival;
             }
         }

@@ -15,8 +15,9 @@
 //               of the reference, or on average in a window of random
 //               sequence if that is more (on a read, the copy sits among
 //               other bases);
-//   background  the reference's mean raw score in windows of random sequence
-//               of the window size (a fixed seed), which also scales a
+//   background  the mean over windows of random sequence of the window size
+//               (a fixed seed) of the best raw score any reference of its
+//               kits reaches there, its own included; this also scales a
 //               reference without competitors;
 //   self        the reference's score against itself.
 // So 100 = a perfect copy, 0 = no better than the closest competitor (or than

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need. Idempotent: when
 # everything is already there it only checks and says nothing.
+#   --calibration   also what tools/calibrate.py needs (pbsim, a second read
+#                   error model); the script installs it itself when missing.
 set -euo pipefail
 
 packages=(
@@ -11,6 +13,12 @@ packages=(
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
+for arg in "$@"; do
+  case "$arg" in
+    --calibration) packages+=(pbsim) ;;
+    *) echo "install-deps: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

@@ -177,24 +177,26 @@ class Curves:
         for rid, (kind, front, rear) in truth.items():
             call = calls[rid]
             right = call.arrangement == (front if front != "-" else rear)
+            # A row left unclassified even at the low threshold stays so at any.
+            score = call.score if call.arrangement != "unclassified" else -math.inf
             if kind == "chimera":
                 self.totals.chimeras += 1
                 continue
-            self.lists["called"].append(call.score)
+            self.lists["called"].append(score)
             if not right:
-                self.lists["wrong"].append(call.score)
+                self.lists["wrong"].append(score)
             if kind == "double":
                 self.totals.doubles += 1
                 if right:
-                    self.lists["right_double"].append(call.score)
+                    self.lists["right_double"].append(score)
                     self.lists["both_ends_double"].append(min(call.front_score, call.rear_score))
             elif kind == "front":
                 self.totals.fronts += 1
                 if right:
-                    self.lists["right_front"].append(call.score)
+                    self.lists["right_front"].append(score)
             else:
                 self.totals.nones += 1
-                self.lists["none"].append(call.score)
+                self.lists["none"].append(score)
         for values in self.lists.values():
             values.sort()
 
@@ -249,13 +251,13 @@ class Setting:
     def label(self):
         return f"m{self.match}/{self.mismatch} gap{self.gap}"
 
-    def options(self, matrix_file):
-        g = self.gap
+    def options(self, matrix_file, window=None):
+        g, window = self.gap, window or self.window
         return {
             "score_matrix_filename": matrix_file,
             "start_gap1": 0, "end_gap1": 0, "open_gap1": g, "extend_gap1": g,
             "start_gap2": g, "end_gap2": g, "open_gap2": g, "extend_gap2": g,
-            "front_window_size": self.window, "rear_window_size": self.window,
+            "front_window_size": window, "rear_window_size": window,
         }
 
 
@@ -282,10 +284,11 @@ class Runner:
             write_matrix(path, s.match, s.mismatch)
         return path
 
-    def run(self, reads_dir, data, kit, setting, min_score, *switches):
+    def run(self, reads_dir, design, setting, min_score, *switches):
         out = os.path.join(self.work, "runs", f"run{os.getpid()}_{self.runs:05d}")
         shutil.rmtree(out, ignore_errors=True)
-        opts = setting.options(self.matrix(setting))
+        opts = setting.options(self.matrix(setting), design.window(setting.window))
+        data, kit = design.folder, design.kit
         opts["min_score"] = min_score
         cmd = [self.program, "-i", reads_dir, "-s", out, "-d", data, "--barcode_kits", kit, "-t", str(self.threads),
                "--quiet"] + [f"--{k}={v}" for k, v in opts.items()] + list(switches)
@@ -313,6 +316,12 @@ class Design:
     @property
     def double(self):
         return self.ends == "double"
+
+    def window(self, base=150):
+        """The window a user of this design sets: the shipped 42-base
+        references leave `base` - 42 bases for junk and adapter, and so does
+        every design (a window must hold the whole reference)."""
+        return base + max(0, 2 * self.flank + self.length - 42)
 
 
 def simulate_one(job):
@@ -356,6 +365,12 @@ def simulate_all(work, designs, group, seeds, reads, processes):
         else:
             for job in todo:
                 simulate_one(job)
+
+
+# The sweep may run on a corner subset of the family (the extremes of flank
+# length and kit size, every barcode length and both kinds of ends); the
+# report always covers every design.
+SWEEP_SUBSET = dict(flanks=(0, 20, 40), counts=(12, 96))
 
 
 def family(work, smoke):
@@ -484,6 +499,8 @@ def main(argv=None):
     ap.add_argument("--models", default=",".join(MODELS), help="error models, comma separated")
     ap.add_argument("--smoke", action="store_true", help="a four-design family and few reads (CI)")
     ap.add_argument("--skip-report", action="store_true")
+    ap.add_argument("--sweep-subset", action="store_true",
+                    help="sweep on flanks 0, 20, 40 and kits of 12 and 96 only (the report still covers all)")
     ap.add_argument("--write-config", action="store_true")
     ap.add_argument("--report", help="Markdown output (default: <work>/report.md)")
     args = ap.parse_args(argv)
@@ -491,6 +508,8 @@ def main(argv=None):
     if args.smoke:
         args.reads, args.report_reads, args.report_seeds = min(args.reads, 200), min(args.report_reads, 200), [101]
 
+    if "pbsim" in MODELS and not shutil.which("pbsim"):
+        subprocess.run(["bash", os.path.join(ROOT, "scripts", "install-deps.sh"), "--calibration"], check=True)
     os.makedirs(args.work, exist_ok=True)
     runner = Runner(os.path.abspath(args.program), args.work, args.threads)
     designs = family(args.work, args.smoke)
@@ -502,9 +521,13 @@ def main(argv=None):
         setting, min_score = settings[0], args.min_score
         md.append(f"Given: {setting.label()}, min_score {min_score}.\n")
     else:
-        simulate_all(args.work, designs, "calib", args.calib_seeds, args.reads, args.processes)
+        sweep_designs = designs
+        if args.sweep_subset:
+            sweep_designs = [d for d in designs
+                             if d.flank in SWEEP_SUBSET["flanks"] and d.count in SWEEP_SUBSET["counts"]]
+        simulate_all(args.work, sweep_designs, "calib", args.calib_seeds, args.reads, args.processes)
         md.append(f"### Sweep (calibration seeds {args.calib_seeds}, {args.reads} reads per design, identity and "
-                  "error model)\n")
+                  f"error model, {len(sweep_designs)} designs)\n")
         md.append("Designs meeting every target at every identity with both error models, at the best threshold "
                   "range of each setting:\n")
         md.append("| setting | designs served | min_score range | designs out of reach at that range |\n"
@@ -512,32 +535,37 @@ def main(argv=None):
         choices = []
         for s in settings:
             curves = {}
-            for d in designs:
+            for d in sweep_designs:
                 for m in MODELS:
                     for i in IDENTITIES:
                         folder = reads_folder(args.work, "calib", d, m, i)
-                        curves[d, m, i] = Curves(runner.run(folder, d.folder, d.kit, s, LOW_MIN_SCORE),
+                        curves[d, m, i] = Curves(runner.run(folder, d, s, LOW_MIN_SCORE),
                                                  read_truth(folder + ".truth.tsv"))
 
             def served(t):
                 return sum(all(not curves[d, m, i].failures(i, t, d.double) for m in MODELS for i in IDENTITIES)
-                           for d in designs)
+                           for d in sweep_designs)
 
             count, lo, hi = best_range([served(t) for t in THRESHOLDS])
             mid = math.floor(lo + hi) / 2
             out_of_reach = []
-            for d in designs:
+            for d in sweep_designs:
                 why = sorted({f"{x} at {i} ({m})" for m in MODELS for i in IDENTITIES
                               for x in curves[d, m, i].failures(i, mid, d.double)})
                 if why:
                     out_of_reach.append(f"{d.name}: {'; '.join(why)}")
-            md.append(f"| {s.label()} | {count} of {len(designs)} | {lo} .. {hi} | "
+            md.append(f"| {s.label()} | {count} of {len(sweep_designs)} | {lo} .. {hi} | "
                       f"{'<br>'.join(out_of_reach) or 'none'} |")
             print(f"{s.label()}: {count} designs served at {lo} .. {hi}", flush=True)
             choices.append((count, hi - lo, s, mid, lo, hi))
-        count, _, setting, min_score, lo, hi = max(choices, key=lambda c: (c[0], c[1]))
+        # The most designs served, then the widest range; a range no more
+        # than a point wider does not displace a setting listed earlier (the
+        # shipped one comes first).
+        top = max(c[0] for c in choices)
+        widest = max(c[1] for c in choices if c[0] == top)
+        count, _, setting, min_score, lo, hi = next(c for c in choices if c[0] == top and c[1] >= widest - 1.0)
         md.append(f"\nChosen: {setting.label()}, min_score {min_score} (middle of {lo} .. {hi}, serving {count} of "
-                  f"{len(designs)} designs).\n")
+                  f"{len(sweep_designs)} designs).\n")
 
     if not args.skip_report:
         simulate_all(args.work, designs, "report", args.report_seeds, args.report_reads, args.processes)
@@ -552,7 +580,7 @@ def main(argv=None):
                         modes += [("mixed", ("--reject_mixed_barcodes",)),
                                   ("both", ("--require_barcodes_both_ends",))]
                     for mode, switches in modes:
-                        calls = runner.run(folder, d.folder, d.kit, setting, min_score, *switches)
+                        calls = runner.run(folder, d, setting, min_score, *switches)
                         results.setdefault((mode, m, i), []).append((d, evaluate(calls, truth)))
         md.append(f"### Held-out seeds {args.report_seeds} ({args.report_reads} reads each per design, identity "
                   f"and error model), {setting.label()}, min_score {min_score}\n")

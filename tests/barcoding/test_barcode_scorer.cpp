@@ -309,10 +309,10 @@ public:
                 if (!memo) memo = Raw(reference, windows[w]);
                 return *memo;
             };
-            background += on_random(sequence) / static_cast<double>(windows.size());
             int best = INT_MIN;
             for (const auto& other : competitors)
                 best = std::max(best, on_random(other));
+            background += std::max(best, on_random(sequence)) / static_cast<double>(windows.size());
             if (!competitors.empty()) random_rival += best / static_cast<double>(windows.size());
         }
         if (!competitors.empty()) floor = std::max(floor, random_rival);
