@@ -42,9 +42,11 @@ Usage:
 
 import argparse
 import bisect
+import json
 import math
 import multiprocessing
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -499,6 +501,7 @@ def main(argv=None):
     ap.add_argument("--models", default=",".join(MODELS), help="error models, comma separated")
     ap.add_argument("--smoke", action="store_true", help="a four-design family and few reads (CI)")
     ap.add_argument("--skip-report", action="store_true")
+    ap.add_argument("--only", help="only the designs whose name matches this regular expression")
     ap.add_argument("--sweep-subset", action="store_true",
                     help="sweep on flanks 0, 20, 40 and kits of 12 and 96 only (the report still covers all)")
     ap.add_argument("--write-config", action="store_true")
@@ -513,6 +516,8 @@ def main(argv=None):
     os.makedirs(args.work, exist_ok=True)
     runner = Runner(os.path.abspath(args.program), args.work, args.threads)
     designs = family(args.work, args.smoke)
+    if args.only:
+        designs = [d for d in designs if re.search(args.only, d.name)]
     settings = parse_settings(args.settings)
     md = [f"Family: {len(designs)} designs; error models {', '.join(MODELS)}; identities "
           f"{', '.join(map(str, IDENTITIES))}.\n"]
@@ -585,6 +590,9 @@ def main(argv=None):
         md.append(f"### Held-out seeds {args.report_seeds} ({args.report_reads} reads each per design, identity "
                   f"and error model), {setting.label()}, min_score {min_score}\n")
         md.append(report_tables(results))
+        with open(os.path.join(args.work, "results.json"), "w") as f:
+            json.dump({f"{mode} {model} {i}": {d.name: vars(c) for d, c in rows}
+                       for (mode, model, i), rows in results.items()}, f, indent=0)
         missed = missed_targets(results)
         md.append(f"Designs missing a target ({len(missed)} design, model and identity combinations):\n")
         for (name, model, i), miss in missed:
