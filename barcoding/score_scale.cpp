@@ -20,7 +20,6 @@
 #include "barcoding/score_scale.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <map>
 #include <mutex>
