@@ -7,9 +7,9 @@
 // reference loses about 13 errors x 10 points, more than the whole gap
 // between right and wrong. Subtracting the best competitor's score on the
 // same read cancels it, because both align over the same damaged flanks and
-// their difference measures the barcode core. The static floor and the
-// background only fix the length of the scale, so that a perfect copy scores
-// 100.
+// their difference measures the barcode core. The static floor only fixes the
+// length of the scale, so that a perfect copy scores 100; the background
+// keeps reads without a barcode near 0 and scales a kit of one barcode.
 //
 // Invariants: members_[kit] lists the kit's barcodes, each with its
 // references in that kit; every reference is in at most one barcode of a kit,
