@@ -109,6 +109,13 @@ void Barcoder::AddApplicationOptions() {
                     "the min_score at both ends of the "
                     "read.",
                     &o.require_barcodes_both_ends, kSwitch);
+    // A switch on the command line and "reject_mixed_barcodes = true" in the configuration file.
+    const char* const reject_mixed_help =
+        "Leave a read unclassified when its two ends each carry a barcode above the minimum score, but not the "
+        "same barcode (a chimera). Reads with a barcode at one end only are still classified.";
+    AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes, kSwitch);
+    AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes,
+                    Common::Parameters::ConfigFile);
 
     AddOption<int>("records_per_fastq,q",
                    "Maximum number of records per fastq file, 0 means use a "

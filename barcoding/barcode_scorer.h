@@ -1,12 +1,15 @@
 #pragma once
 // Classifies one read into a barcode arrangement: the barcode references are
-// aligned against a window at each end of the read, the per-end detections
-// are combined per arrangement, and the survivors of the score thresholds come
-// back best first (or one "unclassified" result). One scorer per thread.
+// aligned against a window at each end of the read, scored on the scale of
+// score_scale.h, the per-end detections are combined per arrangement, and the
+// survivors of the score thresholds come back best first (or one
+// "unclassified" result). One scorer per thread; scorers built for the same
+// kits and settings share the scale's tables.
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "barcoding/arrangement.h"
@@ -33,7 +36,11 @@ public:
 
     // Ranked arrangements for the read (never empty). Only the first
     // `detailed` results carry reference and found sequences and indices; the
-    // rest carry ids and scores. sequence: letters A, C, G, T, U.
+    // rest carry ids and scores. sequence: letters A, C, G, T, U. Ranking:
+    // kits by the best raw alignment score of their passing arrangements,
+    // then arrangements by score. An unclassified read comes back as its best
+    // arrangement by score renamed "unclassified", with the reason; the first
+    // result says whether the read is mixed (see detect_results.h).
     std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
 
     // Every front (rear) reference of the scorer's kits against the read's
@@ -49,7 +56,10 @@ private:
         float score;
     };
 
-    std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, bool front, const std::string& device);
+    using Uses = std::vector<std::pair<std::string, std::string>>;  // (kit, normalised id) per arrangement
+    std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, const std::vector<Uses>& uses, bool front,
+                                 const std::string& device);
+    bool IsMixed();
     void AlignWindow(End& end, const std::string& sequence);
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
@@ -64,9 +74,17 @@ private:
     std::vector<int> front_of_;
     std::vector<int> rear_of_;
     std::vector<Combine> combine_;
+    std::vector<uint32_t> name_of_;  // per arrangement: its normalised id, numbered
+    std::vector<uint32_t> kit_of_;   // per arrangement: its kit, numbered
     std::unique_ptr<End> front_;
     std::unique_ptr<End> rear_;
-    std::vector<Candidate> candidates_;  // reused per read
+    // Reused per read.
+    std::vector<Candidate> candidates_;
+    std::vector<uint32_t> front_passing_;  // normalised ids of arrangements passing at the front
+    std::vector<uint32_t> rear_passing_;
+    std::vector<uint32_t> front_mark_;  // per normalised id: stamp of the last read it passed at the front
+    uint32_t stamp_ = 0;
+    std::vector<int> kit_fit_;  // per kit: best raw fit among its passing arrangements
 };
 
 // Bases to cut for a result's front (rear) barcode: 0 unless that end scored

@@ -2,20 +2,45 @@
 // Plain results of barcode detection: one barcode found at one read end, and
 // one candidate classification of a whole read.
 
+#include <cstdint>
 #include <limits>
 #include <string>
 
 namespace Barcoding {
 
 struct BarcodeDetectResult {
-    std::string id;                                         // barcode reference name, empty = no barcode at this end
-    std::string reference_sequence;                         // the reference as aligned
-    std::string found_sequence;                             // read bases the alignment pairs with the reference
-    float score = -std::numeric_limits<float>::infinity();  // 100 = the reference aligned perfectly
+    std::string id;                  // barcode reference name, empty = no barcode at this end
+    std::string reference_sequence;  // the reference as aligned
+    std::string found_sequence;      // read bases the alignment pairs with the reference
+    // 100 = the reference aligned perfectly; 0 = no better than the closest
+    // other reference of the same end and kit on this read; below 0: another
+    // reference fits better.
+    float score = -std::numeric_limits<float>::infinity();
     // Front: first base of the found sequence in the read. Rear: number of
     // window bases after the found sequence's last base. -1 when empty.
     int begin_index = -1;
 };
+
+// Why a read was left unclassified. When several apply, the first in this
+// order (after kNone) is given: a mixed read rejected by reject_mixed_barcodes,
+// then one end passing where require_barcodes_both_ends asks for both, then no
+// barcode passing at all.
+enum class UnclassifiedReason : uint8_t { kNone, kNoBarcodeAboveMinimum, kMixedBarcodes, kOneEndOnly };
+
+// "no barcode above the minimum", "mixed barcodes", "only one end"; empty for kNone.
+inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
+    switch (reason) {
+        case UnclassifiedReason::kNoBarcodeAboveMinimum:
+            return "no barcode above the minimum";
+        case UnclassifiedReason::kMixedBarcodes:
+            return "mixed barcodes";
+        case UnclassifiedReason::kOneEndOnly:
+            return "only one end";
+        case UnclassifiedReason::kNone:
+            break;
+    }
+    return "";
+}
 
 struct ArrangementDetectResult {
     std::string id;             // full arrangement name (e.g. "barcode01_var1")
@@ -25,6 +50,12 @@ struct ArrangementDetectResult {
     float score = -std::numeric_limits<float>::infinity();  // front and rear combined
     BarcodeDetectResult front;
     BarcodeDetectResult rear;
+    // Set on the first result of a read only: reason is kNone for a classified
+    // read; mixed is true whenever the read's two ends each pass their minimum
+    // for a different barcode (and no barcode passes at both), whether or not
+    // that left it unclassified.
+    UnclassifiedReason reason = UnclassifiedReason::kNone;
+    bool mixed = false;
 };
 
 }  // namespace Barcoding

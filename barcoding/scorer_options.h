@@ -22,6 +22,8 @@ struct ScorerOptions {
     int front_window_size = 0;
     int rear_window_size = 0;
     bool require_barcodes_both_ends = false;
+    // Leave unclassified a read whose two ends pass for different barcodes.
+    bool reject_mixed_barcodes = false;
 
     // The eight gap costs in aligner order: start1, end1, open1, extend1, start2, ...
     std::vector<int> GapVector() const;

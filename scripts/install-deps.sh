@@ -2,8 +2,10 @@
 # Installs the Debian packages the build and the tests need. Idempotent: when
 # everything is already there it only checks and says nothing.
 #
-# Optional groups, named as arguments, add what some builds need on top:
-#   fuzz   clang and its libFuzzer runtime, for the fuzz targets (-DVB_FUZZ=ON)
+# Optional groups, named as arguments, add what some builds and tools need:
+#   fuzz         clang and its libFuzzer runtime, for the fuzz targets (-DVB_FUZZ=ON)
+#   calibration  pbsim, the second read error model of tools/calibrate.py
+#                (which installs it itself when missing)
 # e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
 set -euo pipefail
 
@@ -16,9 +18,10 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
 for group in "$@"; do
-  case "$group" in
+  case "${group#--}" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
-    *) echo "install-deps: unknown group '$group' (known: fuzz)" >&2; exit 2 ;;
+    calibration) packages+=(pbsim) ;;
+    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration)" >&2; exit 2 ;;
   esac
 done
 

@@ -1,35 +1,52 @@
 #!/usr/bin/env python3
-"""Calibrate the alignment settings of vorpa_barcoder on simulated reads.
+"""Calibrate vorpa_barcoder's default min_score (and matrix and gaps) across kit designs.
 
-Stages (all driven against the real program):
-  1. simulate reads at identities 0.87, 0.92 and 0.97, with calibration seeds
-     and separate held-out report seeds (tools/simulate_reads.py);
-  2. sweep: for every (matrix, gap, window) setting run the program once per
-     identity with a very low min_score, then re-threshold in Python. With
-     scoring function MAX and without require_barcodes_both_ends this is
-     exact: an arrangement survives min_score m exactly when max(front, rear)
-     >= m, which is its combined score, so the read's call at m is the row's
-     best arrangement when barcode_score >= m and "unclassified" otherwise;
-  3. for each setting, the default-mode feasible min_score interval is the run
-     of thresholds where every target holds at every identity; the
-     --require_barcodes_both_ends bounds (chimeras rejected at every identity,
-     doubles kept at 0.92) are found by bisection with real runs, since that mode cannot be
-     re-thresholded from a summary. Settings are ranked by the width of the
-     joint interval in read errors (robustness); among the near-best the
-     mildest penalties win, and the middle of their range is min_score;
-  4. MAX or ADD is chosen on the calibration seeds, the choice is confirmed
-     with real runs on the held-out report seeds (both scoring functions and
-     the 96-barcode kit are reported) and the tables are written as Markdown.
+One default has to serve kits that users design themselves, so the values are
+chosen on a family of designs (tools/design_kit.py --family: constant flanks
+of 0..40 bases per side, barcodes of 16, 24 and 40 bases, kits of 12, 24 and
+96 barcodes, double- and single-ended), with reads from two independent error
+models: tools/simulate_reads.py's own and Debian's pbsim. Targets hold for the
+worst design, not the average.
+
+Stages, all against the real program:
+  1. family and reads: the designs are written once into <work>/family; reads
+     are simulated once per design, identity, error model and seed group and
+     kept in <work>/reads (calibration seeds for the sweep, other seeds for
+     the report);
+  2. sweep: for every matrix and gap setting the program runs once per design,
+     identity and error model with a very low min_score, and the summaries are
+     re-thresholded in Python. With one kit and scoring MAX that is exact: an
+     arrangement survives min_score m exactly when max(front, rear) >= m,
+     which is its combined score, so a read's call at m is the row's
+     arrangement when barcode_score >= m, else "unclassified". Chimeras left
+     unclassified by --reject_mixed_barcodes need both their ends to pass,
+     and each end of a chimera is scored like an end of a double-barcoded
+     read of the same kit, so the sweep estimates that share by the doubles
+     whose weaker end passes; with --require_barcodes_both_ends no chimera
+     can pass at a positive threshold (at most one reference per end and kit
+     scores above 0). Both are then checked with real runs (stage 4);
+  3. choice: per setting and threshold, the designs meeting every target at
+     every identity with both error models; the setting and threshold range
+     serving the most designs wins (ties: the widest range), and min_score is
+     the middle of that range, rounded down to a half point;
+  4. report: real runs at the chosen values on the report seeds, in default
+     mode, with --reject_mixed_barcodes and with --require_barcodes_both_ends;
+     the tables give the worst design per identity and error model, and every
+     design missing a target is listed with its figures.
 
 Usage:
   tools/calibrate.py [--program build/bin/vorpa_barcoder] [--work /tmp/vb_calibration]
-                     [--reads 3000] [--report-reads 5000] [--write-config]
+                     [--reads 1000] [--report-reads 1500] [--write-config]
+  tools/calibrate.py --smoke ...   a small family (CI: under a minute)
 """
 
 import argparse
-import itertools
+import bisect
+import json
 import math
+import multiprocessing
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -39,18 +56,21 @@ from dataclasses import dataclass, field
 TOOLS = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(TOOLS)
 sys.path.insert(0, TOOLS)
+import design_kit  # noqa: E402
 import simulate_reads  # noqa: E402
 
 IDENTITIES = (0.87, 0.92, 0.97)
-# Targets per identity: (precision, recall), in percent.
-TARGETS = {0.97: (99.9, 99.9), 0.92: (99.9, 99.8), 0.87: (99.5, 99.5)}
-UNBARCODED_TARGET = 99.0
-BOTH_ENDS_IDENTITY = 0.92
-CHIMERA_TARGET, BOTH_ENDS_RECALL_TARGET = 95.0, 98.0
+MODELS = ("builtin", "pbsim")
 LOW_MIN_SCORE = -1000
-# Kit files the reads are simulated from and the program reads (--data).
-DATA = os.path.join(ROOT, "data", "barcoding")
 FRACTIONS = dict(frac_double=0.6, frac_front=0.1, frac_none=0.1, frac_chimera=0.2)
+THRESHOLDS = [k / 2 for k in range(1, 181)]  # 0.5 .. 90
+
+# Targets (percent), per identity.
+DOUBLE_RECALL = {0.97: 99.9, 0.92: 99.9, 0.87: 99.5}
+FRONT_RECALL = {0.92: 99.0}
+PRECISION = 99.95
+NONE_CLASSIFIED = 0.1  # at most
+CHIMERAS_REJECTED = {0.97: 99.0, 0.92: 99.0, 0.87: 97.0}
 
 
 # ------------------------------------------------------------------ parsing
@@ -101,7 +121,7 @@ class Counts:
     called: int = 0  # non-chimeric reads given a barcode
     recalled: int = 0
     doubles: int = 0
-    none_unclassified: int = 0
+    none_classified: int = 0
     nones: int = 0
     chimera_unclassified: int = 0
     chimeras: int = 0
@@ -139,62 +159,85 @@ def evaluate(calls, truth, min_score=None):
             c.front_recalled += got == front
         elif kind == "none":
             c.nones += 1
-            c.none_unclassified += got == "unclassified"
+            c.none_classified += got != "unclassified"
         else:
             c.chimeras += 1
             c.chimera_unclassified += got == "unclassified"
     return c
 
 
-def meets_default_targets(counts_by_identity):
-    for ident, c in counts_by_identity.items():
-        p_target, r_target = TARGETS[ident]
-        if pct(c.precise, c.called) < p_target or pct(c.recalled, c.doubles) < r_target:
-            return False
-        if pct(c.none_unclassified, c.nones) < UNBARCODED_TARGET:
-            return False
-    return True
+class Curves:
+    """Every sweep metric of one low-threshold run as a function of min_score.
+
+    Sorted score lists answer "how many reach m" by bisection, so a whole
+    threshold grid costs no more than one pass over the reads."""
+
+    def __init__(self, calls, truth):
+        self.lists = {k: [] for k in ("right_double", "both_ends_double", "right_front", "called", "wrong",
+                                      "none")}
+        self.totals = Counts()
+        for rid, (kind, front, rear) in truth.items():
+            call = calls[rid]
+            right = call.arrangement == (front if front != "-" else rear)
+            # A row left unclassified even at the low threshold stays so at any.
+            score = call.score if call.arrangement != "unclassified" else -math.inf
+            if kind == "chimera":
+                self.totals.chimeras += 1
+                continue
+            self.lists["called"].append(score)
+            if not right:
+                self.lists["wrong"].append(score)
+            if kind == "double":
+                self.totals.doubles += 1
+                if right:
+                    self.lists["right_double"].append(score)
+                    self.lists["both_ends_double"].append(min(call.front_score, call.rear_score))
+            elif kind == "front":
+                self.totals.fronts += 1
+                if right:
+                    self.lists["right_front"].append(score)
+            else:
+                self.totals.nones += 1
+                self.lists["none"].append(score)
+        for values in self.lists.values():
+            values.sort()
+
+    def at_least(self, name, m):
+        values = self.lists[name]
+        return len(values) - bisect.bisect_left(values, m)
+
+    def failures(self, identity, m, double_ended):
+        """Names of the targets missed at min_score m (empty: all met)."""
+        t, missed = self.totals, []
+        if double_ended and pct(self.at_least("right_double", m), t.doubles) < DOUBLE_RECALL[identity]:
+            missed.append("recall")
+        if identity in FRONT_RECALL and t.fronts and \
+                pct(self.at_least("right_front", m), t.fronts) < FRONT_RECALL[identity]:
+            missed.append("front-only recall")
+        called = self.at_least("called", m)
+        if called and pct(called - self.at_least("wrong", m), called) < PRECISION:
+            missed.append("precision")
+        if pct(self.at_least("none", m), t.nones) > NONE_CLASSIFIED:
+            missed.append("unbarcoded")
+        if double_ended and t.chimeras and \
+                pct(self.at_least("both_ends_double", m), t.doubles) < CHIMERAS_REJECTED[identity]:
+            missed.append("chimeras (mixed)")
+        return missed
 
 
-def feasible_interval(counts_at, thresholds):
-    """Widest run of consecutive thresholds whose counts meet every target.
-
-    counts_at(m) -> {identity: Counts}. Returns (low, high) or None.
-    """
+def best_range(counts_by_threshold, thresholds=THRESHOLDS):
+    """(count, low, high): the most designs served, and the widest run of
+    consecutive thresholds serving that many."""
+    top = max(counts_by_threshold)
     best, start = None, None
-    for i, m in enumerate(thresholds):
-        ok = meets_default_targets(counts_at(m))
-        if ok and start is None:
+    for i, n in enumerate(counts_by_threshold + [-1]):
+        if n == top and start is None:
             start = i
-        if start is not None and (not ok or i == len(thresholds) - 1):
-            end = i if ok else i - 1
-            if best is None or thresholds[end] - thresholds[start] > best[1] - best[0]:
-                best = (thresholds[start], thresholds[end])
+        elif n != top and start is not None:
+            if best is None or thresholds[i - 1] - thresholds[start] > best[1] - best[0]:
+                best = (thresholds[start], thresholds[i - 1])
             start = None
-    return best
-
-
-def first_true(pred, lo, hi):
-    """Smallest integer m in [lo, hi] with pred(m), for pred false then true; hi + 1 if none."""
-    while lo <= hi:
-        mid = (lo + hi) // 2
-        if pred(mid):
-            hi = mid - 1
-        else:
-            lo = mid + 1
-    return lo
-
-
-def chimera_share(c):
-    return c.chimera_unclassified, c.chimeras
-
-
-def double_share(c):
-    return c.recalled, c.doubles
-
-
-def span(interval):
-    return f"{interval[0]} .. {interval[1]}" if interval and interval[0] <= interval[1] else "none"
+    return top, best[0], best[1]
 
 
 # ------------------------------------------------------------------ running
@@ -204,38 +247,20 @@ def span(interval):
 class Setting:
     match: int = 5
     mismatch: int = -4
-    open_gap: int = 8
-    end_gap_ref: int = 0  # start_gap1 / end_gap1: read bases around the barcode
+    gap: int = 7
     window: int = 150
 
-    def error_points(self, ref_length):
-        """Score points one read error costs on average, for the simulator's mix.
-
-        A substitution loses match - mismatch, a deleted base a match plus a
-        gap in the read, an inserted base a gap in the reference.
-        """
-        # References have no homopolymer runs, so only the uniform errors hit them.
-        sub, dele = simulate_reads.SUB_SHARE, simulate_reads.DEL_SHARE
-        ins = 1 - sub - dele
-        cost = sub * (self.match - self.mismatch) + dele * (self.open_gap + self.match) + ins * self.open_gap
-        return 100.0 * cost / (self.match * ref_length)
-
     def label(self):
-        return f"m{self.match}/{self.mismatch} gap{self.open_gap} ends{self.end_gap_ref} win{self.window}"
+        return f"m{self.match}/{self.mismatch} gap{self.gap}"
 
-    def options(self, matrix_file):
-        g = self.open_gap
+    def options(self, matrix_file, window=None):
+        g, window = self.gap, window or self.window
         return {
             "score_matrix_filename": matrix_file,
-            "start_gap1": self.end_gap_ref, "end_gap1": self.end_gap_ref, "open_gap1": g, "extend_gap1": g,
+            "start_gap1": 0, "end_gap1": 0, "open_gap1": g, "extend_gap1": g,
             "start_gap2": g, "end_gap2": g, "open_gap2": g, "extend_gap2": g,
-            "front_window_size": self.window, "rear_window_size": self.window,
+            "front_window_size": window, "rear_window_size": window,
         }
-
-
-def reference_length(kit):
-    lengths = {len(front) for _, front, _ in simulate_reads.load_kit(kit, DATA)}
-    return round(sum(lengths) / len(lengths))
 
 
 def write_matrix(path, match, mismatch, comment=None):
@@ -250,12 +275,9 @@ def write_matrix(path, match, mismatch, comment=None):
 class Runner:
     program: str
     work: str
-    kit: str
     threads: int
-    data: str = ""  # alternative data folder (-d), e.g. with ADD arrangements
     runs: int = 0
     seconds: float = 0.0
-    cache: dict = field(default_factory=dict)
 
     def matrix(self, s):
         path = os.path.join(self.work, "matrices", f"m{s.match}_{-s.mismatch}.tsv")
@@ -264,21 +286,14 @@ class Runner:
             write_matrix(path, s.match, s.mismatch)
         return path
 
-    def run(self, reads_dir, setting, min_score, both_ends=False, data=None, kit=None):
-        kit = kit or self.kit
-        key = (reads_dir, setting, min_score, both_ends, data, kit)
-        if key in self.cache:
-            return self.cache[key]
-        out = os.path.join(self.work, "runs", f"run{self.runs:04d}")
+    def run(self, reads_dir, design, setting, min_score, *switches):
+        out = os.path.join(self.work, "runs", f"run{os.getpid()}_{self.runs:05d}")
         shutil.rmtree(out, ignore_errors=True)
-        opts = setting.options(self.matrix(setting))
+        opts = setting.options(self.matrix(setting), design.window(setting.window))
+        data, kit = design.folder, design.kit
         opts["min_score"] = min_score
-        cmd = [self.program, "-i", reads_dir, "-s", out, "--barcode_kits", kit, "-t", str(self.threads)]
-        if data or self.data:
-            cmd += ["-d", data or self.data]
-        cmd += [f"--{k}={v}" for k, v in opts.items()]
-        if both_ends:
-            cmd.append("--require_barcodes_both_ends")
+        cmd = [self.program, "-i", reads_dir, "-s", out, "-d", data, "--barcode_kits", kit, "-t", str(self.threads),
+               "--quiet"] + [f"--{k}={v}" for k, v in opts.items()] + list(switches)
         t0 = time.time()
         proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.seconds += time.time() - t0
@@ -287,77 +302,163 @@ class Runner:
             sys.exit(f"{' '.join(cmd)}\nfailed with status {proc.returncode}:\n{proc.stdout[-3000:]}")
         calls = read_summary(os.path.join(out, "barcoding_summary.txt"))
         shutil.rmtree(out, ignore_errors=True)  # the per-barcode FASTQ copies are not needed
-        self.cache[key] = calls
         return calls
 
 
-def simulate(work, identity, seeds, reads, kit, name):
-    """One input folder per identity holding one file per seed; merged truth."""
-    folder = os.path.join(work, "reads", f"{name}_{identity}")
-    truth_path = os.path.join(work, "reads", f"{name}_{identity}.truth.tsv")
+@dataclass(frozen=True)
+class Design:
+    name: str
+    kit: str
+    flank: int
+    length: int
+    count: int
+    ends: str
+    folder: str
+
+    @property
+    def double(self):
+        return self.ends == "double"
+
+    def window(self, base=150):
+        """The window a user of this design sets: the shipped 42-base
+        references leave `base` - 42 bases for junk and adapter, and so does
+        every design (a window must hold the whole reference)."""
+        return base + max(0, 2 * self.flank + self.length - 42)
+
+
+def simulate_one(job):
+    """One input folder of reads and its truth table (kept: later runs reuse them)."""
+    design, model, identity, seeds, reads, folder = job
+    truth_path = folder + ".truth.tsv"
     if os.path.exists(truth_path):
-        return folder, read_truth(truth_path)
+        return
     os.makedirs(folder, exist_ok=True)
-    truth = {}
+    rows = []
     for seed in seeds:
-        fq = os.path.join(folder, f"s{seed}.fastq")
-        tp = os.path.join(work, "reads", f"{name}_{identity}_s{seed}.tsv")
-        args = ["-o", fq, "--truth", tp, "--kit", kit, "-n", str(reads), "--seed", str(seed),
-                "--identity", str(identity), "--median-length", "300", "--data", DATA]
+        tp = os.path.join(folder, f"s{seed}.truth")
+        args = ["-o", os.path.join(folder, f"s{seed}.fastq"), "--truth", tp, "--kit", design.kit, "-n", str(reads),
+                "--seed", str(seed), "--identity", str(identity), "--median-length", "300", "--data", design.folder,
+                "--error-model", model]
         for k, v in FRACTIONS.items():
             args += [f"--{k.replace('_', '-')}", str(v)]
         simulate_reads.main(args)
-        truth.update(read_truth(tp))
-    with open(truth_path, "w") as f:
+        with open(tp) as f:
+            rows += f.readlines()[1:]
+        os.remove(tp)
+    with open(truth_path + ".part", "w") as f:
         f.write("read_id\tkind\tfront\trear\torientation\n")
-        for rid, (kind, fr, rr) in truth.items():
-            f.write(f"{rid}\t{kind}\t{fr}\t{rr}\t.\n")
-    return folder, truth
+        f.writelines(rows)
+    os.replace(truth_path + ".part", truth_path)
 
 
-def add_variant_data(work, scoring):
-    """Copy of the data folder whose ligation arrangements use `scoring`."""
-    dst = os.path.join(work, f"data_{scoring.lower()}")
-    shutil.rmtree(dst, ignore_errors=True)
-    shutil.copytree(DATA, dst)
-    for name in os.listdir(dst):
-        if name.endswith(".ini"):
-            p = os.path.join(dst, name)
-            with open(p) as f:
-                text = f.read()
-            if "barcode2 = " in text:
-                text = text.replace("scoring_function = MAX", f"scoring_function = {scoring}")
-                text = text.replace("scoring_function = ADD", f"scoring_function = {scoring}")
-            with open(p, "w") as f:
-                f.write(text)
-    return dst
+def reads_folder(work, group, design, model, identity):
+    return os.path.join(work, "reads", group, model, design.name, str(identity))
+
+
+def simulate_all(work, designs, group, seeds, reads, processes):
+    jobs = [(d, m, i, seeds, reads, reads_folder(work, group, d, m, i))
+            for d in designs for m in MODELS for i in IDENTITIES]
+    todo = [j for j in jobs if not os.path.exists(j[-1] + ".truth.tsv")]
+    if todo:
+        print(f"simulating {len(todo)} read sets ({group})", flush=True)
+        if processes > 1:
+            with multiprocessing.Pool(processes) as pool:
+                pool.map(simulate_one, todo, chunksize=1)
+        else:
+            for job in todo:
+                simulate_one(job)
+
+
+# The sweep may run on a corner subset of the family (the extremes of flank
+# length and kit size, every barcode length and both kinds of ends); the
+# report always covers every design.
+SWEEP_SUBSET = dict(flanks=(0, 20, 40), counts=(12, 96))
+
+
+def family(work, smoke):
+    out = os.path.join(work, "family_smoke" if smoke else "family")
+    if smoke:
+        designs = list(design_kit.family_designs(flanks=(0, 30), lengths=(24,), counts=(12,)))
+    else:
+        designs = list(design_kit.family_designs())
+    if not all(os.path.exists(os.path.join(out, d[0], "configuration.cfg")) for d in designs):
+        design_kit.write_family(out, designs=designs)
+    return [Design(*d, folder=os.path.join(out, d[0])) for d in designs]
 
 
 # ------------------------------------------------------------------ report
 
 
 def fmt(num, den):
-    return f"{pct(num, den):.2f} % ({num}/{den})"
+    return f"{pct(num, den):.2f} % ({num}/{den})" if den else "-"
 
 
-def default_table(rows):
-    out = ["| identity | precision | recall (double) | front-only called right | unbarcoded unclassified |",
-           "|---|---|---|---|---|"]
-    for ident, c in rows:
-        out.append(f"| {ident} | {fmt(c.precise, c.called)} | {fmt(c.recalled, c.doubles)} | "
-                   f"{fmt(c.front_recalled, c.fronts)} | {fmt(c.none_unclassified, c.nones)} |")
+def worst(rows, value, pick=min):
+    """The design whose counts give the worst value (rows: [(design, Counts)])."""
+    rows = [(d, c) for d, c in rows if not math.isnan(value(c))]
+    if not rows:
+        return None
+    return pick(rows, key=lambda r: value(r[1]))
+
+
+def report_tables(results):
+    """Markdown: worst design per identity and error model, per metric.
+
+    results: {(mode, model, identity): [(design, Counts)]}."""
+    metrics = [
+        ("default", "recall (double)", lambda c: pct(c.recalled, c.doubles), min, lambda c: (c.recalled, c.doubles)),
+        ("default", "front-only called right", lambda c: pct(c.front_recalled, c.fronts), min,
+         lambda c: (c.front_recalled, c.fronts)),
+        ("default", "precision", lambda c: pct(c.precise, c.called), min, lambda c: (c.precise, c.called)),
+        ("default", "unbarcoded classified", lambda c: pct(c.none_classified, c.nones), max,
+         lambda c: (c.none_classified, c.nones)),
+        ("mixed", "chimeras unclassified, --reject_mixed_barcodes", lambda c: pct(c.chimera_unclassified, c.chimeras),
+         min, lambda c: (c.chimera_unclassified, c.chimeras)),
+        ("mixed", "recall (double), --reject_mixed_barcodes", lambda c: pct(c.recalled, c.doubles), min,
+         lambda c: (c.recalled, c.doubles)),
+        ("both", "chimeras unclassified, --require_barcodes_both_ends",
+         lambda c: pct(c.chimera_unclassified, c.chimeras), min, lambda c: (c.chimera_unclassified, c.chimeras)),
+        ("both", "recall (double), --require_barcodes_both_ends", lambda c: pct(c.recalled, c.doubles), min,
+         lambda c: (c.recalled, c.doubles)),
+    ]
+    out = []
+    for model in MODELS:
+        out.append(f"Error model **{model}**: worst design per identity (its value, counts)\n")
+        out.append("| metric | " + " | ".join(str(i) for i in IDENTITIES) + " |")
+        out.append("|---|" + "---|" * len(IDENTITIES))
+        for mode, label, value, pick, num_den in metrics:
+            cells = []
+            for i in IDENTITIES:
+                w = worst(results.get((mode, model, i), []), value, pick)
+                cells.append("-" if w is None else f"{fmt(*num_den(w[1]))} {w[0].name}")
+            out.append(f"| {label} | " + " | ".join(cells) + " |")
+        out.append("")
     return "\n".join(out)
 
 
-def both_table(rows):
-    out = ["| identity | chimeras unclassified | recall (double) | precision |", "|---|---|---|---|"]
-    for ident, c in rows:
-        out.append(f"| {ident} | {fmt(c.chimera_unclassified, c.chimeras)} | {fmt(c.recalled, c.doubles)} | "
-                   f"{fmt(c.precise, c.called)} |")
-    return "\n".join(out)
+def missed_targets(results):
+    """[(design, model, identity, [(metric, value text)])] for every target missed in real runs."""
+    out = {}
+    for (mode, model, i), rows in results.items():
+        for d, c in rows:
+            miss = []
+            if mode == "default":
+                if d.double and pct(c.recalled, c.doubles) < DOUBLE_RECALL[i]:
+                    miss.append(("recall", fmt(c.recalled, c.doubles)))
+                if i in FRONT_RECALL and c.fronts and pct(c.front_recalled, c.fronts) < FRONT_RECALL[i]:
+                    miss.append(("front-only recall", fmt(c.front_recalled, c.fronts)))
+                if c.called and pct(c.precise, c.called) < PRECISION:
+                    miss.append(("precision", fmt(c.precise, c.called)))
+                if pct(c.none_classified, c.nones) > NONE_CLASSIFIED:
+                    miss.append(("unbarcoded classified", fmt(c.none_classified, c.nones)))
+            elif c.chimeras and pct(c.chimera_unclassified, c.chimeras) < CHIMERAS_REJECTED[i]:
+                miss.append((f"chimeras ({mode})", fmt(c.chimera_unclassified, c.chimeras)))
+            if miss:
+                out.setdefault((d.name, model, i), []).extend(miss)
+    return sorted(out.items())
 
 
-def write_config(setting, min_score, scoring):
+def write_config(setting, min_score):
     data = os.path.join(ROOT, "data", "barcoding")
     write_matrix(os.path.join(data, "vb_matrix.tsv"), setting.match, setting.mismatch,
                  f"vorpa_barcoder mismatch scores (calibrated, docs/calibration.md): match {setting.match}, "
@@ -374,174 +475,129 @@ def write_config(setting, min_score, scoring):
             lines.append(line)
     with open(cfg, "w") as f:
         f.writelines(lines)
-    for name in ("vb_nb24.ini", "vb_nb96.ini"):
-        p = os.path.join(data, name)
-        with open(p) as f:
-            text = f.read()
-        text = text.replace("scoring_function = MAX", f"scoring_function = {scoring}")
-        text = text.replace("scoring_function = ADD", f"scoring_function = {scoring}")
-        with open(p, "w") as f:
-            f.write(text)
+
+
+def parse_settings(text):
+    out = []
+    for item in text.split(","):
+        match, mismatch, gap = (int(x) for x in item.split(":"))
+        out.append(Setting(match, mismatch, gap))
+    return out
 
 
 def main(argv=None):
-    global DATA
+    global MODELS
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--program", default=os.path.join(ROOT, "build", "bin", "vorpa_barcoder"))
     ap.add_argument("--work", default="/tmp/vb_calibration")
-    ap.add_argument("--kit", default="VB-NB96", help="kit to calibrate on (the largest: closest barcodes)")
-    ap.add_argument("--extra-kit", default="VB-NB24", help="also report this kit (empty: skip)")
-    ap.add_argument("--reads", type=int, default=3000, help="reads per calibration seed and identity")
-    ap.add_argument("--report-reads", type=int, default=5000, help="reads per report seed and identity")
-    ap.add_argument("--calib-seeds", type=int, nargs="+", default=[11, 12])
+    ap.add_argument("--reads", type=int, default=1000, help="reads per design, identity and model (sweep)")
+    ap.add_argument("--report-reads", type=int, default=750, help="reads per report seed, design, identity and model")
+    ap.add_argument("--calib-seeds", type=int, nargs="+", default=[11])
     ap.add_argument("--report-seeds", type=int, nargs="+", default=[101, 102])
     ap.add_argument("--threads", type=int, default=2)
-    ap.add_argument("--matches", default="5:-3,5:-4,5:-5,5:-6,5:-8", help="match:mismatch pairs")
-    ap.add_argument("--gaps", default="5,7,9,11,13")
-    ap.add_argument("--windows", default="150")
-    ap.add_argument("--end-gaps", default="0", help="start_gap1/end_gap1 values")
-    ap.add_argument("--setting", help="skip the sweep: match:mismatch,gap,end_gap,window (with --min-score)")
-    ap.add_argument("--min-score", type=float, default=60)
-    ap.add_argument("--stress-identity", type=float, default=0.82, help="extra identity for MAX versus ADD (0: none)")
-    ap.add_argument("--tie", type=float, default=0.15, help="joint widths (in errors) this close count as equal")
-    ap.add_argument("--data", default=DATA, help="kit folder to calibrate (e.g. an alternative design)")
+    ap.add_argument("--processes", type=int, default=2, help="parallel read simulations")
+    ap.add_argument("--settings", default="5:-4:7,5:-6:9", help="match:mismatch:gap, comma separated")
+    ap.add_argument("--min-score", type=float, help="skip the sweep: report this min_score (first setting)")
+    ap.add_argument("--models", default=",".join(MODELS), help="error models, comma separated")
+    ap.add_argument("--smoke", action="store_true", help="a four-design family and few reads (CI)")
+    ap.add_argument("--skip-report", action="store_true")
+    ap.add_argument("--only", help="only the designs whose name matches this regular expression")
+    ap.add_argument("--sweep-subset", action="store_true",
+                    help="sweep on flanks 0, 20, 40 and kits of 12 and 96 only (the report still covers all)")
     ap.add_argument("--write-config", action="store_true")
     ap.add_argument("--report", help="Markdown output (default: <work>/report.md)")
     args = ap.parse_args(argv)
+    MODELS = tuple(args.models.split(","))
+    if args.smoke:
+        args.reads, args.report_reads, args.report_seeds = min(args.reads, 200), min(args.report_reads, 200), [101]
 
-    DATA = os.path.abspath(args.data)
+    if "pbsim" in MODELS and not shutil.which("pbsim"):
+        subprocess.run(["bash", os.path.join(ROOT, "scripts", "install-deps.sh"), "--calibration"], check=True)
     os.makedirs(args.work, exist_ok=True)
-    # The sweep relies on MAX for its re-thresholding, whatever is shipped.
-    runner = Runner(args.program, args.work, args.kit, args.threads)
-    runner.data = add_variant_data(args.work, "MAX")
-    data_for = {"MAX": runner.data, "ADD": add_variant_data(args.work, "ADD")}
-    calib = {i: simulate(args.work, i, args.calib_seeds, args.reads, args.kit, "calib") for i in IDENTITIES}
-    report = {i: simulate(args.work, i, args.report_seeds, args.report_reads, args.kit, "report")
-              for i in IDENTITIES}
-    thresholds = [k / 2 for k in range(0, 181)]  # 0 .. 90 in steps of 0.5
-    md = []
+    runner = Runner(os.path.abspath(args.program), args.work, args.threads)
+    designs = family(args.work, args.smoke)
+    if args.only:
+        designs = [d for d in designs if re.search(args.only, d.name)]
+    settings = parse_settings(args.settings)
+    md = [f"Family: {len(designs)} designs; error models {', '.join(MODELS)}; identities "
+          f"{', '.join(map(str, IDENTITIES))}.\n"]
 
-    if args.setting:
-        match, gap, end_gap, window = args.setting.split(",")
-        setting = Setting(int(match.split(":")[0]), int(match.split(":")[1]), int(gap), int(end_gap), int(window))
-        min_score = args.min_score
+    if args.min_score is not None:
+        setting, min_score = settings[0], args.min_score
         md.append(f"Given: {setting.label()}, min_score {min_score}.\n")
     else:
-        # Stage 2: sweep with exact re-thresholding; stage 3: both-ends bounds.
-        settings = [Setting(int(mm.split(":")[0]), int(mm.split(":")[1]), g, e, w)
-                    for mm, g, w, e in itertools.product(args.matches.split(","), map(int, args.gaps.split(",")),
-                                                         map(int, args.windows.split(",")),
-                                                         map(int, args.end_gaps.split(",")))]
-        ref_length = reference_length(args.kit)
-
-        def both_counts(s, m, identity=BOTH_ENDS_IDENTITY):
-            return evaluate(runner.run(calib[identity][0], s, m, both_ends=True), calib[identity][1])
-
-        sweep = []
+        sweep_designs = designs
+        if args.sweep_subset:
+            sweep_designs = [d for d in designs
+                             if d.flank in SWEEP_SUBSET["flanks"] and d.count in SWEEP_SUBSET["counts"]]
+        simulate_all(args.work, sweep_designs, "calib", args.calib_seeds, args.reads, args.processes)
+        md.append(f"### Sweep (calibration seeds {args.calib_seeds}, {args.reads} reads per design, identity and "
+                  f"error model, {len(sweep_designs)} designs)\n")
+        md.append("Designs meeting every target at every identity with both error models, at the best threshold "
+                  "range of each setting:\n")
+        md.append("| setting | designs served | min_score range | designs out of reach at that range |\n"
+                  "|---|---|---|---|")
+        choices = []
         for s in settings:
-            calls = {i: runner.run(calib[i][0], s, LOW_MIN_SCORE) for i in IDENTITIES}
-            default = feasible_interval(lambda m: {i: evaluate(calls[i], calib[i][1], m) for i in IDENTITIES},
-                                        thresholds)
-            # Bisection in half points (k / 2).
-            # Chimeras must be rejected at every identity (at high identity a
-            # wrong barcode loses fewest points), doubles kept at 0.92.
-            both_lo = max(first_true(lambda k: pct(*chimera_share(both_counts(s, k / 2, i))) >= CHIMERA_TARGET,
-                                     0, 200) / 2 for i in IDENTITIES)
-            both_hi = (first_true(lambda k: pct(*double_share(both_counts(s, k / 2))) < BOTH_ENDS_RECALL_TARGET,
-                                  0, 200) - 1) / 2
-            joint = None
-            if default and both_lo <= both_hi:
-                joint = (max(default[0], both_lo), min(default[1], both_hi))
-                if joint[0] > joint[1]:
-                    joint = None
-            sweep.append((s, default, (both_lo, both_hi), joint))
-            print(f"{s.label():36s} default {default} both-ends {both_lo}..{both_hi} joint {joint} "
-                  f"({s.error_points(ref_length):.2f} points per error)", flush=True)
+            curves = {}
+            for d in sweep_designs:
+                for m in MODELS:
+                    for i in IDENTITIES:
+                        folder = reads_folder(args.work, "calib", d, m, i)
+                        curves[d, m, i] = Curves(runner.run(folder, d, s, LOW_MIN_SCORE),
+                                                 read_truth(folder + ".truth.tsv"))
 
-        # Harsher penalties stretch the score scale, and with it every range,
-        # so settings are compared by the joint width in read errors: how
-        # many more errors per barcode the threshold tolerates either way.
-        def width(x):
-            return (x[3][1] - x[3][0]) / x[0].error_points(ref_length) if x[3] else -1
+            def served(t):
+                return sum(all(not curves[d, m, i].failures(i, t, d.double) for m in MODELS for i in IDENTITIES)
+                           for d in sweep_designs)
 
-        sweep.sort(key=width, reverse=True)
-        md.append("### Sweep (calibration seeds, scoring MAX)\n")
-        md.append("Feasible min_score ranges. Default mode: every precision, recall and unbarcoded target met at "
-                  f"all three identities (thresholds {thresholds[0]} .. {thresholds[-1]} tried). Both ends: with "
-                  f"--require_barcodes_both_ends, at least {CHIMERA_TARGET} % of chimeras unclassified at every "
-                  f"identity and at least {BOTH_ENDS_RECALL_TARGET} % recall at {BOTH_ENDS_IDENTITY}. Joint: both.\n")
-        md.append("Width: joint range in points, and divided by the points one average read error costs "
-                  f"(simulated error mix, {ref_length}-base references).\n")
-        md.append("| setting | default mode | both ends | joint | width (points) | width (errors) |\n"
-                  "|---|---|---|---|---|---|")
-        for s, default, both, joint in sweep:
-            w = width((s, default, both, joint))
-            md.append(f"| {s.label()} | {span(default)} | {span(both)} | {span(joint)} | "
-                      f"{joint[1] - joint[0] if joint else '-'} | {f'{w:.2f}' if joint else '-'} |")
-        if not sweep or not sweep[0][3]:
-            sys.exit("no setting meets every target")
-        # The top of the ranking is flat within the sampling noise of the tail
-        # estimates; among the settings close to the best, take the mildest
-        # penalties (fewest points per error), the least extreme choice.
-        best = width(sweep[0])
-        band = [x for x in sweep if width(x) >= best - args.tie]
-        setting, _, _, (lo, hi) = min(band, key=lambda x: (x[0].error_points(ref_length), -width(x)))
-        min_score = math.floor(lo + hi) / 2
-        md.append(f"\nSettings within {args.tie} errors of the widest: {', '.join(x[0].label() for x in band)}. "
-                  f"Chosen (mildest penalties among them): {setting.label()}, min_score {min_score} "
-                  f"(middle of the joint range {lo} .. {hi}).\n")
+            count, lo, hi = best_range([served(t) for t in THRESHOLDS])
+            mid = math.floor(lo + hi) / 2
+            out_of_reach = []
+            for d in sweep_designs:
+                why = sorted({f"{x} at {i} ({m})" for m in MODELS for i in IDENTITIES
+                              for x in curves[d, m, i].failures(i, mid, d.double)})
+                if why:
+                    out_of_reach.append(f"{d.name}: {'; '.join(why)}")
+            md.append(f"| {s.label()} | {count} of {len(sweep_designs)} | {lo} .. {hi} | "
+                      f"{'<br>'.join(out_of_reach) or 'none'} |")
+            print(f"{s.label()}: {count} designs served at {lo} .. {hi}", flush=True)
+            choices.append((count, hi - lo, s, mid, lo, hi))
+        # The most designs served, then the widest range; a range no more
+        # than a point wider does not displace a setting listed earlier (the
+        # shipped one comes first).
+        top = max(c[0] for c in choices)
+        widest = max(c[1] for c in choices if c[0] == top)
+        count, _, setting, min_score, lo, hi = next(c for c in choices if c[0] == top and c[1] >= widest - 1.0)
+        md.append(f"\nChosen: {setting.label()}, min_score {min_score} (middle of {lo} .. {hi}, serving {count} of "
+                  f"{len(sweep_designs)} designs).\n")
 
-    # Self-check: the re-thresholded sweep equals a real run at the chosen value.
-    for i in IDENTITIES:
-        low = evaluate(runner.run(calib[i][0], setting, LOW_MIN_SCORE), calib[i][1], min_score)
-        real = evaluate(runner.run(calib[i][0], setting, min_score), calib[i][1])
-        if low != real:
-            print(f"warning: re-thresholding differs from a real run at identity {i}: {low} vs {real}")
-
-    # MAX or ADD: fewer wrong calls plus missed doubles on the calibration seeds,
-    # with a harder identity added because the targets hardly tell them apart.
-    stress = {i: calib[i] for i in IDENTITIES}
-    if args.stress_identity:
-        stress[args.stress_identity] = simulate(args.work, args.stress_identity, args.calib_seeds, args.reads,
-                                                args.kit, "calib")
-    errors = {}
-    for scoring, data in data_for.items():
-        total = Counts()
-        for i, (folder, truth) in stress.items():
-            total.add(evaluate(runner.run(folder, setting, min_score, data=data), truth))
-        errors[scoring] = (total.called - total.precise) + (total.doubles - total.recalled)
-    scoring_choice = min(errors, key=lambda k: (errors[k], k != "MAX"))
-    md.append(f"Wrong calls plus missed doubles on the calibration seeds (identities {sorted(stress)}): "
-              f"{errors}; chosen {scoring_choice}.\n")
-
-    # Stage 4: held-out seeds, real runs, both scoring functions.
-    for scoring, data in data_for.items():
-        rows = [(i, evaluate(runner.run(report[i][0], setting, min_score, data=data), report[i][1]))
-                for i in IDENTITIES]
-        both = [(i, evaluate(runner.run(report[i][0], setting, min_score, both_ends=True, data=data),
-                             report[i][1])) for i in IDENTITIES]
-        md.append(f"### Held-out seeds {args.report_seeds}, scoring {scoring}, min_score {min_score}\n")
-        md.append(default_table(rows) + "\n")
-        md.append("With --require_barcodes_both_ends:\n")
-        md.append(both_table(both) + "\n")
-        print(f"\n{scoring}\n{default_table(rows)}\n{both_table(both)}", flush=True)
-
-    # The larger kit on its own held-out reads: more barcodes to confuse.
-    if args.extra_kit:
-        data = data_for[scoring_choice]
-        rows, both = [], []
-        for i in IDENTITIES:
-            folder, truth = simulate(args.work, i, args.report_seeds, args.report_reads, args.extra_kit,
-                                     f"report_{args.extra_kit}")
-            rows.append((i, evaluate(runner.run(folder, setting, min_score, data=data, kit=args.extra_kit), truth)))
-            both.append((i, evaluate(runner.run(folder, setting, min_score, both_ends=True, data=data,
-                                                kit=args.extra_kit), truth)))
-        md.append(f"### {args.extra_kit}, held-out seeds {args.report_seeds}, scoring {scoring_choice}, "
-                  f"min_score {min_score}\n")
-        md.append(default_table(rows) + "\n")
-        md.append("With --require_barcodes_both_ends:\n")
-        md.append(both_table(both) + "\n")
-        print(f"\n{args.extra_kit}\n{default_table(rows)}\n{both_table(both)}", flush=True)
+    if not args.skip_report:
+        simulate_all(args.work, designs, "report", args.report_seeds, args.report_reads, args.processes)
+        results = {}
+        for d in designs:
+            for m in MODELS:
+                for i in IDENTITIES:
+                    folder = reads_folder(args.work, "report", d, m, i)
+                    truth = read_truth(folder + ".truth.tsv")
+                    modes = [("default", ())]
+                    if d.double:
+                        modes += [("mixed", ("--reject_mixed_barcodes",)),
+                                  ("both", ("--require_barcodes_both_ends",))]
+                    for mode, switches in modes:
+                        calls = runner.run(folder, d, setting, min_score, *switches)
+                        results.setdefault((mode, m, i), []).append((d, evaluate(calls, truth)))
+        md.append(f"### Held-out seeds {args.report_seeds} ({args.report_reads} reads each per design, identity "
+                  f"and error model), {setting.label()}, min_score {min_score}\n")
+        md.append(report_tables(results))
+        with open(os.path.join(args.work, "results.json"), "w") as f:
+            json.dump({f"{mode} {model} {i}": {d.name: vars(c) for d, c in rows}
+                       for (mode, model, i), rows in results.items()}, f, indent=0)
+        missed = missed_targets(results)
+        md.append(f"Designs missing a target ({len(missed)} design, model and identity combinations):\n")
+        for (name, model, i), miss in missed:
+            md.append(f"- {name}, {model}, {i}: " + "; ".join(f"{k} {v}" for k, v in miss))
+        print(report_tables(results), flush=True)
 
     md.append(f"\n{runner.runs} program runs, {runner.seconds:.0f} s in the program.\n")
     report_path = args.report or os.path.join(args.work, "report.md")
@@ -549,8 +605,9 @@ def main(argv=None):
         f.write("\n".join(md) + "\n")
     print(f"report: {report_path}")
     if args.write_config:
-        write_config(setting, min_score, scoring_choice)
-        print(f"configuration.cfg, vb_matrix.tsv and the ligation kits updated (scoring {scoring_choice})")
+        write_config(setting, min_score)
+        print("configuration.cfg and vb_matrix.tsv updated")
+    return setting, min_score
 
 
 if __name__ == "__main__":

@@ -30,6 +30,7 @@ Usage: tools/design_kit.py [--out data/barcoding] [--seed N] ...
 import argparse
 import os
 import random
+import shutil
 import sys
 
 COMPLEMENT = str.maketrans("ACGT", "TGCA")
@@ -117,7 +118,7 @@ def random_sequence(rng, length, gc_lo=0.4, gc_hi=0.6):
             return seq
 
 
-def design_barcodes(rng, plan, max_tries=5_000_000):
+def design_barcodes(rng, plan, max_tries=5_000_000, length=BARCODE_LENGTH):
     """Greedy random draw; plan = [(count, min_distance), ...] with growing counts.
 
     The first tier's barcodes keep the first tier's distance among themselves,
@@ -132,7 +133,7 @@ def design_barcodes(rng, plan, max_tries=5_000_000):
             tries += 1
             if tries > max_tries:
                 raise RuntimeError(f"only {len(chosen)} barcodes found in {max_tries} tries")
-            cand = random_sequence(rng, BARCODE_LENGTH)
+            cand = random_sequence(rng, length)
             if cand[0] == cand[1] or cand[-1] == cand[-2]:
                 continue  # a doubled end would make a run of 3 with half of all flanks
             rc = revcomp(cand)
@@ -207,7 +208,7 @@ def write_fasta(path, records):
             f.write(f">{name}\n{seq}\n")
 
 
-def write_ligation_kit(path, kit, tag, count, fasta, scoring):
+def write_ligation_kit(path, kit, tag, count, fasta, scoring, prefix="VB"):
     with open(path, "w") as f:
         f.write(f"; {kit}: barcodes at both read ends, the rear one reverse complemented.\n")
         f.write("[loading_options]\n")
@@ -218,15 +219,15 @@ def write_ligation_kit(path, kit, tag, count, fasta, scoring):
         f.write(f"[{tag}_barcode%02i]\n")
         f.write("normalised_id = barcode%02i\n")
         f.write(f"kit = {kit}\n")
-        f.write("barcode1 = VB%02i\n")
-        f.write("barcode2 = VB%02i\n")
+        f.write(f"barcode1 = {prefix}%02i\n")
+        f.write(f"barcode2 = {prefix}%02i\n")
         f.write(f"scoring_function = {scoring}\n")
         f.write(f"compatible_kits = {kit}\n")
         f.write("first_index = 1\n")
         f.write(f"last_index = {count}\n")
 
 
-def write_rapid_kit(path, kit, tag, count, fasta):
+def write_rapid_kit(path, kit, tag, count, fasta, prefix="VR"):
     with open(path, "w") as f:
         f.write(f"; {kit}: one barcode at the start of the read, nothing at the rear.\n")
         f.write("[loading_options]\n")
@@ -237,7 +238,7 @@ def write_rapid_kit(path, kit, tag, count, fasta):
         f.write(f"[{tag}_barcode%02i]\n")
         f.write("normalised_id = barcode%02i\n")
         f.write(f"kit = {kit}\n")
-        f.write("barcode1 = VR%02i\n")
+        f.write(f"barcode1 = {prefix}%02i\n")
         f.write("; no barcode2: the rear of a read is never inspected for this kit\n")
         f.write("scoring_function = MAX\n")
         f.write(f"compatible_kits = {kit}\n")
@@ -251,6 +252,88 @@ def write_matrix(path, match, mismatch):
         f.write("A\tC\tG\tT\n")
         for i in range(4):
             f.write("\t".join(str(match if i == j else mismatch) for j in range(4)) + "\n")
+
+
+# ---------------------------------------------------------------- kit family
+#
+# Calibration must hold for kits users design themselves, not only for ours:
+# the family spans constant flanks of 0..40 bases per side, barcodes of 16, 24
+# and 40 bases, kits of 12, 24 and 96 barcodes, with barcodes at both ends or
+# at the front only. Each length has one barcode set (the smaller kits take
+# the leading barcodes, spaced wider, as in our own kits) and each flank
+# length one flank pair, so that designs differ in one respect at a time.
+
+FAMILY_FLANKS = (0, 10, 20, 30, 40)
+FAMILY_LENGTHS = (16, 24, 40)
+FAMILY_COUNTS = (12, 24, 96)
+FAMILY_ENDS = ("double", "single")
+# Edit-distance tiers per barcode length: about what a greedy random draw
+# reaches within seconds (the leading 12 and 24 wider apart).
+FAMILY_TIERS = {16: [(12, 8), (24, 8), (96, 7)], 24: [(12, 13), (24, 12), (96, 11)],
+                40: [(12, 22), (24, 21), (96, 19)]}
+
+
+def design_name(flank, length, count, ends):
+    return f"f{flank}_l{length}_n{count}_{ends}"
+
+
+def kit_name(flank, length, count, ends):
+    return f"FAM-F{flank}-L{length}-N{count}-{ends[0].upper()}"
+
+
+def family_designs(flanks=FAMILY_FLANKS, lengths=FAMILY_LENGTHS, counts=FAMILY_COUNTS, ends=FAMILY_ENDS):
+    """(folder name, kit name, flank, length, count, ends) for every combination."""
+    for length in lengths:
+        for flank in flanks:
+            for count in counts:
+                for end in ends:
+                    yield (design_name(flank, length, count, end), kit_name(flank, length, count, end), flank,
+                           length, count, end)
+
+
+def write_family(out, seed=20261122, designs=None, config=None):
+    """One folder per design under out, each a data folder of its own:
+    <name>.fasta, <name>.ini, configuration.cfg (the shipped settings with
+    this kit as the only arrangement file) and the shipped vb_matrix.tsv.
+    Returns the design tuples."""
+    designs = list(designs or family_designs())
+    config = config or os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "barcoding",
+                                    "configuration.cfg")
+    with open(config) as f:
+        config_lines = f.readlines()
+    barcode_sets, flank_pairs = {}, {}
+    for name, kit, flank, length, count, ends in designs:
+        if length not in barcode_sets:
+            plan = [(n, d) for n, d in FAMILY_TIERS[length] if n <= max(c for *_, c, _ in designs)] or \
+                FAMILY_TIERS[length][:1]
+            plan = [(max(n, count), d) for n, d in plan] if plan[-1][0] < count else plan
+            barcode_sets[length], _ = design_barcodes(random.Random(f"family-barcodes-{seed}-{length}"), plan,
+                                                      max_tries=2_000_000, length=length)
+        barcodes = barcode_sets[length]
+        if (flank, length) not in flank_pairs:
+            if flank == 0:
+                flank_pairs[flank, length] = ("", "")
+            else:
+                pair = design_flanks(random.Random(f"family-flanks-{seed}-{flank}-{length}"), [flank, flank],
+                                     barcodes, max(3, length // 4), max_tries=20_000)
+                flank_pairs[flank, length] = tuple(pair)
+        left, right = flank_pairs[flank, length]
+        folder = os.path.join(out, name)
+        os.makedirs(folder, exist_ok=True)
+        write_fasta(os.path.join(folder, f"{name}.fasta"),
+                    [(f"B{i + 1:02d}", left + bc + right) for i, bc in enumerate(barcodes[:count])])
+        ini = os.path.join(folder, f"{name}.ini")
+        if ends == "double":
+            write_ligation_kit(ini, kit, "FAM", count, f"{name}.fasta", "MAX", prefix="B")
+        else:
+            write_rapid_kit(ini, kit, "FAM", count, f"{name}.fasta", prefix="B")
+        shutil.copy(os.path.join(os.path.dirname(config), "vb_matrix.tsv"), folder)
+        with open(os.path.join(folder, "configuration.cfg"), "w") as f:
+            for line in config_lines:
+                if line.split("=")[0].strip() == "arrangements_files":
+                    line = f"arrangements_files = {name}.ini\n"
+                f.write(line)
+    return designs
 
 
 def main(argv=None):
@@ -270,7 +353,14 @@ def main(argv=None):
     ap.add_argument("--mismatch", type=int, default=-4)
     ap.add_argument("--matrix", action="store_true",
                     help="also write vb_matrix.tsv (normally written by tools/calibrate.py --write-config)")
+    ap.add_argument("--family", metavar="DIR",
+                    help="write the calibration family of kit designs into DIR instead (one folder per design)")
     args = ap.parse_args(argv)
+
+    if args.family:
+        designs = write_family(args.family)
+        print(f"{len(designs)} kit designs in {args.family}")
+        return
 
     barcode_rng = random.Random(f"vb-barcodes-{args.seed}")
     flank_rng = random.Random(f"vb-flanks-{args.seed}-{args.front_flank}-{args.inner_flank}")

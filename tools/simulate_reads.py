@@ -165,7 +165,7 @@ class Simulator:
         a = self.args
         return max(a.min_insert, int(a.median_length * math.exp(self.rng.gauss(0.0, a.length_sigma))))
 
-    def molecule(self):
+    def molecule(self, fixed_length=0):
         a, rng = self.args, self.rng
         total = a.frac_double + a.frac_front + a.frac_none + a.frac_chimera
         r = rng.random() * total
@@ -179,23 +179,28 @@ class Simulator:
             kind = "none"
         else:
             kind = "chimera"
-        insert = self.random_bases(self.insert_length())
+        # A fixed molecule length (templates for pbsim) sizes the insert last;
+        # otherwise it is drawn first, which keeps the seeded reads as they were.
+        insert = "" if fixed_length else self.random_bases(self.insert_length())
         head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
         front_id = rear_id = "-"
         if kind == "none":
             stem = self.adapter_start() if rng.random() < 0.5 else ""
-            mol = head + stem + insert + tail
+            left, right = head + stem, tail
         elif kind == "front":
             nid, front, _ = rng.choice(self.fronted)
             front_id = nid
-            mol = head + self.adapter_start() + front + insert + tail
+            left, right = head + self.adapter_start() + front, tail
         else:
             nid, front, rear = rng.choice(self.double)
             front_id = rear_id = nid
             if kind == "chimera":
                 others = [x for x in self.double if x[0] != nid]
                 rear_id, _, rear = rng.choice(others)
-            mol = head + self.adapter_start() + front + insert + revcomp(rear) + revcomp(self.stem) + tail
+            left, right = head + self.adapter_start() + front, revcomp(rear) + revcomp(self.stem) + tail
+        if fixed_length:
+            insert = self.random_bases(max(a.min_insert, fixed_length - len(left) - len(right)))
+        mol = left + insert + right
         orientation = "+"
         if self.ligation and rng.random() < 0.5:
             mol, orientation = revcomp(mol), "-"
@@ -268,11 +273,15 @@ class Simulator:
         return q.decode()
 
     def record(self):
-        rng = self.rng
         mol, kind, front, rear, orientation = self.molecule()
         identity = self.read_identity()
         read, suspect = self.mutate(mol, identity)
         qual = self.qualities(len(read), identity, suspect)
+        return self.format(read, qual, kind, front, rear, orientation)
+
+    def format(self, read, qual, kind, front, rear, orientation):
+        """FASTQ text and truth row of one read, with a fresh id and header."""
+        rng = self.rng
         h = "%032x" % rng.getrandbits(128)
         read_id = f"{h[:8]}-{h[8:12]}-4{h[13:16]}-{'89ab'[int(h[16], 16) & 3]}{h[17:20]}-{h[20:32]}"
         self.read_number += 1
@@ -283,6 +292,104 @@ class Simulator:
                  f"ch={rng.randint(1, 512)} start_time={start}")
         fastq = f"{title}\n{read}\n+\n{qual}\n"
         return fastq, f"{read_id}\t{kind}\t{front}\t{rear}\t{orientation}\n"
+
+
+# ---------------------------------------------------------------- pbsim
+
+PBSIM_MODEL = "/usr/share/pbsim/models/model_qc_clr"
+
+
+def aligned_cut(ref_row, read_row, begin, end):
+    """(offset, bases): the read bases aligned to template positions [begin,
+    end) of one MAF block and how many read bases come before them, or None
+    when the read does not reach both ends. Positions count from the block's
+    first template base."""
+    pos, before, reached = 0, 0, False
+    out = []
+    for r, q in zip(ref_row, read_row):
+        inside = begin <= pos < end
+        if r != "-":
+            pos += 1
+            reached |= pos == end
+        if q != "-":
+            if inside:
+                out.append(q)
+            elif pos <= begin:
+                before += 1
+    if begin < 0 or not reached:
+        return None
+    return before, "".join(out)
+
+
+def read_maf(path):
+    """[(template name, template start, gapped template row, read name, read strand, gapped read row)]."""
+    blocks, rows = [], []
+    with open(path) as f:
+        for line in f:
+            if line.startswith("s "):
+                rows.append(line.split())
+                if len(rows) == 2:
+                    (_, ref, start, _, _, _, ref_row), (_, name, _, _, strand, _, read_row) = rows
+                    blocks.append((ref, int(start), ref_row, name, strand, read_row))
+                    rows = []
+    return blocks
+
+
+def pbsim_records(sim, args, count):
+    """(fastq, truth row) for reads whose errors come from pbsim's CLR model.
+
+    Each molecule is a fixed-length template (padded with random bases on
+    both sides); pbsim samples full-length reads from it, and the part aligned
+    to the molecule, cut by pbsim's own alignment, becomes the read. The
+    truth travels by template name. Reads that do not cover their whole
+    molecule are dropped (reported on standard error)."""
+    import subprocess
+    import tempfile
+    if not os.path.exists(PBSIM_MODEL):
+        sys.exit(f"pbsim's quality model {PBSIM_MODEL} is missing: install pbsim "
+                 "(scripts/install-deps.sh --calibration)")
+    length = args.template_length
+    pad = math.ceil(0.15 * length)
+    molecules = [sim.molecule(fixed_length=length) for _ in range(count)]
+    total = length + 2 * pad
+    records = []
+    with tempfile.TemporaryDirectory() as tmp:
+        with open(os.path.join(tmp, "templates.fasta"), "w") as f:
+            for i, (mol, *_rest) in enumerate(molecules):
+                f.write(f">t{i}\n{sim.random_bases(pad)}{mol}{sim.random_bases(max(pad, total - pad - len(mol)))}\n")
+        accuracy = min(args.identity, 0.999)
+        cmd = ["pbsim", "--prefix", os.path.join(tmp, "sd"), "--data-type", "CLR", "--depth", "1",
+               "--length-min", str(total), "--length-max", str(total), "--length-mean", str(total),
+               "--length-sd", "0", "--accuracy-mean", str(accuracy), "--accuracy-sd", "0",
+               "--accuracy-min", str(max(0.75, accuracy - 0.01)), "--accuracy-max", str(min(1.0, accuracy + 0.01)),
+               "--model_qc", PBSIM_MODEL, "--seed", str(args.seed), os.path.join(tmp, "templates.fasta")]
+        proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if proc.returncode != 0:
+            sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
+        dropped = 0
+        for i, (mol, kind, front, rear, orientation) in enumerate(molecules):
+            stem = os.path.join(tmp, f"sd_{i + 1:04d}")
+            quals = {}
+            with open(stem + ".fastq") as f:
+                lines = f.read().split("\n")
+            for k in range(0, len(lines) - 3, 4):
+                quals[lines[k][1:]] = lines[k + 3]
+            read = None
+            for ref, start, ref_row, name, strand, read_row in read_maf(stem + ".maf"):
+                cut = aligned_cut(ref_row, read_row, pad - start, pad - start + len(mol))
+                if cut is not None:
+                    offset, read = cut
+                    # Qualities follow the read as sequenced; the MAF row is on the template strand.
+                    qual = quals[name][::-1] if strand == "-" else quals[name]
+                    qual = qual[offset:offset + len(read)]
+                    break
+            if read is None:
+                dropped += 1
+                continue
+            records.append(sim.format(read, qual, kind, front, rear, orientation))
+        if dropped:
+            print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
+    return records
 
 
 def output_names(path, parts):
@@ -322,6 +429,9 @@ def parse_args(argv=None):
     ap.add_argument("--frac-none", type=float, default=0.10)
     ap.add_argument("--frac-chimera", type=float, default=0.05)
     ap.add_argument("--sample", default="vb_sim")
+    ap.add_argument("--error-model", choices=["builtin", "pbsim"], default="builtin",
+                    help="builtin: this script's errors; pbsim: Debian's pbsim (CLR model) on fixed-length templates")
+    ap.add_argument("--template-length", type=int, default=600, help="molecule length with --error-model pbsim")
     return ap.parse_args(argv)
 
 
@@ -334,8 +444,11 @@ def main(argv=None):
     with open(truth, "w") as t:
         t.write("read_id\tkind\tfront\trear\torientation\n")
         per_file = -(-args.reads // len(outs))
-        for i in range(args.reads):
-            fastq, row = sim.record()
+        if args.error_model == "pbsim":
+            records = pbsim_records(sim, args, args.reads)
+        else:
+            records = (sim.record() for _ in range(args.reads))
+        for i, (fastq, row) in enumerate(records):
             outs[i // per_file].write(fastq)
             t.write(row)
     for f in outs:

@@ -5,6 +5,7 @@ Run with: python3 -m unittest discover -s tests/tools
 
 import os
 import random
+import shutil
 import sys
 import tempfile
 import unittest
@@ -153,29 +154,135 @@ class MetricsTest(unittest.TestCase):
         low = calibrate.evaluate(calls, truth)
         self.assertEqual((low.precise, low.called), (3, 5))
         self.assertEqual((low.recalled, low.doubles), (2, 3))
-        self.assertEqual((low.none_unclassified, low.chimera_unclassified), (0, 0))
+        self.assertEqual((low.none_classified, low.chimera_unclassified), (1, 0))
         at60 = calibrate.evaluate(calls, truth, 60)
         self.assertEqual((at60.precise, at60.called), (2, 3))
         self.assertEqual((at60.recalled, at60.doubles), (1, 3))
-        self.assertEqual((at60.none_unclassified, at60.nones, at60.front_recalled), (1, 1, 1))
+        self.assertEqual((at60.none_classified, at60.nones, at60.front_recalled), (0, 1, 1))
         self.assertEqual(calibrate.evaluate(calls, truth, 95).called, 0)
 
-    def test_feasible_interval_takes_the_widest_run(self):
-        good = {1, 2, 5, 6, 7, 9}
-        fake = {0.87: None}
+    def test_curves_agree_with_rethresholding_read_by_read(self):
+        """Curves answers every threshold from sorted lists; evaluate walks the
+        reads. Random summaries, every threshold of a grid: the same counts."""
+        rng = random.Random(3)
+        kinds = ["double", "front", "none", "chimera"]
+        for _ in range(20):
+            calls, truth = {}, {}
+            for n in range(rng.randint(1, 60)):
+                kind = rng.choice(kinds)
+                front = "-" if kind == "none" else f"barcode{rng.randint(1, 3):02d}"
+                rear = {"double": front, "chimera": "barcode09"}.get(kind, "-")
+                called = rng.choice(["barcode01", "barcode02", "barcode03", "unclassified"])
+                scores = [round(rng.uniform(-20, 100), 1) for _ in range(2)]
+                calls[f"r{n}"] = calibrate.Call(called, max(scores), "x", scores[0], "y", scores[1])
+                truth[f"r{n}"] = (kind, front, rear)
+            curves = calibrate.Curves(calls, truth)
+            for m in [-5, 0, 10.5, 33, 50, 99.5]:
+                c = calibrate.evaluate(calls, truth, m)
+                self.assertEqual(curves.at_least("right_double", m), c.recalled)
+                self.assertEqual(curves.at_least("right_front", m), c.front_recalled)
+                self.assertEqual(curves.at_least("none", m), c.none_classified)
+                self.assertEqual(curves.at_least("called", m) - curves.at_least("wrong", m), c.precise)
+                both = sum(1 for rid, (kind, front, _) in truth.items()
+                           if kind == "double" and calls[rid].arrangement == front
+                           and min(calls[rid].front_score, calls[rid].rear_score) >= m)
+                self.assertEqual(curves.at_least("both_ends_double", m), both)
+            self.assertEqual(curves.totals.doubles, c.doubles)
+            self.assertEqual(curves.totals.chimeras, c.chimeras)
 
-        def counts_at(m):
-            c = calibrate.Counts(precise=1, called=1, recalled=1, doubles=1, none_unclassified=1, nones=1)
-            if m not in good:
-                c.recalled = 0
-            return {i: c for i in fake} | {0.92: c, 0.97: c}
+    def test_best_range_takes_the_most_designs_then_the_widest_run(self):
+        thresholds = list(range(10))
+        self.assertEqual(calibrate.best_range([1, 2, 2, 1, 2, 2, 2, 0, 2, 1], thresholds), (2, 4, 6))
+        self.assertEqual(calibrate.best_range([3, 1, 1], thresholds[:3]), (3, 0, 0))
+        self.assertEqual(calibrate.best_range([0, 0, 5], thresholds[:3]), (5, 2, 2))
 
-        self.assertEqual(calibrate.feasible_interval(counts_at, list(range(11))), (5, 7))
-        self.assertIsNone(calibrate.feasible_interval(counts_at, [0, 3, 4]))
 
-    def test_first_true(self):
-        for cut in range(-1, 12):
-            self.assertEqual(calibrate.first_true(lambda m: m >= cut, 0, 10), min(max(cut, 0), 11))
+class FamilyTest(unittest.TestCase):
+    def test_designs_differ_in_one_respect_at_a_time(self):
+        designs = list(design_kit.family_designs())
+        self.assertEqual(len(designs), 90)
+        self.assertEqual(len({d[0] for d in designs}), 90)
+        self.assertEqual(len({d[1] for d in designs}), 90)
+        with tempfile.TemporaryDirectory() as out:
+            chosen = [d for d in designs if d[3] == 16 and d[4] in (12, 96)]
+            design_kit.write_family(out, designs=chosen)
+            refs = {}
+            for name, kit, flank, length, count, ends in chosen:
+                folder = os.path.join(out, name)
+                kit_refs = simulate_reads.load_kit(kit, folder)
+                self.assertEqual(len(kit_refs), count)
+                self.assertEqual(all(rear for _, _, rear in kit_refs), ends == "double")
+                seqs = [front for _, front, _ in kit_refs]
+                self.assertTrue(all(len(s) == 2 * flank + length for s in seqs))
+                # Constant flanks: one left and one right flank per design.
+                self.assertEqual(len({s[:flank] for s in seqs}), 1)
+                self.assertEqual(len({s[len(s) - flank:] for s in seqs}), 1)
+                refs[name] = [s[flank:flank + length] for s in seqs]
+            # Same barcode length: the same barcodes whatever the flanks or
+            # ends; the small kit takes the leading ones, spaced as planned.
+            cores = list(refs.values())
+            for c in cores:
+                self.assertEqual(c, cores[0][:len(c)] if len(c) < len(cores[0]) else c)
+            big = max(cores, key=len)
+            for i, a in enumerate(big[:12]):
+                for b in big[i + 1:12]:
+                    self.assertGreaterEqual(design_kit.levenshtein(a, b), design_kit.FAMILY_TIERS[16][0][1])
+
+
+class PbsimCutTest(unittest.TestCase):
+    def test_cut_matches_a_column_walk(self):
+        """aligned_cut against the obvious definition on random gapped rows."""
+        rng = random.Random(11)
+        for _ in range(300):
+            cols = []
+            for _ in range(rng.randint(1, 40)):
+                kind = rng.random()
+                cols.append(("A", "-") if kind < 0.2 else ("-", "C") if kind < 0.4 else ("G", "T"))
+            ref_row = "".join(c[0] for c in cols)
+            read_row = "".join(c[1] for c in cols)
+            length = ref_row.count("A") + ref_row.count("G")
+            begin = rng.randint(-1, length)
+            end = rng.randint(begin + 1, length + 1)
+            got = simulate_reads.aligned_cut(ref_row, read_row, begin, end)
+            # Expected: template position of each column (None for a read-only column before it).
+            pos, before, bases = 0, 0, []
+            for r, q in cols:
+                if q != "-" and begin <= pos < end:
+                    bases.append(q)
+                elif q != "-" and pos <= begin:
+                    before += 1
+                if r != "-":
+                    pos += 1
+            reached = 0 <= begin and end <= length and end > 0
+            if begin < 0 or not reached:
+                self.assertIsNone(got, (ref_row, read_row, begin, end))
+            else:
+                self.assertEqual(got, (before, "".join(bases)), (ref_row, read_row, begin, end))
+
+
+class CalibrationSmokeTest(unittest.TestCase):
+    """The whole driver on a four-design family with the real program: reads,
+    sweep, choice, report. Needs VB_PROGRAM (the ctest registration sets it)."""
+
+    def test_smoke(self):
+        program = os.environ.get("VB_PROGRAM")
+        if not program or not os.path.exists(program):
+            self.skipTest("VB_PROGRAM not set")
+        models = "builtin,pbsim" if shutil.which("pbsim") and os.path.exists(simulate_reads.PBSIM_MODEL) \
+            else "builtin"
+        with tempfile.TemporaryDirectory() as work:
+            setting, min_score = calibrate.main(["--program", program, "--work", work, "--smoke", "--reads", "150",
+                                                 "--report-reads", "150", "--models", models, "--processes", "1",
+                                                 "--settings", "5:-4:7"])
+            with open(os.path.join(work, "report.md")) as f:
+                report = f.read()
+        self.assertEqual(setting.label(), "m5/-4 gap7")
+        self.assertGreater(min_score, 0)
+        self.assertIn("worst design per identity", report)
+        self.assertIn("chimeras unclassified, --reject_mixed_barcodes", report)
+        # With both ends required nothing can pass at both ends of a chimera.
+        line = next(x for x in report.splitlines() if x.startswith("| chimeras unclassified, --require"))
+        self.assertEqual(line.count("100.00 %"), 3, line)
 
 
 if __name__ == "__main__":

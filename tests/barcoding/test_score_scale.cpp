@@ -1,0 +1,285 @@
+// Properties of the detect-score scale across kit designs, and the per-read
+// verdicts built on it (mixed barcodes, unclassified reasons).
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "barcoding/barcode_scorer.h"
+#include "barcoding/score_scale.h"
+#include "temp_folder.h"
+
+namespace Barcoding {
+namespace {
+
+using BarcodingTest::TempFolder;
+
+const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
+
+std::string RandomBases(std::mt19937& random, size_t length) {
+    std::string bases;
+    for (size_t k = 0; k < length; ++k)
+        bases += "ACGT"[random() % 4];
+    return bases;
+}
+
+std::string ReverseComplement(const std::string& sequence) {
+    std::string result(sequence.rbegin(), sequence.rend());
+    for (char& c : result)
+        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
+    return result;
+}
+
+// Substitutions, deletions and insertions, each at rate / 3 per base.
+std::string Mutate(std::mt19937& random, const std::string& sequence, double rate) {
+    std::uniform_real_distribution<double> uniform(0, 1);
+    std::string out;
+    for (char c : sequence) {
+        const double r = uniform(random);
+        if (r < rate / 3) {
+            out += "ACGT"[random() % 4];
+        } else if (r < 2 * rate / 3) {
+            continue;
+        } else if (r < rate) {
+            out += "ACGT"[random() % 4];
+            out += c;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+ScorerOptions Options(const std::string& kits) {
+    ScorerOptions options;
+    options.barcode_kits = kits;
+    options.open_gap1 = options.extend_gap1 = options.open_gap2 = options.extend_gap2 = 7;
+    options.start_gap2 = options.end_gap2 = 7;
+    options.min_score = 40;
+    options.front_window_size = options.rear_window_size = 150;
+    ValidateScorerOptions(options);
+    return options;
+}
+
+// A kit "K": `count` random barcodes of `length` bases between constant
+// flanks of `flank` bases on each side, written as references BC01.. (flank +
+// barcode + flank); double-ended (MAX of the two ends, both orientations) or
+// front-only as written.
+struct Kit {
+    TempFolder dir;
+    std::vector<std::string> references;
+    std::shared_ptr<BarcodeManager> manager;
+
+    Kit(size_t count, size_t length, size_t flank, unsigned seed, bool front_only = false) {
+        std::mt19937 random(seed);
+        const std::string left = RandomBases(random, flank), right = RandomBases(random, flank);
+        std::string fasta;
+        for (size_t i = 1; i <= count; ++i) {
+            references.push_back(left + RandomBases(random, length) + right);
+            fasta += ">BC" + std::string(i < 10 ? "0" : "") + std::to_string(i) + "\n" + references.back() + "\n";
+        }
+        dir.Write("kit.fasta", fasta);
+        const std::string options = front_only ? "double_barcodes_revcmpl = false\ndouble_variants_frontrear = false\n"
+                                                 "append_indicator_fwdbwd = false\n"
+                                               : "";
+        const std::string file = dir.Write("kit.ini", "[loading_options]\nbarcodes_filename = kit.fasta\n" + options +
+                                                          "[K_barcode%02i]\nnormalised_id = barcode%02i\nkit = K\n"
+                                                          "barcode1 = BC%02i\n" +
+                                                          (front_only ? "" : "barcode2 = BC%02i\n") +
+                                                          "scoring_function = MAX\ncompatible_kits = K\n"
+                                                          "first_index = 1\nlast_index = " +
+                                                          std::to_string(count) + "\n");
+        manager = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
+    }
+
+    // junk + front reference + insert + reverse-complemented rear reference + junk
+    std::string Read(std::mt19937& random, int front, int rear, double error_rate) const {
+        std::string read = RandomBases(random, 5 + random() % 20);
+        if (front >= 0) read += Mutate(random, references[static_cast<size_t>(front)], error_rate);
+        read += RandomBases(random, 200);
+        if (rear >= 0) read += Mutate(random, ReverseComplement(references[static_cast<size_t>(rear)]), error_rate);
+        return read + RandomBases(random, 5 + random() % 20);
+    }
+};
+
+// The point of the scale: the same read quality gives the same scores whatever
+// the flank length, barcode length or number of barcodes, with the right
+// barcode far above 0 and every wrong one at or below it.
+TEST(ScoreScale, RightBarcodeFarAboveWrongOnesForEveryFlankAndBarcodeLength) {
+    for (size_t length : {16, 24, 40}) {
+        std::vector<double> means;
+        for (size_t flank : {0, 10, 20, 30, 40}) {
+            SCOPED_TRACE("barcode " + std::to_string(length) + ", flanks " + std::to_string(flank));
+            const Kit kit(12, length, flank, static_cast<unsigned>(length * 100 + flank));
+            BarcodeScorer scorer(Options("K"), kit.manager, kMatrix);
+            std::mt19937 random(static_cast<unsigned>(7 + length + flank));
+            double sum = 0;
+            const int reads = 40;
+            for (int n = 0; n < reads; ++n) {
+                const int truth = static_cast<int>(random() % 12);
+                const std::string read = kit.Read(random, truth, -1, 0.06);
+                const auto front = scorer.InspectFront(read, "K");
+                const std::string right = "BC" + std::string(truth < 9 ? "0" : "") + std::to_string(truth + 1) + "_FWD";
+                // The barcode's other orientation (_REV) is the same barcode, not a wrong one.
+                float right_score = -1000, wrong_score = -1000;
+                for (const auto& result : front) {
+                    if (result.id == right)
+                        right_score = result.score;
+                    else if (result.id.substr(0, 4) != right.substr(0, 4))
+                        wrong_score = std::max(wrong_score, result.score);
+                }
+                EXPECT_GT(right_score, 20) << read;
+                EXPECT_LE(wrong_score, 0) << read;
+                EXPECT_GT(right_score - wrong_score, 45) << read;
+                sum += right_score;
+            }
+            means.push_back(sum / reads);
+        }
+        // The old score (raw / self-score) moved by tens of points between
+        // flank lengths at the same error rate; this one stays within what
+        // the random barcodes themselves differ by.
+        const auto [low, high] = std::minmax_element(means.begin(), means.end());
+        EXPECT_GT(*low, 70) << "barcode length " << length;
+        EXPECT_LT(*high - *low, 20) << "barcode length " << length;
+    }
+}
+
+TEST(ScoreScale, PerfectCopyScores100AndNoCompetitorMeansRandomBackground) {
+    const Kit kit(24, 24, 20, 3);
+    BarcodeScorer scorer(Options("K"), kit.manager, kMatrix);
+    std::mt19937 random(4);
+    for (int n = 0; n < 20; ++n) {
+        const auto best = scorer.Score(kit.Read(random, n % 24, n % 24, 0))[0];
+        EXPECT_GE(best.front.score, 97);
+        EXPECT_LE(best.front.score, 100);
+        EXPECT_GE(best.rear.score, 97);
+    }
+    // A short read: each window holds both barcodes, one in either
+    // orientation. The two orientations are the same barcode, not rivals.
+    for (int n = 0; n < 10; ++n) {
+        const std::string& reference = kit.references[static_cast<size_t>(n)];
+        const std::string read = RandomBases(random, 10) + reference + RandomBases(random, 20) +
+                                 ReverseComplement(reference) + RandomBases(random, 10);
+        const auto best = scorer.Score(read)[0];
+        EXPECT_GE(best.front.score, 97);
+        EXPECT_GE(best.rear.score, 97);
+    }
+    // Random reads: no reference stands out from its competitors.
+    for (int n = 0; n < 50; ++n)
+        EXPECT_EQ(scorer.Score(kit.Read(random, -1, -1, 0))[0].reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
+
+    // A lone reference (no competitor) is scaled by its random background.
+    const Kit lone(1, 24, 10, 5, true);
+    BarcodeScorer lone_scorer(Options("K"), lone.manager, kMatrix);
+    EXPECT_FLOAT_EQ(lone_scorer.Score(lone.Read(random, 0, -1, 0))[0].front.score, 100);
+    float random_best = -1000;
+    for (int n = 0; n < 30; ++n)
+        random_best = std::max(random_best, lone_scorer.Score(lone.Read(random, -1, -1, 0))[0].score);
+    EXPECT_LT(random_best, 45);
+}
+
+TEST(ScoreScale, ScorersOfTheSameKitsShareOneScale) {
+    const Kit kit(4, 16, 5, 9);
+    ScaleSettings settings{kMatrix, Options("K").GapVector(), 150, 150};
+    std::vector<ScaleReference> references;
+    for (size_t k = 0; k < kit.references.size(); ++k) {
+        std::vector<int> codes;
+        for (char c : kit.references[k])
+            codes.push_back(static_cast<int>(std::string("ACGT").find(c)));
+        references.push_back(ScaleReference{"r", codes, {{"K", "barcode" + std::to_string(k)}}});
+    }
+    const auto first = ShareScoreScale(settings, references);
+    EXPECT_EQ(ShareScoreScale(settings, references), first);
+    settings.window_size = 100;
+    EXPECT_NE(ShareScoreScale(settings, references), first);
+
+    // An identical sequence is the same barcode, not a competitor; a
+    // reference that differs from another only by what hangs off a window
+    // costs nothing is another matter: they cannot be told apart.
+    references.push_back(references[0]);
+    EXPECT_NO_THROW(ScoreScale(settings, references));
+    std::vector<ScaleReference> contained = {references[0], references[1]};
+    contained[0].name = "short";
+    contained[1].name = "long";
+    contained[1].codes = contained[0].codes;
+    contained[1].codes.insert(contained[1].codes.end(), {0, 1, 2, 3});
+    settings.gaps = {0, 0, 7, 7, 0, 0, 7, 7};
+    try {
+        ScoreScale scale(settings, contained);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        const std::string message = e.what();
+        EXPECT_NE(message.find("'short' and 'long'"), std::string::npos) << message;
+    }
+}
+
+// Chimeras (a different barcode at each end) against the three verdicts, and
+// the reason and mixed mark set on the first result only.
+TEST(ScoreScale, MixedBarcodeReadsAndUnclassifiedReasons) {
+    const Kit kit(12, 24, 25, 13);
+    std::mt19937 random(17);
+    ScorerOptions plain = Options("K"), reject = plain, both = plain, both_reject = plain;
+    reject.reject_mixed_barcodes = true;
+    both.require_barcodes_both_ends = true;
+    both_reject.require_barcodes_both_ends = both_reject.reject_mixed_barcodes = true;
+    BarcodeScorer plain_scorer(plain, kit.manager, kMatrix), reject_scorer(reject, kit.manager, kMatrix),
+        both_scorer(both, kit.manager, kMatrix), both_reject_scorer(both_reject, kit.manager, kMatrix);
+    auto name = [](int i) { return "barcode" + std::string(i < 9 ? "0" : "") + std::to_string(i + 1); };
+    auto reasons_once = [](const std::vector<ArrangementDetectResult>& results) {
+        for (size_t r = 1; r < results.size(); ++r) {
+            EXPECT_EQ(results[r].reason, UnclassifiedReason::kNone);
+            EXPECT_FALSE(results[r].mixed);
+        }
+    };
+
+    for (int n = 0; n < 30; ++n) {
+        const int front = static_cast<int>(random() % 12);
+        const int rear = (front + 1 + static_cast<int>(random() % 11)) % 12;
+        const std::string read = kit.Read(random, front, rear, 0.04);
+        SCOPED_TRACE(read);
+
+        const auto kept = plain_scorer.Score(read, 3);
+        EXPECT_TRUE(kept[0].normalised_id == name(front) || kept[0].normalised_id == name(rear));
+        EXPECT_TRUE(kept[0].mixed);
+        EXPECT_EQ(kept[0].reason, UnclassifiedReason::kNone);
+        reasons_once(kept);
+
+        const auto rejected = reject_scorer.Score(read);
+        ASSERT_EQ(rejected.size(), 1u);
+        EXPECT_EQ(rejected[0].normalised_id, "unclassified");
+        EXPECT_EQ(rejected[0].reason, UnclassifiedReason::kMixedBarcodes);
+        EXPECT_TRUE(rejected[0].mixed);
+        EXPECT_EQ(rejected[0].id, kept[0].id);  // still shows the best candidate
+
+        const auto one_end = both_scorer.Score(read)[0];
+        EXPECT_EQ(one_end.reason, UnclassifiedReason::kOneEndOnly);
+        EXPECT_TRUE(one_end.mixed);
+        EXPECT_EQ(both_reject_scorer.Score(read)[0].reason, UnclassifiedReason::kMixedBarcodes);
+    }
+
+    // Same barcode at both ends, front only, nothing: never mixed; only the
+    // reads with nothing (or, with both ends required, one end) unclassified.
+    for (int n = 0; n < 20; ++n) {
+        const int barcode = static_cast<int>(random() % 12);
+        const std::string same = kit.Read(random, barcode, barcode, 0.04);
+        for (BarcodeScorer* scorer : {&plain_scorer, &reject_scorer, &both_scorer}) {
+            const auto results = scorer->Score(same, 2);
+            EXPECT_EQ(results[0].normalised_id, name(barcode));
+            EXPECT_FALSE(results[0].mixed);
+            reasons_once(results);
+        }
+        const std::string front_only = kit.Read(random, barcode, -1, 0.04);
+        EXPECT_EQ(reject_scorer.Score(front_only)[0].normalised_id, name(barcode));
+        EXPECT_EQ(both_scorer.Score(front_only)[0].reason, UnclassifiedReason::kOneEndOnly);
+        const auto none = reject_scorer.Score(kit.Read(random, -1, -1, 0));
+        EXPECT_EQ(none[0].reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
+        EXPECT_FALSE(none[0].mixed);
+    }
+    EXPECT_STREQ(UnclassifiedReasonText(UnclassifiedReason::kMixedBarcodes), "mixed barcodes");
+    EXPECT_STREQ(UnclassifiedReasonText(UnclassifiedReason::kOneEndOnly), "only one end");
+    EXPECT_STREQ(UnclassifiedReasonText(UnclassifiedReason::kNoBarcodeAboveMinimum), "no barcode above the minimum");
+}
+
+}  // namespace
+}  // namespace Barcoding
