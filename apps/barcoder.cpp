@@ -117,6 +117,13 @@ void Barcoder::AddApplicationOptions() {
     AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes,
                     Common::Parameters::ConfigFile);
 
+    const char* const reason_column_help =
+        "Add a last column 'barcode_unclassified_reason' to the summary: why a read was left unclassified (empty "
+        "for classified reads).";
+    AddOption<bool>("unclassified_reason_column", reason_column_help, &unclassified_reason_column, kSwitch);
+    AddOption<bool>("unclassified_reason_column", reason_column_help, &unclassified_reason_column,
+                    Common::Parameters::ConfigFile);
+
     AddOption<int>("records_per_fastq,q",
                    "Maximum number of records per fastq file, 0 means use a "
                    "single file (per run id).",
@@ -256,7 +263,7 @@ void Barcoder::CheckBothEndsRequirement() {
 }
 
 void Barcoder::PrepareRun() {
-    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes));
+    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, unclassified_reason_column));
     writer = std::make_unique<Common::BarcodeFastqWriter>(save_path, compress_fastq,
                                                           static_cast<unsigned>(records_per_fastq));
     pipeline = std::make_unique<OrderedPipeline<ReadBatch>>(BatchesInFlight(scorers.size()));
@@ -408,6 +415,8 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     std::string arrangement = "unclassified";
     float score = -std::numeric_limits<float>::infinity();
     const size_t read_bases = record.sequence.size();
+    // The scorer always returns a result; an empty list counts as nothing found.
+    auto reason = Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum;
     if (results.empty()) {
         VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
         batch.summary += NoResultRow(read_id, trimming);
@@ -425,6 +434,15 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
                                                             record.sequence, record.qstring);
         }
         AppendSummaryRow(batch.summary, read_id, best, rear_window, trimming ? &trimmed : nullptr);
+        reason = best.reason;
+        if (best.mixed) ++batch.tally.mixed;
+    }
+    const char* reason_text = arrangement == "unclassified" ? Barcoding::UnclassifiedReasonText(reason) : "";
+    if (*reason_text != '\0') ++batch.tally.unclassified_reasons[reason_text];
+    if (unclassified_reason_column) {
+        batch.summary.back() = '\t';  // the row's newline
+        batch.summary += reason_text;
+        batch.summary += '\n';
     }
     record.AppendToTitle("barcode", arrangement);
     // The barcoder files reads by arrangement alone (no pass/fail split).

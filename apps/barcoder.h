@@ -90,6 +90,7 @@ private:
     int records_per_fastq = 0;
     bool compress_fastq = false;
     bool print_kits = false;
+    bool unclassified_reason_column = false;
     std::string device;
 
     // Loaded configuration, read-only once the workers run.

@@ -107,13 +107,14 @@ void AppendRear(std::string& out, const Barcoding::BarcodeDetectResult& rear, in
 
 }  // namespace
 
-std::string SummaryHeader(bool with_trim_columns) {
+std::string SummaryHeader(bool with_trim_columns, bool with_reason_column) {
     const int count = with_trim_columns ? kColumnsWithTrim : kColumnsWithoutTrim;
     std::string header;
     for (int i = 0; i < count; ++i) {
         if (i > 0) header += '\t';
         header += kColumns[i];
     }
+    if (with_reason_column) header += "\tbarcode_unclassified_reason";
     header += '\n';
     return header;
 }

@@ -15,7 +15,9 @@ struct TrimmedBases {
 
 // The column names, tab separated, ending in a newline. The two trim columns
 // are present exactly when with_trim_columns is set, as in every row.
-std::string SummaryHeader(bool with_trim_columns);
+// With with_reason_column, a last column "barcode_unclassified_reason", which
+// the caller fills (rows here end before it).
+std::string SummaryHeader(bool with_trim_columns, bool with_reason_column = false);
 
 // Appends the row for a read classified as best to out (see SummaryRow).
 void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
