@@ -136,5 +136,6 @@ BENCHMARK_CAPTURE(BM_Batch, paths_avx2, "avx2", true);
 BENCHMARK_CAPTURE(BM_Batch, scores_generic, "generic", false);
 BENCHMARK_CAPTURE(BM_Batch, scores_sse41, "sse41", false);
 BENCHMARK_CAPTURE(BM_Batch, scores_avx2, "avx2", false);
+BENCHMARK_CAPTURE(BM_Batch, scores_avx512, "avx512", false);
 
 BENCHMARK_MAIN();
