@@ -14,12 +14,14 @@
 // few hundred kilobytes for a 96-barcode kit.
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <stdexcept>
 
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/fast_align_work.h"
+#include "pair_alignment/kernel_stats.h"
 #include "pair_alignment/simd_dispatch.h"
 
 namespace PairAlignment {
@@ -52,6 +54,16 @@ const LaneProfile<Elem>* FindProfile(const std::vector<LaneProfile<Elem>>& profi
     for (const LaneProfile<Elem>& profile : profiles)
         if (profile.block_bytes == block_bytes) return &profile;
     return nullptr;
+}
+
+// Matrix cells of one query against the whole batch, counted as the
+// benchmarks count them: (L1 + 1) * (L2 + 1) per reference, whatever the band.
+int64_t BatchCells(const ReferenceBatch& batch, int l2) {
+    int64_t cells = 0;
+    for (const ReferenceBatch::Group& group : batch.groups)
+        if (group.length > 0)
+            cells += static_cast<int64_t>(group.members.size()) * (group.length + 1) * (static_cast<int64_t>(l2) + 1);
+    return cells;
 }
 
 }  // namespace
@@ -93,6 +105,8 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
     scores.assign(batch.references.size(), ZERO_PROB_SCORE);
     const int l2 = static_cast<int>(query.size());
     if (l2 == 0) return;
+    const bool timed = KernelStatsEnabled();
+    const auto start = timed ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point{};
     Work& w = *work_;
     const SimdKernels& kernels = ActiveKernels();
     for (const ReferenceBatch::Group& group : batch.groups) {
@@ -144,6 +158,10 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         (use16 ? kernels.score_lanes16 : kernels.score_lanes32)(job);
         for (size_t k = 0; k < group.members.size(); ++k)
             scores[group.members[k]] = w.lane_scores[k];
+    }
+    if (timed) {
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        RecordKernelCall(BatchCells(batch, l2), std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count());
     }
 }
 
