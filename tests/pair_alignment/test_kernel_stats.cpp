@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,14 +99,11 @@ TEST_F(KernelStatsTest, SumsOverThreadsAndLeavesOutInterruptedCalls) {
 
 TEST_F(KernelStatsTest, SummaryLine) {
     std::thread([] { RecordKernelCall(3000000, 1000000); }).join();
-    const std::string line = KernelStatsSummary();
-    EXPECT_TRUE(std::regex_match(line, std::regex("Alignment kernel: 3000000 cells in 0\\.001 s, 3\\.00 GCUPS "
-                                                  "\\((generic|sse41|avx2|avx512)\\)")))
-        << line;
+    EXPECT_EQ(KernelStatsSummary(),
+              std::string("Alignment kernel: 3000000 cells in 0.001 s, 3.00 GCUPS (") + ActiveSimdBuild() + ")");
     std::thread([] {
         RecordKernelCall(1000, 1000);
         RecordKernelCall(1000, 9000);
     }).join();
-    EXPECT_TRUE(std::regex_search(KernelStatsSummary(), std::regex("; 1 of 3 calls left out as interrupted$")))
-        << KernelStatsSummary();
+    EXPECT_TRUE(KernelStatsSummary().ends_with("); 1 of 3 calls left out as interrupted")) << KernelStatsSummary();
 }
