@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# make bench: every micro-benchmark, then the end-to-end throughput run.
+# make bench: every micro-benchmark, the end-to-end throughput run, then the
+# alignment kernel inside the shipped binary next to its benchmark.
 set -euo pipefail
 build=${1:-build}
 cd "$(dirname "$0")/.."
@@ -11,4 +12,8 @@ done
 if [ -f benchmarks/run_e2e.sh ]; then
   echo "== end-to-end throughput"
   bash benchmarks/run_e2e.sh "$build"
+fi
+if [ -x "$build/bin/bench_fast_align" ]; then
+  echo "== alignment kernel: shipped binary vs benchmark"
+  bash benchmarks/run_kernel.sh "$build"
 fi

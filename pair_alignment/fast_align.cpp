@@ -43,6 +43,10 @@ FastAlign::FastAlign(const brim::data_wrappers::MatView<int>& matrix, std::vecto
       n_(static_cast<int>(matrix.rows())),
       work_(std::make_unique<Work>()) {
     if (band_width_ < 1) throw std::runtime_error("Band width must be positive.");
+    // The build is chosen here rather than at the first alignment, so that a
+    // bad VB_SIMD stops the program while it sets up, before any read, instead
+    // of failing every read on its own.
+    ActiveKernels();
     // Kept n x n so that every in-range (i, j) has an element; columns the
     // view lacks read as 0.
     matrix_.assign(static_cast<size_t>(n_) * n_, 0);

@@ -93,7 +93,8 @@ private:
     std::unique_ptr<Work> work_;
 };
 
-// Which build of the core routines is in use: "generic", "sse41" or "avx2".
+// Which build of the core routines is in use: "generic", "sse41", "avx2" or
+// "avx512".
 // Chosen once from the processor's features; the environment variable VB_SIMD
 // forces one (an unknown or unsupported value is an error), and so does
 // ForceSimdBuild (simd_dispatch.h) for tests and benchmarks.

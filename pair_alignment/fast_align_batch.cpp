@@ -2,17 +2,26 @@
 // the band, so they are aligned together, one vector lane each, by the score
 // kernels of simd/lane_kernel.h; the matrix lookups are prepared once per
 // reference as lane profiles, so a cell costs a few adds and maxes per block
-// of 16 (or 8) references. Scores equal FastAlign::Align's exactly: the lanes
+// of 16 to 64 references. Scores equal FastAlign::Align's exactly: the lanes
 // compute the same recurrence over the same band, and the score of a cell is
 // the maximum of its three candidates whatever the tie-break.
+//
+// A profile's layout depends on the lane block width of the build that reads
+// it, and the build may change after the batch was prepared (VB_SIMD is read
+// at the first alignment, tests force builds), so a batch holds one profile
+// per block width among the builds this processor can run: one for the 32-byte
+// builds and, with AVX-512, one for the 128-byte blocks. Both together are a
+// few hundred kilobytes for a 96-barcode kit.
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <stdexcept>
 
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/fast_align_work.h"
+#include "pair_alignment/kernel_stats.h"
 #include "pair_alignment/simd_dispatch.h"
 
 namespace PairAlignment {
@@ -20,18 +29,41 @@ namespace PairAlignment {
 namespace {
 
 template <typename Elem>
-void BuildProfile(const std::vector<std::vector<int>>& references, const std::vector<int>& members, int length,
-                  const std::vector<int>& matrix, int n, int lanes, int blocks, std::vector<Elem>& profile) {
-    profile.assign(static_cast<size_t>(blocks) * length * n * lanes, 0);
-    for (int block = 0; block < blocks; ++block)
+LaneProfile<Elem> BuildProfile(const std::vector<std::vector<int>>& references, const std::vector<int>& members,
+                               int length, const std::vector<int>& matrix, int n, int block_bytes) {
+    LaneProfile<Elem> profile;
+    profile.block_bytes = block_bytes;
+    profile.lanes = block_bytes / static_cast<int>(sizeof(Elem));
+    const int lanes = profile.lanes;
+    profile.blocks = (static_cast<int>(members.size()) + lanes - 1) / lanes;
+    profile.values.assign(static_cast<size_t>(profile.blocks) * length * n * lanes, 0);
+    for (int block = 0; block < profile.blocks; ++block)
         for (int lane = 0; lane < lanes; ++lane) {
             const size_t member = std::min<size_t>(static_cast<size_t>(block) * lanes + lane, members.size() - 1);
             const std::vector<int>& ref = references[members[member]];
             for (int i = 0; i < length; ++i)
                 for (int code = 0; code < n; ++code)
-                    profile[((static_cast<size_t>(block) * length + i) * n + code) * lanes + lane] =
+                    profile.values[((static_cast<size_t>(block) * length + i) * n + code) * lanes + lane] =
                         static_cast<Elem>(matrix[n * ref[i] + code]);
         }
+    return profile;
+}
+
+template <typename Elem>
+const LaneProfile<Elem>* FindProfile(const std::vector<LaneProfile<Elem>>& profiles, int block_bytes) {
+    for (const LaneProfile<Elem>& profile : profiles)
+        if (profile.block_bytes == block_bytes) return &profile;
+    return nullptr;
+}
+
+// Matrix cells of one query against the whole batch, counted as the
+// benchmarks count them: (L1 + 1) * (L2 + 1) per reference, whatever the band.
+int64_t BatchCells(const ReferenceBatch& batch, int l2) {
+    int64_t cells = 0;
+    for (const ReferenceBatch::Group& group : batch.groups)
+        if (group.length > 0)
+            cells += static_cast<int64_t>(group.members.size()) * (group.length + 1) * (static_cast<int64_t>(l2) + 1);
+    return cells;
 }
 
 }  // namespace
@@ -52,14 +84,12 @@ std::shared_ptr<const ReferenceBatch> FastAlign::PrepareReferences(
         group.length = static_cast<int>(length);
         group.members = std::move(members);
         if (length > 0) {
-            const int count = static_cast<int>(group.members.size());
-            group.blocks32 = (count + Core::kLanes32 - 1) / Core::kLanes32;
-            BuildProfile(references, group.members, group.length, matrix_, n_, Core::kLanes32, group.blocks32,
-                         group.profile32);
-            if (max_matrix <= Core::kLimit16) {
-                group.blocks16 = (count + Core::kLanes16 - 1) / Core::kLanes16;
-                BuildProfile(references, group.members, group.length, matrix_, n_, Core::kLanes16, group.blocks16,
-                             group.profile16);
+            for (int block_bytes : RunnableBlockBytes()) {
+                group.profiles32.push_back(
+                    BuildProfile<int32_t>(references, group.members, group.length, matrix_, n_, block_bytes));
+                if (max_matrix <= Core::kLimit16)
+                    group.profiles16.push_back(
+                        BuildProfile<int16_t>(references, group.members, group.length, matrix_, n_, block_bytes));
             }
         }
         batch->groups.push_back(std::move(group));
@@ -75,6 +105,8 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
     scores.assign(batch.references.size(), ZERO_PROB_SCORE);
     const int l2 = static_cast<int>(query.size());
     if (l2 == 0) return;
+    const bool timed = KernelStatsEnabled();
+    const auto start = timed ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point{};
     Work& w = *work_;
     const SimdKernels& kernels = ActiveKernels();
     for (const ReferenceBatch::Group& group : batch.groups) {
@@ -83,7 +115,11 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
         const bool band_steps_by_one = PrepareBand(l1, l2, EffectiveBandWidth(l1, l2, band_width_));
         const int64_t range = static_cast<int64_t>(diagonals) * max_abs_cost_;
-        const bool use16 = range <= Core::kLimit16 && !group.profile16.empty();
+        const auto* profile16 = FindProfile(group.profiles16, kernels.block_bytes);
+        const auto* profile32 = FindProfile(group.profiles32, kernels.block_bytes);
+        // Batches hold a profile for every build this processor can run.
+        if (profile32 == nullptr) throw std::logic_error("Reference batch has no lane profile for the active build.");
+        const bool use16 = range <= Core::kLimit16 && profile16 != nullptr;
         if ((!use16 && range > Core::kLimit32) || !band_steps_by_one) {
             // Scores too large for 32-bit lanes with a safe sentinel (or a band
             // the kernels cannot walk): one by one.
@@ -105,15 +141,15 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         const size_t row_blocks = 3 * (static_cast<size_t>(l2) + 3);
         int lanes = 0;
         if (use16) {
-            lanes = Core::kLanes16;
-            job.blocks = group.blocks16;
-            job.profile = group.profile16.data();
+            lanes = profile16->lanes;
+            job.blocks = profile16->blocks;
+            job.profile = profile16->values.data();
             w.lane_rows16.resize(row_blocks * lanes);
             job.rows = w.lane_rows16.data();
         } else {
-            lanes = Core::kLanes32;
-            job.blocks = group.blocks32;
-            job.profile = group.profile32.data();
+            lanes = profile32->lanes;
+            job.blocks = profile32->blocks;
+            job.profile = profile32->values.data();
             w.lane_rows32.resize(row_blocks * lanes);
             job.rows = w.lane_rows32.data();
         }
@@ -122,6 +158,10 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         (use16 ? kernels.score_lanes16 : kernels.score_lanes32)(job);
         for (size_t k = 0; k < group.members.size(); ++k)
             scores[group.members[k]] = w.lane_scores[k];
+    }
+    if (timed) {
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        RecordKernelCall(BatchCells(batch, l2), std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count());
     }
 }
 

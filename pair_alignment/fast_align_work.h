@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "pair_alignment/aligned_vector.h"
 #include "pair_alignment/fast_align.h"
 
 namespace PairAlignment {
@@ -25,10 +26,22 @@ struct FastAlign::Work {
     std::vector<int> right_cost;
     std::vector<int16_t> up_cost16;
     std::vector<int16_t> right_cost16;
-    std::vector<int16_t> lane_rows16;  // batch kernels' score rows
-    std::vector<int32_t> lane_rows32;
+    AlignedVector<int16_t> lane_rows16;  // batch kernels' score rows
+    AlignedVector<int32_t> lane_rows32;
     std::vector<int> lane_scores;
     Path scratch_path;
+};
+
+// Query-independent lane profile of one group for one lane block width: for
+// block b, reference position i and query code c, the lane block of
+// M(reference[i], c) at ((b * length + i) * n + c) * lanes. Lanes past the
+// last member repeat it.
+template <typename Elem>
+struct LaneProfile {
+    int block_bytes = 0;
+    int lanes = 0;
+    int blocks = 0;
+    AlignedVector<Elem> values;
 };
 
 struct ReferenceBatch {
@@ -37,14 +50,11 @@ struct ReferenceBatch {
     struct Group {
         int length = 0;
         std::vector<int> members;  // reference indices in lane order
-        // Query-independent lane profiles: for block b, reference position i
-        // and query code c, the lane block of M(reference[i], c) at
-        // ((b * length + i) * n + c) * lanes. Lanes past the last member repeat
-        // it. profile16 is empty when the matrix does not fit 16 bits.
-        std::vector<int16_t> profile16;
-        std::vector<int32_t> profile32;
-        int blocks16 = 0;
-        int blocks32 = 0;
+        // One profile per block width among the builds this processor can
+        // run, so that the batch serves whichever is active. profiles16 is
+        // empty when the matrix does not fit 16 bits.
+        std::vector<LaneProfile<int16_t>> profiles16;
+        std::vector<LaneProfile<int32_t>> profiles32;
     };
     std::vector<int> matrix;  // of the aligner that prepared the batch
     std::vector<std::vector<int>> references;

@@ -12,6 +12,7 @@ namespace {
 
 struct Lanes16 {
     using Elem = int16_t;
+    static constexpr int kLanes = kNarrowBlockBytes / sizeof(Elem);
     using T = __m256i;
     static T Load(const Elem* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
     static void Store(Elem* p, T a) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a); }
@@ -22,6 +23,7 @@ struct Lanes16 {
 
 struct Lanes32 {
     using Elem = int32_t;
+    static constexpr int kLanes = kNarrowBlockBytes / sizeof(Elem);
     using T = __m256i;
     static T Load(const Elem* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
     static void Store(Elem* p, T a) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a); }

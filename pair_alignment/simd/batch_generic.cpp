@@ -10,29 +10,29 @@
 namespace PairAlignment::Core {
 namespace {
 
-// One 32-byte block of lanes as a plain array. Adds saturate to the element's
+// One narrow block of lanes as a plain array. Adds saturate to the element's
 // range like the vector builds' 16-bit adds, so the sentinel stays at the
 // bottom instead of wrapping; 32-bit jobs never come near the limits.
 template <typename E>
 struct ScalarLanes {
     using Elem = E;
-    static constexpr int kCount = 32 / sizeof(E);
+    static constexpr int kLanes = kNarrowBlockBytes / sizeof(E);
     struct T {
-        E v[kCount];
+        E v[kLanes];
     };
     static T Load(const Elem* p) {
         T r;
-        for (int k = 0; k < kCount; ++k)
+        for (int k = 0; k < kLanes; ++k)
             r.v[k] = p[k];
         return r;
     }
     static void Store(Elem* p, const T& a) {
-        for (int k = 0; k < kCount; ++k)
+        for (int k = 0; k < kLanes; ++k)
             p[k] = a.v[k];
     }
     static T Add(const T& a, const T& b) {
         T r;
-        for (int k = 0; k < kCount; ++k) {
+        for (int k = 0; k < kLanes; ++k) {
             const int64_t sum = int64_t{a.v[k]} + b.v[k];
             r.v[k] =
                 static_cast<E>(std::clamp<int64_t>(sum, std::numeric_limits<E>::min(), std::numeric_limits<E>::max()));
@@ -41,13 +41,13 @@ struct ScalarLanes {
     }
     static T Max(const T& a, const T& b) {
         T r;
-        for (int k = 0; k < kCount; ++k)
+        for (int k = 0; k < kLanes; ++k)
             r.v[k] = a.v[k] > b.v[k] ? a.v[k] : b.v[k];
         return r;
     }
     static T Set1(int x) {
         T r;
-        for (int k = 0; k < kCount; ++k)
+        for (int k = 0; k < kLanes; ++k)
             r.v[k] = static_cast<E>(x);
         return r;
     }

@@ -12,6 +12,7 @@ namespace {
 
 struct Lanes16 {
     using Elem = int16_t;
+    static constexpr int kLanes = kNarrowBlockBytes / sizeof(Elem);
     struct T {
         __m128i lo, hi;
     };
@@ -33,6 +34,7 @@ struct Lanes16 {
 
 struct Lanes32 {
     using Elem = int32_t;
+    static constexpr int kLanes = kNarrowBlockBytes / sizeof(Elem);
     struct T {
         __m128i lo, hi;
     };

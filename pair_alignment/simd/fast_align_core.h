@@ -60,11 +60,14 @@ int FillBandSse41(const BandJob& job);
 int FillBandAvx2(const BandJob& job);
 
 // Many references of one length l1 against one query, one lane per reference,
-// scores only. Lanes come in blocks of 32 bytes: 16 lanes of int16_t or 8 of
-// int32_t. profile holds, per block, for reference position i and query code b,
-// the block of matrix scores M(reference_lane[i], b) at ((i * n) + b) * lanes.
-// The caller guarantees that no score of the band comes near the lane type's
-// range (see fast_align.cpp), so the kernels need no overflow checks.
+// scores only. Lanes come in blocks of the build's block width: 32 bytes (16
+// lanes of int16_t or 8 of int32_t) for the generic, SSE4.1 and AVX2 builds,
+// 128 bytes (64 or 32 lanes, two registers) for AVX-512. profile holds, per
+// block, for reference position i and query code b, the block of matrix
+// scores M(reference_lane[i], b) at ((i * n) + b) * lanes. profile and rows
+// start on a 64-byte boundary. The caller guarantees that no score of the band
+// comes near the lane type's range (see fast_align.cpp), so the kernels need
+// no overflow checks.
 struct LaneJob {
     int l1 = 0, l2 = 0, n = 0;
     const int* query = nullptr;  // l2 codes
@@ -77,8 +80,8 @@ struct LaneJob {
     int* scores = nullptr;  // blocks * lanes results
 };
 using ScoreLanesFn = void (*)(const LaneJob&);
-constexpr int kLanes16 = 16;
-constexpr int kLanes32 = 8;
+constexpr int kNarrowBlockBytes = 32;
+constexpr int kWideBlockBytes = 128;
 // The impossible score of each lane type. A kernel may be used only when
 // (l1 + l2 + 1) * (largest |matrix element| or |gap cost|) is at most the
 // limit: then every band score lies within (l1 + l2) * that cost of zero, and
@@ -90,8 +93,10 @@ constexpr long long kLimit32 = 500000000;
 void ScoreLanes16Generic(const LaneJob& job);
 void ScoreLanes16Sse41(const LaneJob& job);
 void ScoreLanes16Avx2(const LaneJob& job);
+void ScoreLanes16Avx512(const LaneJob& job);
 void ScoreLanes32Generic(const LaneJob& job);
 void ScoreLanes32Sse41(const LaneJob& job);
 void ScoreLanes32Avx2(const LaneJob& job);
+void ScoreLanes32Avx512(const LaneJob& job);
 
 }  // namespace PairAlignment::Core

@@ -3,9 +3,12 @@
 // instantiated by each build with its own B (declared in that build's
 // anonymous namespace, so every instantiation stays private to its object).
 //
-// B provides: type T (one 32-byte block of lanes), type Elem (lane element),
-// Load(const Elem*), Store(Elem*, T), Add(T, T) (saturating for 16-bit lanes),
-// Max(T, T), Set1(int).
+// B provides: kLanes (lanes per block), type T (one block of lanes: one or more
+// registers), type Elem (lane element), Load(const Elem*), Store(Elem*, T),
+// Add(T, T) (saturating for 16-bit lanes), Max(T, T), Set1(int). The block
+// width is the build's choice: wider blocks share each cell's address and
+// query work among more lanes, and the caller lays profiles out to match
+// (LaneJob).
 //
 // Rows are indexed by slot j + 1 for query index j, with guard slots on both
 // sides. After each diagonal the slots just outside its band are set to the
@@ -30,7 +33,8 @@ template <class B>
 void ScoreLanes(const LaneJob& job, int sentinel) {
     using T = typename B::T;
     using Elem = typename B::Elem;
-    constexpr int lanes = 32 / sizeof(Elem);
+    constexpr int lanes = B::kLanes;
+    static_assert(sizeof(T) == lanes * sizeof(Elem), "a lane block is exactly kLanes elements");
     const int l1 = job.l1;
     const int l2 = job.l2;
     const int n = job.n;
@@ -100,7 +104,7 @@ void ScoreLanes(const LaneJob& job, int sentinel) {
             cur = spare;
         }
         // prev holds diagonal l1 + l2, whose only cell is (l1, l2).
-        alignas(32) Elem last_scores[lanes];
+        alignas(64) Elem last_scores[lanes];
         B::Store(last_scores, B::Load(prev + (l2 + 1) * lanes));
         for (int k = 0; k < lanes; ++k)
             job.scores[block * lanes + k] = last_scores[k];

@@ -1,0 +1,82 @@
+// AVX-512BW build of the many-reference score kernel. A lane block is two
+// 512-bit registers (64 lanes of int16_t, 32 of int32_t): each cell's query
+// code, profile address and loop step are then shared by twice as many lanes
+// as with one register. That measured about 20 % faster than one-register
+// blocks even for 48 references, where a quarter of the 64 lanes idle; four
+// registers ran out of registers and were slower than one.
+
+#include <immintrin.h>
+
+#include <cstdint>
+
+#include "pair_alignment/simd/lane_kernel.h"
+
+namespace PairAlignment::Core {
+namespace {
+
+constexpr int kRegisters = kWideBlockBytes / 64;
+
+template <typename E>
+struct WideLanes {
+    using Elem = E;
+    static constexpr int kLanes = kWideBlockBytes / sizeof(Elem);
+    static constexpr int kPerRegister = 64 / sizeof(Elem);
+    struct T {
+        __m512i r[kRegisters];
+    };
+    static T Load(const Elem* p) {
+        T a;
+        for (int k = 0; k < kRegisters; ++k)
+            a.r[k] = _mm512_loadu_si512(p + k * kPerRegister);
+        return a;
+    }
+    static void Store(Elem* p, const T& a) {
+        for (int k = 0; k < kRegisters; ++k)
+            _mm512_storeu_si512(p + k * kPerRegister, a.r[k]);
+    }
+    static T Add(const T& a, const T& b) {
+        T c;
+        for (int k = 0; k < kRegisters; ++k) {
+            if constexpr (sizeof(Elem) == 2)
+                c.r[k] = _mm512_adds_epi16(a.r[k], b.r[k]);
+            else
+                c.r[k] = _mm512_add_epi32(a.r[k], b.r[k]);
+        }
+        return c;
+    }
+    static T Max(const T& a, const T& b) {
+        T c;
+        for (int k = 0; k < kRegisters; ++k) {
+            // With every lane selected the zero-masking form is plain vpmaxsd;
+            // unlike _mm512_max_epi32 it does not trip GCC 12's false
+            // maybe-uninitialized warning.
+            if constexpr (sizeof(Elem) == 2)
+                c.r[k] = _mm512_max_epi16(a.r[k], b.r[k]);
+            else
+                c.r[k] = _mm512_maskz_max_epi32(static_cast<__mmask16>(0xffff), a.r[k], b.r[k]);
+        }
+        return c;
+    }
+    static T Set1(int x) {
+        __m512i v;
+        if constexpr (sizeof(Elem) == 2)
+            v = _mm512_set1_epi16(static_cast<int16_t>(x));
+        else
+            v = _mm512_set1_epi32(x);
+        T a;
+        for (int k = 0; k < kRegisters; ++k)
+            a.r[k] = v;
+        return a;
+    }
+};
+
+}  // namespace
+
+void ScoreLanes16Avx512(const LaneJob& job) {
+    ScoreLanes<WideLanes<int16_t>>(job, kSentinel16);
+}
+void ScoreLanes32Avx512(const LaneJob& job) {
+    ScoreLanes<WideLanes<int32_t>>(job, kSentinel32);
+}
+
+}  // namespace PairAlignment::Core
