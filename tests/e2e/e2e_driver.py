@@ -502,6 +502,68 @@ def case_both_ends_required(ctx):
           in result.stdout, "single-barcode configuration message missing")
 
 
+def read_truth_kinds(path):
+    """read id -> (kind, front, rear) from the simulator's truth table."""
+    kinds = {}
+    with open(path) as handle:
+        columns = handle.readline().rstrip("\n").split("\t")
+        for line in handle:
+            row = dict(zip(columns, line.rstrip("\n").split("\t")))
+            kinds[row["read_id"]] = (row["kind"], row["front"], row["rear"])
+    return kinds
+
+
+def case_mixed_barcodes(ctx):
+    records, _ = ctx.simulate("mixed", 800, 23)
+    kinds = read_truth_kinds(ctx.path("sim_mixed", "truth.tsv"))
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    ctx.run(barcoder_args("in", "plain", "--unclassified_reason_column"))
+    ctx.run(barcoder_args("in", "strict", "--reject_mixed_barcodes", "--unclassified_reason_column"))
+    _, plain = read_summary(ctx.path("plain", SUMMARY), 19)
+    _, strict = read_summary(ctx.path("strict", SUMMARY), 19)
+    chimeras = [rid for rid, kind in kinds.items() if kind[0] == "chimera"]
+    check(len(chimeras) >= 20, f"only {len(chimeras)} chimeras simulated")
+    for rid in chimeras:
+        # Without the switch a chimera goes to one of its two barcodes, as before.
+        check(plain[rid][1] in kinds[rid][1:], f"chimera {rid} called {plain[rid][1]} without the switch")
+    rejected = [rid for rid in chimeras if strict[rid][18] == "mixed barcodes"]
+    check(len(rejected) >= 0.9 * len(chimeras), f"only {len(rejected)} of {len(chimeras)} chimeras rejected")
+    for rid in rejected:
+        check(strict[rid][1] == "unclassified", f"{rid} has a reason but is classified")
+    for rid, row in strict.items():
+        if kinds[rid][0] in ("double", "front"):
+            check(row[1] == plain[rid][1], f"the switch changed the call of {kinds[rid][0]} read {rid}")
+        # A reason exactly for the unclassified rows.
+        check((row[1] == "unclassified") == (row[18] != ""), f"{rid}: reason '{row[18]}' for {row[1]}")
+    # Each read counted once, per reason, adding up to the unclassified total.
+    log = "".join(open(os.path.join(ctx.path("strict"), name)).read() for name in os.listdir(ctx.path("strict"))
+                  if name.endswith(".log"))
+    reasons = collections.Counter(row[18] for row in strict.values() if row[18])
+    for reason, count in reasons.items():
+        check(f"unclassified, {reason}: {count}" in log, f"report lacks '{reason}: {count}'")
+    unclassified = sum(1 for row in strict.values() if row[1] == "unclassified")
+    check(sum(reasons.values()) == unclassified, "reasons do not add up to the unclassified reads")
+    check(f"Mixed barcodes: {len(rejected)}." in log, "mixed reads not counted in the report")
+
+
+def case_simd_builds_agree(ctx):
+    records, _ = ctx.simulate("simd", 300, 24)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    with open("/proc/cpuinfo") as handle:
+        flags = handle.read()
+    builds = ["generic", "sse41", "avx2"] + (["avx512"] if " avx512bw" in flags and " avx512vl" in flags else [])
+    trees = {}
+    for build in builds:
+        env = dict(os.environ, VB_SIMD=build)
+        save = "out_" + build
+        result = subprocess.run([ctx.binary] + barcoder_args("in", save, "-t", "2", "--compress_fastq"),
+                                cwd=ctx.work, capture_output=True, text=True, env=env, timeout=100)
+        check(result.returncode == 0, f"VB_SIMD={build}: status {result.returncode}\n{result.stdout[-2000:]}")
+        trees[build] = tree_bytes(ctx.path(save))
+    for build in builds[1:]:
+        check(trees[build] == trees["generic"], f"output with VB_SIMD={build} differs from the generic build's")
+
+
 def case_unknown_kit(ctx):
     records, _ = ctx.simulate("kit", 10, 21)
     split_into_files(ctx.path("in"), records, ["a.fastq"])
