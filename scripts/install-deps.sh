@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need. Idempotent: when
 # everything is already there it only checks and says nothing.
+#   scripts/install-deps.sh              what the build and the tests need
+#   scripts/install-deps.sh --optional   also the tools some tests use when
+#                                        present (samtools: the BAM tests)
 set -euo pipefail
 
 packages=(
   build-essential cmake ccache pkg-config python3 gzip
-  zlib1g-dev
+  zlib1g-dev libhts-dev
   libboost-program-options-dev libboost-filesystem-dev libboost-iostreams-dev
   libboost-log-dev libboost-thread-dev libboost-date-time-dev libboost-regex-dev
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
+optional=(samtools)
+if [ "${1:-}" = "--optional" ]; then
+  packages+=("${optional[@]}")
+fi
 
 missing=()
 for p in "${packages[@]}"; do
