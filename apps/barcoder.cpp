@@ -461,7 +461,8 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
                             const std::string* tags, ReadBatch& batch) {
     const std::string run_id = record.GetRunId();
-    if (!UsableRunId(run_id)) throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
+    if (!UsableRunId(run_id))
+        throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
     const std::string read_id = record.GetReadId();
     // Checked before anything of the read is in the batch.
     if (bam_output && !Common::ValidBamReadName(read_id))
@@ -587,8 +588,8 @@ void Barcoder::ReportRun(double seconds) {
     if (quiet && (tally.dropped + tally.failed + tally.files_ended_early + tally.files_failed) > 0) {
         std::cerr << "Warning: " << tally.dropped << " reads without a run id and " << tally.failed
                   << " reads that failed were not written; " << tally.files_ended_early
-                  << " input files ended early and " << tally.files_failed << " could not be read. See the log in "
-                  << save_path << "." << std::endl;
+                  << " input files ended early and " << tally.files_failed
+                  << " could not be read. See the log in " << save_path << "." << std::endl;
     }
 }
 

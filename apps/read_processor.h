@@ -110,8 +110,8 @@ protected:
     std::string input_path;
     std::string save_path;
     std::vector<std::string> trace_categories_logs;
-    std::string config_file_used;     // resolved configuration file path
-    bool verbose_enabled = false;     // verbose_logger accepts verbose records (cached once)
+    std::string config_file_used;  // resolved configuration file path
+    bool verbose_enabled = false;  // verbose_logger accepts verbose records (cached once)
     Common::OutputFile summary_file;  // the run's summary, opened (emptied) by Run
     uint64_t input_files_found = 0;
     std::unique_ptr<ProgressDisplay> progress;

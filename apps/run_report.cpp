@@ -123,7 +123,8 @@ std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) 
             "Secondary and supplementary records skipped (not reads of their own): %llu.", U(tally.records_skipped)));
     const uint64_t taken = written + tally.dropped + tally.failed;
     const double rate = seconds > 0 ? taken / seconds : 0.0;
-    lines.push_back(Common::FormatString("Throughput: %.0f reads/s (%llu reads in %.3f s).", rate, U(taken), seconds));
+    lines.push_back(
+        Common::FormatString("Throughput: %.0f reads/s (%llu reads in %.3f s).", rate, U(taken), seconds));
     return lines;
 }
 

@@ -68,10 +68,12 @@ std::unordered_map<std::string, std::string> PlatformUnits(sam_hdr_t* header) {
 struct HtsInput {
     samFile* file = nullptr;
     sam_hdr_t* header = nullptr;
+    bool truncated = false;  // a BAM or CRAM file without its end-of-file marker
 
     HtsInput(const std::string& path, int threads) {
         file = sam_open(path.c_str(), "r");
         if (file == nullptr) throw std::runtime_error("Could not open input file '" + path + "'");
+        truncated = hts_check_EOF(file) == 0;
         if (threads > 0) hts_set_threads(file, threads);
         header = sam_hdr_read(file);
         if (header == nullptr) {
@@ -144,7 +146,11 @@ void BamIterable::ReadNext() {
     for (;;) {
         const int status = sam_read1(hts_->file, hts_->header, hts_->record);
         if (status == -1) {
-            Stop("");
+            // A file cut at a block boundary reads to a clean end; only the
+            // missing marker tells that records are lost.
+            Stop(hts_->truncated
+                     ? "no end-of-file marker after record " + std::to_string(records_) + ": the file is truncated"
+                     : "");
             return;
         }
         if (status < -1) {
