@@ -12,3 +12,7 @@ if [ -f benchmarks/run_e2e.sh ]; then
   echo "== end-to-end throughput"
   bash benchmarks/run_e2e.sh "$build"
 fi
+if command -v samtools > /dev/null; then
+  echo "== BAM against gzip FASTQ"
+  bash benchmarks/run_bam.sh "$build"
+fi
