@@ -43,51 +43,34 @@ std::string RandomText(std::mt19937& rng, size_t length) {
     return text;
 }
 
+// Every value type: fixed sizes with random bytes, text and hex ended by NUL,
+// arrays of each element type.
 Field RandomField(std::mt19937& rng) {
     static const char* const kTags[] = {"ar", "CO", "MM", "ML", "OQ", "NM", "ri", "RG", "xy", "Zq"};
-    Field field{kTags[rng() % 10], 'Z', ""};
-    static const char kTypes[] = "AcCsSiIfZHB";
-    field.type = kTypes[rng() % 11];
+    static const std::string kTypes = "AcCsSiIfZHB";
+    static const size_t kSizes[] = {1, 1, 1, 2, 2, 4, 4, 4};
     auto bytes = [&](size_t n) {
         std::string value;
         for (size_t i = 0; i < n; ++i)
             value += static_cast<char>(rng() % 256);
         return value;
     };
-    switch (field.type) {
-        case 'A':
-            field.value = std::string(1, static_cast<char>('!' + rng() % 94));
-            break;
-        case 'c':
-        case 'C':
-            field.value = bytes(1);
-            break;
-        case 's':
-        case 'S':
-            field.value = bytes(2);
-            break;
-        case 'i':
-        case 'I':
-        case 'f':
-            field.value = bytes(4);
-            break;
-        case 'Z':
-            field.value = RandomText(rng, rng() % 12) + '\0';
-            break;
-        case 'H':
-            for (size_t i = rng() % 6; i > 0; --i)
-                field.value += "0123456789ABCDEF"[rng() % 16];
-            field.value += '\0';
-            break;
-        default: {
-            static const char kElements[] = "cCsSiIf";
-            static const size_t kSizes[] = {1, 1, 2, 2, 4, 4, 4};
-            const size_t which = rng() % 7;
-            const uint32_t count = rng() % 5;
-            field.value = std::string(1, kElements[which]);
-            field.value.append(reinterpret_cast<const char*>(&count), 4);
-            field.value += bytes(count * kSizes[which]);
-        }
+    Field field{kTags[rng() % 10], kTypes[rng() % kTypes.size()], ""};
+    const size_t type = kTypes.find(field.type);
+    if (type < 8) {
+        field.value = field.type == 'A' ? RandomText(rng, 1) : bytes(kSizes[type]);
+    } else if (field.type == 'Z') {
+        field.value = RandomText(rng, rng() % 12) + '\0';
+    } else if (field.type == 'H') {
+        for (size_t i = rng() % 6; i > 0; --i)
+            field.value += "0123456789ABCDEF"[rng() % 16];
+        field.value += '\0';
+    } else {
+        const size_t element = 1 + rng() % 7;  // "cCsSiIf"
+        const uint32_t count = rng() % 5;
+        field.value = std::string(1, kTypes[element]);
+        field.value.append(reinterpret_cast<const char*>(&count), 4);
+        field.value += bytes(count * kSizes[element]);
     }
     return field;
 }

@@ -448,24 +448,16 @@ def case_sample_sheet_errors(ctx):
     os.makedirs(ctx.path("out"))
     with open(ctx.path("out", SUMMARY), "w") as handle:
         handle.write("earlier run\n")
+    # Each check's message is pinned by the unit tests; here: the status, the
+    # file and line named on both channels, nothing written.
     head = "arrangement\tsample\n"
     cases = [
         ("", "Sample sheet 'bad.tsv' is empty: it needs a header line."),
-        (head, "Sample sheet 'bad.tsv' lists no samples."),
-        ("arrangement\tname\nbarcode01\tA\n", "Sample sheet 'bad.tsv', line 1: the header must name the columns "
-                                              "'arrangement' and 'sample' (tab separated)."),
         (head + "barcode01\tA\nbarcode01\tB\n",
          "Sample sheet 'bad.tsv', line 3: the arrangement 'barcode01' is already listed on line 2."),
         (head + "barcode01\tA\nbarcode77\tB\n",
          "Sample sheet 'bad.tsv', line 3: 'barcode77' is not an arrangement of the selected kits."),
-        (head + "barcode01\t..\n", "Sample sheet 'bad.tsv', line 2: the sample name '..' is not a folder name."),
         (head + "barcode01\ta/b\n", "Sample sheet 'bad.tsv', line 2: the sample name 'a/b' contains '/'."),
-        (head + "barcode01\tunclassified\n",
-         "Sample sheet 'bad.tsv', line 2: the sample name 'unclassified' is reserved for other output."),
-        (head + "barcode01\tA\x07\n",
-         "Sample sheet 'bad.tsv', line 2: the sample name 'A\x07' contains a control character."),
-        (head + "barcode01\tmouse\nbarcode02\tMouse\n",
-         "Sample sheet 'bad.tsv', line 3: the sample name 'Mouse' differs from 'mouse' (line 2) only in letter case"),
     ]
     for text, message in cases:
         write_sheet(ctx, "bad.tsv", text)
