@@ -220,8 +220,7 @@ TEST(RunReport, ReadsPerSampleAndSkippedRecords) {
     EXPECT_NE(text.find("  Kidney                0    0.00%\n", table), std::string::npos) << text;
     EXPECT_LT(text.find("zebra", table), text.find("unclassified", table));
     EXPECT_NE(text.find("  unclassified, not in sample sheet: 10"), std::string::npos) << text;
-    EXPECT_NE(text.find("Secondary and supplementary records skipped (not reads of their own): 4."),
-              std::string::npos);
+    EXPECT_NE(text.find("Secondary and supplementary records skipped (not reads of their own): 4."), std::string::npos);
 }
 
 }  // namespace

@@ -225,12 +225,12 @@ TEST_F(ReadProcessorTest, AlignmentFilesHandTheirTagsOver) {
     EXPECT_EQ(p.reads, (std::vector<std::string>{"f1", "s1", "s3"}));
     EXPECT_EQ(p.tags, (std::vector<std::string>{std::string("xyC\x07", 4), ""}));
     ASSERT_EQ(p.ends.size(), 2u);
-    const auto& sam = p.ends[0].path.size() > 4 && p.ends[0].path.substr(p.ends[0].path.size() - 4) == ".sam"
-                          ? p.ends[0]
-                          : p.ends[1];
-    EXPECT_EQ(sam.reads, 2u);
-    EXPECT_EQ(sam.skipped, 2u);
-    EXPECT_TRUE(sam.error.empty()) << sam.error;
+    const auto sam =
+        std::find_if(p.ends.begin(), p.ends.end(), [](const auto& end) { return end.path.ends_with(".sam"); });
+    ASSERT_NE(sam, p.ends.end());
+    EXPECT_EQ(sam->reads, 2u);
+    EXPECT_EQ(sam->skipped, 2u);
+    EXPECT_TRUE(sam->error.empty()) << sam->error;
 }
 
 TEST_F(ReadProcessorTest, ThreadedLoopProcessesEveryReadOnce) {
