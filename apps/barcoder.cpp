@@ -6,6 +6,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +16,9 @@
 #include "apps/summary_row.h"
 #include "barcoding/barcode_manager.h"
 #include "barcoding/barcode_scorer.h"
+#include "common/bam_header.h"
+#include "common/bam_reader.h"
+#include "common/bam_record.h"
 #include "common/barcode_trimmer.h"
 #include "common/fastq_record.h"
 #include "common/fastq_writer.h"
@@ -41,6 +45,9 @@ constexpr size_t kBatchReads = 4096;
 size_t BatchesInFlight(size_t workers) {
     return 2 * workers + 2;
 }
+
+const char* const kUnclassified = "unclassified";
+const char* const kNotInSampleSheet = "not in sample sheet";
 
 const char* SignalName(int sig) {
     return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal";
@@ -129,6 +136,14 @@ void Barcoder::AddApplicationOptions() {
                    "single file (per run id).",
                    &records_per_fastq, kValue);
     AddOption<bool>("compress_fastq", "Compress fastq output files with gzip.", &compress_fastq, kSwitch);
+    AddOption<std::string>("output_format",
+                           "Output files as 'fastq' (default) or 'bam' (unaligned BAM, input tags kept, "
+                           "the arrangement in tag ar).",
+                           &output_format, kValue);
+    AddOption<std::string>("sample_sheet",
+                           "Tab-separated file with the columns 'arrangement' and 'sample': reads are filed "
+                           "by sample, reads of arrangements it does not list as unclassified.",
+                           &sample_sheet_path, kValue);
     AddOption<bool>("print_kits", "Output all available barcoding kits.", &print_kits, kSwitch);
     AddOption<std::string>("device,x",
                            "Specify GPU device to accelerate barcode detection: "
@@ -214,12 +229,17 @@ void Barcoder::PrepareConfiguration() {
         if (records_per_fastq < 0) {
             throw std::runtime_error("Invalid number of records per fastq file: " + std::to_string(records_per_fastq));
         }
+        if (output_format != "fastq" && output_format != "bam") {
+            throw std::runtime_error("Unknown output format '" + output_format + "': use fastq or bam");
+        }
+        bam_output = output_format == "bam";
         manager = std::make_shared<Barcoding::BarcodeManager>(
             Barcoding::BarcodeManager::SplitArrangementFiles(scorer_options.arrangements_files), data_path);
         // Selecting once up front turns an unknown kit into a run error rather
         // than a failure of every read, and fills the manager's cache.
         manager->GetArrangements(scorer_options.barcode_kits);
         CheckBothEndsRequirement();
+        LoadSamples();
         const auto matrix = PairAlignment::LoadMismatchMatrix(
             Barcoding::ResolveDataFile(scorer_options.score_matrix_filename, data_path));
         for (int i = 0; i < worker_threads; ++i) {
@@ -240,6 +260,21 @@ void Barcoder::LogSettings() {
     VB_LOG(logger, Common::Severity::info) << "min. score front: " << scorer_options.min_score;
     VB_LOG(logger, Common::Severity::info) << "min. score rear: " << scorer_options.min_score_rear_override;
     if (!device.empty()) VB_LOG(logger, Common::Severity::info) << "gpu device: " << device;
+    if (output_format != "fastq") VB_LOG(logger, Common::Severity::info) << "output format: " << output_format;
+    if (!sample_sheet_path.empty()) VB_LOG(logger, Common::Severity::info) << "sample sheet: " << sample_sheet_path;
+}
+
+// Reads go to folders named by sample; the sheet may only name arrangements
+// the selected kits can report.
+void Barcoder::LoadSamples() {
+    if (sample_sheet_path.empty()) return;
+    std::set<std::string> known;
+    for (const auto& arrangement : manager->GetArrangements(scorer_options.barcode_kits))
+        known.insert(arrangement.normalised_id);
+    sample_sheet = LoadSampleSheet(sample_sheet_path, known, {kUnclassified, GetSummaryFileName()});
+    // Every sample shows in the report, also one that gets no reads.
+    for (const auto& sample : sample_sheet->samples)
+        tally.samples[sample] = 0;
 }
 
 void Barcoder::CheckBothEndsRequirement() {
@@ -263,15 +298,19 @@ void Barcoder::CheckBothEndsRequirement() {
 }
 
 void Barcoder::PrepareRun() {
-    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, unclassified_reason_column));
-    writer = std::make_unique<Common::BarcodeFastqWriter>(save_path, compress_fastq,
-                                                          static_cast<unsigned>(records_per_fastq));
+    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
+    Common::FastqWriterOptions options;
+    options.compress = compress_fastq;
+    options.records_per_fastq = static_cast<unsigned>(records_per_fastq);
+    options.format = bam_output ? Common::OutputFormat::bam : Common::OutputFormat::fastq;
+    writer = std::make_unique<Common::BarcodeFastqWriter>(std::vector<std::string>{save_path}, options);
     pipeline = std::make_unique<OrderedPipeline<ReadBatch>>(BatchesInFlight(scorers.size()));
     pending = std::make_unique<ReadBatch>();
     BarcoderWorker::Settings settings;
     settings.detailed_results = detailed_results;
-    settings.compress = compress_fastq;
-    settings.keep_text = compress_fastq && records_per_fastq > 0;
+    settings.compress = compress_fastq || bam_output;
+    settings.bam = bam_output;
+    settings.keep_text = settings.compress && records_per_fastq > 0;
     try {
         for (auto& scorer : scorers) {
             workers.push_back(std::make_unique<BarcoderWorker>(*this, *pipeline, scorer, settings));
@@ -284,6 +323,24 @@ void Barcoder::PrepareRun() {
         FailRun(error.what());
     }
     run_start = std::chrono::steady_clock::now();
+}
+
+// The BAM header needs the read groups of every input before the first output
+// file is created, so the inputs' headers are read now.
+void Barcoder::OnInputFilesFound(const std::vector<std::string>& files) {
+    if (!bam_output) return;
+    std::vector<std::string> read_groups;
+    for (const auto& file : files) {
+        if (!Common::IsBamFileName(file)) continue;
+        try {
+            for (const auto& warning : Common::MergeReadGroups(read_groups, Common::ReadGroupLines(file), file))
+                VB_LOG(logger, Common::Severity::warning) << warning;
+        } catch (const std::exception&) {
+            // Reported when the file is read in its turn.
+        }
+    }
+    writer->SetFileHeader(
+        Common::EncodeBamHeader(Common::BamHeaderText(read_groups, VB_VERSION, Common::ProcessCommandLine())));
 }
 
 // The writer keeps one series of files per arrangement folder and run id for
@@ -305,6 +362,16 @@ int Barcoder::SubmitRead(Common::FastQRecord&& record) {
     if (!pipeline || pipeline->Stopped()) return 0;
     pending->bases += record.sequence.size();
     pending->reads.push_back(std::move(record));
+    pending->tags.emplace_back();
+    if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
+    return pipeline->Stopped() ? 0 : 1;
+}
+
+int Barcoder::SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) {
+    if (!pipeline || pipeline->Stopped()) return 0;
+    pending->bases += record.sequence.size();
+    pending->reads.push_back(std::move(record));
+    pending->tags.emplace_back(std::move(tags));
     if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
     return pipeline->Stopped() ? 0 : 1;
 }
@@ -384,6 +451,7 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
     }
     tally.Add(batch.tally);
     for (const auto& end : batch.file_ends) {
+        tally.records_skipped += end.skipped;
         if (end.failed) {
             ++tally.files_failed;
         } else {
@@ -395,11 +463,15 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
 }
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                            ReadBatch& batch) {
+                            const std::string* tags, ReadBatch& batch) {
     const std::string run_id = record.GetRunId();
     // A run id names output files, so it must be one harmless file-name component.
-    if (!Common::IsUsableFileNameComponent(run_id)) throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
+    if (!Common::IsUsableFileNameComponent(run_id))
+        throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
     const std::string read_id = record.GetReadId();
+    // Checked before anything of the read is in the batch.
+    if (bam_output && !Common::ValidBamReadName(read_id))
+        throw std::runtime_error("the read id '" + read_id + "' cannot be a BAM read name");
 
     if (verbose_logger.Enabled(Common::Severity::verbose)) {
         std::string text = "first 10 results of front & rear barcode detection: ";
@@ -412,42 +484,101 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     }
 
     const bool trimming = scorer_options.trim_barcodes;
-    std::string arrangement = "unclassified";
+    std::string arrangement = kUnclassified;
     float score = -std::numeric_limits<float>::infinity();
     const size_t read_bases = record.sequence.size();
+    TrimmedBases trimmed;
     // The scorer always returns a result; an empty list counts as nothing found.
-    auto reason = Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum;
+    const char* reason = Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum);
     if (results.empty()) {
         VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
-        batch.summary += NoResultRow(read_id, trimming);
     } else {
         const auto& best = results.front();
         arrangement = best.normalised_id;
         score = best.score;
-        const int read_length = static_cast<int>(record.sequence.size());
-        const int rear_window = std::min(scorer_options.rear_window_size, read_length);
-        TrimmedBases trimmed;
+        reason = Barcoding::UnclassifiedReasonText(best.reason);
+        if (best.mixed) ++batch.tally.mixed;
         if (trimming) {
             trimmed.front = Common::BarcodeTrimmer::TrimFront(Barcoding::FrontTrimLength(best, scorer_options),
                                                               record.sequence, record.qstring);
             trimmed.rear = Common::BarcodeTrimmer::TrimRear(Barcoding::RearTrimLength(best, scorer_options),
                                                             record.sequence, record.qstring);
         }
-        AppendSummaryRow(batch.summary, read_id, best, rear_window, trimming ? &trimmed : nullptr);
-        reason = best.reason;
-        if (best.mixed) ++batch.tally.mixed;
     }
-    const char* reason_text = arrangement == "unclassified" ? Barcoding::UnclassifiedReasonText(reason) : "";
-    if (*reason_text != '\0') ++batch.tally.unclassified_reasons[reason_text];
+    // With a sample sheet, a read whose arrangement the sheet does not list
+    // is unclassified; its summary row still shows the best candidate.
+    const std::string* sample = nullptr;
+    bool unlisted = false;
+    if (sample_sheet && arrangement != kUnclassified) {
+        sample = sample_sheet->SampleOf(arrangement);
+        if (sample == nullptr) {
+            unlisted = true;
+            arrangement = kUnclassified;
+            reason = kNotInSampleSheet;
+        }
+    }
+    if (arrangement != kUnclassified) reason = "";
+    if (*reason != '\0') ++batch.tally.unclassified_reasons[reason];
+    const std::string& folder = sample != nullptr ? *sample : arrangement;
+
+    auto& chunk = batch.ChunkFor(folder, run_id);
+    if (bam_output) {
+        AppendBamRecord(record, tags, arrangement, trimmed.front + trimmed.rear > 0, chunk);
+    } else {
+        record.AppendToTitle("barcode", arrangement);
+        chunk.AddRecord(record);
+    }
+
+    static const std::string unclassified_sample = kUnclassified;
+    const std::string* sample_column = !sample_sheet ? nullptr : sample != nullptr ? sample : &unclassified_sample;
+    if (results.empty()) {
+        batch.summary += NoResultRow(read_id, trimming, sample_column);
+    } else {
+        const int read_length = static_cast<int>(read_bases);
+        const int rear_window = std::min(scorer_options.rear_window_size, read_length);
+        const TrimmedBases* trim_columns = trimming ? &trimmed : nullptr;
+        if (unlisted) {
+            auto shown = results.front();
+            shown.normalised_id = kUnclassified;
+            AppendSummaryRow(batch.summary, read_id, shown, rear_window, trim_columns, sample_column);
+        } else {
+            AppendSummaryRow(batch.summary, read_id, results.front(), rear_window, trim_columns, sample_column);
+        }
+    }
     if (unclassified_reason_column) {
         batch.summary.back() = '\t';  // the row's newline
-        batch.summary += reason_text;
+        batch.summary += reason;
         batch.summary += '\n';
     }
-    record.AppendToTitle("barcode", arrangement);
-    // The barcoder files reads by arrangement alone (no pass/fail split).
-    batch.ChunkFor(arrangement, run_id).AddRecord(record);
     batch.tally.arrangements[arrangement].Add(read_bases, score);
+    if (sample_column != nullptr) ++batch.tally.samples[*sample_column];
+}
+
+// A read from BAM input keeps its tags, less an earlier arrangement tag and,
+// when bases were cut off, the tags that index into the bases. A read from
+// FASTQ keeps its title's text after the read id (the key=value fields) as
+// the standard comment tag CO, which BAM input reads back into the title.
+void Barcoder::AppendBamRecord(Common::FastQRecord& record, const std::string* tags, const std::string& arrangement,
+                               bool trimmed, Common::FastqChunk& chunk) {
+    thread_local std::string aux;
+    aux.clear();
+    const size_t space = record.title.find(' ', 1);
+    if (tags != nullptr) {
+        aux = *tags;
+        const std::string_view arrangement_tag[] = {Common::kArrangementTag};
+        Common::RemoveTags(aux, arrangement_tag);
+        if (trimmed) {
+            Common::RemoveTags(aux, Common::kModificationTags);
+            Common::RemoveTags(aux, Common::kPerBaseTags);
+        }
+    } else if (space != std::string::npos && space + 1 < record.title.size()) {
+        Common::AppendTextTag(aux, "CO", std::string_view(record.title).substr(space + 1));
+    }
+    Common::AppendTextTag(aux, Common::kArrangementTag, arrangement);
+    const std::string_view read_id =
+        std::string_view(record.title).substr(1, space == std::string::npos ? std::string::npos : space - 1);
+    Common::AppendBamRecord(chunk.text, read_id, record.sequence, record.qstring, aux);
+    chunk.record_ends.push_back(chunk.text.size());
 }
 
 // The report goes to the log (and the console unless quiet). What stopped a

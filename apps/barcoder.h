@@ -1,18 +1,21 @@
 #pragma once
-// vorpa_barcoder: classifies every read of the input FASTQ files by the
-// barcodes at its ends, writes one row per read to barcoding_summary.txt and
-// files the read, tagged with its arrangement, under the arrangement's folder.
+// vorpa_barcoder: classifies every read of the input FASTQ (or BAM) files by
+// the barcodes at its ends, writes one row per read to barcoding_summary.txt
+// and files the read, tagged with its arrangement, under the arrangement's
+// folder (or its sample's, with a sample sheet), as FASTQ or unaligned BAM.
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "apps/read_processor.h"
 #include "apps/run_report.h"
+#include "apps/sample_sheet.h"
 #include "barcoding/detect_results.h"
 #include "barcoding/scorer_options.h"
 
@@ -23,7 +26,8 @@ class BarcodeScorer;
 
 namespace Common {
 class BarcodeFastqWriter;
-}
+struct FastqChunk;
+}  // namespace Common
 
 namespace Vorpa {
 
@@ -50,11 +54,13 @@ public:
     // configuration error is reported and ends the process with status 255.
     int Run();
 
-    // Formats one read into the batch: its summary row, and its FASTQ record
+    // Formats one read into the batch: its summary row, and its record
     // (trimmed when asked, tagged with its arrangement) into the chunk of its
-    // output file. Called by the workers; nothing is written here.
+    // output file, as FASTQ text or a BAM record. tags are the read's BAM tags
+    // when it came from BAM input, nullptr for FASTQ input. Called by the
+    // workers; nothing is written here.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                      ReadBatch& batch);
+                      const std::string* tags, ReadBatch& batch);
 
     // A worker could not process a batch at all: the run stops with message.
     void FailPipeline(const std::string& message);
@@ -65,9 +71,11 @@ protected:
     std::string GetSummaryFileName() override;
     void OnParametersParsed() override;
     void PrepareRun() override;
+    void OnInputFilesFound(const std::vector<std::string>& files) override;
     void StartNewFile(const std::string& path) override;
     void ProcessRead(const Common::FastQRecord& record) override;
     int SubmitRead(Common::FastQRecord&& record) override;
+    int SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) override;
     void EndOfInputFile(const InputFileEnd& end) override;
     void WaitForCompletion() override;
     bool ShouldStopReading() const override;
@@ -78,6 +86,9 @@ private:
     void PrepareConfiguration();
     void LogSettings();
     void CheckBothEndsRequirement();
+    void LoadSamples();
+    void AppendBamRecord(Common::FastQRecord& record, const std::string* tags, const std::string& arrangement,
+                         bool trimmed, Common::FastqChunk& chunk);
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);
@@ -89,6 +100,8 @@ private:
     Barcoding::ScorerOptions scorer_options;
     int records_per_fastq = 0;
     bool compress_fastq = false;
+    std::string output_format = "fastq";  // or "bam"
+    std::string sample_sheet_path;
     bool print_kits = false;
     bool unclassified_reason_column = false;
     std::string device;
@@ -97,6 +110,8 @@ private:
     std::shared_ptr<Barcoding::BarcodeManager> manager;
     std::vector<std::shared_ptr<Barcoding::BarcodeScorer>> scorers;  // one per worker
     size_t detailed_results = 1;
+    bool bam_output = false;
+    std::optional<SampleSheet> sample_sheet;
 
     // The pipeline. Only the reading thread touches pending.
     std::unique_ptr<OrderedPipeline<ReadBatch>> pipeline;

@@ -8,6 +8,7 @@
 
 #include "apps/barcoder.h"
 #include "barcoding/barcode_scorer.h"
+#include "common/bgzf_blocks.h"
 #include "common/fastq_record.h"
 #include "common/logger.h"
 
@@ -83,20 +84,27 @@ int BarcoderWorker::WorkerLoop() {
 }
 
 void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
-    for (auto& record : batch.reads)
-        ProcessOne(record, batch);
+    for (size_t i = 0; i < batch.reads.size(); ++i) {
+        const std::string* tags = i < batch.tags.size() && batch.tags[i] ? &*batch.tags[i] : nullptr;
+        ProcessOne(batch.reads[i], tags, batch);
+    }
     // The input is no longer needed; free it before the batch waits for the writer.
     std::vector<Common::FastQRecord>().swap(batch.reads);
+    std::vector<std::optional<std::string>>().swap(batch.tags);
     if (!settings_.compress) return;
     for (auto& chunk : batch.chunks) {
-        gzip_->Append(chunk.text, chunk.gzip);
+        if (settings_.bam) {
+            Common::AppendBgzfBlocks(chunk.text, chunk.gzip, Common::kBamCompressionLevel);
+        } else {
+            gzip_->Append(chunk.text, chunk.gzip);
+        }
         if (!settings_.keep_text) std::string().swap(chunk.text);
     }
 }
 
 // Every read of a batch ends here exactly once: formatted for output, dropped
 // for want of a run id, or logged as failed. None of these stops the worker.
-void BarcoderWorker::ProcessOne(Common::FastQRecord& record, ReadBatch& batch) {
+void BarcoderWorker::ProcessOne(Common::FastQRecord& record, const std::string* tags, ReadBatch& batch) {
     try {
         const std::string run_id = record.GetRunId();
         if (run_id == Common::kInvalidRunId) {
@@ -107,7 +115,7 @@ void BarcoderWorker::ProcessOne(Common::FastQRecord& record, ReadBatch& batch) {
             return;
         }
         const auto results = scorer_->Score(record.sequence, settings_.detailed_results);
-        owner_.WriteResults(results, record, batch);
+        owner_.WriteResults(results, record, tags, batch);
         VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.GetReadId();
     } catch (const std::exception& error) {
         VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << ReadIdForMessage(record)

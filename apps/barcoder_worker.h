@@ -25,7 +25,8 @@ class BarcoderWorker {
 public:
     struct Settings {
         size_t detailed_results = 1;  // leading results that need their found sequences
-        bool compress = false;        // make each output chunk a gzip member
+        bool compress = false;        // make each output chunk a gzip member (BGZF blocks with bam)
+        bool bam = false;             // the chunks hold BAM records
         bool keep_text = false;       // keep the text beside the member (the writer may cut it)
     };
 
@@ -45,7 +46,7 @@ public:
 
 private:
     int WorkerLoop();
-    void ProcessOne(Common::FastQRecord& record, ReadBatch& batch);
+    void ProcessOne(Common::FastQRecord& record, const std::string* tags, ReadBatch& batch);
 
     Barcoder& owner_;
     OrderedPipeline<ReadBatch>& pipeline_;

@@ -8,6 +8,8 @@
 
 #include "apps/input_files.h"
 
+#include "common/bam_reader.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,11 +23,12 @@ namespace Vorpa {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-bool IsFastqName(const fs::path& path) {
-    return path.extension() == ".fastq" || path.stem().extension() == ".fastq";
+bool IsInputFileName(const std::string& name) {
+    const fs::path path(name);
+    return path.extension() == ".fastq" || path.stem().extension() == ".fastq" || Common::IsBamFileName(name);
 }
+
+namespace {
 
 struct Walk {
     bool recursive = false;
@@ -56,7 +59,7 @@ void VisitEntry(const fs::directory_entry& entry, const Walk& walk) {
     const fs::file_status target = entry.status(error);
     if (error || target.type() == fs::file_type::not_found)
         return walk.Warn(entry.path(), error ? error.message() : "the link points nowhere");
-    if (fs::is_regular_file(target) && IsFastqName(entry.path())) walk.found->files.push_back(entry.path().string());
+    if (fs::is_regular_file(target) && IsInputFileName(entry.path().string())) walk.found->files.push_back(entry.path().string());
 }
 
 void SearchFolder(const fs::path& folder, const Walk& walk) {

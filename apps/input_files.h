@@ -8,6 +8,10 @@
 
 namespace Vorpa {
 
+// Whether a file found in the input folder is read: *.fastq and
+// *.fastq.<ext> (gzip) as FASTQ, *.bam, *.sam and *.cram through htslib.
+bool IsInputFileName(const std::string& name);
+
 // The files found, in order, and one warning for each entry that was skipped
 // because it could not be read or resolved.
 struct InputFiles {
@@ -16,7 +20,7 @@ struct InputFiles {
 };
 
 // With an empty input_path, the non-empty lines of `names`. Otherwise the
-// regular files (or links to them) named *.fastq or *.fastq.<ext> in
+// regular files (or links to them) that IsInputFileName takes in
 // input_path, and with `recursive` in its subfolders too (depth first, links
 // to folders not followed), in directory iteration order. A folder or entry
 // that cannot be read or resolved is skipped with a warning and the search

@@ -3,6 +3,7 @@
 // from the input, and what a worker made of it for the writer.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -19,6 +20,9 @@ struct ReadBatch {
 
     // From the reading thread.
     std::vector<Common::FastQRecord> reads;
+    // Parallel to reads: the tags (raw BAM aux bytes) of a read from BAM
+    // input; nothing for a read from FASTQ.
+    std::vector<std::optional<std::string>> tags;
     uint64_t bases = 0;
     // Files whose last read is in this batch or an earlier one; the writer
     // reports them done after writing the batch.

@@ -10,8 +10,10 @@
 #include <iostream>
 #include <mutex>
 #include <thread>
+#include <type_traits>
 
 #include "apps/input_files.h"
+#include "common/bam_reader.h"
 #include "common/fastq_reader.h"
 #include "common/stop_signal.h"
 
@@ -85,6 +87,12 @@ private:
     bool closed_ = false;
     std::vector<std::thread> threads_;
 };
+
+// htslib threads decompressing one BAM input: one keeps up with the workers
+// of a small machine; a few more with many workers.
+int BamReaderThreads(int workers) {
+    return std::clamp(workers / 4, 1, 4);
+}
 
 int64_t NowMs() {
     auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -186,6 +194,7 @@ int ReadProcessor::Run() {
     PrepareRun();
     std::vector<std::string> files = FindInputFiles(std::cin);
     input_files_found = files.size();
+    OnInputFilesFound(files);
     if (!quiet) {
         std::cout << std::endl;
         VB_LOG(logger, Severity::info) << "Found " << files.size() << " fastq files.";
@@ -235,10 +244,17 @@ int ReadProcessor::ProcessInputFile(const std::string& path, InputFileEnd& end, 
     try {
         VB_LOG(verbose_logger, Severity::info) << "Starting input file: " << path;
         StartNewFile(path);
-        auto stream = Common::OpenFastqFile(path);
-        Common::FastQIterable reads(stream.get(), path);
-        end.reads = feed(reads);
-        end.error = reads.Error();
+        if (Common::IsBamFileName(path)) {
+            Common::BamIterable reads(path, BamReaderThreads(worker_threads));
+            end.reads = feed(reads);
+            end.error = reads.Error();
+            end.skipped = reads.Skipped();
+        } else {
+            auto stream = Common::OpenFastqFile(path);
+            Common::FastQIterable reads(stream.get(), path);
+            end.reads = feed(reads);
+            end.error = reads.Error();
+        }
         if (end.error.empty()) {
             VB_LOG(verbose_logger, Severity::info)
                 << "Successfully finished input file: " << path << " (" << end.reads << " reads)";
@@ -261,7 +277,7 @@ int ReadProcessor::ProcessInputFile(const std::string& path, InputFileEnd& end, 
 
 int ReadProcessor::ProcessFastqFile(const std::string& path) {
     InputFileEnd end;
-    const int result = ProcessInputFile(path, end, [this](Common::FastQIterable& reads) {
+    const int result = ProcessInputFile(path, end, [this](auto& reads) {
         uint64_t count = 0;
         RecordJobLoop loop(std::max(1, worker_threads),
                            [this](const FastQRecord& record) { GuardRead(record, [&] { ProcessRead(record); }); });
@@ -280,7 +296,7 @@ int ReadProcessor::ProcessFastqFile(const std::string& path) {
 // them to be processed.
 int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
     InputFileEnd end;
-    const int result = ProcessInputFile(path, end, [this](Common::FastQIterable& reads) {
+    const int result = ProcessInputFile(path, end, [this](auto& reads) {
         uint64_t count = 0;
         for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
             if (ShouldStopReading()) break;
@@ -289,7 +305,13 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
             // same capacity, so reading does not regrow them line by line.
             const size_t title = record.title.size(), bases = record.sequence.size();
             bool refused = false;
-            GuardRead(record, [&] { refused = SubmitRead(std::move(record)) == 0; });
+            GuardRead(record, [&] {
+                if constexpr (std::is_same_v<std::decay_t<decltype(reads)>, Common::BamIterable>) {
+                    refused = SubmitBamRead(std::move(record), std::move(reads.Tags())) == 0;
+                } else {
+                    refused = SubmitRead(std::move(record)) == 0;
+                }
+            });
             if (refused) break;
             record.title.reserve(title);
             record.sequence.reserve(bases);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/progress_display.h"
@@ -23,9 +24,10 @@ namespace Vorpa {
 // file's last record.
 struct InputFileEnd {
     std::string path;
-    uint64_t reads = 0;   // records taken from the file and handed over
-    bool failed = false;  // the file could not be read at all (error says why)
-    std::string error;    // why reading stopped early; empty after a clean end of input
+    uint64_t reads = 0;    // records taken from the file and handed over
+    uint64_t skipped = 0;  // secondary and supplementary records of BAM input, not handed over
+    bool failed = false;   // the file could not be read at all (error says why)
+    std::string error;     // why reading stopped early; empty after a clean end of input
 };
 
 class ReadProcessor : public Common::Parameters {
@@ -62,6 +64,8 @@ protected:
     virtual void OnParametersParsed() {}
     // After the summary file is opened, before the inputs are listed.
     virtual void PrepareRun() = 0;
+    // The inputs are listed; none has been read yet.
+    virtual void OnInputFilesFound(const std::vector<std::string>& /*files*/) {}
     virtual void StartNewFile(const std::string& path) = 0;
     // Synchronous per-read work; called from worker threads concurrently.
     virtual void ProcessRead(const Common::FastQRecord& record) = 0;
@@ -72,6 +76,11 @@ protected:
     // wait in between, so the application reports a file as done (progress)
     // when its last read is, with AdvanceProgress.
     virtual int SubmitRead(Common::FastQRecord&& record) = 0;
+    // A record from BAM, SAM or CRAM input with its tags (raw BAM aux bytes).
+    // By default the tags are dropped and the record goes to SubmitRead.
+    virtual int SubmitBamRead(Common::FastQRecord&& record, std::string&& /*tags*/) {
+        return SubmitRead(std::move(record));
+    }
     virtual void EndOfInputFile(const InputFileEnd& /*end*/) {}
     virtual void WaitForCompletion() = 0;
     // Polled between records: true stops reading (the files not yet read
@@ -85,8 +94,8 @@ protected:
     std::optional<int> SetUp(int argc, char** argv, const std::string& data_subfolder,
                              const std::string& default_config_file);
     // The input files: the names read from `names` when input_path is empty,
-    // else the *.fastq and *.fastq.<ext> regular files in input_path (the
-    // whole tree with recursive), in directory iteration order.
+    // else the regular files in input_path (the whole tree with recursive)
+    // that IsInputFileName accepts, in directory iteration order.
     std::vector<std::string> FindInputFiles(std::istream& names) const;
 
     bool quiet = false;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "common/string_utils.h"
 
@@ -17,6 +18,28 @@ double Percent(uint64_t part, uint64_t total) {
 
 unsigned long long U(uint64_t value) {
     return static_cast<unsigned long long>(value);
+}
+
+// "Reads per <what>:" and a table of name, reads and percent of written, by
+// name with "unclassified" last.
+void AddTable(std::vector<std::string>& lines, const std::string& what,
+              const std::vector<std::pair<std::string, uint64_t>>& rows, uint64_t written) {
+    size_t name_width = what.size();
+    for (const auto& [name, reads] : rows)
+        name_width = std::max(name_width, name.size());
+    const int width = static_cast<int>(name_width);
+    lines.push_back("Reads per " + what + ":");
+    lines.push_back(Common::FormatString("  %-*s %10s %8s", width, what.c_str(), "reads", "percent"));
+    auto add_row = [&](const std::string& name, uint64_t reads) {
+        lines.push_back(
+            Common::FormatString("  %-*s %10llu %7.2f%%", width, name.c_str(), U(reads), Percent(reads, written)));
+    };
+    for (const auto& [name, reads] : rows) {
+        if (name != kUnclassified) add_row(name, reads);
+    }
+    for (const auto& [name, reads] : rows) {
+        if (name == kUnclassified) add_row(name, reads);
+    }
 }
 
 }  // namespace
@@ -61,27 +84,22 @@ void RunTally::Add(const RunTally& other) {
     files_read += other.files_read;
     files_ended_early += other.files_ended_early;
     files_failed += other.files_failed;
+    records_skipped += other.records_skipped;
+    for (const auto& [sample, reads] : other.samples)
+        samples[sample] += reads;
 }
 
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) {
     const uint64_t written = tally.Written();
     const uint64_t unclassified = tally.Unclassified();
-    size_t name_width = std::string("arrangement").size();
-    for (const auto& [name, counts] : tally.arrangements)
-        name_width = std::max(name_width, name.size());
-    const int width = static_cast<int>(name_width);
-
     std::vector<std::string> lines;
-    lines.push_back("Reads per arrangement:");
-    lines.push_back(Common::FormatString("  %-*s %10s %8s", width, "arrangement", "reads", "percent"));
-    auto add_row = [&](const std::string& name, uint64_t reads) {
-        lines.push_back(
-            Common::FormatString("  %-*s %10llu %7.2f%%", width, name.c_str(), U(reads), Percent(reads, written)));
-    };
-    for (const auto& [name, counts] : tally.arrangements) {
-        if (name != kUnclassified) add_row(name, counts.reads);
+    std::vector<std::pair<std::string, uint64_t>> rows;
+    for (const auto& [name, counts] : tally.arrangements)
+        rows.emplace_back(name, counts.reads);
+    AddTable(lines, "arrangement", rows, written);
+    if (!tally.samples.empty()) {
+        AddTable(lines, "sample", {tally.samples.begin(), tally.samples.end()}, written);
     }
-    if (tally.arrangements.count(kUnclassified) > 0) add_row(kUnclassified, unclassified);
 
     const uint64_t classified = written - unclassified;
     lines.push_back(Common::FormatString("Classified: %llu of %llu reads (%.2f%%), unclassified: %llu (%.2f%%).",
@@ -100,6 +118,9 @@ std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) 
                                              U(tally.files_ended_early)));
     if (tally.files_failed > 0)
         lines.push_back(Common::FormatString("Input files that could not be read: %llu.", U(tally.files_failed)));
+    if (tally.records_skipped > 0)
+        lines.push_back(Common::FormatString(
+            "Secondary and supplementary records skipped (not reads of their own): %llu.", U(tally.records_skipped)));
     const uint64_t taken = written + tally.dropped + tally.failed;
     const double rate = seconds > 0 ? taken / seconds : 0.0;
     lines.push_back(Common::FormatString("Throughput: %.0f reads/s (%llu reads in %.3f s).", rate, U(taken), seconds));

@@ -33,6 +33,9 @@ struct RunTally {
     uint64_t files_read = 0;         // opened and read, to their end or not
     uint64_t files_ended_early = 0;  // stopped by a malformed record or damaged data
     uint64_t files_failed = 0;       // could not be read at all
+    uint64_t records_skipped = 0;    // secondary and supplementary BAM records: not reads of their own
+    // With a sample sheet: written reads by sample ("unclassified" included).
+    std::map<std::string, uint64_t> samples;
 
     uint64_t Written() const;
     uint64_t Unclassified() const;
@@ -41,8 +44,9 @@ struct RunTally {
 
 // The report as lines of text (no newlines): a table of arrangement, reads and
 // percent of written reads (arrangements by name, "unclassified" last), the
-// classified and unclassified totals, the unclassified reads by reason, the
-// reads and files lost and the throughput over seconds.
+// same by sample when there are samples, the classified and unclassified
+// totals, the unclassified reads by reason, the reads and files lost, the
+// records skipped and the throughput over seconds.
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds);
 
 }  // namespace Vorpa

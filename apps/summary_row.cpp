@@ -29,6 +29,7 @@ const char* const kColumns[] = {"read_id",
                                 "barcode_rear_total_trimmed"};
 constexpr int kColumnsWithoutTrim = 18;
 constexpr int kColumnsWithTrim = 20;
+const char* const kSampleColumn = "sample";
 
 // A TAB, CR or newline inside a text field (a read id may carry any of them
 // but space) would add a column or start a new row. Each becomes '_': the
@@ -105,22 +106,38 @@ void AppendRear(std::string& out, const Barcoding::BarcodeDetectResult& rear, in
     AppendInt(out, rear_window - found_length - rear.begin_index);
 }
 
+// The optional columns of a row, in header order, and its end.
+void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample) {
+    if (trimmed != nullptr) {
+        out += '\t';
+        AppendInt(out, trimmed->front);
+        out += '\t';
+        AppendInt(out, trimmed->rear);
+    }
+    if (sample != nullptr) {
+        out += '\t';
+        out += *sample;
+    }
+    out += '\n';
+}
+
 }  // namespace
 
-std::string SummaryHeader(bool with_trim_columns, bool with_reason_column) {
+std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool with_reason_column) {
     const int count = with_trim_columns ? kColumnsWithTrim : kColumnsWithoutTrim;
     std::string header;
     for (int i = 0; i < count; ++i) {
         if (i > 0) header += '\t';
         header += kColumns[i];
     }
+    if (with_sample_column) header.append("\t").append(kSampleColumn);
     if (with_reason_column) header += "\tbarcode_unclassified_reason";
     header += '\n';
     return header;
 }
 
 void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
-                      int rear_window, const TrimmedBases* trimmed) {
+                      int rear_window, const TrimmedBases* trimmed, const std::string* sample) {
     AppendField(out, read_id);
     out += '\t';
     AppendField(out, best.normalised_id);
@@ -134,23 +151,17 @@ void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcod
     AppendScore(out, best.score);
     AppendFront(out, best.front);
     AppendRear(out, best.rear, rear_window);
-    if (trimmed != nullptr) {
-        out += '\t';
-        AppendInt(out, trimmed->front);
-        out += '\t';
-        AppendInt(out, trimmed->rear);
-    }
-    out += '\n';
+    AppendOptionalColumns(out, trimmed, sample);
 }
 
 std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
-                       const TrimmedBases* trimmed) {
+                       const TrimmedBases* trimmed, const std::string* sample) {
     std::string row;
-    AppendSummaryRow(row, read_id, best, rear_window, trimmed);
+    AppendSummaryRow(row, read_id, best, rear_window, trimmed, sample);
     return row;
 }
 
-std::string NoResultRow(const std::string& read_id, bool with_trim_columns) {
+std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
     std::string row;
@@ -159,8 +170,8 @@ std::string NoResultRow(const std::string& read_id, bool with_trim_columns) {
     row += kNoBarcodeTail;
     row += '\t';
     row += kNoBarcodeTail;
-    if (with_trim_columns) row += "\t0\t0";
-    row += '\n';
+    const TrimmedBases none;
+    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample);
     return row;
 }
 

@@ -17,3 +17,7 @@ if [ -x "$build/bin/bench_fast_align" ]; then
   echo "== alignment kernel: shipped binary vs benchmark"
   bash benchmarks/run_kernel.sh "$build"
 fi
+if command -v samtools > /dev/null; then
+  echo "== BAM against gzip FASTQ"
+  bash benchmarks/run_bam.sh "$build"
+fi

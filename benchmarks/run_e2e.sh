@@ -8,22 +8,9 @@ build=$(cd "${1:-build}" && pwd)
 cd "$(dirname "$0")/.."
 
 binary="$build/bin/vorpa_barcoder"
-data="$build/bench_data"
-reads=${VB_BENCH_READS:-50000}
 threads_list=${VB_BENCH_THREADS:-"1 2"}
 kits_list=${VB_BENCH_KITS:-"VB-NB24 VB-NB96"}
-
-# The reads are simulated once and kept: same seed, same files. They are made
-# again when the simulator or the kit files change, since they carry the barcodes.
-key=$(cat tools/simulate_reads.py data/barcoding/* | cksum | cut -d' ' -f1)
-if [ ! -f "$data/.complete-$reads-$key" ]; then
-  rm -rf "$data"
-  mkdir -p "$data/reads"
-  echo "Simulating $reads reads into $data ..."
-  python3 tools/simulate_reads.py -o "$data/reads/bench.fastq.gz" --truth "$data/truth.tsv" \
-    --kit VB-NB24 -n "$reads" --seed 7 --split 10 --median-length 1500
-  touch "$data/.complete-$reads-$key"
-fi
+source benchmarks/bench_reads.sh "$build"
 
 # Runs a command with its output discarded, prints "<seconds> <peak KiB>
 # <cpu seconds>". CPU time (user + system) tells a busy machine apart from a

@@ -5,6 +5,12 @@
 // file is valid after every chunk and can be closed and reopened for
 // appending at any time. That is what lets the writer keep only a bounded
 // number of files open whatever the number of arrangements and run ids.
+//
+// BAM is BGZF, a gzip file of small members, and works the same way with two
+// additions: a file starts with the header (its own BGZF blocks) and ends
+// with the empty end-of-file block. The writer appends that block (the
+// trailer) whenever it closes a file, and cuts it off again when it reopens
+// one, so every file that is not open is a whole BAM file.
 
 #include "common/fastq_writer.h"
 
@@ -15,6 +21,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "common/bam_record.h"
+#include "common/bgzf_blocks.h"
 #include "common/gzip_member_writer.h"
 #include "common/logger.h"
 #include "common/output_file.h"
@@ -64,13 +72,14 @@ struct FastqWriter::Series {
     uint64_t last_use = 0;
     uint64_t undo_batch = 0;  // the batch whose undo record holds this file's earlier size
     std::string undo_path;
-    uint64_t created_batch = 0;  // the batch that created the current file
+    uint64_t created_batch = 0;    // the batch that created the current file
+    bool trailer_on_disk = false;  // the current file is closed and ends with the trailer
     OutputFile file;
 
-    std::string Path(bool compress) const {
-        std::string name = "fastq_runid_" + run_id + "_" + std::to_string(index) + ".fastq";
-        if (compress) name += ".gz";
-        return (fs::path(folder) / name).string();
+    std::string Path(const FastqWriterOptions& options) const {
+        const std::string stem = "_runid_" + run_id + "_" + std::to_string(index);
+        if (options.format == OutputFormat::bam) return (fs::path(folder) / ("bam" + stem + ".bam")).string();
+        return (fs::path(folder) / ("fastq" + stem + (options.compress ? ".fastq.gz" : ".fastq"))).string();
     }
 };
 
@@ -79,6 +88,7 @@ FastqWriter::FastqWriter(std::vector<std::string> save_paths, const FastqWriterO
       options_(options),
       max_open_(options.max_open_files > 0 ? options.max_open_files : DefaultMaxOpenFiles()) {
     if (save_paths_.empty()) throw std::runtime_error("Cannot create FastqWriter with no writer objects!");
+    if (options_.format == OutputFormat::bam) file_trailer_ = BgzfEofBlock();
 }
 
 FastqWriter::~FastqWriter() {
@@ -105,18 +115,50 @@ void FastqWriter::CloseLeastRecentlyUsed() {
         if (series->file.IsOpen() && (oldest == nullptr || series->last_use < oldest->last_use)) oldest = series.get();
     }
     if (oldest == nullptr) return;
-    oldest->file.Close();
+    CloseSeriesFile(*oldest);
+}
+
+// The trailer goes on before the file closes; the descriptor is released even
+// when writing it fails (a rollback then repairs the file).
+void FastqWriter::CloseSeriesFile(Series& series) {
+    if (!series.file.IsOpen()) return;
+    try {
+        if (!file_trailer_.empty()) {
+            NoteUndo(series, series.file.Path(), series.file.Size(), series.created_batch == batch_id_);
+            series.file.Write(file_trailer_);
+        }
+    } catch (...) {
+        try {
+            series.file.Close();
+        } catch (const OutputError&) {
+        }
+        --open_count_;
+        throw;
+    }
     --open_count_;
+    series.trailer_on_disk = !file_trailer_.empty();
+    series.file.Close();
+}
+
+// Within a batch, the first write to a file records the size to cut it back
+// to on rollback (without the trailer, which the rollback puts back).
+void FastqWriter::NoteUndo(Series& series, const std::string& path, uint64_t size, bool created) {
+    if (!in_batch_) return;
+    if (series.undo_batch == batch_id_ && series.undo_path == path) return;
+    batch_undo_.push_back({path, size, created, &series});
+    series.undo_batch = batch_id_;
+    series.undo_path = path;
 }
 
 // The first open of a file in this run empties it (an older run's file of the
-// same name is replaced); a reopen after an eviction appends.
+// same name is replaced) and writes the header; a reopen after an eviction
+// cuts the trailer off and appends.
 void FastqWriter::EnsureOpen(Series& series) {
     series.last_use = ++use_clock_;
     if (series.file.IsOpen()) return;
     while (open_count_ >= max_open_)
         CloseLeastRecentlyUsed();
-    const std::string path = series.Path(options_.compress);
+    const std::string path = series.Path(options_);
     if (!series.created) {
         std::error_code error;
         if (!series.folder.empty() && !fs::is_directory(series.folder, error)) {
@@ -125,8 +167,16 @@ void FastqWriter::EnsureOpen(Series& series) {
         }
         if (fs::exists(path, error))
             VB_LOG(WriterLog(), Severity::warning) << "The output file '" << path << "' will be overwitten.";
+        series.created_batch = in_batch_ ? batch_id_ : 0;
+    } else if (series.trailer_on_disk) {
+        std::error_code error;
+        const uint64_t size = fs::file_size(path, error);
+        if (error) throw OutputError("Failed to reopen '" + path + "': " + error.message() + ".");
+        const uint64_t content = size - std::min<uint64_t>(size, file_trailer_.size());
+        NoteUndo(series, path, content, series.created_batch == batch_id_);
+        TruncateOutputFile(path, content);
+        series.trailer_on_disk = false;
     }
-    if (!series.created) series.created_batch = in_batch_ ? batch_id_ : 0;
     for (int attempt = 0;; ++attempt) {
         try {
             series.file.Open(path, !series.created);
@@ -139,38 +189,41 @@ void FastqWriter::EnsureOpen(Series& series) {
                 CloseLeastRecentlyUsed();
         }
     }
-    series.created = true;
     ++open_count_;
+    if (series.created) return;
+    series.created = true;
+    NoteUndo(series, path, 0, series.created_batch == batch_id_);
+    if (!file_header_.empty()) series.file.Write(file_header_);
 }
 
 void FastqWriter::WriteToSeries(Series& series, std::string_view bytes) {
     EnsureOpen(series);
-    // The size before the first write of a batch to this file is where a
-    // rollback cuts it back to.
-    if (in_batch_ && (series.undo_batch != batch_id_ || series.undo_path != series.file.Path())) {
-        batch_undo_.push_back({series.file.Path(), series.file.Size(), series.created_batch == batch_id_});
-        series.undo_batch = batch_id_;
-        series.undo_path = series.file.Path();
-    }
+    NoteUndo(series, series.file.Path(), series.file.Size(), series.created_batch == batch_id_);
     series.file.Write(bytes);
 }
 
 void FastqWriter::startNewFile(const Key& key) {
     Series& series = FindSeries(key);
-    if (series.file.IsOpen()) {
-        series.file.Close();
-        --open_count_;
-    }
+    CloseSeriesFile(series);
     ++series.index;
     series.records = 0;
     series.created = false;
+    series.trailer_on_disk = false;
+}
+
+bool FastqWriter::Compressed() const {
+    return options_.compress || options_.format == OutputFormat::bam;
 }
 
 std::string FastqWriter::CompressPiece(std::string_view text) {
-    if (!gzip_) gzip_ = std::make_unique<GzipMemberWriter>();
-    std::string member;
-    gzip_->Append(text, member);
-    return member;
+    std::string compressed;
+    if (options_.format == OutputFormat::bam) {
+        AppendBgzfBlocks(text, compressed, kBamCompressionLevel);
+    } else {
+        if (!gzip_) gzip_ = std::make_unique<GzipMemberWriter>();
+        gzip_->Append(text, compressed);
+    }
+    return compressed;
 }
 
 void FastqWriter::Append(const FastqChunk& chunk) {
@@ -182,14 +235,14 @@ void FastqWriter::Append(const FastqChunk& chunk) {
         Series& series = FindSeries(key);
         if (limit > 0 && series.records >= limit) startNewFile(key);
         if (limit == 0 || series.records + chunk.Records() <= limit) {
-            WriteToSeries(series, options_.compress ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
+            WriteToSeries(series, Compressed() ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
             series.records += chunk.Records();
             continue;
         }
         // The chunk straddles one or more file boundaries: cut it at record
         // ends, filling the current file first.
         if (chunk.text.size() != chunk.record_ends.back())
-            throw std::logic_error("A FASTQ chunk crossing a file boundary must carry its text.");
+            throw std::logic_error("An output chunk crossing a file boundary must carry its text.");
         size_t done = 0;
         while (done < chunk.Records()) {
             if (series.records >= limit) startNewFile(key);
@@ -197,7 +250,7 @@ void FastqWriter::Append(const FastqChunk& chunk) {
             const size_t begin = done == 0 ? 0 : chunk.record_ends[done - 1];
             const size_t end = chunk.record_ends[done + take - 1];
             const std::string_view piece(chunk.text.data() + begin, end - begin);
-            if (options_.compress) {
+            if (Compressed()) {
                 WriteToSeries(series, CompressPiece(piece));
             } else {
                 WriteToSeries(series, piece);
@@ -213,8 +266,13 @@ void FastqWriter::WriteToFolder(const FastQRecord& record, const std::string& fo
     FastqChunk chunk;
     chunk.folder = folder;
     chunk.run_id = run_id;
-    chunk.AddRecord(record);
-    if (options_.compress) CompressPiece(chunk.text).swap(chunk.gzip);
+    if (options_.format == OutputFormat::bam) {
+        AppendBamRecord(chunk.text, record.GetReadId(), record.sequence, record.qstring, {});
+        chunk.record_ends.push_back(chunk.text.size());
+    } else {
+        chunk.AddRecord(record);
+    }
+    if (Compressed()) CompressPiece(chunk.text).swap(chunk.gzip);
     Append(chunk);
 }
 
@@ -229,19 +287,42 @@ void FastqWriter::CommitBatch() {
     batch_undo_.clear();
 }
 
+// Files the batch wrote to are closed first, so that their sizes are known
+// again when they are next opened; each is cut back (or removed, when the
+// batch created it: an empty .gz or .bam is not valid) and gets its trailer
+// back. The series keep their counts: after a rollback the run ends.
 void FastqWriter::RollbackBatch() {
     in_batch_ = false;
     std::vector<Undo> undo;
     undo.swap(batch_undo_);
     std::string failures;
-    for (const auto& [path, size, created] : undo) {
+    auto fail = [&](const std::string& what) { failures += std::string(failures.empty() ? "" : " ") + what; };
+    for (const auto& entry : undo) {
+        Series& series = *entry.series;
+        if (!series.file.IsOpen() || series.file.Path() != entry.path) continue;
         try {
-            // A file the batch created goes again: an empty .gz is not valid gzip.
+            series.file.Close();
+        } catch (const OutputError&) {
+        }
+        --open_count_;
+    }
+    for (const auto& [path, size, created, series] : undo) {
+        try {
             std::error_code error;
-            if (created && fs::remove(path, error)) continue;
+            if (created && fs::remove(path, error)) {
+                if (series->Path(options_) == path) series->created = false;
+                continue;
+            }
             TruncateOutputFile(path, size);
+            if (!file_trailer_.empty()) {
+                OutputFile file;
+                file.Open(path, false);
+                file.Write(file_trailer_);
+                file.Close();
+                if (series->Path(options_) == path) series->trailer_on_disk = true;
+            }
         } catch (const OutputError& error) {
-            failures += std::string(failures.empty() ? "" : " ") + error.what();
+            fail(error.what());
         }
     }
     if (!failures.empty()) throw OutputError(failures);
@@ -257,7 +338,7 @@ void FastqWriter::Finalise() {
     std::string failures;
     for (auto& [key, series] : series_) {
         try {
-            series->file.Close();
+            CloseSeriesFile(*series);
         } catch (const OutputError& error) {
             failures += std::string(failures.empty() ? "" : " ") + error.what();
         }

@@ -1,14 +1,19 @@
 #pragma once
-// FASTQ output split by folder and run id. Every (folder, run id) pair has its
-// own series of files "fastq_runid_<run id>_<index>.fastq[.gz]", indices from
-// 0; with records_per_fastq > 0 the next file starts when a record arrives
-// after the current one is full.
+// FASTQ (or BAM) output split by folder and run id. Every (folder, run id)
+// pair has its own series of files "fastq_runid_<run id>_<index>.fastq[.gz]"
+// ("bam_runid_<run id>_<index>.bam"), indices from 0; with records_per_fastq
+// > 0 the next file starts when a record arrives after the current one is
+// full.
 //
 // Records arrive as chunks: the text of many records of one series, already
 // formatted (and, with compression, already made into a gzip member) by a
 // worker. The writer only appends bytes and decides where a series' next file
 // begins, which depends on everything written before and so belongs here.
 // Not thread-safe: one writer thread (or the caller's lock) serialises it.
+//
+// BAM files get the header set with SetFileHeader when they are created and
+// the BGZF end-of-file block when they are closed; a file reopened for
+// appending loses that block again first, so a closed file is always whole.
 
 #include <cstdint>
 #include <map>
@@ -23,6 +28,7 @@
 namespace Common {
 
 class GzipMemberWriter;
+enum class OutputFormat { fastq, bam };
 
 struct FastqWriterOptions {
     bool split_pass_fail = false;    // "pass"/"fail" folder level
@@ -32,15 +38,16 @@ struct FastqWriterOptions {
     // later reopened for appending) beyond that. 0 = derived from the
     // process's open-file limit.
     unsigned max_open_files = 0;
+    OutputFormat format = OutputFormat::fastq;  // bam: always BGZF compressed, whatever compress says
 };
 
 // The records of one series in one batch, in input order.
 struct FastqChunk {
     std::string folder;  // relative to the save path; "" = the save path itself
     std::string run_id;
-    std::string text;                 // FASTQ text; may be empty when gzip holds it all
+    std::string text;                 // FASTQ text or BAM records; may be empty when gzip holds it all
     std::vector<size_t> record_ends;  // end offset in text of each record
-    std::string gzip;                 // with compression: one gzip member holding text
+    std::string gzip;                 // compressed text: one gzip member, or BGZF blocks for BAM
 
     size_t Records() const { return record_ends.size(); }
     void AddRecord(const FastQRecord& record);
@@ -56,11 +63,17 @@ public:
     FastqWriter& operator=(const FastqWriter&) = delete;
 
     // Appends the chunk's records to their series under every root. With
-    // compression, chunk.gzip is written as it is when the records all go to
-    // one file; a chunk that straddles a file boundary needs chunk.text.
+    // compression (and always for BAM), chunk.gzip is written as it is when
+    // the records all go to one file; a chunk that straddles a file boundary
+    // needs chunk.text.
     // Throws OutputError (output_file.h) when a file cannot be opened or written.
     void Append(const FastqChunk& chunk);
-    // One record; folder is relative ("" = the root itself).
+    // The bytes every new file starts with (BAM: the compressed header). Set
+    // before the first record.
+    void SetFileHeader(std::string bytes) { file_header_ = std::move(bytes); }
+
+    // One record; folder is relative ("" = the root itself). As BAM: the read
+    // id, bases and qualities, no tags.
     void WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id);
 
     // Everything appended between BeginBatch and RollbackBatch is cut off
@@ -72,8 +85,8 @@ public:
 
     // Nothing is buffered; kept for callers that flush at checkpoints.
     void Flush();
-    // Closes every file; later writes and flushes throw. The destructor
-    // finalises quietly when this was not called.
+    // Closes every file (BAM: after its end-of-file block); later writes and
+    // flushes throw. The destructor finalises quietly when this was not called.
     void Finalise();
 
     const FastqWriterOptions& Options() const { return options_; }
@@ -92,11 +105,16 @@ private:
     Series& FindSeries(const Key& key);
     void WriteToSeries(Series& series, std::string_view bytes);
     void EnsureOpen(Series& series);
+    void CloseSeriesFile(Series& series);
     void CloseLeastRecentlyUsed();
+    void NoteUndo(Series& series, const std::string& path, uint64_t size, bool created);
+    bool Compressed() const;
     std::string CompressPiece(std::string_view text);
 
     std::vector<std::string> save_paths_;
     FastqWriterOptions options_;
+    std::string file_header_;
+    std::string_view file_trailer_;
     unsigned max_open_;
     bool finalised_ = false;
     std::map<Key, std::unique_ptr<Series>> series_;
@@ -107,8 +125,9 @@ private:
     uint64_t batch_id_ = 0;
     struct Undo {
         std::string path;
-        uint64_t size;  // before the batch
+        uint64_t size;  // before the batch, without the trailer
         bool created;   // by the batch
+        Series* series;
     };
     std::vector<Undo> batch_undo_;
     std::unique_ptr<GzipMemberWriter> gzip_;  // for chunks cut at a file boundary

@@ -6,12 +6,13 @@
 #   fuzz         clang and its libFuzzer runtime, for the fuzz targets (-DVB_FUZZ=ON)
 #   calibration  pbsim, the second read error model of tools/calibrate.py
 #                (which installs it itself when missing)
+#   optional     samtools, used by the BAM tests when present
 # e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
 set -euo pipefail
 
 packages=(
   build-essential cmake ccache pkg-config python3 gzip
-  zlib1g-dev libisal-dev
+  zlib1g-dev libisal-dev libhts-dev
   libboost-program-options-dev libboost-filesystem-dev libboost-iostreams-dev
   libboost-log-dev libboost-thread-dev libboost-date-time-dev libboost-regex-dev
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
@@ -21,7 +22,8 @@ for group in "$@"; do
   case "${group#--}" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     calibration) packages+=(pbsim) ;;
-    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration)" >&2; exit 2 ;;
+    optional) packages+=(samtools) ;;
+    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional)" >&2; exit 2 ;;
   esac
 done
 

@@ -171,6 +171,32 @@ TEST(SummaryRow, ControlCharactersInTextsKeepTheRowShape) {
     EXPECT_EQ(row[3], "K_");
 }
 
+// The sample column follows every other column, the trim columns included,
+// in the header and in both kinds of row.
+TEST(SummaryRow, SampleColumnComesLast) {
+    Barcoding::ArrangementDetectResult best;
+    best.normalised_id = "barcode03";
+    const Vorpa::TrimmedBases trimmed{12, 7};
+    const std::string sample = "Liver-A";
+    for (bool trim : {false, true}) {
+        const auto header = SplitRow(Vorpa::SummaryHeader(trim, true));
+        const auto row = SplitRow(Vorpa::SummaryRow("r1", best, 100, trim ? &trimmed : nullptr, &sample));
+        const auto empty = SplitRow(Vorpa::NoResultRow("r2", trim, &sample));
+        ASSERT_EQ(header.size(), trim ? 21u : 19u);
+        ASSERT_EQ(row.size(), header.size());
+        ASSERT_EQ(empty.size(), header.size());
+        EXPECT_EQ(header.back(), "sample");
+        EXPECT_EQ(row.back(), "Liver-A");
+        EXPECT_EQ(empty.back(), "Liver-A");
+        if (trim) {
+            EXPECT_EQ(header[19], "barcode_rear_total_trimmed");
+            EXPECT_EQ(row[18], "12");
+            EXPECT_EQ(row[19], "7");
+        }
+        EXPECT_EQ(Vorpa::SummaryHeader(trim), Vorpa::SummaryHeader(trim, false));
+    }
+}
+
 TEST(RunReport, TotalsAndUnclassifiedLast) {
     Vorpa::RunTally tally;
     for (const auto& [name, reads] :
@@ -191,6 +217,8 @@ TEST(RunReport, TotalsAndUnclassifiedLast) {
     EXPECT_NE(text.find("52 reads/s"), std::string::npos);  // 103 reads taken in 2 s
     EXPECT_NE(text.find("no barcode above the minimum: 25"), std::string::npos);
     EXPECT_NE(text.find("Reads without a run id (not written): 3."), std::string::npos);
+    EXPECT_EQ(text.find("Reads per sample:"), std::string::npos);
+    EXPECT_EQ(text.find("Secondary and supplementary"), std::string::npos);
 
     // Per-batch tallies add up to the same totals in any grouping.
     Vorpa::RunTally halves[2];
@@ -203,6 +231,32 @@ TEST(RunReport, TotalsAndUnclassifiedLast) {
     EXPECT_EQ(sum.arrangements["a"].reads + sum.arrangements["b"].reads, 100u);
     EXPECT_EQ(sum.arrangements["a"].bases + sum.arrangements["b"].bases, 1000u);
     EXPECT_EQ(sum.arrangements["a"].scored + sum.arrangements["b"].scored, 100u - 15u);
+}
+
+// With a sample sheet the report also counts reads per sample, a sample
+// without reads included, "unclassified" last.
+TEST(RunReport, ReadsPerSampleAndSkippedRecords) {
+    Vorpa::RunTally tally;
+    tally.samples = {{"Liver-A", 0}, {"Kidney", 0}, {"zebra", 0}};
+    Vorpa::RunTally batch;
+    for (int k = 0; k < 40; ++k) {
+        const std::string sample = k < 30 ? "Liver-A" : "unclassified";
+        batch.arrangements[k < 20 ? "barcode01" : k < 30 ? "barcode02" : "unclassified"].Add(100, 70.0f);
+        ++batch.samples[sample];
+    }
+    batch.unclassified_reasons["not in sample sheet"] = 10;
+    batch.records_skipped = 4;
+    tally.Add(batch);
+    std::string text;
+    for (const auto& line : Vorpa::FormatRunReport(tally, 1.0))
+        text += line + "\n";
+    const size_t table = text.find("Reads per sample:\n  sample            reads  percent\n");
+    ASSERT_NE(table, std::string::npos) << text;
+    EXPECT_NE(text.find("  Liver-A              30   75.00%\n", table), std::string::npos) << text;
+    EXPECT_NE(text.find("  Kidney                0    0.00%\n", table), std::string::npos) << text;
+    EXPECT_LT(text.find("zebra", table), text.find("unclassified", table));
+    EXPECT_NE(text.find("  unclassified, not in sample sheet: 10"), std::string::npos) << text;
+    EXPECT_NE(text.find("Secondary and supplementary records skipped (not reads of their own): 4."), std::string::npos);
 }
 
 }  // namespace

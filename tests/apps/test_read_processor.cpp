@@ -27,6 +27,7 @@ public:
     std::mutex mutex;
     std::vector<std::string> files_started;
     std::vector<std::string> reads;  // read ids handed to ProcessRead / SubmitRead
+    std::vector<std::string> tags;   // handed to SubmitBamRead, in order
     int waits = 0;
     std::vector<Vorpa::InputFileEnd> ends;
     bool prepared = false;
@@ -47,6 +48,11 @@ protected:
     void StartNewFile(const std::string& path) override { files_started.push_back(path); }
     void ProcessRead(const Common::FastQRecord& record) override { Take(record); }
     int SubmitRead(Common::FastQRecord&& record) override {
+        Take(record);
+        return 1;
+    }
+    int SubmitBamRead(Common::FastQRecord&& record, std::string&& record_tags) override {
+        tags.push_back(record_tags);
         Take(record);
         return 1;
     }
@@ -142,7 +148,8 @@ TEST_F(ReadProcessorTest, VersionAlonePrintsOnlyTheBanner) {
 }
 
 TEST_F(ReadProcessorTest, FindsFastqFilesByNameInFolderTreeOrList) {
-    for (auto name : {"in/a.fastq", "in/b.fastq.gz", "in/c.fq", "in/d.fastq.txt.gz", "in/sub/e.fastq"})
+    for (auto name : {"in/a.fastq", "in/b.fastq.gz", "in/c.fq", "in/d.fastq.txt.gz", "in/sub/e.fastq", "in/f.bam",
+                      "in/f.bam.bai", "in/g.sam", "in/h.cram", "in/h.cram.crai"})
         Write(name, "");
     fs::create_directories(root / "in" / "folder.fastq");
     TestProcessor p;
@@ -154,9 +161,11 @@ TEST_F(ReadProcessorTest, FindsFastqFilesByNameInFolderTreeOrList) {
         std::sort(files.begin(), files.end());
         return files;
     };
-    EXPECT_EQ(names(p.FindInputFiles(unused)), (std::vector<std::string>{"a.fastq", "b.fastq.gz"}));
+    EXPECT_EQ(names(p.FindInputFiles(unused)),
+              (std::vector<std::string>{"a.fastq", "b.fastq.gz", "f.bam", "g.sam", "h.cram"}));
     p.recursive = true;
-    EXPECT_EQ(names(p.FindInputFiles(unused)), (std::vector<std::string>{"a.fastq", "b.fastq.gz", "e.fastq"}));
+    EXPECT_EQ(names(p.FindInputFiles(unused)),
+              (std::vector<std::string>{"a.fastq", "b.fastq.gz", "e.fastq", "f.bam", "g.sam", "h.cram"}));
 
     p.input_path.clear();
     std::istringstream list("x/one.fq\n/abs/two\n");
@@ -196,6 +205,32 @@ TEST_F(ReadProcessorTest, AsyncRunHandsEveryReadOverAndSurvivesBadFiles) {
     EXPECT_EQ(std::count(out.begin(), out.end(), '*'), 51);
     EXPECT_NE(out.find("Error while processing read: bad read boom3. Continuing with next read."), std::string::npos);
     EXPECT_NE(out.find("Done in "), std::string::npos);
+}
+
+// BAM-family input reaches the application through SubmitBamRead with each
+// record's tags; secondary and supplementary records are counted, not handed on.
+TEST_F(ReadProcessorTest, AlignmentFilesHandTheirTagsOver) {
+    Write("in/a.sam",
+          "@HD\tVN:1.6\n"
+          "s1\t4\t*\t0\t0\t*\t*\t0\t0\tACGT\tIIII\txy:i:7\n"
+          "s1\t260\t*\t0\t0\t*\t*\t0\t0\tACGT\tIIII\n"
+          "s2\t2052\t*\t0\t0\t*\t*\t0\t0\tACGT\tIIII\n"
+          "s3\t4\t*\t0\t0\t*\t*\t0\t0\tAC\tII\n");
+    Write("in/b.fastq", Fastq({"f1"}));
+    TestProcessor p;
+    ASSERT_FALSE(p.Start({"-i", (root / "in").string(), "-s", (root / "out").string(), "-z"}));
+    p.use_async = true;
+    EXPECT_EQ(p.Run(), 0);
+    std::sort(p.reads.begin(), p.reads.end());
+    EXPECT_EQ(p.reads, (std::vector<std::string>{"f1", "s1", "s3"}));
+    EXPECT_EQ(p.tags, (std::vector<std::string>{std::string("xyC\x07", 4), ""}));
+    ASSERT_EQ(p.ends.size(), 2u);
+    const auto sam =
+        std::find_if(p.ends.begin(), p.ends.end(), [](const auto& end) { return end.path.ends_with(".sam"); });
+    ASSERT_NE(sam, p.ends.end());
+    EXPECT_EQ(sam->reads, 2u);
+    EXPECT_EQ(sam->skipped, 2u);
+    EXPECT_TRUE(sam->error.empty()) << sam->error;
 }
 
 TEST_F(ReadProcessorTest, ThreadedLoopProcessesEveryReadOnce) {

@@ -8,9 +8,13 @@
 #include <random>
 #include <sstream>
 
+#include "common/bam_header.h"
+#include "common/bam_record.h"
+#include "common/bgzf_blocks.h"
 #include "common/fastq_writer.h"
 #include "common/gzip_member_writer.h"
 #include "common/output_file.h"
+#include "tests/common/htslib_files.h"
 
 namespace Common {
 namespace {
@@ -217,6 +221,113 @@ TEST_F(FastqWriterTest, RollbackLeavesOnlyCommittedBatches) {
     writer.Finalise();
     EXPECT_EQ(Slurp(root_ / "bc/fastq_runid_R1_0.fastq"), Record(0).ToString() + Record(1).ToString());
     EXPECT_FALSE(fs::exists(root_ / "bc/fastq_runid_R1_1.fastq"));  // created by the failed batch
+}
+
+// BAM output: a chunk of encoded records, compressed as a worker does.
+FastqChunk BamChunk(const std::string& folder, const std::string& run_id, int first, int count) {
+    FastqChunk chunk;
+    chunk.folder = folder;
+    chunk.run_id = run_id;
+    for (int k = first; k < first + count; ++k) {
+        std::string aux;
+        AppendTextTag(aux, kArrangementTag, folder);
+        AppendBamRecord(chunk.text, "read" + std::to_string(k), std::string(5 + k % 7, "ACGT"[k % 4]),
+                        std::string(5 + k % 7, static_cast<char>('!' + k % 40)), aux);
+        chunk.record_ends.push_back(chunk.text.size());
+    }
+    AppendBgzfBlocks(chunk.text, chunk.gzip, kBamCompressionLevel);
+    return chunk;
+}
+
+// The read names of a BAM file, after checking that it is whole: the header
+// first and exactly one end-of-file block, at the end.
+std::vector<std::string> BamReadNames(const fs::path& path, const std::string& header) {
+    std::ifstream in(path.string(), std::ios::binary);
+    std::stringstream bytes;
+    bytes << in.rdbuf();
+    const std::string data = bytes.str();
+    EXPECT_EQ(data.find(BgzfEofBlock()), data.size() - BgzfEofBlock().size()) << path;
+    const auto file = HtslibFiles::ReadAlignments(path.string());
+    EXPECT_EQ(file.header, header) << path;
+    std::vector<std::string> names;
+    for (const auto& record : file.records)
+        names.push_back(record.name);
+    return names;
+}
+
+// Random chunks through writers that keep one or two files open and rotate
+// files: every BAM file is whole (header, records, one end-of-file block at
+// the end) and holds its series' records in order, however often it was
+// closed and reopened.
+TEST_F(FastqWriterTest, BamFilesAreWholeAcrossEvictionsAndRotation) {
+    std::mt19937 rng(31337);
+    const std::string header = BamHeaderText({"@RG\tID:g\tPU:R1"}, "1", "test");
+    for (unsigned limit : {0u, 1u, 3u, 7u}) {
+        for (unsigned open_files : {1u, 2u}) {
+            fs::remove_all(root_);
+            FastqWriterOptions options;
+            options.format = OutputFormat::bam;
+            options.records_per_fastq = limit;
+            options.max_open_files = open_files;
+            std::map<std::pair<std::string, std::string>, std::vector<std::string>> model;
+            {
+                FastqWriter writer({root_.string()}, options);
+                writer.SetFileHeader(EncodeBamHeader(header));
+                int next = 0;
+                for (int c = 0; c < 50; ++c) {
+                    const std::string folder = "bc" + std::to_string(rng() % 3);
+                    const std::string run_id = "run" + std::to_string(rng() % 2);
+                    const int count = static_cast<int>(rng() % 8);
+                    for (int k = next; k < next + count; ++k)
+                        model[{folder, run_id}].push_back("read" + std::to_string(k));
+                    writer.BeginBatch();
+                    writer.Append(BamChunk(folder, run_id, next, count));
+                    writer.CommitBatch();
+                    next += count;
+                }
+                writer.Finalise();
+            }
+            size_t files_expected = 0;
+            for (const auto& [key, names] : model) {
+                const size_t per_file = limit == 0 ? names.size() : limit;
+                for (size_t first = 0, index = 0; first < names.size(); first += per_file, ++index) {
+                    const std::vector<std::string> expected(names.begin() + first,
+                                                            names.begin() + std::min(names.size(), first + per_file));
+                    const fs::path file =
+                        root_ / key.first / ("bam_runid_" + key.second + "_" + std::to_string(index) + ".bam");
+                    ASSERT_TRUE(fs::exists(file)) << file;
+                    EXPECT_EQ(BamReadNames(file, header), expected) << file;
+                    ++files_expected;
+                }
+            }
+            EXPECT_EQ(Files().size(), files_expected) << limit << " " << open_files;
+        }
+    }
+}
+
+// A failed batch that reopened a closed BAM file, rotated it and closed
+// another: the files are cut back to the committed records and each ends
+// with its end-of-file block again.
+TEST_F(FastqWriterTest, BamRollbackLeavesWholeFiles) {
+    FastqWriterOptions options;
+    options.format = OutputFormat::bam;
+    options.records_per_fastq = 3;
+    options.max_open_files = 1;
+    const std::string header = BamHeaderText({}, "1", "test");
+    FastqWriter writer({root_.string()}, options);
+    writer.SetFileHeader(EncodeBamHeader(header));
+    writer.BeginBatch();
+    writer.Append(BamChunk("a", "R1", 0, 2));
+    writer.Append(BamChunk("b", "R1", 2, 1));  // closes a's file
+    writer.CommitBatch();
+    writer.BeginBatch();
+    writer.Append(BamChunk("a", "R1", 3, 2));  // reopens a, fills file 0, starts file 1
+    writer.Append(BamChunk("b", "R1", 5, 1));
+    writer.RollbackBatch();
+    writer.Finalise();
+    EXPECT_EQ(Files(), (std::vector<std::string>{"a/bam_runid_R1_0.bam", "b/bam_runid_R1_0.bam"}));
+    EXPECT_EQ(BamReadNames(root_ / "a/bam_runid_R1_0.bam", header), (std::vector<std::string>{"read0", "read1"}));
+    EXPECT_EQ(BamReadNames(root_ / "b/bam_runid_R1_0.bam", header), (std::vector<std::string>{"read2"}));
 }
 
 // A full disk is reported with the reason and the file; the file never

@@ -1,0 +1,122 @@
+#include "apps/sample_sheet.h"
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+namespace Vorpa {
+
+namespace {
+
+std::string Trim(const std::string& text) {
+    const size_t begin = text.find_first_not_of(" \r");
+    if (begin == std::string::npos) return "";
+    return text.substr(begin, text.find_last_not_of(" \r") + 1 - begin);
+}
+
+std::vector<std::string> Fields(const std::string& line) {
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (;;) {
+        const size_t tab = line.find('\t', start);
+        fields.push_back(Trim(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start)));
+        if (tab == std::string::npos) return fields;
+        start = tab + 1;
+    }
+}
+
+std::string Lower(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// Why name cannot be a folder of its own in the save folder, or "".
+std::string FolderNameProblem(const std::string& name, const std::vector<std::string>& reserved_names) {
+    if (name.empty()) return "the sample name is empty";
+    if (name == "." || name == "..") return "the sample name '" + name + "' is not a folder name";
+    for (unsigned char c : name) {
+        if (c == '/') return "the sample name '" + name + "' contains '/'";
+        if (c < 0x20 || c == 0x7f) return "the sample name '" + name + "' contains a control character";
+    }
+    for (const auto& reserved : reserved_names) {
+        if (Lower(name) == Lower(reserved)) return "the sample name '" + name + "' is reserved for other output";
+    }
+    return "";
+}
+
+}  // namespace
+
+const std::string* SampleSheet::SampleOf(const std::string& arrangement) const {
+    const auto found = sample_of.find(arrangement);
+    return found == sample_of.end() ? nullptr : &found->second;
+}
+
+SampleSheet LoadSampleSheet(const std::string& path, const std::set<std::string>& known_arrangements,
+                            const std::vector<std::string>& reserved_names) {
+    std::ifstream in(path);
+    if (!in.is_open()) throw std::runtime_error("Could not open the sample sheet '" + path + "'");
+    return ParseSampleSheet(in, path, known_arrangements, reserved_names);
+}
+
+SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const std::set<std::string>& known_arrangements,
+                             const std::vector<std::string>& reserved_names) {
+    SampleSheet sheet;
+    std::optional<size_t> arrangement_column, sample_column;
+    size_t columns = 0;
+    std::map<std::string, size_t> arrangement_line;                   // where each arrangement was listed
+    std::map<std::string, std::pair<std::string, size_t>> folder_of;  // lower-case name -> (name, line)
+    std::string line;
+    size_t number = 0;
+    auto fail = [&](const std::string& what) {
+        throw std::runtime_error("Sample sheet '" + name + "', line " + std::to_string(number) + ": " + what + ".");
+    };
+    while (std::getline(in, line)) {
+        ++number;
+        const std::string trimmed = Trim(line);
+        if (trimmed.find_first_not_of('\t') == std::string::npos || trimmed[0] == '#') continue;
+        const auto fields = Fields(line);
+        if (columns == 0) {
+            columns = fields.size();
+            for (size_t i = 0; i < fields.size(); ++i) {
+                std::optional<size_t>* column = fields[i] == "arrangement" ? &arrangement_column
+                                                : fields[i] == "sample"    ? &sample_column
+                                                                           : nullptr;
+                if (column == nullptr) continue;
+                if (*column) fail("the column '" + fields[i] + "' is named twice");
+                *column = i;
+            }
+            if (!arrangement_column || !sample_column)
+                fail("the header must name the columns 'arrangement' and 'sample' (tab separated)");
+            continue;
+        }
+        if (fields.size() > columns)
+            fail(std::to_string(fields.size()) + " fields, but the header names " + std::to_string(columns) +
+                 " columns");
+        if (std::max(*arrangement_column, *sample_column) >= fields.size())
+            fail("no " + std::string(*arrangement_column >= fields.size() ? "arrangement" : "sample") + " field");
+        const std::string& arrangement = fields[*arrangement_column];
+        const std::string& sample = fields[*sample_column];
+        if (arrangement.empty()) fail("the arrangement is empty");
+        if (known_arrangements.count(arrangement) == 0)
+            fail("'" + arrangement + "' is not an arrangement of the selected kits");
+        if (const auto [earlier, added] = arrangement_line.emplace(arrangement, number); !added)
+            fail("the arrangement '" + arrangement + "' is already listed on line " + std::to_string(earlier->second));
+        if (const std::string problem = FolderNameProblem(sample, reserved_names); !problem.empty()) fail(problem);
+        const auto [other, first] = folder_of.emplace(Lower(sample), std::make_pair(sample, number));
+        if (!first && other->second.first != sample)
+            fail("the sample name '" + sample + "' differs from '" + other->second.first + "' (line " +
+                 std::to_string(other->second.second) +
+                 ") only in letter case; they would share a folder on some file systems");
+        if (first) sheet.samples.push_back(sample);
+        sheet.sample_of.emplace(arrangement, sample);
+    }
+    if (columns == 0) throw std::runtime_error("Sample sheet '" + name + "' is empty: it needs a header line.");
+    if (sheet.samples.empty()) throw std::runtime_error("Sample sheet '" + name + "' lists no samples.");
+    return sheet;
+}
+
+}  // namespace Vorpa

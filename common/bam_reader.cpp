@@ -1,0 +1,237 @@
+#include "common/bam_reader.h"
+
+#include <htslib/sam.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+
+#include "common/bam_record.h"
+
+namespace Common {
+
+namespace {
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// Two bases per byte of packed sequence, and whether both are A, C, G or T.
+struct BasePairs {
+    std::array<std::array<char, 2>, 256> text{};
+    std::array<bool, 256> plain{};
+};
+
+constexpr BasePairs MakeBasePairs() {
+    constexpr char kCodes[] = "=ACMGRSVTWYHKDBN";
+    constexpr bool kPlain[16] = {false, true,  true,  false, true,  false, false, false,
+                                 true,  false, false, false, false, false, false, false};
+    BasePairs pairs;
+    for (int byte = 0; byte < 256; ++byte) {
+        pairs.text[byte] = {kCodes[byte >> 4], kCodes[byte & 15]};
+        pairs.plain[byte] = kPlain[byte >> 4] && kPlain[byte & 15];
+    }
+    return pairs;
+}
+constexpr BasePairs kBasePairs = MakeBasePairs();
+
+char Complement(char base) {
+    switch (base) {
+        case 'A':
+            return 'T';
+        case 'C':
+            return 'G';
+        case 'G':
+            return 'C';
+        default:
+            return 'A';
+    }
+}
+
+// Read group ID -> platform unit, from the header's @RG lines.
+std::unordered_map<std::string, std::string> PlatformUnits(sam_hdr_t* header) {
+    std::unordered_map<std::string, std::string> units;
+    const int lines = sam_hdr_count_lines(header, "RG");
+    kstring_t value = KS_INITIALIZE;
+    for (int i = 0; i < lines; ++i) {
+        const char* id = sam_hdr_line_name(header, "RG", i);
+        if (id != nullptr && sam_hdr_find_tag_pos(header, "RG", i, "PU", &value) == 0)
+            units.emplace(id, std::string(value.s, value.l));
+    }
+    ks_free(&value);
+    return units;
+}
+
+// A file opened with its header read, closed again by the destructor.
+struct HtsInput {
+    samFile* file = nullptr;
+    sam_hdr_t* header = nullptr;
+    bool truncated = false;  // a BAM or CRAM file without its end-of-file marker
+
+    HtsInput(const std::string& path, int threads) {
+        file = sam_open(path.c_str(), "r");
+        if (file == nullptr) throw std::runtime_error("Could not open input file '" + path + "'");
+        truncated = hts_check_EOF(file) == 0;
+        if (threads > 0) hts_set_threads(file, threads);
+        header = sam_hdr_read(file);
+        if (header == nullptr) {
+            sam_close(file);
+            throw std::runtime_error("Could not read the header of '" + path + "'");
+        }
+    }
+    ~HtsInput() {
+        sam_hdr_destroy(header);
+        sam_close(file);
+    }
+    HtsInput(const HtsInput&) = delete;
+    HtsInput& operator=(const HtsInput&) = delete;
+};
+
+}  // namespace
+
+struct BamIterable::Htslib : HtsInput {
+    bam1_t* record = nullptr;
+    std::unordered_map<std::string, std::string> platform_units;
+
+    Htslib(const std::string& path, int threads) : HtsInput(path, threads) {}
+    ~Htslib() {
+        if (record != nullptr) bam_destroy1(record);
+    }
+};
+
+bool IsBamFileName(const std::string& path) {
+    return EndsWith(path, ".bam") || EndsWith(path, ".sam") || EndsWith(path, ".cram");
+}
+
+std::vector<std::string> ReadGroupLines(const std::string& path) {
+    const HtsInput hts(path, 0);
+    std::vector<std::string> lines;
+    const int count = sam_hdr_count_lines(hts.header, "RG");
+    kstring_t line = KS_INITIALIZE;
+    for (int i = 0; i < count; ++i) {
+        if (sam_hdr_find_line_pos(hts.header, "RG", i, &line) == 0) lines.emplace_back(line.s, line.l);
+    }
+    ks_free(&line);
+    return lines;
+}
+
+BamIterable::BamIterable(const std::string& path, int threads)
+    : hts_(std::make_unique<Htslib>(path, threads)), path_(path) {
+    hts_->record = bam_init1();
+    if (hts_->record == nullptr) throw std::runtime_error("Out of memory reading '" + path + "'");
+    hts_->platform_units = PlatformUnits(hts_->header);
+}
+
+BamIterable::~BamIterable() = default;
+
+BamIterable& BamIterable::Begin() {
+    if (started_) throw std::runtime_error("Cannot start BAM iteration twice");
+    started_ = true;
+    ReadNext();
+    return *this;
+}
+
+void BamIterable::Increment() {
+    if (!at_end_) ReadNext();
+}
+
+void BamIterable::Stop(std::string error) {
+    at_end_ = true;
+    error_ = std::move(error);
+}
+
+void BamIterable::ReadNext() {
+    for (;;) {
+        const int status = sam_read1(hts_->file, hts_->header, hts_->record);
+        if (status == -1) {
+            // A file cut at a block boundary reads to a clean end; only the
+            // missing marker tells that records are lost.
+            Stop(hts_->truncated
+                     ? "no end-of-file marker after record " + std::to_string(records_) + ": the file is truncated"
+                     : "");
+            return;
+        }
+        if (status < -1) {
+            Stop("damaged or truncated data after record " + std::to_string(records_));
+            return;
+        }
+        ++records_;
+        if (hts_->record->core.flag & (BAM_FSECONDARY | BAM_FSUPPLEMENTARY)) {
+            ++skipped_;
+            continue;
+        }
+        if (Convert()) return;
+    }
+}
+
+// Fills record_ and tags_ from the htslib record; false (with the iteration
+// stopped) when the record cannot be a FASTQ record.
+bool BamIterable::Convert() {
+    const bam1_t* b = hts_->record;
+    const auto flag = b->core.flag;
+    const std::string name = bam_get_qname(b);
+    const auto where = [&] { return "record " + std::to_string(records_) + " ('" + name + "')"; };
+
+    const auto length = static_cast<size_t>(std::max(0, b->core.l_qseq));
+    const uint8_t* packed = bam_get_seq(b);
+    std::string& bases = record_.sequence;
+    bases.resize(length + 1);
+    for (size_t i = 0; i < (length + 1) / 2; ++i) {
+        bases[2 * i] = kBasePairs.text[packed[i]][0];
+        bases[2 * i + 1] = kBasePairs.text[packed[i]][1];
+    }
+    bases.resize(length);
+    for (size_t i = 0; i < length; ++i) {
+        if (bases[i] != 'A' && bases[i] != 'C' && bases[i] != 'G' && bases[i] != 'T') {
+            Stop(where() + ": unexpected base '" + std::string(1, bases[i]) + "' at position " + std::to_string(i));
+            return false;
+        }
+    }
+
+    const uint8_t* phred = bam_get_qual(b);
+    std::string& qualities = record_.qstring;
+    qualities.resize(length);
+    if (length > 0 && phred[0] == 0xff) {
+        std::fill(qualities.begin(), qualities.end(), kMissingQuality);
+    } else {
+        for (size_t i = 0; i < length; ++i) {
+            if (phred[i] > 93) {
+                Stop(where() + ": quality " + std::to_string(phred[i]) + " at position " + std::to_string(i) +
+                     " is above 93");
+                return false;
+            }
+            qualities[i] = static_cast<char>(phred[i] + 33);
+        }
+    }
+
+    tags_.assign(reinterpret_cast<const char*>(bam_get_aux(b)), static_cast<size_t>(bam_get_l_aux(b)));
+    if (!ValidAux(tags_)) {
+        Stop(where() + ": damaged tags");
+        return false;
+    }
+    if (flag & BAM_FREVERSE) {
+        std::reverse(bases.begin(), bases.end());
+        for (char& base : bases)
+            base = Complement(base);
+        std::reverse(qualities.begin(), qualities.end());
+        RemoveTags(tags_, kPerBaseTags);
+    }
+    if (!(flag & BAM_FUNMAP)) RemoveTags(tags_, kAlignmentTags);
+
+    std::string& title = record_.title;
+    title.assign("@").append(name);
+    if (const auto comment = FindTextTag(tags_, "CO")) title.append(" ").append(*comment);
+    if (title.find("runid=", 1) == std::string::npos) {
+        if (const auto run_id = FindTextTag(tags_, kRunIdTag)) {
+            title.append(" runid=").append(*run_id);
+        } else if (const auto group = FindTextTag(tags_, "RG")) {
+            const auto unit = hts_->platform_units.find(std::string(*group));
+            if (unit != hts_->platform_units.end()) title.append(" runid=").append(unit->second);
+        }
+    }
+    return true;
+}
+
+}  // namespace Common

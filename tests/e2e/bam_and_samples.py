@@ -1,0 +1,509 @@
+#!/usr/bin/env python3
+"""End-to-end checks of BAM input and output and of the sample sheet.
+
+Same frame as e2e_driver.py (whose helpers it uses): each case runs the real
+program in a fresh folder. BAM output is read back by a small reader here, so
+that only the cases that need BAM *input* (made with `samtools import`) need
+samtools; they are skipped, with a message, when it is not installed.
+
+Usage: bam_and_samples.py --binary BIN --source REPO --work DIR --case NAME
+"""
+
+import argparse
+import collections
+import gzip
+import os
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from e2e_driver import (SUMMARY, Context, Failure, barcoder_args, check, many_reads, read_fastq,  # noqa: E402
+                        read_id, read_summary, split_into_files, tree_bytes, write_fastq)
+
+SKIPPED = 77  # CTest's SKIP_RETURN_CODE for these cases
+BGZF_EOF = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
+BASES = "=ACMGRSVTWYHKDBN"
+COMPLEMENT = str.maketrans("ACGT", "TGCA")
+
+
+class Skip(Exception):
+    pass
+
+
+def need_samtools():
+    if shutil.which("samtools") is None:
+        raise Skip("samtools is not installed (scripts/install-deps.sh optional installs it)")
+
+
+# ---------------------------------------------------------------- BAM reading
+
+def parse_tags(data):
+    """Raw aux bytes -> list of (tag, type, value); B arrays as (subtype, tuple)."""
+    sizes = {"c": "b", "C": "B", "s": "h", "S": "H", "i": "i", "I": "I", "f": "f"}
+    tags, at = [], 0
+    while at < len(data):
+        tag, kind = data[at:at + 2].decode(), chr(data[at + 2])
+        at += 3
+        if kind == "A":
+            value, at = chr(data[at]), at + 1
+        elif kind in sizes:
+            fmt = "<" + sizes[kind]
+            value, at = struct.unpack_from(fmt, data, at)[0], at + struct.calcsize(fmt)
+        elif kind in "ZH":
+            end = data.index(b"\0", at)
+            value, at = data[at:end].decode(), end + 1
+        elif kind == "B":
+            sub, count = chr(data[at]), struct.unpack_from("<I", data, at + 1)[0]
+            fmt = "<%d%s" % (count, sizes[sub])
+            value, at = (sub, struct.unpack_from(fmt, data, at + 5)), at + 5 + struct.calcsize(fmt)
+        else:
+            raise Failure(f"unknown tag type {kind!r}")
+        tags.append((tag, kind, value))
+    return tags
+
+
+def read_bam(path):
+    """(header text, records) of a BAM file, after checking that it is whole;
+    a record is a dict of name, flag, seq, qual and tags."""
+    with open(path, "rb") as handle:
+        data = handle.read()
+    check(data.endswith(BGZF_EOF), f"{path} does not end with the BGZF end-of-file block")
+    check(data.find(BGZF_EOF) == len(data) - len(BGZF_EOF), f"{path} has an end-of-file block inside")
+    raw = gzip.decompress(data)
+    check(raw[:4] == b"BAM\1", f"{path} is not BAM")
+    text_length = struct.unpack_from("<i", raw, 4)[0]
+    header = raw[8:8 + text_length].decode()
+    at = 8 + text_length
+    for _ in range(struct.unpack_from("<i", raw, at)[0]):
+        at += 4 + struct.unpack_from("<i", raw, at + 4)[0] + 4
+    at += 4
+    records = []
+    while at < len(raw):
+        size = struct.unpack_from("<i", raw, at)[0]
+        end = at + 4 + size
+        (_, _, name_length, _, _, cigar_ops, flag, length, _, _, _) = struct.unpack_from("<iiBBHHHIiii", raw, at + 4)
+        p = at + 36
+        name = raw[p:p + name_length - 1].decode()
+        p += name_length + 4 * cigar_ops
+        packed = raw[p:p + (length + 1) // 2]
+        seq = "".join(BASES[packed[i // 2] >> 4 if i % 2 == 0 else packed[i // 2] & 15] for i in range(length))
+        p += (length + 1) // 2
+        qual = "".join(chr(q + 33) for q in raw[p:p + length]) if length and raw[p] != 0xff else ""
+        p += length
+        records.append({"name": name, "flag": flag, "seq": seq, "qual": qual, "tags": parse_tags(raw[p:end])})
+        at = end
+    return header, records
+
+
+def output_bam_reads(save):
+    """read id -> (folder relative to save, file name, record) over every BAM file written."""
+    found = {}
+    for folder, _, files in os.walk(save):
+        for name in files:
+            if not name.endswith(".bam"):
+                continue
+            check(name.startswith("bam_runid_"), f"unexpected output file {name}")
+            for record in read_bam(os.path.join(folder, name))[1]:
+                check(record["name"] not in found, f"read {record['name']} written twice")
+                found[record["name"]] = (os.path.relpath(folder, save), name, record)
+    return found
+
+
+def tag(record, name):
+    values = [value for t, _, value in record["tags"] if t == name]
+    return values[0] if values else None
+
+
+def samtools_agree(save):
+    """samtools finds every BAM file whole; returns its count of reads per folder."""
+    by_folder = collections.defaultdict(list)
+    for folder, _, names in os.walk(save):
+        by_folder[os.path.relpath(folder, save)] += [os.path.join(folder, n) for n in names if n.endswith(".bam")]
+    files = [path for paths in by_folder.values() for path in paths]
+    result = subprocess.run(["samtools", "quickcheck", "-u"] + files, capture_output=True, text=True)
+    check(result.returncode == 0, f"samtools quickcheck -u fails: {result.stdout}{result.stderr}")
+    counts = collections.Counter()
+    for folder, paths in by_folder.items():
+        if not paths:
+            continue
+        joined = subprocess.run(["samtools", "cat"] + paths, capture_output=True, check=True).stdout
+        out = subprocess.run(["samtools", "view", "-c", "-"], input=joined, capture_output=True, check=True)
+        counts[folder] = int(out.stdout)
+    return counts
+
+
+# ---------------------------------------------------------------- input files
+
+def revcomp(seq):
+    return seq.translate(COMPLEMENT)[::-1]
+
+
+def title_fields(title):
+    return dict(field.split("=", 1) for field in title.split(" ")[1:] if "=" in field)
+
+
+def import_bam(ctx, path, records, run_tag=False, read_group=None):
+    """records as an unaligned BAM made by samtools import: the title's fields
+    become tags xc (channel), xn (read number) and xs (start time), and the run
+    id goes into a read group's PU or the ri tag."""
+    fastq = path + ".source.fastq"
+    converted = []
+    for title, seq, qual in records:
+        fields = title_fields(title)
+        # samtools import takes tab-separated SAM tags from the comment.
+        comment = f"xc:i:{fields['ch']}\txn:i:{fields['read']}\txs:Z:{fields['start_time']}"
+        if run_tag:
+            comment += f"\tri:Z:{fields['runid']}"
+        converted.append((f"@{read_id(title)} {comment}", seq, qual))
+    write_fastq(fastq, converted)
+    command = ["samtools", "import", "-0", fastq, "-T", "*", "-o", path]
+    if read_group:
+        command += ["-r", f"ID:{read_group[0]}", "-r", f"PU:{read_group[1]}"]
+    subprocess.run(command, check=True, capture_output=True)
+    os.remove(fastq)
+
+
+def by_run_id(records):
+    groups = collections.defaultdict(list)
+    for record in records:
+        groups[title_fields(record[0])["runid"]].append(record)
+    return [groups[key] for key in sorted(groups)]
+
+
+def summary_columns(trim=False, sample=False):
+    return 18 + (2 if trim else 0) + (1 if sample else 0)
+
+
+# ---------------------------------------------------------------- cases
+
+def case_bam_round_trip(ctx):
+    """FASTQ and the same reads as BAM give the same calls; BAM output keeps
+    every input tag, adds the arrangement, and trims like FASTQ output."""
+    need_samtools()
+    records, _ = ctx.simulate("rt", 240, 71)
+    split_into_files(ctx.path("fq"), records, ["a.fastq", "b.fastq.gz"])
+    first, second = by_run_id(records)
+    os.makedirs(ctx.path("bam"))
+    run_a = title_fields(first[0][0])["runid"]
+    import_bam(ctx, ctx.path("bam", "a.bam"), first, read_group=("grpA", run_a))
+    import_bam(ctx, ctx.path("bam", "b.bam"), second, run_tag=True)
+    inputs = {read_id(t): (t, s, q) for t, s, q in records}
+
+    ctx.run(barcoder_args("fq", "fq_fq", "--trim_barcodes"))
+    ctx.run(barcoder_args("fq", "fq_bam", "--trim_barcodes", "--output_format", "bam"))
+    ctx.run(barcoder_args("bam", "bam_bam", "--trim_barcodes", "--output_format", "bam", "-t", "2"))
+    ctx.run(barcoder_args("bam", "bam_fq", "--trim_barcodes"))
+    columns = summary_columns(trim=True)
+    _, rows = read_summary(ctx.path("fq_fq", SUMMARY), columns)
+    for save in ("fq_bam", "bam_bam", "bam_fq"):
+        _, other = read_summary(ctx.path(save, SUMMARY), columns)
+        check(other == rows, f"{save}: the summary differs from the FASTQ run's")
+    check(len(rows) == len(records), "reads were lost")
+
+    fastq_out = {}
+    for folder, _, files in os.walk(ctx.path("fq_fq")):
+        for name in files:
+            if name.startswith("fastq_runid_"):
+                for title, seq, qual in read_fastq(os.path.join(folder, name)):
+                    fastq_out[read_id(title)] = (os.path.relpath(folder, ctx.path("fq_fq")), title, seq, qual)
+    input_tags = {}
+    for name in ("a.bam", "b.bam"):
+        for record in read_bam(ctx.path("bam", name))[1]:
+            input_tags[record["name"]] = record["tags"]
+
+    from_fastq = output_bam_reads(ctx.path("fq_bam"))
+    from_bam = output_bam_reads(ctx.path("bam_bam"))
+    check(set(from_fastq) == set(from_bam) == set(fastq_out), "the outputs hold different reads")
+    trimmed = 0
+    for rid, (folder, title, seq, qual) in fastq_out.items():
+        arrangement = rows[rid][1]
+        for label, written in (("FASTQ input", from_fastq), ("BAM input", from_bam)):
+            out_folder, name, record = written[rid]
+            check(out_folder == folder == arrangement, f"{rid} filed under {out_folder}, {label}")
+            check(record["flag"] == 4, f"{rid}: flag {record['flag']}")
+            check((record["seq"], record["qual"]) == (seq, qual), f"{rid} trimmed otherwise than as FASTQ ({label})")
+            check(tag(record, "ar") == arrangement and record["tags"][-1][0] == "ar",
+                  f"{rid}: arrangement tag missing or misplaced ({label})")
+        trimmed += len(seq) < len(inputs[rid][1])
+        # FASTQ input: the title's fields in CO, as the FASTQ output's title has them.
+        check(tag(from_fastq[rid][2], "CO") + f" barcode={arrangement}" == title.split(" ", 1)[1],
+              f"{rid}: CO does not hold the title's fields")
+        # BAM input: every tag it had, in order, then ar.
+        check(from_bam[rid][2]["tags"][:-1] == input_tags[rid], f"{rid}: input tags not kept")
+        run_id = title_fields(inputs[rid][0])["runid"]
+        check(from_bam[rid][1] == from_fastq[rid][1] == f"bam_runid_{run_id}_0.bam", f"{rid}: wrong file")
+    check(trimmed > 150, f"only {trimmed} reads trimmed: the case does not test trimming")
+
+    header, _ = read_bam(os.path.join(ctx.path("bam_bam"), *next(iter(from_bam.values()))[:2]))
+    lines = header.splitlines()
+    check(lines[0].startswith("@HD\tVN:") and f"@RG\tID:grpA\tPU:{run_a}" in lines, f"header:\n{header}")
+    check(lines[-1].startswith("@PG\tID:vorpa_barcoder\tPN:vorpa_barcoder\tVN:") and "--output_format bam" in lines[-1],
+          f"no @PG line with the command line:\n{header}")
+    counts = samtools_agree(ctx.path("bam_bam"))
+    check(counts == collections.Counter(row[1] for row in rows.values()), "samtools counts differ from the summary")
+    # BAM input, FASTQ output: the title carries the run id from the tag or the read group.
+    for folder, _, files in os.walk(ctx.path("bam_fq")):
+        for name in files:
+            if name.startswith("fastq_runid_"):
+                for out_title, _, _ in read_fastq(os.path.join(folder, name)):
+                    rid = read_id(out_title)
+                    run_id = title_fields(inputs[rid][0])["runid"]
+                    check(out_title == f"@{rid} runid={run_id} barcode={rows[rid][1]}", f"title {out_title}")
+
+
+def case_bam_input_kinds(ctx):
+    """A folder of FASTQ, BAM and CRAM; mapped records of both strands;
+    secondary and supplementary records skipped and counted; a record without
+    a run id dropped and counted."""
+    need_samtools()
+    records, _ = ctx.simulate("kinds", 200, 72)
+    run_id = title_fields(records[0][0])["runid"]
+    os.makedirs(ctx.path("in"))
+    write_fastq(ctx.path("in", "a.fastq.gz"), records[:60])
+    import_bam(ctx, ctx.path("in", "b.bam"), records[60:110], run_tag=True)
+    import_bam(ctx, ctx.path("tmp.bam"), records[110:140], read_group=("g", run_id))
+    subprocess.run(["samtools", "view", "-C", "-o", ctx.path("in", "c.cram"), ctx.path("tmp.bam")], check=True)
+    lines = ["@HD\tVN:1.6", "@SQ\tSN:ref\tLN:10000000", f"@RG\tID:g\tPU:{run_id}"]
+    reverse, extra = set(), 0
+    for k, (title, seq, qual) in enumerate(records[140:]):
+        rid = read_id(title)
+        if k % 2:
+            reverse.add(rid)
+            lines.append(f"{rid}\t16\tref\t{100 + k}\t60\t{len(seq)}M\t*\t0\t0\t{revcomp(seq)}\t{qual[::-1]}"
+                         "\tRG:Z:g\tNM:i:0")
+        else:
+            lines.append(f"{rid}\t0\tref\t{100 + k}\t60\t{len(seq)}M\t*\t0\t0\t{seq}\t{qual}\tRG:Z:g\tNM:i:0")
+        if k % 5 == 0:
+            lines.append(f"{rid}\t256\tref\t5\t0\t{len(seq)}M\t*\t0\t0\t*\t*\tRG:Z:g")
+            lines.append(f"{rid}\t2064\tref\t9\t0\t20M{len(seq) - 20}H\t*\t0\t0\t{revcomp(seq[:20])}\t*\tRG:Z:g")
+            extra += 2
+    lines.append("no_run_id\t4\t*\t0\t0\t*\t*\t0\t0\tACGTACGTAC\t*")
+    with open(ctx.path("mapped.sam"), "w") as handle:
+        handle.write("\n".join(lines) + "\n")
+    subprocess.run(["samtools", "view", "-b", "-o", ctx.path("in", "d.bam"), ctx.path("mapped.sam")], check=True)
+
+    result = ctx.run(barcoder_args("in", "out", "-t", "2"))
+    split_into_files(ctx.path("ref_in"), records, ["all.fastq"])
+    ctx.run(barcoder_args("ref_in", "ref"))
+    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
+    _, reference = read_summary(ctx.path("ref", SUMMARY), 18)
+    check(rows == reference, "BAM, CRAM and mapped input are classified otherwise than the same reads as FASTQ")
+    check(f"Secondary and supplementary records skipped (not reads of their own): {extra}." in result.stdout,
+          "skipped records are not reported:\n" + result.stdout[-1500:])
+    check("Reads without a run id (not written): 1." in result.stdout, "the read without a run id is not reported")
+    check("Found 4 fastq files." in result.stdout, "the BAM and CRAM files were not all found")
+    inputs = {read_id(t): (s, q) for t, s, q in records}
+    for folder, _, files in os.walk(ctx.path("out")):
+        for name in files:
+            if not name.startswith("fastq_runid_"):
+                continue
+            for title, seq, qual in read_fastq(os.path.join(folder, name)):
+                rid = read_id(title)
+                check((seq, qual) == inputs[rid], f"{rid} not in its own orientation"
+                                                  f"{' (reverse strand)' if rid in reverse else ''}")
+
+
+def same_command_runs(ctx, threads_list, extra):
+    """Output trees of runs that differ only in the worker threads, set in the
+    configuration file so that the command line (and so the BAM header) is the same."""
+    with open(os.path.join(ctx.source, "data", "barcoding", "configuration.cfg")) as handle:
+        base = handle.read()
+    trees = {}
+    for threads in threads_list:
+        with open(ctx.path("threads.cfg"), "w") as handle:
+            handle.write(base + f"\nworker_threads = {threads}\n")
+        shutil.rmtree(ctx.path("out"), ignore_errors=True)
+        ctx.run(["-c", "./threads.cfg"] + barcoder_args("in", "out", "--output_format", "bam", *extra))
+        trees[threads] = tree_bytes(ctx.path("out"))
+    return trees
+
+
+def case_bam_thread_count_invariance(ctx):
+    records = many_reads(ctx, "bamthreads", 23)
+    os.makedirs(ctx.path("in"))
+    bounds = [0, 700, 701, 4500, 6000, len(records)]
+    for k in range(len(bounds) - 1):
+        write_fastq(ctx.path("in", f"part{k}.fastq" + (".gz" if k % 2 else "")), records[bounds[k]:bounds[k + 1]])
+    for extra in ([], ["-q", "250", "--trim_barcodes"]):
+        trees = same_command_runs(ctx, ("1", "4"), extra)
+        check(trees["1"] == trees["4"], f"BAM output bytes depend on the number of worker threads ({extra})")
+        written = output_bam_reads(ctx.path("out"))
+        _, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(trim=bool(extra)))
+        check(len(written) == len(records) and set(written) == set(rows), "reads lost or added")
+
+
+def case_bam_rotation_and_few_files(ctx):
+    """-q rotation and far more output files than descriptors (ulimit -n 64):
+    every BAM file whole, the reads of each folder those the summary files
+    there; and whole again after an interrupted run."""
+    import resource
+    records, _ = ctx.simulate("bamfd", 1500, 73)
+    renamed = [(f"@{read_id(t)} runid=run{k % 60:02d}", s, q) for k, (t, s, q) in enumerate(records)]
+    split_into_files(ctx.path("in"), renamed, ["a.fastq", "b.fastq"])
+
+    def limit():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+
+    for extra in ([], ["-q", "3"]):
+        save = "out" + str(len(extra))
+        result = subprocess.run([ctx.binary] + barcoder_args("in", save, "-t", "2", "--output_format", "bam", *extra),
+                                cwd=ctx.work, capture_output=True, text=True, preexec_fn=limit, timeout=100)
+        check(result.returncode == 0, f"status {result.returncode} under ulimit -n 64\n{result.stdout[-2000:]}")
+        _, rows = read_summary(ctx.path(save, SUMMARY), 18)
+        written = output_bam_reads(ctx.path(save))
+        check(set(written) == set(rows) == {read_id(t) for t, _, _ in renamed}, "reads lost under ulimit -n 64")
+        for rid, (folder, name, _) in written.items():
+            check(folder == rows[rid][1], f"{rid} in {folder}, classified {rows[rid][1]}")
+        series = {(folder, name.rsplit("_", 1)[0]) for folder, name, _ in written.values()}
+        check(len(series) > 200, f"only {len(series)} output series: the case does not test eviction")
+        if extra:
+            sizes = collections.Counter((folder, name) for folder, name, _ in written.values())
+            check(max(sizes.values()) <= 3 and any(name.endswith("_1.bam") for _, name in sizes),
+                  "files are not cut at 3 records")
+        if shutil.which("samtools"):
+            counts = samtools_agree(ctx.path(save))
+            check(counts == collections.Counter(row[1] for row in rows.values()), "samtools counts differ")
+
+    # Interrupted: the files closed on the way out are whole.
+    os.makedirs(ctx.path("many"))
+    for copy in range(10):
+        write_fastq(ctx.path("many", f"copy{copy}.fastq"), [(f"@c{copy}_{t[1:]}", s, q) for t, s, q in renamed])
+    process = subprocess.Popen([ctx.binary] + barcoder_args("many", "stopped", "-t", "1", "--output_format", "bam",
+                                                           "-q", "5"),
+                               cwd=ctx.work, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    time.sleep(1.0)
+    process.send_signal(signal.SIGINT)
+    out, err = process.communicate(timeout=60)
+    check(process.returncode == 130, f"status {process.returncode} after SIGINT\n{out[-1500:]}{err[-1500:]}")
+    _, rows = read_summary(ctx.path("stopped", SUMMARY), 18)
+    written = output_bam_reads(ctx.path("stopped"))
+    check(set(written) == set(rows) and 0 < len(rows) < 10 * len(renamed), f"{len(rows)} rows after SIGINT")
+
+
+def write_sheet(ctx, name, text):
+    with open(ctx.path(name), "w") as handle:
+        handle.write(text)
+    return name
+
+
+def case_sample_sheet(ctx):
+    records, _ = ctx.simulate("samples", 300, 74)
+    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    ctx.run(barcoder_args("in", "plain"))
+    _, plain = read_summary(ctx.path("plain", SUMMARY), 18)
+    sheet = write_sheet(ctx, "sheet.tsv", "# plate 1\nsample\tarrangement\tdescription\n"
+                                          "Liver-A\tbarcode01\tleft lobe\nLiver-A\tbarcode02\tright lobe\n"
+                                          "Kidney\tbarcode03\t\nEmpty\tbarcode24\tnot loaded\n")
+    samples = {"barcode01": "Liver-A", "barcode02": "Liver-A", "barcode03": "Kidney", "barcode24": "Empty"}
+    for trim in (False, True):
+        save = "sheet" + ("_trim" if trim else "")
+        extra = ["--trim_barcodes"] if trim else []
+        result = ctx.run(barcoder_args("in", save, "--sample_sheet", sheet, *extra))
+        header, rows = read_summary(ctx.path(save, SUMMARY), summary_columns(trim, sample=True))
+        check(header[-1] == "sample" and (not trim or header[-2] == "barcode_rear_total_trimmed"),
+              f"header {header}")
+        check(set(rows) == set(plain), "reads lost")
+        unlisted = 0
+        for rid, row in rows.items():
+            arrangement = plain[rid][1]
+            if arrangement in samples:
+                check(row[1] == arrangement and row[-1] == samples[arrangement], f"{rid}: {row[1]}, {row[-1]}")
+            else:
+                check(row[1] == "unclassified" and row[-1] == "unclassified", f"{rid}: {row[1]} {row[-1]}")
+                check(row[2:18] == plain[rid][2:18], f"{rid}: the best candidate is no longer shown")
+                unlisted += arrangement != "unclassified"
+        check(unlisted > 100, "too few reads of unlisted arrangements to judge")
+        folders = sorted(d for d in os.listdir(ctx.path(save)) if os.path.isdir(ctx.path(save, d)))
+        expected = sorted({samples.get(row[1], "unclassified") for row in plain.values()} | {"unclassified"})
+        check(folders == expected and "Liver-A" in folders, f"folders {folders}")
+        for folder in folders:
+            for name in os.listdir(ctx.path(save, folder)):
+                for title, _, _ in read_fastq(ctx.path(save, folder, name)):
+                    check(rows[read_id(title)][-1] == folder, f"{read_id(title)} in {folder}")
+        check(f"unclassified, not in sample sheet: {unlisted}" in result.stdout, "the reason is not counted")
+        check("Reads per sample:" in result.stdout and "  Empty " in result.stdout and
+              result.stdout.index("  Kidney ") < result.stdout.index("  Liver-A ") <
+              result.stdout.rindex("  unclassified "), "reads per sample are not reported:\n" + result.stdout[-2000:])
+
+    # The same from the configuration file, with BAM output.
+    with open(os.path.join(ctx.source, "data", "barcoding", "configuration.cfg")) as handle:
+        base = handle.read()
+    with open(ctx.path("samples.cfg"), "w") as handle:
+        handle.write(base + "\nsample_sheet = sheet.tsv\noutput_format = bam\n")
+    ctx.run(["-c", "./samples.cfg"] + barcoder_args("in", "from_cfg"))
+    _, rows = read_summary(ctx.path("from_cfg", SUMMARY), summary_columns(sample=True))
+    _, earlier = read_summary(ctx.path("sheet", SUMMARY), summary_columns(sample=True))
+    check(rows == earlier, "the configuration file's sample sheet is not used")
+    for rid, (folder, _, record) in output_bam_reads(ctx.path("from_cfg")).items():
+        check(folder == rows[rid][-1] and tag(record, "ar") == rows[rid][1], f"{rid} in {folder}")
+
+
+def case_sample_sheet_errors(ctx):
+    records, _ = ctx.simulate("sheeterr", 10, 75)
+    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    os.makedirs(ctx.path("out"))
+    with open(ctx.path("out", SUMMARY), "w") as handle:
+        handle.write("earlier run\n")
+    # Each check's message is pinned by the unit tests; here: the status, the
+    # file and line named on both channels, nothing written.
+    head = "arrangement\tsample\n"
+    cases = [
+        ("", "Sample sheet 'bad.tsv' is empty: it needs a header line."),
+        (head + "barcode01\tA\nbarcode01\tB\n",
+         "Sample sheet 'bad.tsv', line 3: the arrangement 'barcode01' is already listed on line 2."),
+        (head + "barcode01\tA\nbarcode77\tB\n",
+         "Sample sheet 'bad.tsv', line 3: 'barcode77' is not an arrangement of the selected kits."),
+        (head + "barcode01\ta/b\n", "Sample sheet 'bad.tsv', line 2: the sample name 'a/b' contains '/'."),
+    ]
+    for text, message in cases:
+        write_sheet(ctx, "bad.tsv", text)
+        result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "bad.tsv"), expect=255)
+        check(message in result.stdout, f"expected {message!r}:\n{result.stdout[-1500:]}")
+        result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "bad.tsv", "-z"), expect=255)
+        check(message in result.stderr and result.stdout == "", "a quiet run must say why on standard error")
+    # A sheet naming VB-NB24 barcodes is refused for a kit without them.
+    write_sheet(ctx, "bad.tsv", head + "barcode13\tA\n")
+    result = ctx.run(["-i", "in", "-s", "out", "--barcode_kits", "VB-RB12", "--sample_sheet", "bad.tsv"],
+                     expect=255)
+    check("'barcode13' is not an arrangement of the selected kits" in result.stdout, result.stdout[-1500:])
+    result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "missing.tsv"), expect=255)
+    check("Could not open the sample sheet 'missing.tsv'" in result.stdout, result.stdout[-1500:])
+    result = ctx.run(barcoder_args("in", "out", "--output_format", "sam"), expect=255)
+    check("Unknown output format 'sam': use fastq or bam" in result.stdout, result.stdout[-1500:])
+    with open(ctx.path("out", SUMMARY)) as handle:
+        check(handle.read() == "earlier run\n", "a refused run must leave the earlier summary alone")
+    check(all(name == SUMMARY or name.endswith(".log") for name in os.listdir(ctx.path("out"))),
+          f"a refused run wrote output: {os.listdir(ctx.path('out'))}")
+
+
+CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--binary", required=True)
+    parser.add_argument("--source", required=True)
+    parser.add_argument("--work", required=True)
+    parser.add_argument("--case", required=True, choices=sorted(CASES))
+    args = parser.parse_args()
+    work = os.path.join(os.path.abspath(args.work), args.case)
+    shutil.rmtree(work, ignore_errors=True)
+    os.makedirs(work)
+    try:
+        CASES[args.case](Context(os.path.abspath(args.binary), os.path.abspath(args.source), work))
+    except Skip as skip:
+        print(f"SKIP {args.case}: {skip}")
+        return SKIPPED
+    except Failure as failure:
+        print(f"FAIL {args.case}: {failure}")
+        return 1
+    print(f"ok {args.case}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
