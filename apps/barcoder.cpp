@@ -243,6 +243,10 @@ void Barcoder::PrepareRun() {
 // the whole run, so a new input continues those series rather than starting
 // over them (which would overwrite the reads of earlier inputs).
 void Barcoder::StartNewFile(const std::string& /*path*/) {
+    {
+        std::lock_guard<std::mutex> lock(output_mutex);
+        ++tally.files_found;
+    }
     std::error_code error;
     if (!save_path.empty() && !std::filesystem::exists(save_path, error)) {
         VB_LOG(logger, Common::Severity::info) << "Creating output folder " << save_path;
@@ -351,12 +355,20 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     if (results.empty()) VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
     summary_stream << row;
     writer->Write(record, arrangement, run_id);
-    ++tally.reads_per_arrangement[arrangement];
+    CountRead(tally, arrangement, record.sequence.size(), results.empty() ? 0.0 : results.front().score);
 }
 
+// The JSON report is written last, once every output file is closed, so that
+// its presence tells a workflow that the save folder is complete.
 void Barcoder::ReportRun(double seconds) {
     for (const auto& line : FormatRunReport(tally, seconds))
         VB_LOG(logger, Common::Severity::info) << line;
+    try {
+        const auto path = std::filesystem::path(save_path) / kJsonReportFileName;
+        WriteFileAtomically(path.string(), FormatJsonReport(tally, RunInfo{VB_VERSION, OptionValues(), seconds}));
+    } catch (const std::exception& error) {
+        VB_LOG(logger, Common::Severity::error) << "Could not write the run report: " << error.what();
+    }
 }
 
 }  // namespace Vorpa

@@ -112,7 +112,7 @@ TEST(SummaryRow, ColumnsAgreeWithHeaderAndDetections) {
 
 TEST(RunReport, TotalsAndUnclassifiedLast) {
     Vorpa::RunTally tally;
-    tally.reads_per_arrangement = {{"unclassified", 25}, {"barcode02", 25}, {"barcode10", 50}};
+    tally.arrangements = {{"unclassified", {25}}, {"barcode02", {25}}, {"barcode10", {50}}};
     tally.dropped = 3;
     const auto lines = Vorpa::FormatRunReport(tally, 2.0);
     std::string text;
