@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need. Idempotent: when
 # everything is already there it only checks and says nothing.
+#
+#   scripts/install-deps.sh            the build and its tests
+#   scripts/install-deps.sh workflow   also Snakemake, for the sharded workflow (workflow/)
 set -euo pipefail
 
 packages=(
@@ -11,6 +14,15 @@ packages=(
   libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
+for group in "$@"; do
+  case "$group" in
+    workflow) packages+=(snakemake) ;;
+    *)
+      echo "install-deps: unknown group '$group' (known: workflow)" >&2
+      exit 2
+      ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
