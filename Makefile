@@ -32,9 +32,9 @@ cluster-demo: build
 	  options="--barcode_kits VB-NB24"
 	@echo
 	@echo "Merged output of $$(ls cluster_demo_output/logs | grep -c '^shard_') shards in cluster_demo_output/:"
-	@ls cluster_demo_output
+	@ls -C cluster_demo_output
 	@python3 -c 'import json; r = json.load(open("cluster_demo_output/barcoding_report.json"))["reads"]; \
-	  print(f"{r[\"written\"]} reads written, {r[\"classified\"]} classified, {r[\"unclassified\"]} unclassified")'
+	  print("{written} reads written, {classified} classified, {unclassified} unclassified".format(**r))'
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
