@@ -240,7 +240,8 @@ class SeriesOutput:
         self.count = 0  # records in the open file
 
     def _path(self, index):
-        return os.path.join(self.folder, f"fastq_runid_{self.run_id}_{index}.fastq" + (".gz" if self.compressed else ""))
+        suffix = ".fastq.gz" if self.compressed else ".fastq"
+        return os.path.join(self.folder, f"fastq_runid_{self.run_id}_{index}{suffix}")
 
     def _start_file(self):
         self.close()
@@ -299,7 +300,10 @@ class SeriesOutput:
         self.count = count - cuts[-1]
 
     def _write(self, text):
-        self.handle.write(gzip.compress(text, compresslevel=1, mtime=0) if self.compressed else text)
+        # The handle is unbuffered: one write may take only part of the bytes.
+        view = memoryview(gzip.compress(text, compresslevel=1, mtime=0) if self.compressed else text)
+        while view:
+            view = view[self.handle.write(view):]
 
     def close(self):
         if self.handle is not None:
