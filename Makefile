@@ -1,12 +1,14 @@
 # Two commands set everything up on a fresh Debian machine:
 #   make demo   install what is missing, build, classify the bundled example reads
 #   make test   the same build, then every test
+# make cluster-demo runs the sharded Snakemake workflow (workflow/) on the
+# example reads, one shard per file, into cluster_demo_output/.
 BUILD ?= build
 BUILD_TYPE ?= Release
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build demo test bench format clean
+.PHONY: all deps configure build demo cluster-demo test bench format clean
 
 all: build
 
@@ -22,6 +24,18 @@ build: configure
 demo: build
 	@bash scripts/demo.sh $(BUILD)
 
+cluster-demo: build
+	@bash scripts/install-deps.sh workflow
+	@rm -rf cluster_demo_output
+	snakemake -s workflow/Snakefile --cores 2 --config input_path=examples/reads \
+	  save_path=cluster_demo_output files_per_shard=1 barcoder=$(BUILD)/bin/vorpa_barcoder \
+	  options="--barcode_kits VB-NB24"
+	@echo
+	@echo "Merged output of $$(ls cluster_demo_output/logs | grep -c '^shard_') shards in cluster_demo_output/:"
+	@ls -C cluster_demo_output
+	@python3 -c 'import json; r = json.load(open("cluster_demo_output/barcoding_report.json"))["reads"]; \
+	  print("{written} reads written, {classified} classified, {unclassified} unclassified".format(**r))'
+
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
@@ -32,4 +46,4 @@ format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h' '*.cu' '*.cuh')
 
 clean:
-	@rm -rf $(BUILD) demo_output
+	@rm -rf $(BUILD) demo_output cluster_demo_output .snakemake

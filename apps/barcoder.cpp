@@ -347,6 +347,10 @@ void Barcoder::OnInputFilesFound(const std::vector<std::string>& files) {
 // the whole run, so a new input continues those series rather than starting
 // over them (which would overwrite the reads of earlier inputs).
 void Barcoder::StartNewFile(const std::string& /*path*/) {
+    {
+        std::lock_guard<std::mutex> lock(output_mutex);
+        ++tally.files_found;
+    }
     std::error_code error;
     if (!save_path.empty() && !std::filesystem::exists(save_path, error)) {
         VB_LOG(logger, Common::Severity::info) << "Creating output folder " << save_path;
@@ -550,7 +554,8 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         batch.summary += reason;
         batch.summary += '\n';
     }
-    batch.tally.arrangements[arrangement].Add(read_bases, score);
+    // Bases as written: after trimming.
+    batch.tally.arrangements[arrangement].Add(record.sequence.size(), score);
     if (sample_column != nullptr) ++batch.tally.samples[*sample_column];
 }
 
@@ -606,6 +611,20 @@ void Barcoder::ReportRun(double seconds) {
                   << " reads that failed were not written; " << tally.files_ended_early
                   << " input files ended early and " << tally.files_failed << " could not be read. See the log in "
                   << save_path << "." << std::endl;
+    }
+    // The JSON report is written last, once every output file is closed, and
+    // only for a run that finished: its presence tells a workflow that the
+    // save folder is complete.
+    if (!failure.empty() || Common::StopSignal() != 0) return;
+    try {
+        const auto path = std::filesystem::path(save_path) / kJsonReportFileName;
+        WriteFileAtomically(path.string(), FormatJsonReport(tally, RunInfo{VB_VERSION, OptionValues(), seconds}));
+    } catch (const std::exception& error) {
+        // Every read is written, but a workflow waiting for the report would
+        // take the run for unfinished: say so, and end with the output status.
+        failure = std::string("Could not write the run report: ") + error.what();
+        VB_LOG(logger, Common::Severity::error) << failure;
+        if (quiet) std::cerr << failure << std::endl;
     }
 }
 

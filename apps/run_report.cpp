@@ -1,7 +1,13 @@
 #include "apps/run_report.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <utility>
 
 #include "common/string_utils.h"
@@ -40,6 +46,80 @@ void AddTable(std::vector<std::string>& lines, const std::string& what,
     for (const auto& [name, reads] : rows) {
         if (name == kUnclassified) add_row(name, reads);
     }
+}
+
+// Length of the well-formed UTF-8 sequence starting at text[i], 0 when the
+// bytes there are not one (overlong forms and surrogates included).
+size_t Utf8SequenceLength(const std::string& text, size_t i) {
+    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+    const unsigned char lead = byte(i);
+    if (lead < 0x80) return 1;
+    size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;  // bounds of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return 0;
+    }
+    if (i + length > text.size()) return 0;
+    for (size_t k = 1; k < length; ++k) {
+        const unsigned char c = byte(i + k);
+        if (c < (k == 1 ? low : 0x80) || c > (k == 1 ? high : 0xBF)) return 0;
+    }
+    return length;
+}
+
+// Shortest text that reads back to the same double, always with a fraction or
+// an exponent so that readers see a float; JSON has no infinities or NaN.
+std::string JsonNumber(double value) {
+    if (!std::isfinite(value)) value = 0;
+    char buffer[64];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    std::string text(buffer, result.ptr);
+    if (text.find_first_of(".e") == std::string::npos) text += ".0";
+    return text;
+}
+
+std::string JsonInteger(uint64_t value) {
+    return std::to_string(value);
+}
+
+// {"key": value, ...} on one line, values already JSON text.
+std::string JsonObject(const std::vector<std::pair<std::string, std::string>>& members) {
+    std::string text = "{";
+    for (const auto& [key, value] : members) {
+        if (text.size() > 1) text += ", ";
+        text += JsonString(key) + ": " + value;
+    }
+    return text + "}";
+}
+
+// A reason's text as a JSON key: "only one end" reads "one_end_only", the
+// rest in snake case ("no barcode above the minimum" drops its article).
+std::string ReasonKey(const std::string& reason) {
+    if (reason == "only one end") return "one_end_only";
+    if (reason == "no barcode above the minimum") return "no_barcode_above_minimum";
+    std::string key = reason;
+    for (char& c : key)
+        if (c == ' ') c = '_';
+    return key;
+}
+
+std::string ArrangementJson(const ArrangementTally& figures) {
+    const double mean_length = figures.reads == 0 ? 0.0 : static_cast<double>(figures.bases) / figures.reads;
+    const double mean_score = figures.scored == 0 ? 0.0 : figures.score_sum / figures.scored;
+    return JsonObject({{"reads", JsonInteger(figures.reads)},
+                       {"bases", JsonInteger(figures.bases)},
+                       {"mean_read_length", JsonNumber(mean_length)},
+                       {"mean_score", JsonNumber(mean_score)}});
 }
 
 }  // namespace
@@ -125,6 +205,120 @@ std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) 
     const double rate = seconds > 0 ? taken / seconds : 0.0;
     lines.push_back(Common::FormatString("Throughput: %.0f reads/s (%llu reads in %.3f s).", rate, U(taken), seconds));
     return lines;
+}
+
+std::string FormatJsonReport(const RunTally& tally, const RunInfo& info) {
+    const uint64_t written = tally.Written();
+    const uint64_t unclassified = tally.Unclassified();
+
+    std::string text = "{\n";
+    text += "  \"program\": \"vorpa_barcoder\",\n";
+    text += "  \"version\": " + JsonString(info.version) + ",\n";
+    text += "  \"options\": {";
+    for (size_t i = 0; i < info.options.size(); ++i) {
+        text += i == 0 ? "\n" : ",\n";
+        text += "    " + JsonString(info.options[i].first) + ": " + JsonString(info.options[i].second);
+    }
+    text += info.options.empty() ? "},\n" : "\n  },\n";
+    text += "  \"wall_time_s\": " + JsonNumber(info.wall_time_s) + ",\n";
+    text += "  \"files\": " +
+            JsonObject({{"found", JsonInteger(tally.files_found)},
+                        {"read", JsonInteger(tally.files_read)},
+                        {"ended_early", JsonInteger(tally.files_ended_early)},
+                        {"failed", JsonInteger(tally.files_failed)}}) +
+            ",\n";
+    text += "  \"reads\": " +
+            JsonObject({{"total", JsonInteger(written + tally.dropped + tally.failed)},
+                        {"written", JsonInteger(written)},
+                        {"classified", JsonInteger(written - unclassified)},
+                        {"unclassified", JsonInteger(unclassified)},
+                        {"dropped_no_run_id", JsonInteger(tally.dropped)},
+                        {"failed", JsonInteger(tally.failed)},
+                        {"records_skipped", JsonInteger(tally.records_skipped)}}) +
+            ",\n";
+    text += "  \"mixed_barcodes\": " + JsonInteger(tally.mixed) + ",\n";
+    std::map<std::string, uint64_t> reasons = {
+        {"no_barcode_above_minimum", 0}, {"mixed_barcodes", 0}, {"one_end_only", 0}};
+    for (const auto& [reason, count] : tally.unclassified_reasons)
+        reasons[ReasonKey(reason)] += count;
+    std::vector<std::pair<std::string, std::string>> reason_members;
+    for (const char* key : {"no_barcode_above_minimum", "mixed_barcodes", "one_end_only"})
+        reason_members.emplace_back(key, JsonInteger(reasons[key]));
+    for (const auto& [key, count] : reasons) {
+        if (key != "no_barcode_above_minimum" && key != "mixed_barcodes" && key != "one_end_only")
+            reason_members.emplace_back(key, JsonInteger(count));
+    }
+    text += "  \"unclassified_reasons\": " + JsonObject(reason_members) + ",\n";
+    if (!tally.samples.empty()) {
+        std::vector<std::pair<std::string, std::string>> samples;
+        for (const auto& [sample, reads] : tally.samples)
+            samples.emplace_back(sample, JsonInteger(reads));
+        text += "  \"samples\": " + JsonObject(samples) + ",\n";
+    }
+    text += "  \"arrangements\": {";
+    // Arrangements by name, "unclassified" last.
+    std::vector<std::pair<std::string, const ArrangementTally*>> order;
+    for (const auto& [name, figures] : tally.arrangements)
+        if (name != kUnclassified) order.emplace_back(name, &figures);
+    if (const auto found = tally.arrangements.find(kUnclassified); found != tally.arrangements.end())
+        order.emplace_back(found->first, &found->second);
+    for (size_t i = 0; i < order.size(); ++i) {
+        text += i == 0 ? "\n" : ",\n";
+        text += "    " + JsonString(order[i].first) + ": " + ArrangementJson(*order[i].second);
+    }
+    text += order.empty() ? "}\n" : "\n  }\n";
+    text += "}\n";
+    return text;
+}
+
+std::string JsonString(const std::string& text) {
+    std::string quoted = "\"";
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        const size_t length = Utf8SequenceLength(text, i);
+        if (length == 0) {
+            quoted += "\xEF\xBF\xBD";  // U+FFFD for a byte that starts no valid sequence
+            ++i;
+            continue;
+        }
+        if (length > 1) {
+            quoted.append(text, i, length);
+        } else if (c == '"' || c == '\\') {
+            quoted += '\\';
+            quoted += static_cast<char>(c);
+        } else if (c == '\n') {
+            quoted += "\\n";
+        } else if (c == '\t') {
+            quoted += "\\t";
+        } else if (c == '\r') {
+            quoted += "\\r";
+        } else if (c < 0x20) {
+            quoted += Common::FormatString("\\u%04x", c);
+        } else {
+            quoted += static_cast<char>(c);
+        }
+        i += length;
+    }
+    return quoted + "\"";
+}
+
+void WriteFileAtomically(const std::string& path, const std::string& text) {
+    namespace fs = std::filesystem;
+    const std::string temporary = path + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::out | std::ios::binary | std::ios::trunc);
+        if (!out)
+            throw std::runtime_error("Could not open '" + temporary + "' for writing: " + std::strerror(errno) + ".");
+        out << text;
+        out.close();
+        if (!out) throw std::runtime_error("Could not write '" + temporary + "'.");
+    }
+    std::error_code error;
+    fs::rename(temporary, path, error);
+    if (!error) return;
+    const std::string reason = error.message();
+    fs::remove(temporary, error);
+    throw std::runtime_error("Could not rename '" + temporary + "' to '" + path + "': " + reason + ".");
 }
 
 }  // namespace Vorpa

@@ -1,13 +1,18 @@
 #pragma once
 // The end-of-run report: how the reads were classified, what was lost and
-// why, and how fast.
+// why, and how fast, as log lines for people and as barcoding_report.json for
+// workflows and QC tools.
 
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Vorpa {
+
+// Name of the machine-readable report in the save folder.
+inline constexpr const char* kJsonReportFileName = "barcoding_report.json";
 
 struct ArrangementTally {
     uint64_t reads = 0;
@@ -48,5 +53,29 @@ struct RunTally {
 // totals, the unclassified reads by reason, the reads and files lost, the
 // records skipped and the throughput over seconds.
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds);
+
+// What the JSON report says about the run besides the tally.
+struct RunInfo {
+    std::string version;
+    std::vector<std::pair<std::string, std::string>> options;  // name and value text, in declaration order
+    double wall_time_s = 0;
+};
+
+// The text of barcoding_report.json (ends in a newline). Keys keep a fixed
+// order; counts are JSON integers, the other figures JSON numbers with a
+// fraction; arrangements by name with "unclassified" last. Unclassified
+// reasons are keyed by their text in snake case ("no_barcode_above_minimum",
+// "mixed_barcodes", "one_end_only", always present; "not_in_sample_sheet"
+// with a sample sheet); "samples" is there with a sample sheet only.
+std::string FormatJsonReport(const RunTally& tally, const RunInfo& info);
+
+// text as a JSON string literal, quotes included. Bytes that are not UTF-8
+// come out as U+FFFD, so the report always parses.
+std::string JsonString(const std::string& text);
+
+// Replaces path by a file holding text, through a temporary file in the same
+// folder that is renamed over it: readers see the old file or the whole new
+// one, never a part. Throws std::runtime_error naming the file.
+void WriteFileAtomically(const std::string& path, const std::string& text);
 
 }  // namespace Vorpa

@@ -341,4 +341,17 @@ void Parameters::WriteConfigFile(const std::string& path, const std::vector<std:
     }
 }
 
+std::vector<std::pair<std::string, std::string>> Parameters::OptionValues() const {
+    std::vector<std::pair<std::string, std::string>> values;
+    for (const auto& option : options_->declared) {
+        std::string text;
+        for (const auto& line : option.value_lines()) {
+            if (!text.empty()) text += ' ';
+            text += line;
+        }
+        values.emplace_back(option.name, text);
+    }
+    return values;
+}
+
 }  // namespace Common

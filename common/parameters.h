@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Common {
@@ -40,6 +41,10 @@ public:
     // Command-line-only options are written only when asked for.
     virtual void WriteConfigFile(const std::string& path, const std::vector<std::string>& header_lines,
                                  bool include_command_line_only);
+    // Every declared option, command-line-only ones included, in declaration
+    // order with its current value as WriteConfigFile writes it; a list's
+    // elements are joined by single spaces.
+    std::vector<std::pair<std::string, std::string>> OptionValues() const;
 
     // Canonical path of the running executable (from /proc/self/exe).
     static std::string GetExecutablePath();

@@ -7,6 +7,7 @@
 #   calibration  pbsim, the second read error model of tools/calibrate.py
 #                (which installs it itself when missing)
 #   optional     samtools, used by the BAM tests when present
+#   workflow     Snakemake, for the sharded workflow (workflow/) and its tests
 # e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
 set -euo pipefail
 
@@ -23,7 +24,8 @@ for group in "$@"; do
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     calibration) packages+=(pbsim) ;;
     optional) packages+=(samtools) ;;
-    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional)" >&2; exit 2 ;;
+    workflow) packages+=(snakemake) ;;
+    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional, workflow)" >&2; exit 2 ;;
   esac
 done
 

@@ -219,3 +219,13 @@ TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {
     EXPECT_EQ(q.ratio, p.ratio);
     EXPECT_FALSE(q.flag);
 }
+
+// The run report lists the options with these texts; they must be the dump's.
+TEST_F(ParametersTest, OptionValuesAreTheDumpedTextsInDeclarationOrder) {
+    TestParameters p;
+    ASSERT_EQ(p.Parse({"-d", folder.string(), "-n", "x y", "--list", "a", "b c", "--ratio", "0.1", "--flag"}), 0u);
+    const std::vector<std::pair<std::string, std::string>> expected = {{"threads", "4"},  {"name", "initial"},
+                                                                       {"ratio", "0.1"},  {"flag", "true"},
+                                                                       {"list", "a b c"}, {"needed", "x y"}};
+    EXPECT_EQ(p.OptionValues(), expected);
+}

@@ -306,11 +306,12 @@ def case_malformed_record(ctx):
 
 
 def tree_bytes(save):
-    """Relative path -> bytes of every output file (logs aside)."""
+    """Relative path -> bytes of every output file (logs and the run report,
+    which holds timings and the options, aside)."""
     files = {}
     for folder, _, names in os.walk(save):
         for name in names:
-            if name.endswith(".log"):
+            if name.endswith(".log") or name == "barcoding_report.json":
                 continue
             path = os.path.join(folder, name)
             with open(path, "rb") as handle:

@@ -1,0 +1,105 @@
+# Settings, input discovery and the shard plan, fixed when the workflow is
+# read: every job of a run (also a cluster job, which reads the workflow
+# again) sees the same sorted file list and so the same shards.
+
+import os
+import shlex
+import shutil
+import sys
+
+sys.path.insert(0, os.path.join(workflow.basedir, "scripts"))
+
+from shard_plan import PlanError, discover_inputs, make_shards  # noqa: E402
+
+# Options the workflow sets for every shard itself.
+RESERVED_OPTIONS = {
+    "-i", "--input_path", "-s", "--save_path", "-t", "--worker_threads",
+    "-r", "--recursive", "-z", "--quiet",
+}
+
+
+def setting_error(message):
+    raise WorkflowError(f"{message} (settings: config/config.yaml or --config key=value)")
+
+
+def text_setting(key):
+    value = config.get(key)
+    return "" if value is None else str(value)
+
+
+def bool_setting(key):
+    value = config.get(key, False)
+    if isinstance(value, bool):
+        return value
+    text = str(value).strip().lower()
+    if text in ("true", "yes", "1"):
+        return True
+    if text in ("false", "no", "0", ""):
+        return False
+    setting_error(f"{key} must be true or false, not '{value}'")
+
+
+def int_setting(key, minimum):
+    value = config.get(key)
+    try:
+        number = int(value)
+    except (TypeError, ValueError):
+        setting_error(f"{key} must be a whole number, not '{value}'")
+    if number < minimum:
+        setting_error(f"{key} must be at least {minimum}, not {number}")
+    return number
+
+
+def barcoder_path():
+    """The barcoder: a path (relative ones from the folder Snakemake runs
+    in) or a program name looked up on PATH."""
+    value = text_setting("barcoder")
+    found = shutil.which(value) if os.sep not in value else value
+    if not found or not os.access(found, os.X_OK):
+        setting_error(f"barcoder '{value}' is not an executable program; build it first (make build)")
+    return os.path.abspath(found)
+
+
+def barcoder_options():
+    try:
+        words = shlex.split(text_setting("options"))
+    except ValueError as error:
+        setting_error(f"options '{text_setting('options')}' cannot be split into words: {error}")
+    for index, word in enumerate(words):
+        if word.split("=", 1)[0] in RESERVED_OPTIONS:
+            setting_error(f"options must not contain {word}: the workflow sets it for each shard")
+        # BAM files carry a header each, so shards' BAM output does not simply
+        # concatenate; the merge joins FASTQ output only.
+        value = word.split("=", 1)[1] if "=" in word else (words[index + 1] if index + 1 < len(words) else "")
+        if word.split("=", 1)[0] == "--output_format" and value == "bam":
+            setting_error("options ask for --output_format bam, but the workflow merges FASTQ output only; "
+                          "run BAM output as one vorpa_barcoder process")
+    return words
+
+
+INPUT_PATH = os.path.normpath(text_setting("input_path")) if text_setting("input_path") else ""
+SAVE_PATH = os.path.normpath(text_setting("save_path")) if text_setting("save_path") else ""
+if not INPUT_PATH or not SAVE_PATH:
+    setting_error("input_path and save_path must both be set")
+RECURSIVE = bool_setting("recursive")
+FILES_PER_SHARD = int_setting("files_per_shard", 1)
+THREADS = int_setting("threads", 1)
+BARCODER = barcoder_path()
+OPTIONS = barcoder_options()
+
+try:
+    SHARDS = make_shards(discover_inputs(INPUT_PATH, SAVE_PATH, RECURSIVE), FILES_PER_SHARD)
+except PlanError as error:
+    setting_error(str(error))
+if not SHARDS:
+    setting_error(f"no *.fastq or *.fastq.<ext> files in input_path '{INPUT_PATH}'"
+                  + ("" if RECURSIVE else " (recursive is off)"))
+
+SHARD_ROOT = os.path.join(SAVE_PATH, ".shards")
+MERGED_REPORT = os.path.join(SAVE_PATH, "barcoding_report.json")
+MERGED_SUMMARY = os.path.join(SAVE_PATH, "barcoding_summary.txt")
+LOGS = os.path.join(SAVE_PATH, "logs")
+
+
+wildcard_constraints:
+    shard="shard_[0-9]+",
