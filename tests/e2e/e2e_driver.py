@@ -83,18 +83,23 @@ def read_fastq(path):
     return records
 
 
-def read_truth(path):
-    expected = {}
+def read_truth_kinds(path):
+    """read id -> (kind, front, rear) from the simulator's truth table."""
+    kinds = {}
     with open(path) as handle:
         columns = handle.readline().rstrip("\n").split("\t")
         for line in handle:
             row = dict(zip(columns, line.rstrip("\n").split("\t")))
-            if row["kind"] in ("double", "front"):
-                expected[row["read_id"]] = row["front"]
-            elif row["kind"] == "none":
-                expected[row["read_id"]] = "unclassified"
-            else:
-                expected[row["read_id"]] = None
+            kinds[row["read_id"]] = (row["kind"], row["front"], row["rear"])
+    return kinds
+
+
+def read_truth(path):
+    """read id -> the arrangement expected: the front barcode of a read that
+    carries one, "unclassified" for one without, None for chimeras."""
+    expected = {}
+    for rid, (kind, front, _) in read_truth_kinds(path).items():
+        expected[rid] = front if kind in ("double", "front") else "unclassified" if kind == "none" else None
     return expected
 
 
@@ -501,17 +506,6 @@ def case_both_ends_required(ctx):
                       "--require_barcodes_both_ends"], expect=255)
     check("All configurations only have one barcode, so 'require_barcodes_both_ends' cannot be specified"
           in result.stdout, "single-barcode configuration message missing")
-
-
-def read_truth_kinds(path):
-    """read id -> (kind, front, rear) from the simulator's truth table."""
-    kinds = {}
-    with open(path) as handle:
-        columns = handle.readline().rstrip("\n").split("\t")
-        for line in handle:
-            row = dict(zip(columns, line.rstrip("\n").split("\t")))
-            kinds[row["read_id"]] = (row["kind"], row["front"], row["rear"])
-    return kinds
 
 
 def case_mixed_barcodes(ctx):
