@@ -118,8 +118,9 @@ void Barcoder::AddApplicationOptions() {
                     &o.require_barcodes_both_ends, kSwitch);
     // A switch on the command line and "reject_mixed_barcodes = true" in the configuration file.
     const char* const reject_mixed_help =
-        "Leave a read unclassified when its two ends each carry a barcode above the minimum score, but not the "
-        "same barcode (a chimera). Reads with a barcode at one end only are still classified.";
+        "Leave a read unclassified when its two ends name different barcodes (a chimera): one end passes the "
+        "minimum score and the other passes it for another barcode, or fails it but fits another barcode best "
+        "and clearly better than random sequence. Reads with a barcode at one end only are still classified.";
     AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes, kSwitch);
     AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes,
                     Common::Parameters::ConfigFile);

@@ -14,9 +14,16 @@
 // selection and settings and shared by every scorer.
 //
 // Passing an end means scoring at least that end's minimum. A read is mixed
-// when some arrangement passes at the front and some at the rear, but no
-// barcode (normalised id) passes at both: its two ends name different
-// barcodes.
+// when its two ends name different barcodes (normalised ids): an end names the
+// barcodes passing there or, where none passes, the one with evidence (score
+// above 0, presence at least kMixedEvidencePresence); at least one end must
+// pass. Both ends passing for different barcodes is the plain case; the
+// evidence catches the chimeras whose weaker end is too damaged to pass: at
+// identity 0.87 a 24-base barcode's margin over its closest rival is often
+// below the minimum, while its presence stays far above random sequence.
+// Evidence needs the score above 0 as well, because presence alone does not
+// say which barcode it is: with constant flanks every barcode of the kit
+// shares it.
 //
 // All per-read buffers live in the scorer and only grow; allocation per read
 // is limited to the returned results.
@@ -201,6 +208,7 @@ void BarcodeScorer::Detail(End& end, size_t reference, BarcodeDetectResult& resu
     result.id = end.names[reference];
     result.reference_sequence = end.sequences[reference];
     result.score = end.scores[reference];
+    result.presence = end.scale->Presence(reference, end.raw_scores[reference]);
     end.aligner->AlignOne(reference, end.window, end.path);
     int first = -1, last = -1;
     for (const auto& [ref, query] : end.path) {
@@ -281,6 +289,8 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     std::fill(kit_fit_.begin(), kit_fit_.end(), kNoRaw);
     front_passing_.clear();
     rear_passing_.clear();
+    front_evidence_.clear();
+    rear_evidence_.clear();
     size_t best = 0;
     float best_score = kNoScore;
     for (size_t a = 0; a < count; ++a) {
@@ -304,8 +314,14 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         }
         const bool front_ok = front >= min_front;
         const bool rear_ok = rear >= min_rear;
-        if (front_ok) front_passing_.push_back(name_of_[a]);
-        if (rear_ok) rear_passing_.push_back(name_of_[a]);
+        if (front_ok)
+            front_passing_.push_back(name_of_[a]);
+        else if (IsEvidence(*front_, front_of_[a], front))
+            front_evidence_.push_back(name_of_[a]);
+        if (rear_ok)
+            rear_passing_.push_back(name_of_[a]);
+        else if (IsEvidence(*rear_, rear_of_[a], rear))
+            rear_evidence_.push_back(name_of_[a]);
         const bool keep = options_.require_barcodes_both_ends ? front_ok && rear_ok : front_ok || rear_ok;
         if (!keep) continue;
         const int fit = std::max(front_of_[a] < 0 ? kNoRaw : front_->raw_scores[front_of_[a]],
@@ -332,6 +348,8 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
             } else {
                 detect.id = end->names[static_cast<size_t>(reference)];
                 detect.score = end->scores[static_cast<size_t>(reference)];
+                detect.presence = end->scale->Presence(static_cast<size_t>(reference),
+                                                       end->raw_scores[static_cast<size_t>(reference)]);
             }
         }
         return result;
@@ -373,17 +391,28 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     return results;
 }
 
-// Marks the barcodes passing at the front with this read's stamp, then looks
-// for one of them among those passing at the rear.
+// Scores above 0 are rare (at most one barcode per kit and end), so presence
+// is worked out for those only.
+bool BarcodeScorer::IsEvidence(const End& end, int reference, float score) {
+    if (reference < 0 || !(score > 0)) return false;
+    const auto k = static_cast<size_t>(reference);
+    return end.scale->Presence(k, end.raw_scores[k]) >= kMixedEvidencePresence;
+}
+
+// Marks the barcodes the front names with this read's stamp, then looks for
+// one of them among those the rear names.
 bool BarcodeScorer::IsMixed() {
-    if (front_passing_.empty() || rear_passing_.empty()) return false;
+    if (front_passing_.empty() && rear_passing_.empty()) return false;
+    const auto& front = front_passing_.empty() ? front_evidence_ : front_passing_;
+    const auto& rear = rear_passing_.empty() ? rear_evidence_ : rear_passing_;
+    if (front.empty() || rear.empty()) return false;
     if (++stamp_ == 0) {  // wrapped: clear the old marks once
         std::fill(front_mark_.begin(), front_mark_.end(), 0);
         stamp_ = 1;
     }
-    for (uint32_t name : front_passing_)
+    for (uint32_t name : front)
         front_mark_[name] = stamp_;
-    for (uint32_t name : rear_passing_)
+    for (uint32_t name : rear)
         if (front_mark_[name] == stamp_) return false;
     return true;
 }

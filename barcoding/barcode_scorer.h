@@ -21,6 +21,15 @@ namespace Barcoding {
 
 class ReferenceAligner;
 
+// A read is mixed when its two ends name different barcodes. An end names
+// the barcodes passing its minimum there; an end where none passes names a
+// barcode that scores above 0 (it fits better than every other barcode of its
+// kit) with at least this presence (ScoreScale::Presence), so a chimera whose
+// weaker end is too damaged to pass is still caught while random sequence
+// rarely names anything. At least one end must pass. Measured on the kit
+// family in docs/calibration.md.
+constexpr float kMixedEvidencePresence = 25;
+
 class BarcodeScorer {
 public:
     // options must have been through ValidateScorerOptions. matrix: the 4 x 4
@@ -36,11 +45,12 @@ public:
 
     // Ranked arrangements for the read (never empty). Only the first
     // `detailed` results carry reference and found sequences and indices; the
-    // rest carry ids and scores. sequence: letters A, C, G, T, U. Ranking:
-    // kits by the best raw alignment score of their passing arrangements,
-    // then arrangements by score. An unclassified read comes back as its best
-    // arrangement by score renamed "unclassified", with the reason; the first
-    // result says whether the read is mixed (see detect_results.h).
+    // rest carry ids, scores and presences. sequence: letters A, C, G, T, U.
+    // Ranking: kits by the best raw alignment score of their passing
+    // arrangements, then arrangements by score. An unclassified read comes
+    // back as its best arrangement by score renamed "unclassified", with the
+    // reason; the first result says whether the read is mixed (see
+    // kMixedEvidencePresence).
     std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
 
     // Every front (rear) reference of the scorer's kits against the read's
@@ -60,6 +70,7 @@ private:
     std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, const std::vector<Uses>& uses, bool front,
                                  const std::string& device);
     bool IsMixed();
+    static bool IsEvidence(const End& end, int reference, float score);
     void AlignWindow(End& end, const std::string& sequence);
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
@@ -82,6 +93,8 @@ private:
     std::vector<Candidate> candidates_;
     std::vector<uint32_t> front_passing_;  // normalised ids of arrangements passing at the front
     std::vector<uint32_t> rear_passing_;
+    std::vector<uint32_t> front_evidence_;  // ... not passing there but with evidence (IsEvidence)
+    std::vector<uint32_t> rear_evidence_;
     std::vector<uint32_t> front_mark_;  // per normalised id: stamp of the last read it passed at the front
     uint32_t stamp_ = 0;
     std::vector<int> kit_fit_;  // per kit: best raw fit among its passing arrangements

@@ -16,6 +16,9 @@ struct BarcodeDetectResult {
     // other reference of the same end and kit on this read; below 0: another
     // reference fits better.
     float score = -std::numeric_limits<float>::infinity();
+    // How far the reference fits better than random sequence, whatever the
+    // other references do (ScoreScale::Presence); 0 = no better than random.
+    float presence = -std::numeric_limits<float>::infinity();
     // Front: first base of the found sequence in the read. Rear: number of
     // window bases after the found sequence's last base. -1 when empty.
     int begin_index = -1;
@@ -51,8 +54,8 @@ struct ArrangementDetectResult {
     BarcodeDetectResult front;
     BarcodeDetectResult rear;
     // Set on the first result of a read only: reason is kNone for a classified
-    // read; mixed is true whenever the read's two ends each pass their minimum
-    // for a different barcode (and no barcode passes at both), whether or not
+    // read; mixed is true whenever the read's two ends name different barcodes
+    // (BarcodeScorer::Score says when an end names a barcode), whether or not
     // that left it unclassified.
     UnclassifiedReason reason = UnclassifiedReason::kNone;
     bool mixed = false;

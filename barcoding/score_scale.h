@@ -67,6 +67,14 @@ public:
     // scores[k] on the scale for the raw scores of every reference on one read.
     void Apply(const std::vector<int>& raw, std::vector<float>& scores, Work& work) const;
 
+    // Presence of reference k on a read where it scores raw: how far it fits
+    // better than random sequence, 100 * (raw - background) / (self -
+    // background), capped at 100. Unlike the score it ignores the other
+    // barcodes on the read, so it says that a barcode construct is there, not
+    // which one: a damaged copy whose closest rival fits almost as well scores
+    // near 0 but keeps its presence.
+    float Presence(size_t k, int raw) const;
+
     size_t Size() const { return self_.size(); }
     int SelfScore(size_t k) const { return self_[k]; }
     double Floor(size_t k) const { return floor_[k]; }  // -infinity without competitors

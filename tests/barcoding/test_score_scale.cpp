@@ -281,5 +281,70 @@ TEST(ScoreScale, MixedBarcodeReadsAndUnclassifiedReasons) {
     EXPECT_STREQ(UnclassifiedReasonText(UnclassifiedReason::kNoBarcodeAboveMinimum), "no barcode above the minimum");
 }
 
+// The best reference of one end: its barcode ("BC07" of "BC07_FWD"), score and presence.
+struct EndBest {
+    std::string barcode;
+    float score = -1000, presence = -1000;
+};
+
+EndBest BestOf(const std::vector<BarcodeDetectResult>& detects) {
+    EndBest best;
+    for (const auto& detect : detects)
+        if (detect.score > best.score) best = {detect.id.substr(0, 4), detect.score, detect.presence};
+    return best;
+}
+
+// A chimera whose weaker end is too damaged to pass, but whose best barcode
+// there is another one with evidence, is mixed; so is one whose ends both
+// pass. A read with a barcode at the front and random sequence at the rear
+// is not, nor is any read of a front-only kit.
+TEST(ScoreScale, ChimeraWithADamagedEndIsMixedAndARandomEndIsNot) {
+    for (size_t flank : {0, 10}) {
+        SCOPED_TRACE("flanks " + std::to_string(flank));
+        const Kit kit(12, 24, flank, static_cast<unsigned>(21 + flank));
+        ScorerOptions plain = Options("K"), reject = plain;
+        reject.reject_mixed_barcodes = true;
+        BarcodeScorer plain_scorer(plain, kit.manager, kMatrix), reject_scorer(reject, kit.manager, kMatrix);
+        std::mt19937 random(static_cast<unsigned>(23 + flank));
+        int by_evidence = 0;
+        for (int n = 0; n < 200; ++n) {
+            const int front = static_cast<int>(random() % 12);
+            const int rear = (front + 1 + static_cast<int>(random() % 11)) % 12;
+            std::string read = RandomBases(random, 10) + Mutate(random, kit.references[size_t(front)], 0.03) +
+                               RandomBases(random, 200) +
+                               Mutate(random, ReverseComplement(kit.references[size_t(rear)]), 0.1 + n % 5 * 0.05) +
+                               RandomBases(random, 10);
+            const EndBest a = BestOf(plain_scorer.InspectFront(read, "K"));
+            const EndBest b = BestOf(plain_scorer.InspectRear(read, "K"));
+            if (a.score < plain.min_score || a.barcode == b.barcode) continue;
+            SCOPED_TRACE(read);
+            const bool weak_evidence = b.score > 0 && b.presence >= kMixedEvidencePresence;
+            if (b.score < plain.min_score && !weak_evidence) continue;
+            by_evidence += b.score < plain.min_score;
+            EXPECT_TRUE(plain_scorer.Score(read)[0].mixed);
+            EXPECT_EQ(reject_scorer.Score(read)[0].reason, UnclassifiedReason::kMixedBarcodes);
+        }
+        EXPECT_GE(by_evidence, 10);  // damaged ends that score between 0 and the minimum do occur
+
+        for (int n = 0; n < 100; ++n) {
+            const int barcode = static_cast<int>(random() % 12);
+            const std::string read = kit.Read(random, barcode, -1, 0.04);
+            const auto results = reject_scorer.Score(read);
+            EXPECT_FALSE(results[0].mixed) << read;
+            // Without flanks a 24-base barcode can fail at this error rate; with them it passes.
+            if (flank > 0) {
+                EXPECT_EQ(results[0].reason, UnclassifiedReason::kNone) << read;
+            }
+        }
+    }
+    const Kit single(12, 24, 10, 25, true);
+    ScorerOptions reject = Options("K");
+    reject.reject_mixed_barcodes = true;
+    BarcodeScorer single_scorer(reject, single.manager, kMatrix);
+    std::mt19937 random(27);
+    for (int n = 0; n < 50; ++n)
+        EXPECT_FALSE(single_scorer.Score(single.Read(random, n % 12, (n + 1) % 12, 0.1))[0].mixed);
+}
+
 }  // namespace
 }  // namespace Barcoding

@@ -161,6 +161,13 @@ class MetricsTest(unittest.TestCase):
         self.assertEqual((at60.none_classified, at60.nones, at60.front_recalled), (0, 1, 1))
         self.assertEqual(calibrate.evaluate(calls, truth, 95).called, 0)
 
+        # What a switch costs: reads right without it, unclassified with it.
+        switched = dict(calls)
+        for rid in ("d1", "d2", "f1", "c1"):
+            switched[rid] = calibrate.Call("unclassified", 0, "", 0, "", 0)
+        lost = calibrate.count_lost(calibrate.Counts(), calls, switched, truth)
+        self.assertEqual((lost.double_lost, lost.front_lost), (1, 1))  # d2 was wrong anyway, c1 a chimera
+
     def test_curves_agree_with_rethresholding_read_by_read(self):
         """Curves answers every threshold from sorted lists; evaluate walks the
         reads. Random summaries, every threshold of a grid: the same counts."""
@@ -280,6 +287,7 @@ class CalibrationSmokeTest(unittest.TestCase):
         self.assertGreater(min_score, 0)
         self.assertIn("worst design per identity", report)
         self.assertIn("chimeras unclassified, --reject_mixed_barcodes", report)
+        self.assertIn("front-only lost to --reject_mixed_barcodes", report)
         # With both ends required nothing can pass at both ends of a chimera.
         line = next(x for x in report.splitlines() if x.startswith("| chimeras unclassified, --require"))
         self.assertEqual(line.count("100.00 %"), 3, line)
