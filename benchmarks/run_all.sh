@@ -9,6 +9,8 @@ for b in "$build"/bin/bench_*; do
   echo "== $(basename "$b")"
   "$b"
 done
+echo "== whole program against zcat (interleaved runs)"
+python3 benchmarks/pipeline_bench.py "$build"
 if [ -f benchmarks/run_e2e.sh ]; then
   echo "== end-to-end throughput"
   bash benchmarks/run_e2e.sh "$build"
