@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -178,15 +179,25 @@ bool BamIterable::Convert() {
     const uint8_t* packed = bam_get_seq(b);
     std::string& bases = record_.sequence;
     bases.resize(length + 1);
-    for (size_t i = 0; i < (length + 1) / 2; ++i) {
-        bases[2 * i] = kBasePairs.text[packed[i]][0];
-        bases[2 * i + 1] = kBasePairs.text[packed[i]][1];
+    // Whole bytes are checked by table, without a branch per base; only a
+    // record that fails is searched for the base to name.
+    bool plain = true;
+    for (size_t i = 0; i < length / 2; ++i) {
+        std::memcpy(&bases[2 * i], kBasePairs.text[packed[i]].data(), 2);
+        plain &= kBasePairs.plain[packed[i]];
+    }
+    if (length % 2 != 0) {
+        const uint8_t last = packed[length / 2];
+        bases[length - 1] = kBasePairs.text[last][0];
+        plain &= kBasePairs.plain[(last & 0xf0) | 0x01];
     }
     bases.resize(length);
-    for (size_t i = 0; i < length; ++i) {
-        if (bases[i] != 'A' && bases[i] != 'C' && bases[i] != 'G' && bases[i] != 'T') {
-            Stop(where() + ": unexpected base '" + std::string(1, bases[i]) + "' at position " + std::to_string(i));
-            return false;
+    if (!plain) {
+        for (size_t i = 0; i < length; ++i) {
+            if (bases[i] != 'A' && bases[i] != 'C' && bases[i] != 'G' && bases[i] != 'T') {
+                Stop(where() + ": unexpected base '" + std::string(1, bases[i]) + "' at position " + std::to_string(i));
+                return false;
+            }
         }
     }
 
@@ -196,13 +207,17 @@ bool BamIterable::Convert() {
     if (length > 0 && phred[0] == 0xff) {
         std::fill(qualities.begin(), qualities.end(), kMissingQuality);
     } else {
+        uint8_t highest = 0;
         for (size_t i = 0; i < length; ++i) {
-            if (phred[i] > 93) {
-                Stop(where() + ": quality " + std::to_string(phred[i]) + " at position " + std::to_string(i) +
-                     " is above 93");
-                return false;
-            }
+            highest = std::max(highest, phred[i]);
             qualities[i] = static_cast<char>(phred[i] + 33);
+        }
+        if (highest > 93) {
+            const size_t at =
+                static_cast<size_t>(std::find_if(phred, phred + length, [](uint8_t q) { return q > 93; }) - phred);
+            Stop(where() + ": quality " + std::to_string(phred[at]) + " at position " + std::to_string(at) +
+                 " is above 93");
+            return false;
         }
     }
 

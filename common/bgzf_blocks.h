@@ -12,8 +12,9 @@ namespace Common {
 // The end-of-file block every BGZF file ends with (28 bytes).
 std::string_view BgzfEofBlock();
 
-// Appends data to out as whole BGZF blocks (none for empty data). level is
-// the deflate level, 0 to 9. Throws std::runtime_error when compression fails.
+// Appends data to out as whole BGZF blocks (none for empty data), made with
+// ISA-L; level is its level, 0 (fastest) to 3. Data that does not compress
+// is stored. Throws std::runtime_error when compression fails.
 void AppendBgzfBlocks(std::string_view data, std::string& out, int level);
 
 // The level BAM output is written with: fast, since output runs beside the

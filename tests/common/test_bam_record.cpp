@@ -2,6 +2,7 @@
 // read back by htslib; tag editing against a plain list of fields.
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <boost/filesystem.hpp>
 #include <cstring>
@@ -200,6 +201,46 @@ TEST_F(BamFileTest, HtslibReadsBackWhatWasEncoded) {
         ASSERT_EQ(got.bases, expected[k].bases) << got.name;
         ASSERT_EQ(got.qualities, expected[k].qualities) << got.name;
         ASSERT_EQ(got.aux, expected[k].aux) << got.name;
+    }
+}
+
+// Every block is a gzip member whose "BC" field gives its size and whose
+// data inflates (zlib as the reference) back to the input; data that does
+// not compress (random bytes) is stored and still fits a block.
+TEST(Bgzf, BlocksCarryTheirSizeAndInflateBack) {
+    std::mt19937 rng(5);
+    for (int kind = 0; kind < 3; ++kind) {
+        std::string data;
+        const size_t length = kind == 0 ? 1 : 200000 + rng() % 70000;
+        for (size_t i = 0; i < length; ++i)
+            data += kind == 2 ? static_cast<char>(rng()) : "ACGT\n"[rng() % 5];
+        std::string blocks;
+        AppendBgzfBlocks(data, blocks, kBamCompressionLevel);
+        std::string inflated;
+        size_t at = 0, count = 0;
+        while (at < blocks.size()) {
+            ASSERT_GE(blocks.size() - at, 26u);
+            ASSERT_EQ(blocks.compare(at, 4, "\x1f\x8b\x08\x04"), 0);
+            ASSERT_EQ(blocks.compare(at + 12, 2, "BC"), 0);
+            const size_t size =
+                1 + (static_cast<unsigned char>(blocks[at + 16]) | static_cast<unsigned char>(blocks[at + 17]) << 8);
+            ASSERT_LE(at + size, blocks.size());
+            z_stream stream{};
+            ASSERT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
+            stream.next_in = reinterpret_cast<Bytef*>(blocks.data() + at);
+            stream.avail_in = static_cast<uInt>(size);
+            std::string out(0x10000, '\0');
+            stream.next_out = reinterpret_cast<Bytef*>(out.data());
+            stream.avail_out = static_cast<uInt>(out.size());
+            ASSERT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+            EXPECT_EQ(stream.avail_in, 0u);  // the size field ends the member exactly
+            inflated.append(out.data(), out.size() - stream.avail_out);
+            inflateEnd(&stream);
+            at += size;
+            ++count;
+        }
+        EXPECT_EQ(inflated, data) << kind;
+        EXPECT_EQ(count, (data.size() + 0xff00 - 1) / 0xff00) << kind;
     }
 }
 
