@@ -299,7 +299,8 @@ void Barcoder::CheckBothEndsRequirement() {
 }
 
 void Barcoder::PrepareRun() {
-    summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
+    summary_file.Write(
+        SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
     Common::FastqWriterOptions options;
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);

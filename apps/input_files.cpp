@@ -8,8 +8,6 @@
 
 #include "apps/input_files.h"
 
-#include "common/bam_reader.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -18,6 +16,8 @@
 #include <filesystem>
 #include <istream>
 #include <system_error>
+
+#include "common/bam_reader.h"
 
 namespace Vorpa {
 
@@ -59,7 +59,8 @@ void VisitEntry(const fs::directory_entry& entry, const Walk& walk) {
     const fs::file_status target = entry.status(error);
     if (error || target.type() == fs::file_type::not_found)
         return walk.Warn(entry.path(), error ? error.message() : "the link points nowhere");
-    if (fs::is_regular_file(target) && IsInputFileName(entry.path().string())) walk.found->files.push_back(entry.path().string());
+    if (fs::is_regular_file(target) && IsInputFileName(entry.path().string()))
+        walk.found->files.push_back(entry.path().string());
 }
 
 void SearchFolder(const fs::path& folder, const Walk& walk) {
