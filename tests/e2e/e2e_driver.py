@@ -396,6 +396,18 @@ def check_consistent(save, columns=18):
     return len(rows)
 
 
+def unmount_below(folder):
+    """Unmounts what an earlier, killed run of a case left mounted there."""
+    try:
+        with open("/proc/mounts") as handle:
+            mounts = [line.split()[1] for line in handle]
+    except OSError:
+        return
+    for point in sorted(mounts, reverse=True):
+        if point == folder or point.startswith(folder + os.sep):
+            subprocess.run(["umount", point], capture_output=True)
+
+
 def mount_small_tmpfs(folder, size):
     os.makedirs(folder, exist_ok=True)
     if os.geteuid() != 0:
@@ -876,6 +888,7 @@ def main():
     parser.add_argument("--case", required=True, choices=sorted(CASES))
     args = parser.parse_args()
     work = os.path.join(os.path.abspath(args.work), args.case)
+    unmount_below(work)
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     try:
