@@ -4,9 +4,10 @@
 // Input: 16 matrix bytes, 8 gap bytes, 2 window bytes, 1 minimum-score byte,
 // 1 flag byte, then the read (byte % 4 is the base; 0xff is an 'N').
 //
-// Oracles: every reported score equals the detect score of a plain
-// FastAlign::Align of that reference against the window, and every found
-// sequence is the read's text at the reported position.
+// Oracles: every reported score and presence follow, on the kit's score
+// scale, from plain FastAlign::Align scores of the end's references against
+// the window, and every found sequence is the read's text at the reported
+// position.
 
 #include <algorithm>
 #include <cstddef>
@@ -18,6 +19,7 @@
 
 #include "barcoding/barcode_manager.h"
 #include "barcoding/barcode_scorer.h"
+#include "barcoding/score_scale.h"
 #include "barcoding/scorer_options.h"
 #include "fuzz/fuzz_support.h"
 #include "pair_alignment/fast_align.h"
@@ -48,28 +50,66 @@ std::vector<int> Codes(const std::string& bases) {
     return codes;
 }
 
-void CheckEnd(const Barcoding::BarcodeDetectResult& end, bool front, const std::string& read,
-              const Barcoding::ScorerOptions& options, const std::vector<int>& matrix) {
-    if (end.id.empty()) return;
+// What one read end should report: the plain alignment score of each of the
+// end's references on the read's window, and those scores on the end's scale.
+// The references, their order and their uses are gathered as the scorer
+// gathers them, so the scale is the scorer's own (shared, not rebuilt).
+struct EndOracle {
+    std::vector<std::string> names;
+    std::vector<int> raw;
+    std::vector<float> scores;
+    std::shared_ptr<const Barcoding::ScoreScale> scale;
+};
+
+EndOracle BuildOracle(bool front, const std::string& read, const Barcoding::ScorerOptions& options,
+                      const std::vector<int>& matrix) {
+    std::vector<Barcoding::ScaleReference> references;
+    for (const auto& a : Kit()->GetArrangements("K")) {
+        const std::string& name = front ? a.barcode1 : a.barcode2;
+        if (name.empty()) continue;
+        auto found = std::find_if(references.begin(), references.end(),
+                                  [&name](const Barcoding::ScaleReference& r) { return r.name == name; });
+        if (found == references.end())
+            found = references.insert(references.end(),
+                                      Barcoding::ScaleReference{name, Codes(Kit()->GetBarcodeSequence(name)), {}});
+        const std::pair<std::string, std::string> use{a.kit, a.normalised_id};
+        if (std::find(found->uses.begin(), found->uses.end(), use) == found->uses.end()) found->uses.push_back(use);
+    }
+    const int window_size = front ? options.front_window_size : options.rear_window_size;
     const int length = static_cast<int>(read.size());
-    const int count = std::min(front ? options.front_window_size : options.rear_window_size, length);
-    const std::vector<int> window = Codes(read.substr(front ? 0 : static_cast<size_t>(length - count), count));
-    const std::vector<int> reference = Codes(end.reference_sequence);
-    int self = 0;
-    for (int code : reference)
-        self += matrix[4 * code + code];
+    const int count = std::min(window_size, length);
+    std::vector<int> window = Codes(read.substr(front ? 0 : static_cast<size_t>(length - count), count));
+    const int band_width = std::max({options.front_window_size, options.rear_window_size, 1});
     PairAlignment::FastAlign aligner(brim::data_wrappers::MatView<int>(const_cast<int*>(matrix.data()), 4, 4),
-                                     options.GapVector(),
-                                     std::max({options.front_window_size, options.rear_window_size, 1}));
-    PairAlignment::Path path;
-    const int score =
-        aligner.Align(brim::data_wrappers::VecView<int>(const_cast<int*>(reference.data()), reference.size()),
-                      brim::data_wrappers::VecView<int>(const_cast<int*>(window.data()), window.size()), path);
-    FUZZ_CHECK(end.score == static_cast<float>(100.0 * static_cast<double>(score) / static_cast<double>(self)));
+                                     options.GapVector(), band_width);
+    EndOracle oracle;
+    for (auto& reference : references) {
+        PairAlignment::Path path;
+        oracle.names.push_back(reference.name);
+        oracle.raw.push_back(
+            aligner.Align(brim::data_wrappers::VecView<int>(reference.codes.data(), reference.codes.size()),
+                          brim::data_wrappers::VecView<int>(window.data(), window.size()), path));
+    }
+    oracle.scale = Barcoding::ShareScoreScale(
+        Barcoding::ScaleSettings{matrix, options.GapVector(), band_width, window_size}, references);
+    Barcoding::ScoreScale::Work work;
+    oracle.scale->Apply(oracle.raw, oracle.scores, work);
+    return oracle;
+}
+
+void CheckEnd(const Barcoding::BarcodeDetectResult& end, bool front, const std::string& read, const EndOracle& oracle) {
+    if (end.id.empty()) return;
+    const size_t k =
+        static_cast<size_t>(std::find(oracle.names.begin(), oracle.names.end(), end.id) - oracle.names.begin());
+    FUZZ_CHECK(k < oracle.names.size());
+    FUZZ_CHECK(end.reference_sequence == Kit()->GetBarcodeSequence(end.id));
+    FUZZ_CHECK(end.score == oracle.scores[k]);
+    FUZZ_CHECK(end.presence == oracle.scale->Presence(k, oracle.raw[k]));
 
     const size_t found = end.found_sequence.size();
     if (found == 0) return;
-    const long start = front ? end.begin_index : static_cast<long>(length) - end.begin_index - static_cast<long>(found);
+    const long length = static_cast<long>(read.size());
+    const long start = front ? end.begin_index : length - end.begin_index - static_cast<long>(found);
     FUZZ_CHECK(start >= 0 && static_cast<size_t>(start) + found <= read.size());
     FUZZ_CHECK(read.compare(static_cast<size_t>(start), found, end.found_sequence) == 0);
 }
@@ -117,9 +157,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     FUZZ_CHECK(!results.empty());
+    const EndOracle front = BuildOracle(true, read, options, matrix);
+    const EndOracle rear = BuildOracle(false, read, options, matrix);
     for (const auto& result : results) {
-        CheckEnd(result.front, true, read, options, matrix);
-        CheckEnd(result.rear, false, read, options, matrix);
+        CheckEnd(result.front, true, read, front);
+        CheckEnd(result.rear, false, read, rear);
     }
     return 0;
 }
