@@ -138,7 +138,7 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         job.costs = InternalCosts();
         job.offsets = w.offsets.data();
         job.lengths = w.lengths.data();
-        const size_t row_blocks = 3 * (static_cast<size_t>(l2) + 3);
+        const size_t row_blocks = 4 * (static_cast<size_t>(l2) + 3);
         int lanes = 0;
         if (use16) {
             lanes = profile16->lanes;

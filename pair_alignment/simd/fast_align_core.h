@@ -76,7 +76,7 @@ struct LaneJob {
     const int* lengths = nullptr;
     const void* profile = nullptr;  // blocks * l1 * n lane blocks
     int blocks = 0;
-    void* rows = nullptr;   // 3 * (l2 + 3) lane blocks of work space
+    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space
     int* scores = nullptr;  // blocks * lanes results
 };
 using ScoreLanesFn = void (*)(const LaneJob&);

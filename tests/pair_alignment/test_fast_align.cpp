@@ -269,6 +269,8 @@ TEST_F(FastAlignTest, BatchesMatchAlignForEveryBuild) {
             v *= scale;
         for (int& v : c.gaps)
             v *= scale;
+        // Equal open costs (the shipped settings) take a kernel of their own.
+        if (n % 3 == 0) c.gaps[c.gaps.size() == 6 ? 5 : 6] = c.gaps[2];
         std::vector<std::vector<int>> refs;
         const int count = 1 + rng() % 40;
         const int common = rng() % 80;
