@@ -65,45 +65,26 @@ void AppendInt(std::string& out, long long value) {
     out.append(text, result.ptr);
 }
 
-void AppendFront(std::string& out, const Barcoding::BarcodeDetectResult& front) {
+// One end's columns: barcode, score, reference, found sequence, its length
+// and `index`, the found sequence's position, which the front and rear count
+// differently (see AppendSummaryRow).
+void AppendEnd(std::string& out, const Barcoding::BarcodeDetectResult& end, long long index) {
     out += '\t';
-    AppendField(out, front.id);
-    if (front.id.empty()) {
+    AppendField(out, end.id);
+    if (end.id.empty()) {
         out += kNoBarcodeTail;
         return;
     }
     out += '\t';
-    AppendScore(out, front.score);
+    AppendScore(out, end.score);
     out += '\t';
-    out += front.reference_sequence;
+    out += end.reference_sequence;
     out += '\t';
-    out += front.found_sequence;
+    out += end.found_sequence;
     out += '\t';
-    AppendInt(out, static_cast<long long>(front.found_sequence.size()));
+    AppendInt(out, static_cast<long long>(end.found_sequence.size()));
     out += '\t';
-    AppendInt(out, front.begin_index);
-}
-
-// The rear detection counts its index back from the end of the window; the
-// summary reports where the found sequence ends counted from the window start.
-void AppendRear(std::string& out, const Barcoding::BarcodeDetectResult& rear, int rear_window) {
-    out += '\t';
-    AppendField(out, rear.id);
-    if (rear.id.empty()) {
-        out += kNoBarcodeTail;
-        return;
-    }
-    const int found_length = static_cast<int>(rear.found_sequence.size());
-    out += '\t';
-    AppendScore(out, rear.score);
-    out += '\t';
-    out += rear.reference_sequence;
-    out += '\t';
-    out += rear.found_sequence;
-    out += '\t';
-    AppendInt(out, found_length);
-    out += '\t';
-    AppendInt(out, rear_window - found_length - rear.begin_index);
+    AppendInt(out, index);
 }
 
 // The optional columns of a row, in header order, and its end.
@@ -149,8 +130,12 @@ void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcod
     AppendField(out, best.variant);
     out += '\t';
     AppendScore(out, best.score);
-    AppendFront(out, best.front);
-    AppendRear(out, best.rear, rear_window);
+    AppendEnd(out, best.front, best.front.begin_index);
+    // The rear detection counts its index back from the end of the window;
+    // the summary reports where the found sequence ends counted from the
+    // window start.
+    const auto rear_found = static_cast<long long>(best.rear.found_sequence.size());
+    AppendEnd(out, best.rear, rear_window - rear_found - best.rear.begin_index);
     AppendOptionalColumns(out, trimmed, sample);
 }
 

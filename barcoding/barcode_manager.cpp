@@ -66,39 +66,6 @@ std::string FormatWithIndex(const std::string& text, int index) {
     return Common::FormatString(text, index, index, index, index);
 }
 
-char Complement(char base) {
-    switch (base) {
-        case 'A':
-            return 'T';
-        case 'C':
-            return 'G';
-        case 'G':
-            return 'C';
-        case 'T':
-            return 'A';
-        case 'U':
-            return 'A';
-        case 'a':
-            return 't';
-        case 'c':
-            return 'g';
-        case 'g':
-            return 'c';
-        case 't':
-            return 'a';
-        case 'u':
-            return 'a';
-        default:
-            return base;  // ambiguity codes and the like stay as they are
-    }
-}
-
-std::string ReverseComplement(const std::string& sequence) {
-    std::string result(sequence.rbegin(), sequence.rend());
-    std::transform(result.begin(), result.end(), result.begin(), Complement);
-    return result;
-}
-
 std::vector<std::string> SplitAtComma(const std::string& text) {
     std::vector<std::string> parts;
     if (text.empty()) return parts;
@@ -307,7 +274,7 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
         };
         if (options.double_barcodes_revcmpl) {
             enter(name + "_FWD", sequence);
-            enter(name + "_REV", ReverseComplement(sequence));
+            enter(name + "_REV", Common::ReverseComplement(sequence));
         } else {
             enter(name, sequence);
         }

@@ -7,7 +7,6 @@
 // comparable on a machine shared with other work; compare wall-clock times
 // in separate, interleaved runs.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 #include <zlib.h>
 
 #include <cstdio>
@@ -19,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "benchmarks/command_timing.h"
 #include "common/fastq_reader.h"
 #include "common/gzip_member_writer.h"
 
@@ -124,25 +124,10 @@ void BM_FastqReaderGzipMembers(benchmark::State& state) {
     ReadThroughIterable(state, Files().members);
 }
 
-double ChildCpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_CHILDREN, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 // The decompression floor: the system's zcat writing to /dev/null, timed by
 // the CPU seconds of the child processes.
 void BM_ZcatToDevNull(benchmark::State& state) {
-    const std::string command = "zcat '" + Files().gzip + "' > /dev/null";
-    for (auto _ : state) {
-        const double before = ChildCpuSeconds();
-        if (std::system(command.c_str()) != 0) {
-            state.SkipWithError("zcat failed");
-            return;
-        }
-        state.SetIterationTime(ChildCpuSeconds() - before);
-    }
+    if (!Bench::TimeCommand(state, "zcat '" + Files().gzip + "' > /dev/null", "zcat")) return;
     ReportThroughput(state, Files().bytes);
 }
 

@@ -6,7 +6,6 @@
 // seconds (gzip: those of the child process), which stay comparable on a
 // machine shared with other work.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "benchmarks/command_timing.h"
 #include "common/gzip_member_writer.h"
 
 namespace fs = std::filesystem;
@@ -80,21 +80,9 @@ void BM_GzipMember(benchmark::State& state) {
     state.counters["vs_gzip-1"] = static_cast<double>(compressed) / input.gzip1_bytes;
 }
 
-double ChildCpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_CHILDREN, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 void BM_GzipCommandLevel1(benchmark::State& state) {
     const Input& input = GetInput();
-    const std::string command = "gzip -1 -c '" + input.path + "' > /dev/null";
-    for (auto _ : state) {
-        const double before = ChildCpuSeconds();
-        if (std::system(command.c_str()) != 0) state.SkipWithError("gzip failed");
-        state.SetIterationTime(ChildCpuSeconds() - before);
-    }
+    if (!Bench::TimeCommand(state, "gzip -1 -c '" + input.path + "' > /dev/null", "gzip")) return;
     const double bytes = static_cast<double>(input.text.size()) * static_cast<double>(state.iterations());
     state.counters["MB/s"] = benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsRate);
 }

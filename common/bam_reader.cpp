@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/bam_record.h"
+#include "common/string_utils.h"
 
 namespace Common {
 
@@ -37,19 +38,6 @@ constexpr BasePairs MakeBasePairs() {
     return pairs;
 }
 constexpr BasePairs kBasePairs = MakeBasePairs();
-
-char Complement(char base) {
-    switch (base) {
-        case 'A':
-            return 'T';
-        case 'C':
-            return 'G';
-        case 'G':
-            return 'C';
-        default:
-            return 'A';
-    }
-}
 
 // Read group ID -> platform unit, from the header's @RG lines.
 std::unordered_map<std::string, std::string> PlatformUnits(sam_hdr_t* header) {
@@ -227,9 +215,7 @@ bool BamIterable::Convert() {
         return false;
     }
     if (flag & BAM_FREVERSE) {
-        std::reverse(bases.begin(), bases.end());
-        for (char& base : bases)
-            base = Complement(base);
+        bases = ReverseComplement(std::move(bases));
         std::reverse(qualities.begin(), qualities.end());
         RemoveTags(tags_, kPerBaseTags);
     }

@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/isal_level.h"
+
 namespace Common {
 
 namespace {
@@ -35,7 +37,7 @@ void PutLittleEndian(char* at, uint32_t value, int bytes) {
 // One deflate state per thread, reset for every block.
 class RawDeflater {
 public:
-    explicit RawDeflater(int level) : level_buffer_(LevelBufferSize(level)) {
+    explicit RawDeflater(int level) : level_buffer_(IsalLevelBufferSize(level, "BGZF")) {
         isal_deflate_init(&stream_);
         stream_.level = static_cast<uint32_t>(level);
         stream_.level_buf = level_buffer_.empty() ? nullptr : level_buffer_.data();
@@ -62,21 +64,6 @@ public:
     }
 
 private:
-    static size_t LevelBufferSize(int level) {
-        switch (level) {
-            case 0:
-                return ISAL_DEF_LVL0_DEFAULT;
-            case 1:
-                return ISAL_DEF_LVL1_DEFAULT;
-            case 2:
-                return ISAL_DEF_LVL2_DEFAULT;
-            case 3:
-                return ISAL_DEF_LVL3_DEFAULT;
-            default:
-                throw std::invalid_argument("BGZF level must be 0 to 3, not " + std::to_string(level));
-        }
-    }
-
     isal_zstream stream_{};
     std::vector<uint8_t> level_buffer_;
 };

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "common/isal_level.h"
+
 namespace Common {
 
 namespace {
@@ -15,25 +17,10 @@ constexpr size_t kMaxChunk = 1u << 30;
 // FASTQ text always shrinks, so the first guess is rarely outgrown.
 constexpr size_t kSlack = 1024;
 
-size_t LevelBufferSize(int level) {
-    switch (level) {
-        case 0:
-            return ISAL_DEF_LVL0_DEFAULT;
-        case 1:
-            return ISAL_DEF_LVL1_DEFAULT;
-        case 2:
-            return ISAL_DEF_LVL2_DEFAULT;
-        case 3:
-            return ISAL_DEF_LVL3_DEFAULT;
-        default:
-            throw std::invalid_argument("gzip level must be 0 to 3, not " + std::to_string(level));
-    }
-}
-
 }  // namespace
 
 GzipMemberWriter::GzipMemberWriter(int level)
-    : stream_(std::make_unique<isal_zstream>()), level_buffer_(LevelBufferSize(level)) {
+    : stream_(std::make_unique<isal_zstream>()), level_buffer_(IsalLevelBufferSize(level, "gzip")) {
     isal_deflate_init(stream_.get());
     stream_->level = static_cast<uint32_t>(level);
     stream_->level_buf = level_buffer_.empty() ? nullptr : level_buffer_.data();

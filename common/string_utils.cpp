@@ -54,4 +54,41 @@ bool IsUsableFileNameComponent(const std::string& text) {
     });
 }
 
+namespace {
+
+char Complement(char base) {
+    switch (base) {
+        case 'A':
+            return 'T';
+        case 'C':
+            return 'G';
+        case 'G':
+            return 'C';
+        case 'T':
+            return 'A';
+        case 'U':
+            return 'A';
+        case 'a':
+            return 't';
+        case 'c':
+            return 'g';
+        case 'g':
+            return 'c';
+        case 't':
+            return 'a';
+        case 'u':
+            return 'a';
+        default:
+            return base;  // ambiguity codes and the like stay as they are
+    }
+}
+
+}  // namespace
+
+std::string ReverseComplement(std::string sequence) {
+    std::reverse(sequence.begin(), sequence.end());
+    std::transform(sequence.begin(), sequence.end(), sequence.begin(), Complement);
+    return sequence;
+}
+
 }  // namespace Common

@@ -39,4 +39,10 @@ std::string TrimWhitespace(const std::string& text);
 // and 0x7f). Text that passes cannot climb out of its folder or split a path.
 bool IsUsableFileNameComponent(const std::string& text);
 
+// The reverse complement of a nucleotide sequence: A, C, G, T and U (either
+// case) become their complements (U becomes A), anything else (ambiguity
+// codes) stays as it is. Takes the sequence by value, so a moved-in string is
+// turned in place.
+std::string ReverseComplement(std::string sequence);
+
 }  // namespace Common

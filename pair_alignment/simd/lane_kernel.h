@@ -39,8 +39,8 @@ inline int MinOf(int a, int b) {
 
 // S(i,j) = max(S(i-1,j-1) + M(ref[i-1], q[j-1]), S(i,j-1) + open1, S(i-1,j) + open2)
 // for 1 <= i < l1 and 1 <= j < l2, with diag = S(i-1,j-1) + M already added.
-// Costs come by value: stores to the rows may alias anything the kernel's
-// lambdas capture by reference, which would reload them for every cell.
+// Costs come by value: stores to the rows may alias anything a lambda
+// captures by reference, which would then be reloaded for every cell.
 template <class B, bool kEqualOpen, class T>
 inline T Inner(T diag, T left, T above, T open1, T open2) {
     if constexpr (kEqualOpen)

@@ -9,7 +9,6 @@ samtools; they are skipped, with a message, when it is not installed.
 Usage: bam_and_samples.py --binary BIN --source REPO --work DIR --case NAME
 """
 
-import argparse
 import collections
 import gzip
 import os
@@ -21,17 +20,12 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from e2e_driver import (SUMMARY, Context, Failure, barcoder_args, check, many_reads, read_fastq,  # noqa: E402
-                        read_id, read_summary, split_into_files, tree_bytes, write_fastq)
+from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, main, many_reads,  # noqa: E402
+                        read_fastq, read_id, read_summary, split_into_files, tree_bytes, write_fastq)
 
-SKIPPED = 77  # CTest's SKIP_RETURN_CODE for these cases
 BGZF_EOF = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
 BASES = "=ACMGRSVTWYHKDBN"
 COMPLEMENT = str.maketrans("ACGT", "TGCA")
-
-
-class Skip(Exception):
-    pass
 
 
 def need_samtools():
@@ -491,27 +485,5 @@ def case_sample_sheet_errors(ctx):
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--binary", required=True)
-    parser.add_argument("--source", required=True)
-    parser.add_argument("--work", required=True)
-    parser.add_argument("--case", required=True, choices=sorted(CASES))
-    args = parser.parse_args()
-    work = os.path.join(os.path.abspath(args.work), args.case)
-    shutil.rmtree(work, ignore_errors=True)
-    os.makedirs(work)
-    try:
-        CASES[args.case](Context(os.path.abspath(args.binary), os.path.abspath(args.source), work))
-    except Skip as skip:
-        print(f"SKIP {args.case}: {skip}")
-        return SKIPPED
-    except Failure as failure:
-        print(f"FAIL {args.case}: {failure}")
-        return 1
-    print(f"ok {args.case}")
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(CASES))

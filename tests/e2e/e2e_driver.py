@@ -880,19 +880,22 @@ def case_option_hint(ctx):
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
 
 
-def main():
+def main(cases):
+    """Runs one case of `cases` (name -> function of a Context), given by the
+    command line; returns the exit status for CTest. Other drivers of this
+    folder call it with their own cases."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--binary", required=True)
     parser.add_argument("--source", required=True)
     parser.add_argument("--work", required=True)
-    parser.add_argument("--case", required=True, choices=sorted(CASES))
+    parser.add_argument("--case", required=True, choices=sorted(cases))
     args = parser.parse_args()
     work = os.path.join(os.path.abspath(args.work), args.case)
     unmount_below(work)
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     try:
-        CASES[args.case](Context(os.path.abspath(args.binary), os.path.abspath(args.source), work))
+        cases[args.case](Context(os.path.abspath(args.binary), os.path.abspath(args.source), work))
     except Failure as failure:
         print(f"FAIL {args.case}: {failure}")
         return 1
@@ -904,4 +907,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(CASES))
