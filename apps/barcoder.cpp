@@ -349,10 +349,6 @@ void Barcoder::OnInputFilesFound(const std::vector<std::string>& files) {
 // the whole run, so a new input continues those series rather than starting
 // over them (which would overwrite the reads of earlier inputs).
 void Barcoder::StartNewFile(const std::string& /*path*/) {
-    {
-        std::lock_guard<std::mutex> lock(output_mutex);
-        ++tally.files_found;
-    }
     std::error_code error;
     if (!save_path.empty() && !std::filesystem::exists(save_path, error)) {
         VB_LOG(logger, Common::Severity::info) << "Creating output folder " << save_path;
@@ -365,19 +361,20 @@ void Barcoder::ProcessRead(const Common::FastQRecord& /*record*/) {
 }
 
 int Barcoder::SubmitRead(Common::FastQRecord&& record) {
-    if (!pipeline || pipeline->Stopped()) return 0;
-    pending->bases += record.sequence.size();
-    pending->reads.push_back(std::move(record));
-    pending->tags.emplace_back();
-    if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
-    return pipeline->Stopped() ? 0 : 1;
+    return Enqueue(std::move(record), std::nullopt);
 }
 
 int Barcoder::SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) {
+    return Enqueue(std::move(record), std::move(tags));
+}
+
+// Adds the read to the batch being filled and submits the batch when full.
+// 0 once the run has stopped (a failed write, a signal): reading ends.
+int Barcoder::Enqueue(Common::FastQRecord&& record, std::optional<std::string>&& tags) {
     if (!pipeline || pipeline->Stopped()) return 0;
     pending->bases += record.sequence.size();
     pending->reads.push_back(std::move(record));
-    pending->tags.emplace_back(std::move(tags));
+    pending->tags.push_back(std::move(tags));
     if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
     return pipeline->Stopped() ? 0 : 1;
 }
@@ -469,8 +466,7 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
 }
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                            const std::string* tags, ReadBatch& batch) {
-    const std::string run_id = record.GetRunId();
+                            const std::string& run_id, const std::string* tags, ReadBatch& batch) {
     // A run id names output files, so it must be one harmless file-name component.
     if (!Common::IsUsableFileNameComponent(run_id))
         throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
@@ -524,12 +520,20 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         }
     }
     if (arrangement != kUnclassified) reason = "";
-    if (*reason != '\0') ++batch.tally.unclassified_reasons[reason];
+    if (*reason != '\0') {
+        // Looked up by the text itself: no string is made for a reason already counted.
+        auto& reasons = batch.tally.unclassified_reasons;
+        const auto counted = reasons.find(std::string_view(reason));
+        if (counted != reasons.end())
+            ++counted->second;
+        else
+            reasons.emplace(reason, 1);
+    }
     const std::string& folder = sample != nullptr ? *sample : arrangement;
 
     auto& chunk = batch.ChunkFor(folder, run_id);
     if (bam_output) {
-        AppendBamRecord(record, tags, arrangement, trimmed.front + trimmed.rear > 0, chunk);
+        AppendBamRecord(record, read_id, tags, arrangement, trimmed.front + trimmed.rear > 0, chunk);
     } else {
         record.AppendToTitle("barcode", arrangement);
         chunk.AddRecord(record);
@@ -537,8 +541,9 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
 
     static const std::string unclassified_sample = kUnclassified;
     const std::string* sample_column = !sample_sheet ? nullptr : sample != nullptr ? sample : &unclassified_sample;
+    const char* reason_column = unclassified_reason_column ? reason : nullptr;
     if (results.empty()) {
-        batch.summary += NoResultRow(read_id, trimming, sample_column);
+        batch.summary += NoResultRow(read_id, trimming, sample_column, reason_column);
     } else {
         const int read_length = static_cast<int>(read_bases);
         const int rear_window = std::min(scorer_options.rear_window_size, read_length);
@@ -546,15 +551,11 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         if (unlisted) {
             auto shown = results.front();
             shown.normalised_id = kUnclassified;
-            AppendSummaryRow(batch.summary, read_id, shown, rear_window, trim_columns, sample_column);
+            AppendSummaryRow(batch.summary, read_id, shown, rear_window, trim_columns, sample_column, reason_column);
         } else {
-            AppendSummaryRow(batch.summary, read_id, results.front(), rear_window, trim_columns, sample_column);
+            AppendSummaryRow(batch.summary, read_id, results.front(), rear_window, trim_columns, sample_column,
+                             reason_column);
         }
-    }
-    if (unclassified_reason_column) {
-        batch.summary.back() = '\t';  // the row's newline
-        batch.summary += reason;
-        batch.summary += '\n';
     }
     // Bases as written: after trimming.
     batch.tally.arrangements[arrangement].Add(record.sequence.size(), score);
@@ -565,8 +566,8 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
 // when bases were cut off, the tags that index into the bases. A read from
 // FASTQ keeps its title's text after the read id (the key=value fields) as
 // the standard comment tag CO, which BAM input reads back into the title.
-void Barcoder::AppendBamRecord(Common::FastQRecord& record, const std::string* tags, const std::string& arrangement,
-                               bool trimmed, Common::FastqChunk& chunk) {
+void Barcoder::AppendBamRecord(Common::FastQRecord& record, const std::string& read_id, const std::string* tags,
+                               const std::string& arrangement, bool trimmed, Common::FastqChunk& chunk) {
     thread_local std::string aux;
     aux.clear();
     const size_t space = record.title.find(' ', 1);
@@ -582,8 +583,6 @@ void Barcoder::AppendBamRecord(Common::FastQRecord& record, const std::string* t
         Common::AppendTextTag(aux, "CO", std::string_view(record.title).substr(space + 1));
     }
     Common::AppendTextTag(aux, Common::kArrangementTag, arrangement);
-    const std::string_view read_id =
-        std::string_view(record.title).substr(1, space == std::string::npos ? std::string::npos : space - 1);
     Common::AppendBamRecord(chunk.text, read_id, record.sequence, record.qstring, aux);
     chunk.record_ends.push_back(chunk.text.size());
 }

@@ -60,7 +60,7 @@ public:
     // when it came from BAM input, nullptr for FASTQ input. Called by the
     // workers; nothing is written here.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                      const std::string* tags, ReadBatch& batch);
+                      const std::string& run_id, const std::string* tags, ReadBatch& batch);
 
     // A worker could not process a batch at all: the run stops with message.
     void FailPipeline(const std::string& message);
@@ -87,8 +87,9 @@ private:
     void LogSettings();
     void CheckBothEndsRequirement();
     void LoadSamples();
-    void AppendBamRecord(Common::FastQRecord& record, const std::string* tags, const std::string& arrangement,
-                         bool trimmed, Common::FastqChunk& chunk);
+    void AppendBamRecord(Common::FastQRecord& record, const std::string& read_id, const std::string* tags,
+                         const std::string& arrangement, bool trimmed, Common::FastqChunk& chunk);
+    int Enqueue(Common::FastQRecord&& record, std::optional<std::string>&& tags);
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);

@@ -115,7 +115,7 @@ void BarcoderWorker::ProcessOne(Common::FastQRecord& record, const std::string* 
             return;
         }
         const auto results = scorer_->Score(record.sequence, settings_.detailed_results);
-        owner_.WriteResults(results, record, tags, batch);
+        owner_.WriteResults(results, record, run_id, tags, batch);
         VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.GetReadId();
     } catch (const std::exception& error) {
         VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << ReadIdForMessage(record)

@@ -20,6 +20,7 @@
 // Batch must be movable, default-constructible and have a `uint64_t sequence`
 // member, which Submit sets.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -36,10 +37,8 @@ class OrderedPipeline {
 public:
     explicit OrderedPipeline(size_t max_in_flight) : slots_(max_in_flight == 0 ? 1 : max_in_flight) {}
 
-    size_t MaxInFlight() const { return slots_.size(); }
-
     // Numbers the batch and queues it for the workers. Blocks while
-    // MaxInFlight batches are submitted but not yet emitted. Returns false,
+    // max_in_flight batches are submitted but not yet emitted. Returns false,
     // dropping the batch, once the pipeline is stopped or closed.
     bool Submit(Batch&& batch) {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -120,21 +119,14 @@ public:
         WakeAll();
     }
 
-    bool Stopped() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stopped_;
-    }
+    // Without the lock: the reading thread asks for every read.
+    bool Stopped() const { return stopped_.load(std::memory_order_acquire); }
 
     // Blocks until every batch submitted so far has been emitted, or the
     // pipeline is stopped.
     void WaitUntilEmitted() {
         std::unique_lock<std::mutex> lock(mutex_);
         all_emitted_.wait(lock, [this] { return stopped_ || emitted_ == submitted_; });
-    }
-
-    uint64_t SubmittedCount() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return submitted_;
     }
 
 private:
@@ -155,7 +147,9 @@ private:
     uint64_t submitted_ = 0;
     uint64_t emitted_ = 0;
     bool closed_ = false;
-    bool stopped_ = false;
+    // Set under the mutex, like everything else; atomic so that Stopped()
+    // can read it without.
+    std::atomic<bool> stopped_ = false;
 };
 
 }  // namespace Vorpa

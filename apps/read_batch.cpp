@@ -3,16 +3,14 @@
 namespace Vorpa {
 
 Common::FastqChunk& ReadBatch::ChunkFor(const std::string& folder, const std::string& run_id) {
-    std::string key = folder;
-    key += '\0';
-    key += run_id;
-    auto [found, added] = chunk_index_.try_emplace(std::move(key), chunks.size());
-    if (added) {
-        chunks.emplace_back();
-        chunks.back().folder = folder;
-        chunks.back().run_id = run_id;
-    }
-    return chunks[found->second];
+    key_.assign(folder).append(1, '\0').append(run_id);
+    const auto found = chunk_index_.find(key_);
+    if (found != chunk_index_.end()) return chunks[found->second];
+    chunk_index_.emplace(key_, chunks.size());
+    chunks.emplace_back();
+    chunks.back().folder = folder;
+    chunks.back().run_id = run_id;
+    return chunks.back();
 }
 
 }  // namespace Vorpa

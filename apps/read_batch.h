@@ -38,6 +38,7 @@ struct ReadBatch {
 
 private:
     std::unordered_map<std::string, size_t> chunk_index_;
+    std::string key_;  // reused for every lookup: no allocation per read
 };
 
 }  // namespace Vorpa

@@ -4,6 +4,7 @@
 // workflows and QC tools.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -33,7 +34,7 @@ struct RunTally {
     uint64_t failed = 0;   // reads whose processing failed: written nowhere
     uint64_t mixed = 0;    // reads whose two ends passed for different barcodes
     // Unclassified reads by reason text ("no barcode above the minimum", ...).
-    std::map<std::string, uint64_t> unclassified_reasons;
+    std::map<std::string, uint64_t, std::less<>> unclassified_reasons;
     uint64_t files_found = 0;
     uint64_t files_read = 0;         // opened and read, to their end or not
     uint64_t files_ended_early = 0;  // stopped by a malformed record or damaged data

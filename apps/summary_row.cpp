@@ -88,7 +88,8 @@ void AppendEnd(std::string& out, const Barcoding::BarcodeDetectResult& end, long
 }
 
 // The optional columns of a row, in header order, and its end.
-void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample) {
+void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample,
+                           const char* reason) {
     if (trimmed != nullptr) {
         out += '\t';
         AppendInt(out, trimmed->front);
@@ -98,6 +99,10 @@ void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const 
     if (sample != nullptr) {
         out += '\t';
         out += *sample;
+    }
+    if (reason != nullptr) {
+        out += '\t';
+        out += reason;
     }
     out += '\n';
 }
@@ -118,7 +123,7 @@ std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool 
 }
 
 void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
-                      int rear_window, const TrimmedBases* trimmed, const std::string* sample) {
+                      int rear_window, const TrimmedBases* trimmed, const std::string* sample, const char* reason) {
     AppendField(out, read_id);
     out += '\t';
     AppendField(out, best.normalised_id);
@@ -136,7 +141,7 @@ void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcod
     // window start.
     const auto rear_found = static_cast<long long>(best.rear.found_sequence.size());
     AppendEnd(out, best.rear, rear_window - rear_found - best.rear.begin_index);
-    AppendOptionalColumns(out, trimmed, sample);
+    AppendOptionalColumns(out, trimmed, sample, reason);
 }
 
 std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
@@ -146,7 +151,8 @@ std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementD
     return row;
 }
 
-std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample) {
+std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample,
+                        const char* reason) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
     std::string row;
@@ -156,7 +162,7 @@ std::string NoResultRow(const std::string& read_id, bool with_trim_columns, cons
     row += '\t';
     row += kNoBarcodeTail;
     const TrimmedBases none;
-    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample);
+    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample, reason);
     return row;
 }
 

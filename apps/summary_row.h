@@ -18,22 +18,24 @@ struct TrimmedBases {
 // "barcode_unclassified_reason" (with --unclassified_reason_column). Each is
 // present in the header exactly when it is in every row.
 
-// The column names, tab separated, ending in a newline. The reason column,
-// when asked for, is the caller's to fill: the rows made here end before it.
+// The column names, tab separated, ending in a newline.
 std::string SummaryHeader(bool with_trim_columns, bool with_sample_column = false, bool with_reason_column = false);
 
 // Appends the row for a read classified as best to out (see SummaryRow).
 void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
-                      int rear_window, const TrimmedBases* trimmed, const std::string* sample = nullptr);
+                      int rear_window, const TrimmedBases* trimmed, const std::string* sample = nullptr,
+                      const char* reason = nullptr);
 
 // The row for a read classified as best. rear_window is the length of the rear
 // window actually used: min(rear_window_size, read length). trimmed == nullptr
-// leaves out the two trim columns, sample == nullptr the sample column.
+// leaves out the two trim columns, sample == nullptr the sample column,
+// reason == nullptr the reason column (an empty text leaves it empty).
 std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
                        const TrimmedBases* trimmed, const std::string* sample = nullptr);
 
 // The row for a read the scorer returned nothing for: the read id,
 // "unclassified", then empty or zero values, as many columns as SummaryRow.
-std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample = nullptr);
+std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample = nullptr,
+                        const char* reason = nullptr);
 
 }  // namespace Vorpa

@@ -9,14 +9,11 @@
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "benchmarks/command_timing.h"
 #include "common/fastq_reader.h"

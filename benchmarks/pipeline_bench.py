@@ -12,7 +12,9 @@ their ratio to zcat, so that a busy machine slows both sides alike:
                in flight, not by the input.
 
 The reads are simulated once (tools/simulate_reads.py, fixed seeds) into
-<build>/bench_data/pipeline and kept until the simulator or the kits change.
+<build>/bench_pipeline_data (beside, not inside, the bench_data folder that
+bench_reads.sh empties when it simulates again) and kept until the simulator
+or the kits change.
 
 Usage: pipeline_bench.py <build dir> [--repeats N] [--threads T] [--baseline BIN]
   --baseline BIN  also time another vorpa_barcoder (e.g. an older build) on
@@ -123,7 +125,7 @@ def main():
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     binary = os.path.join(build, "bin", "vorpa_barcoder")
-    data = os.path.join(build, "bench_data", "pipeline")
+    data = os.path.join(build, "bench_pipeline_data")
     prepare(data)
     out = tempfile.mkdtemp(prefix="vb-bench-")
     threads = str(args.threads)

@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <stdexcept>
-#include <unordered_map>
 #include <utility>
 
 #include "common/bam_record.h"
@@ -15,10 +16,6 @@
 namespace Common {
 
 namespace {
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 // Two bases per byte of packed sequence, and whether both are A, C, G or T.
 struct BasePairs {
@@ -39,9 +36,11 @@ constexpr BasePairs MakeBasePairs() {
 }
 constexpr BasePairs kBasePairs = MakeBasePairs();
 
-// Read group ID -> platform unit, from the header's @RG lines.
-std::unordered_map<std::string, std::string> PlatformUnits(sam_hdr_t* header) {
-    std::unordered_map<std::string, std::string> units;
+// Read group ID -> platform unit, from the header's @RG lines; looked up by
+// the record's tag text without copying it.
+using PlatformUnitMap = std::map<std::string, std::string, std::less<>>;
+PlatformUnitMap PlatformUnits(sam_hdr_t* header) {
+    PlatformUnitMap units;
     const int lines = sam_hdr_count_lines(header, "RG");
     kstring_t value = KS_INITIALIZE;
     for (int i = 0; i < lines; ++i) {
@@ -82,7 +81,7 @@ struct HtsInput {
 
 struct BamIterable::Htslib : HtsInput {
     bam1_t* record = nullptr;
-    std::unordered_map<std::string, std::string> platform_units;
+    PlatformUnitMap platform_units;
 
     Htslib(const std::string& path, int threads) : HtsInput(path, threads) {}
     ~Htslib() {
@@ -91,7 +90,7 @@ struct BamIterable::Htslib : HtsInput {
 };
 
 bool IsBamFileName(const std::string& path) {
-    return EndsWith(path, ".bam") || EndsWith(path, ".sam") || EndsWith(path, ".cram");
+    return path.ends_with(".bam") || path.ends_with(".sam") || path.ends_with(".cram");
 }
 
 std::vector<std::string> ReadGroupLines(const std::string& path) {
@@ -160,8 +159,8 @@ void BamIterable::ReadNext() {
 bool BamIterable::Convert() {
     const bam1_t* b = hts_->record;
     const auto flag = b->core.flag;
-    const std::string name = bam_get_qname(b);
-    const auto where = [&] { return "record " + std::to_string(records_) + " ('" + name + "')"; };
+    const std::string_view name = bam_get_qname(b);
+    const auto where = [&] { return "record " + std::to_string(records_) + " ('" + std::string(name) + "')"; };
 
     const auto length = static_cast<size_t>(std::max(0, b->core.l_qseq));
     const uint8_t* packed = bam_get_seq(b);
@@ -228,7 +227,7 @@ bool BamIterable::Convert() {
         if (const auto run_id = FindTextTag(tags_, kRunIdTag)) {
             title.append(" runid=").append(*run_id);
         } else if (const auto group = FindTextTag(tags_, "RG")) {
-            const auto unit = hts_->platform_units.find(std::string(*group));
+            const auto unit = hts_->platform_units.find(*group);
             if (unit != hts_->platform_units.end()) title.append(" runid=").append(unit->second);
         }
     }

@@ -90,9 +90,13 @@ std::string FastQRecord::Print() const {
 
 std::string FastQRecord::ToString() const {
     std::string text;
-    text.reserve(title.size() + sequence.size() + qstring.size() + 6);
-    text.append(title).append("\n").append(sequence).append("\n+\n").append(qstring).append("\n");
+    AppendTo(text);
     return text;
+}
+
+void FastQRecord::AppendTo(std::string& out) const {
+    out.reserve(out.size() + title.size() + sequence.size() + qstring.size() + 5);  // 5: the separators
+    out.append(title).append("\n").append(sequence).append("\n+\n").append(qstring).append("\n");
 }
 
 void FastQRecord::AppendToTitle(const std::string& key, const std::string& value) {

@@ -40,6 +40,8 @@ struct FastQRecord {
     std::string Print() const;
     // The four FASTQ lines, each ended by '\n', with a bare "+" line.
     std::string ToString() const;
+    // The same, appended to out.
+    void AppendTo(std::string& out) const;
     // title += " " + key + "=" + value
     void AppendToTitle(const std::string& key, const std::string& value);
 

@@ -53,13 +53,7 @@ bool OutOfDescriptors(const OutputError& error) {
 }  // namespace
 
 void FastqChunk::AddRecord(const FastQRecord& record) {
-    text.reserve(text.size() + record.title.size() + record.sequence.size() + record.qstring.size() + 4);
-    text += record.title;
-    text += '\n';
-    text += record.sequence;
-    text += "\n+\n";
-    text += record.qstring;
-    text += '\n';
+    record.AppendTo(text);
     record_ends.push_back(text.size());
 }
 
@@ -259,7 +253,6 @@ void FastqWriter::Append(const FastqChunk& chunk) {
             done += take;
         }
     }
-    records_written_ += chunk.Records();
 }
 
 void FastqWriter::WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id) {

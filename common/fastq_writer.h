@@ -91,8 +91,6 @@ public:
 
     const FastqWriterOptions& Options() const { return options_; }
     size_t OpenFileCount() const { return open_count_; }
-    // Records written so far to every series, summed (first root only).
-    uint64_t RecordsWritten() const { return records_written_; }
 
 protected:
     struct Series;
@@ -120,7 +118,6 @@ private:
     std::map<Key, std::unique_ptr<Series>> series_;
     size_t open_count_ = 0;
     uint64_t use_clock_ = 0;
-    uint64_t records_written_ = 0;
     bool in_batch_ = false;
     uint64_t batch_id_ = 0;
     struct Undo {

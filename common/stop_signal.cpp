@@ -34,8 +34,4 @@ int StopSignal() {
     return stop_signal.load(std::memory_order_relaxed);
 }
 
-void SetStopSignalForTesting(int sig) {
-    stop_signal.store(sig);
-}
-
 }  // namespace Common

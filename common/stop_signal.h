@@ -12,7 +12,5 @@ namespace Common {
 void InstallStopSignalHandlers();
 // The signal that asked for a stop, 0 when none did.
 int StopSignal();
-// For tests: as if sig had arrived (0 clears).
-void SetStopSignalForTesting(int sig);
 
 }  // namespace Common

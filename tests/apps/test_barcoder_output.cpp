@@ -8,10 +8,8 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "apps/run_report.h"

@@ -74,7 +74,7 @@ TEST(OrderedPipeline, EmitsEveryBatchOnceInSubmissionOrder) {
 }
 
 // A writer that stops taking batches holds the submitter back after exactly
-// MaxInFlight batches: memory stays bounded by the tickets.
+// max_in_flight batches: memory stays bounded by the tickets.
 TEST(OrderedPipeline, StalledWriterStopsTheSubmitter) {
     Pipeline pipeline(4);
     auto threads = StartWorkers(pipeline, 2, 1);

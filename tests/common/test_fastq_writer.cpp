@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <boost/filesystem.hpp>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <random>
-#include <sstream>
 
 #include "common/bam_header.h"
 #include "common/bam_record.h"
@@ -14,6 +11,7 @@
 #include "common/fastq_writer.h"
 #include "common/gzip_member_writer.h"
 #include "common/output_file.h"
+#include "tests/common/gzip_test_support.h"
 #include "tests/common/htslib_files.h"
 
 namespace Common {
@@ -23,26 +21,9 @@ namespace fs = boost::filesystem;
 
 // zlib as the reference reader: every member of a gzip file, one after another.
 std::string Gunzip(const std::string& data) {
-    std::string out;
-    z_stream stream{};
-    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-    stream.avail_in = static_cast<uInt>(data.size());
-    char buffer[1 << 14];
-    while (stream.avail_in > 0) {
-        stream.next_out = reinterpret_cast<Bytef*>(buffer);
-        stream.avail_out = sizeof buffer;
-        const int result = inflate(&stream, Z_NO_FLUSH);
-        out.append(buffer, sizeof buffer - stream.avail_out);
-        if (result == Z_STREAM_END) {
-            inflateReset(&stream);
-        } else if (result != Z_OK) {
-            ADD_FAILURE() << "not valid gzip: " << result;
-            break;
-        }
-    }
-    inflateEnd(&stream);
-    return out;
+    const TestSupport::Inflated inflated = TestSupport::Gunzip(data);
+    EXPECT_TRUE(inflated.complete) << "not valid gzip";
+    return inflated.text;
 }
 
 class FastqWriterTest : public ::testing::Test {
@@ -53,12 +34,7 @@ protected:
     static FastQRecord Record(int k, const std::string& run_id = "R1") {
         return FastQRecord("@read" + std::to_string(k) + " runid=" + run_id, "ACGT", "!!!!");
     }
-    static std::string Slurp(const fs::path& path) {
-        std::ifstream in(path.string(), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    static std::string Slurp(const fs::path& path) { return TestSupport::ReadFile(path.string()); }
     // Relative paths of every file below the root, sorted.
     std::vector<std::string> Files() const {
         std::vector<std::string> files;
@@ -242,10 +218,7 @@ FastqChunk BamChunk(const std::string& folder, const std::string& run_id, int fi
 // The read names of a BAM file, after checking that it is whole: the header
 // first and exactly one end-of-file block, at the end.
 std::vector<std::string> BamReadNames(const fs::path& path, const std::string& header) {
-    std::ifstream in(path.string(), std::ios::binary);
-    std::stringstream bytes;
-    bytes << in.rdbuf();
-    const std::string data = bytes.str();
+    const std::string data = TestSupport::ReadFile(path.string());
     EXPECT_EQ(data.find(BgzfEofBlock()), data.size() - BgzfEofBlock().size()) << path;
     const auto file = HtslibFiles::ReadAlignments(path.string());
     EXPECT_EQ(file.header, header) << path;

@@ -21,7 +21,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, main, many_reads,  # noqa: E402
-                        read_fastq, read_id, read_summary, split_into_files, tree_bytes, write_fastq)
+                        output_reads, read_fastq, read_id, read_summary, split_into_files, tree_bytes, write_fastq)
 
 BGZF_EOF = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
 BASES = "=ACMGRSVTWYHKDBN"
@@ -198,12 +198,7 @@ def case_bam_round_trip(ctx):
         check(other == rows, f"{save}: the summary differs from the FASTQ run's")
     check(len(rows) == len(records), "reads were lost")
 
-    fastq_out = {}
-    for folder, _, files in os.walk(ctx.path("fq_fq")):
-        for name in files:
-            if name.startswith("fastq_runid_"):
-                for title, seq, qual in read_fastq(os.path.join(folder, name)):
-                    fastq_out[read_id(title)] = (os.path.relpath(folder, ctx.path("fq_fq")), title, seq, qual)
+    fastq_out = {rid: (folder, *record) for rid, (folder, _, record) in output_reads(ctx.path("fq_fq")).items()}
     input_tags = {}
     for name in ("a.bam", "b.bam"):
         for record in read_bam(ctx.path("bam", name))[1]:
@@ -240,13 +235,9 @@ def case_bam_round_trip(ctx):
     counts = samtools_agree(ctx.path("bam_bam"))
     check(counts == collections.Counter(row[1] for row in rows.values()), "samtools counts differ from the summary")
     # BAM input, FASTQ output: the title carries the run id from the tag or the read group.
-    for folder, _, files in os.walk(ctx.path("bam_fq")):
-        for name in files:
-            if name.startswith("fastq_runid_"):
-                for out_title, _, _ in read_fastq(os.path.join(folder, name)):
-                    rid = read_id(out_title)
-                    run_id = title_fields(inputs[rid][0])["runid"]
-                    check(out_title == f"@{rid} runid={run_id} barcode={rows[rid][1]}", f"title {out_title}")
+    for rid, (_, _, (out_title, _, _)) in output_reads(ctx.path("bam_fq")).items():
+        run_id = title_fields(inputs[rid][0])["runid"]
+        check(out_title == f"@{rid} runid={run_id} barcode={rows[rid][1]}", f"title {out_title}")
 
 
 def case_bam_input_kinds(ctx):
@@ -291,14 +282,9 @@ def case_bam_input_kinds(ctx):
     check("Reads without a run id (not written): 1." in result.stdout, "the read without a run id is not reported")
     check("Found 4 fastq files." in result.stdout, "the BAM and CRAM files were not all found")
     inputs = {read_id(t): (s, q) for t, s, q in records}
-    for folder, _, files in os.walk(ctx.path("out")):
-        for name in files:
-            if not name.startswith("fastq_runid_"):
-                continue
-            for title, seq, qual in read_fastq(os.path.join(folder, name)):
-                rid = read_id(title)
-                check((seq, qual) == inputs[rid], f"{rid} not in its own orientation"
-                                                  f"{' (reverse strand)' if rid in reverse else ''}")
+    for rid, (_, _, (_, seq, qual)) in output_reads(ctx.path("out")).items():
+        check((seq, qual) == inputs[rid], f"{rid} not in its own orientation"
+                                          f"{' (reverse strand)' if rid in reverse else ''}")
 
 
 def same_command_runs(ctx, threads_list, extra):

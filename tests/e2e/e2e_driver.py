@@ -749,6 +749,20 @@ def case_missing_input(ctx):
     check(not os.path.exists(ctx.path("fresh")), "a refused run created its save folder")
 
 
+NOBODY = 65534
+
+
+def ordinary_user(ctx, what):
+    """The user to run a permission case as: None (ourselves) unless we are
+    root, whom no mode stops; then nobody, after checking that nobody can reach
+    the work folder (the case is skipped otherwise)."""
+    if os.geteuid() != 0:
+        return None
+    if subprocess.run(["ls", ctx.path("in")], user=NOBODY, capture_output=True).returncode != 0:
+        raise Skip(f"running as root and an ordinary user cannot reach the work folder, so {what} cannot be checked")
+    return NOBODY
+
+
 def case_unusable_save_path(ctx):
     records, _ = ctx.simulate("save", 10, 31)
     split_into_files(ctx.path("in"), records, ["a.fastq"])
@@ -767,10 +781,7 @@ def case_unusable_save_path(ctx):
     # A read-only folder; root ignores its mode, so then an ordinary user runs.
     os.makedirs(ctx.path("read_only"))
     os.chmod(ctx.path("read_only"), 0o555)
-    user = 65534 if os.geteuid() == 0 else None
-    if user is not None and subprocess.run(["ls", ctx.path("in")], user=user, capture_output=True).returncode != 0:
-        raise Skip("running as root and an ordinary user cannot reach the work folder, so a read-only folder "
-                   "cannot be checked")
+    user = ordinary_user(ctx, "a read-only folder")
     result = ctx.run(barcoder_args("in", "read_only"), expect=255, user=user)
     check("Cannot write into save folder 'read_only': Permission denied" in result.stdout,
           f"message missing:\n{result.stdout}")
@@ -799,19 +810,13 @@ def case_discovery_unreadable_folder(ctx):
     split_into_files(ctx.path("in", "open"), records[20:30], ["b.fastq"])
     split_into_files(ctx.path("in", "locked"), records[30:], ["c.fastq"])
     os.chmod(ctx.path("in", "locked"), 0)
-    user = None
     if os.geteuid() == 0:
-        # Root reads every folder; run as an ordinary user instead, if one can
-        # reach the work folder.
-        user = 65534
+        # Root reads every folder; an ordinary user runs instead.
         for folder in (ctx.path("in"), ctx.path("in", "open")):
             os.chmod(folder, 0o755)
         os.makedirs(ctx.path("out"))
-        os.chown(ctx.path("out"), user, -1)
-        probe = subprocess.run(["ls", ctx.path("in")], user=user, capture_output=True)
-        if probe.returncode != 0:
-            raise Skip("running as root and an ordinary user cannot reach the work folder, so folder permissions "
-                       "cannot be checked")
+        os.chown(ctx.path("out"), NOBODY, -1)
+    user = ordinary_user(ctx, "folder permissions")
     try:
         result = ctx.run(barcoder_args("in", "out", "-r"), user=user)
         # The unreadable folder as the input folder is an error, not an empty run.
