@@ -46,7 +46,6 @@ size_t BatchesInFlight(size_t workers) {
     return 2 * workers + 2;
 }
 
-const char* const kUnclassified = "unclassified";
 const char* const kNotInSampleSheet = "not in sample sheet";
 
 const char* SignalName(int sig) {
@@ -164,8 +163,7 @@ std::string Barcoder::GetSummaryFileName() {
 // status of an option error. The message goes to the log and the console;
 // with --quiet to standard error, so that a failed run never stays silent.
 void Barcoder::FailRun(const std::string& message) {
-    VB_LOG(logger, Common::Severity::error) << message;
-    if (quiet) std::cerr << message << std::endl;
+    ReportError(message);
     Common::ShutdownLogging();
     std::exit(255);
 }
@@ -603,10 +601,7 @@ void Barcoder::ReportRun(double seconds) {
         alarm = std::string("Interrupted by ") + SignalName(sig) + ": stopped reading; " + std::to_string(written) +
                 " reads were written (each with its summary row) and every output file was closed.";
     }
-    if (!alarm.empty()) {
-        VB_LOG(logger, Common::Severity::error) << alarm;
-        if (quiet) std::cerr << alarm << std::endl;
-    }
+    if (!alarm.empty()) ReportError(alarm);
     if (quiet && (tally.dropped + tally.failed + tally.files_ended_early + tally.files_failed) > 0) {
         std::cerr << "Warning: " << tally.dropped << " reads without a run id and " << tally.failed
                   << " reads that failed were not written; " << tally.files_ended_early
@@ -624,8 +619,7 @@ void Barcoder::ReportRun(double seconds) {
         // Every read is written, but a workflow waiting for the report would
         // take the run for unfinished: say so, and end with the output status.
         failure = std::string("Could not write the run report: ") + error.what();
-        VB_LOG(logger, Common::Severity::error) << failure;
-        if (quiet) std::cerr << failure << std::endl;
+        ReportError(failure);
     }
 }
 

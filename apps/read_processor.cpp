@@ -170,8 +170,7 @@ std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string
     std::string problem = InputPathProblem(input_path);
     if (problem.empty()) problem = PrepareSaveFolder(save_path);
     if (!problem.empty()) {
-        VB_LOG(logger, Severity::error) << problem;
-        if (quiet) std::cerr << problem << std::endl;
+        ReportError(problem);
         return 255;
     }
 
@@ -211,6 +210,11 @@ int ReadProcessor::Run() {
     }
     VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
     return 0;
+}
+
+void ReadProcessor::ReportError(const std::string& message) {
+    VB_LOG(logger, Severity::error) << message;
+    if (quiet) std::cerr << message << std::endl;
 }
 
 bool ReadProcessor::ShouldStopReading() const {

@@ -97,6 +97,9 @@ protected:
     // else the regular files in input_path (the whole tree with recursive)
     // that IsInputFileName accepts, in directory iteration order.
     std::vector<std::string> FindInputFiles(std::istream& names) const;
+    // An error that ends or cuts short the run: to the log, and to standard
+    // error as well under --quiet, so that a failed run never stays silent.
+    void ReportError(const std::string& message);
 
     bool quiet = false;
     bool recursive = false;

@@ -16,7 +16,8 @@ namespace Vorpa {
 
 namespace {
 
-const char* const kUnclassified = "unclassified";
+// The reasons every JSON report lists, zero or not, first and in this order.
+constexpr const char* kListedReasonKeys[] = {"no_barcode_above_minimum", "mixed_barcodes", "one_end_only"};
 
 double Percent(uint64_t part, uint64_t total) {
     return total == 0 ? 0.0 : 100.0 * part / total;
@@ -237,17 +238,16 @@ std::string FormatJsonReport(const RunTally& tally, const RunInfo& info) {
                         {"records_skipped", JsonInteger(tally.records_skipped)}}) +
             ",\n";
     text += "  \"mixed_barcodes\": " + JsonInteger(tally.mixed) + ",\n";
-    std::map<std::string, uint64_t> reasons = {
-        {"no_barcode_above_minimum", 0}, {"mixed_barcodes", 0}, {"one_end_only", 0}};
+    std::map<std::string, uint64_t> reasons;
     for (const auto& [reason, count] : tally.unclassified_reasons)
         reasons[ReasonKey(reason)] += count;
     std::vector<std::pair<std::string, std::string>> reason_members;
-    for (const char* key : {"no_barcode_above_minimum", "mixed_barcodes", "one_end_only"})
+    for (const char* key : kListedReasonKeys) {
         reason_members.emplace_back(key, JsonInteger(reasons[key]));
-    for (const auto& [key, count] : reasons) {
-        if (key != "no_barcode_above_minimum" && key != "mixed_barcodes" && key != "one_end_only")
-            reason_members.emplace_back(key, JsonInteger(count));
+        reasons.erase(key);
     }
+    for (const auto& [key, count] : reasons)  // the others, by name
+        reason_members.emplace_back(key, JsonInteger(count));
     text += "  \"unclassified_reasons\": " + JsonObject(reason_members) + ",\n";
     if (!tally.samples.empty()) {
         std::vector<std::pair<std::string, std::string>> samples;

@@ -12,6 +12,9 @@
 
 namespace Vorpa {
 
+// The arrangement name of reads that carry no barcode the run accepts.
+inline constexpr const char* kUnclassified = "unclassified";
+
 // Name of the machine-readable report in the save folder.
 inline constexpr const char* kJsonReportFileName = "barcoding_report.json";
 

@@ -201,14 +201,19 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     end.scale->Apply(end.raw_scores, end.scores, end.scale_work);
 }
 
-// Reference, found sequence and index of one reference on the current window.
+// Name, score and presence of one reference on the current window.
+void BarcodeScorer::Summarise(const End& end, size_t reference, BarcodeDetectResult& result) {
+    result.id = end.names[reference];
+    result.score = end.scores[reference];
+    result.presence = end.scale->Presence(reference, end.raw_scores[reference]);
+}
+
+// The same with the reference, found sequence and index.
 // The found sequence runs from the first to the last read base the path pairs
 // with a reference base.
 void BarcodeScorer::Detail(End& end, size_t reference, BarcodeDetectResult& result) {
-    result.id = end.names[reference];
+    Summarise(end, reference, result);
     result.reference_sequence = end.sequences[reference];
-    result.score = end.scores[reference];
-    result.presence = end.scale->Presence(reference, end.raw_scores[reference]);
     end.aligner->AlignOne(reference, end.window, end.path);
     int first = -1, last = -1;
     for (const auto& [ref, query] : end.path) {
@@ -343,14 +348,10 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
             const int reference = end->front ? front_of_[a] : rear_of_[a];
             if (reference < 0) continue;
             BarcodeDetectResult& detect = end->front ? result.front : result.rear;
-            if (with_detail) {
+            if (with_detail)
                 Detail(*end, static_cast<size_t>(reference), detect);
-            } else {
-                detect.id = end->names[static_cast<size_t>(reference)];
-                detect.score = end->scores[static_cast<size_t>(reference)];
-                detect.presence = end->scale->Presence(static_cast<size_t>(reference),
-                                                       end->raw_scores[static_cast<size_t>(reference)]);
-            }
+            else
+                Summarise(*end, static_cast<size_t>(reference), detect);
         }
         return result;
     };

@@ -72,6 +72,7 @@ private:
     bool IsMixed();
     static bool IsEvidence(const End& end, int reference, float score);
     void AlignWindow(End& end, const std::string& sequence);
+    static void Summarise(const End& end, size_t reference, BarcodeDetectResult& result);
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
     void TraceEnd(End& end);

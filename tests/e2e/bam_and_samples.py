@@ -17,11 +17,11 @@ import signal
 import struct
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, main, many_reads,  # noqa: E402
-                        output_reads, read_fastq, read_id, read_summary, split_into_files, tree_bytes, write_fastq)
+from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, interrupt_when_written,  # noqa: E402
+                        main, many_reads, many_run_ids, output_reads, read_fastq, read_id, read_summary,
+                        run_with_few_descriptors, split_into_files, tree_bytes, write_fastq)
 
 BGZF_EOF = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
 BASES = "=ACMGRSVTWYHKDBN"
@@ -320,18 +320,12 @@ def case_bam_rotation_and_few_files(ctx):
     """-q rotation and far more output files than descriptors (ulimit -n 64):
     every BAM file whole, the reads of each folder those the summary files
     there; and whole again after an interrupted run."""
-    import resource
     records, _ = ctx.simulate("bamfd", 1500, 73)
-    renamed = [(f"@{read_id(t)} runid=run{k % 60:02d}", s, q) for k, (t, s, q) in enumerate(records)]
+    renamed = many_run_ids(records)
     split_into_files(ctx.path("in"), renamed, ["a.fastq", "b.fastq"])
-
-    def limit():
-        resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
-
     for extra in ([], ["-q", "3"]):
         save = "out" + str(len(extra))
-        result = subprocess.run([ctx.binary] + barcoder_args("in", save, "-t", "2", "--output_format", "bam", *extra),
-                                cwd=ctx.work, capture_output=True, text=True, preexec_fn=limit, timeout=100)
+        result = run_with_few_descriptors(ctx, barcoder_args("in", save, "-t", "2", "--output_format", "bam", *extra))
         check(result.returncode == 0, f"status {result.returncode} under ulimit -n 64\n{result.stdout[-2000:]}")
         _, rows = read_summary(ctx.path(save, SUMMARY), 18)
         written = output_bam_reads(ctx.path(save))
@@ -354,19 +348,9 @@ def case_bam_rotation_and_few_files(ctx):
     copies = 40
     for copy in range(copies):
         write_fastq(ctx.path("many", f"copy{copy}.fastq"), [(f"@c{copy}_{t[1:]}", s, q) for t, s, q in renamed])
-    process = subprocess.Popen([ctx.binary] + barcoder_args("many", "stopped", "-t", "1", "--output_format", "bam",
-                                                           "-q", "5"),
-                               cwd=ctx.work, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    # Interrupt once some reads are written, however fast the build runs.
-    summary = ctx.path("stopped", SUMMARY)
-    deadline = time.monotonic() + 60
-    while time.monotonic() < deadline and process.poll() is None:
-        if os.path.exists(summary) and os.path.getsize(summary) > 4096:
-            break
-        time.sleep(0.05)
-    process.send_signal(signal.SIGINT)
-    out, err = process.communicate(timeout=60)
-    check(process.returncode == 130, f"status {process.returncode} after SIGINT\n{out[-1500:]}{err[-1500:]}")
+    returncode, out, err = interrupt_when_written(
+        ctx, barcoder_args("many", "stopped", "-t", "1", "--output_format", "bam", "-q", "5"), "stopped", signal.SIGINT)
+    check(returncode == 130, f"status {returncode} after SIGINT\n{out[-1500:]}{err[-1500:]}")
     _, rows = read_summary(ctx.path("stopped", SUMMARY), 18)
     written = output_bam_reads(ctx.path("stopped"))
     check(set(written) == set(rows) and 0 < len(rows) < copies * len(renamed), f"{len(rows)} rows after SIGINT")

@@ -15,8 +15,10 @@ import gzip
 import math
 import os
 import shutil
+import signal
 import subprocess
 import sys
+import time
 
 SUMMARY = "barcoding_summary.txt"
 KIT = "VB-NB24"
@@ -454,9 +456,41 @@ def case_disk_full(ctx):
         check_consistent(save)
 
 
+def interrupt_when_written(ctx, args, save, sig):
+    """Runs the program with args, sends sig once some reads are in the
+    summary under save (however fast the build runs), and returns
+    (status, standard output, standard error)."""
+    process = subprocess.Popen([ctx.binary] + args, cwd=ctx.work, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               text=True)
+    summary = os.path.join(ctx.path(save), SUMMARY)
+    deadline = time.monotonic() + 60
+    while time.monotonic() < deadline and process.poll() is None:
+        if os.path.exists(summary) and os.path.getsize(summary) > 4096:
+            break
+        time.sleep(0.05)
+    process.send_signal(sig)
+    out, err = process.communicate(timeout=60)
+    return process.returncode, out, err
+
+
+def many_run_ids(records, count=60):
+    """The records spread over count run ids: far more output files than a
+    small descriptor limit allows open."""
+    return [(f"@{read_id(title)} runid=run{k % count:02d}", seq, qual) for k, (title, seq, qual) in enumerate(records)]
+
+
+def run_with_few_descriptors(ctx, args, limit=64):
+    """The program under `ulimit -n limit`."""
+    import resource
+
+    def lower():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+
+    return subprocess.run([ctx.binary] + args, cwd=ctx.work, capture_output=True, text=True, preexec_fn=lower,
+                          timeout=100)
+
+
 def case_signals(ctx):
-    import signal
-    import time
     records = many_reads(ctx, "sig", 51, reads=3000)
     os.makedirs(ctx.path("in"))
     # Many copies under other read ids: a run long enough to interrupt.
@@ -467,19 +501,9 @@ def case_signals(ctx):
     for sig, status in ((signal.SIGINT, 130), (signal.SIGTERM, 143)):
         save = ctx.path(f"out{status}")
         args = ["-i", "in", "-s", save, "--barcode_kits", "VB-NB96", "-t", "1", "--compress_fastq"]
-        process = subprocess.Popen([ctx.binary] + args, cwd=ctx.work, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        # Interrupt once some reads are written, however fast the build runs.
-        summary = os.path.join(save, SUMMARY)
-        deadline = time.monotonic() + 60
-        while time.monotonic() < deadline and process.poll() is None:
-            if os.path.exists(summary) and os.path.getsize(summary) > 4096:
-                break
-            time.sleep(0.05)
-        process.send_signal(sig)
-        out, err = process.communicate(timeout=60)
-        check(process.returncode == status, f"status {process.returncode} after {sig.name}, expected {status}\n"
-                                            f"{out[-2000:]}{err[-2000:]}")
+        returncode, out, err = interrupt_when_written(ctx, args, save, sig)
+        check(returncode == status, f"status {returncode} after {sig.name}, expected {status}\n"
+                                    f"{out[-2000:]}{err[-2000:]}")
         check(f"Interrupted by {sig.name}" in out + err, "the interruption is not reported")
         written = check_consistent(save)
         check(0 < written < 12 * len(records), f"{written} reads written after {sig.name}")
@@ -493,22 +517,12 @@ def case_signals(ctx):
 
 
 def case_few_file_descriptors(ctx):
-    import resource
     records, _ = ctx.simulate("fd", 1500, 61)
     # 60 run ids x the kit's barcodes: far more output files than descriptors.
-    renamed = []
-    for k, (title, seq, qual) in enumerate(records):
-        rid = read_id(title)
-        renamed.append((f"@{rid} runid=run{k % 60:02d}", seq, qual))
-    split_into_files(ctx.path("in"), renamed, ["a.fastq", "b.fastq"])
-
-    def limit():
-        resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
-
+    split_into_files(ctx.path("in"), many_run_ids(records), ["a.fastq", "b.fastq"])
     for extra in ([], ["--compress_fastq", "-q", "3"]):
         save = "out" + str(len(extra))
-        result = subprocess.run([ctx.binary] + barcoder_args("in", save, "-t", "2", *extra), cwd=ctx.work,
-                                capture_output=True, text=True, preexec_fn=limit, timeout=100)
+        result = run_with_few_descriptors(ctx, barcoder_args("in", save, "-t", "2", *extra))
         check(result.returncode == 0, f"status {result.returncode} under ulimit -n 64\n{result.stdout[-2000:]}")
         check(check_consistent(ctx.path(save)) == len(records), "reads were lost under ulimit -n 64")
         series = {(folder, name.rsplit("_", 1)[0]) for folder, name, _ in output_reads(ctx.path(save)).values()}

@@ -12,6 +12,7 @@
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/simd_dispatch.h"
+#include "tests/pair_alignment/sequences.h"
 
 using namespace PairAlignment;
 using brim::data_wrappers::MatView;
@@ -25,10 +26,7 @@ struct Result {
     bool operator==(const Result& o) const { return score == o.score && path == o.path; }
 };
 
-VecView<int> View(const std::vector<int>& s) {
-    return VecView<int>(const_cast<int*>(s.data()), s.size());
-}
-
+using AlignerTest::View;
 // Row-major (L1 + 1) x (L2 + 1) dynamic program over the cells allowed by
 // in_band, with the aligner's costs and tie-breaks, and a traceback that
 // writes each step's pair directly.
@@ -91,12 +89,7 @@ struct Case {
     int width = 1;
 };
 
-std::vector<int> RandomSeq(std::mt19937& rng, int length) {
-    std::vector<int> s(length);
-    for (int& b : s)
-        b = rng() % 4;
-    return s;
-}
+using AlignerTest::RandomSeq;
 
 // Small value ranges so that ties between the three moves are common.
 Case RandomCase(std::mt19937& rng, int max_len) {

@@ -11,21 +11,14 @@
 
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/kernel_stats.h"
+#include "tests/pair_alignment/sequences.h"
 
 using namespace PairAlignment;
 
 namespace {
 
-brim::data_wrappers::VecView<int> View(const std::vector<int>& s) {
-    return brim::data_wrappers::VecView<int>(const_cast<int*>(s.data()), s.size());
-}
-
-std::vector<int> RandomSeq(std::mt19937& rng, int length) {
-    std::vector<int> s(length);
-    for (int& b : s)
-        b = rng() % 4;
-    return s;
-}
+using AlignerTest::RandomSeq;
+using AlignerTest::View;
 
 class KernelStatsTest : public ::testing::Test {
 protected:
