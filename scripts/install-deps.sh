@@ -31,7 +31,10 @@ done
 
 missing=()
 for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+  # The status is captured, not piped into `grep -q`: under pipefail an early
+  # grep exit could kill dpkg-query and make an installed package look missing.
+  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
+  if [ "$status" != "install ok installed" ]; then
     missing+=("$p")
   fi
 done
