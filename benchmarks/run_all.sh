@@ -23,3 +23,7 @@ if command -v samtools > /dev/null; then
   echo "== BAM against gzip FASTQ"
   bash benchmarks/run_bam.sh "$build"
 fi
+if command -v snakemake > /dev/null; then
+  echo "== sharded workflow against one process"
+  bash benchmarks/run_workflow.sh "$build"
+fi

@@ -5,14 +5,14 @@
 # seconds (user + system, all processes), where the workflow's time went
 # (shards, merge, the rest), then the medians and the ratios to the single run.
 #
-#   tests/workflow/benchmark_sharding.sh [BUILD] [ROUNDS] [FILES_PER_SHARD:THREADS...]
+#   benchmarks/run_workflow.sh [BUILD] [ROUNDS] [FILES_PER_SHARD:THREADS...]
 #
 # Each FILES_PER_SHARD:THREADS is one workflow set-up; the default 4:1 and 1:2
 # are two shards side by side with one worker thread each, and eight shards
 # one after the other with two. The input, 200,000 simulated reads (median
 # 1.5 kb) in 8 gzip files, is made once in BUILD/bench_workflow/reads.
 set -euo pipefail
-cd "$(dirname "$0")/../.."
+cd "$(dirname "$0")/.."
 repo=$PWD
 build=$(realpath "${1:-build}")
 rounds=${2:-3}
