@@ -1,15 +1,13 @@
 #include "apps/run_report.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 
+#include "common/output_file.h"
 #include "common/string_utils.h"
 
 namespace Vorpa {
@@ -305,15 +303,18 @@ std::string JsonString(const std::string& text) {
 void WriteFileAtomically(const std::string& path, const std::string& text) {
     namespace fs = std::filesystem;
     const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::out | std::ios::binary | std::ios::trunc);
-        if (!out)
-            throw std::runtime_error("Could not open '" + temporary + "' for writing: " + std::strerror(errno) + ".");
-        out << text;
-        out.close();
-        if (!out) throw std::runtime_error("Could not write '" + temporary + "'.");
-    }
     std::error_code error;
+    try {
+        // The output files' writer: the same retry of short writes, and the
+        // same wording of a failure ("No space left on device while writing").
+        Common::OutputFile out;
+        out.Open(temporary, true);
+        out.Write(text);
+        out.Close();
+    } catch (...) {
+        fs::remove(temporary, error);
+        throw;
+    }
     fs::rename(temporary, path, error);
     if (!error) return;
     const std::string reason = error.message();

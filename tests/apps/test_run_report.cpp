@@ -194,6 +194,23 @@ TEST(WriteFileAtomically, ReplacesTheFileAndLeavesNoTemporary) {
     } catch (const std::runtime_error& error) {
         EXPECT_NE(std::string(error.what()).find(missing), std::string::npos) << error.what();
     }
+
+    // A full disk while writing: the reason and the file are named, the old
+    // report stays whole, and the temporary is gone.
+    if (fs::exists("/dev/full")) {
+        fs::create_symlink("/dev/full", path + ".tmp");
+        try {
+            Vorpa::WriteFileAtomically(path, "newer");
+            ADD_FAILURE() << "no error for a full disk";
+        } catch (const std::runtime_error& error) {
+            const std::string what = error.what();
+            EXPECT_NE(what.find("No space left on device"), std::string::npos) << what;
+            EXPECT_NE(what.find(path + ".tmp"), std::string::npos) << what;
+        }
+        std::ifstream again(path);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(again), {}), "new");
+        EXPECT_FALSE(fs::exists(fs::symlink_status(path + ".tmp")));
+    }
     fs::remove_all(folder);
 }
 
