@@ -257,14 +257,14 @@ void ScoreScale::Apply(const std::vector<int>& raw, std::vector<float>& scores, 
     }
 }
 
-// The whole reference above random sequence, so the range runs from the
-// background, not from the floor: divided by the score's range (self -
+// The score with no rival and the background for the floor: the whole
+// reference above random sequence. The range runs from the background, not
+// from the floor: divided by the score's range (self -
 // floor, the barcode core alone when the flanks are long), the spread of
 // random sequence over a reference with flanks would come out several times
 // wider, and random read ends would pass for barcodes.
 float ScoreScale::Presence(size_t k, int raw) const {
-    const double range = static_cast<double>(self_[k]) - background_[k];
-    return static_cast<float>(std::min(100.0, 100.0 * (static_cast<double>(raw) - background_[k]) / range));
+    return ScaledScore(raw, self_[k], kNone, background_[k], background_[k]);
 }
 
 std::shared_ptr<const ScoreScale> ShareScoreScale(const ScaleSettings& settings,

@@ -11,7 +11,8 @@
 # Each FILES_PER_SHARD:THREADS is one workflow set-up; the default 4:1 and 1:2
 # are two shards side by side with one worker thread each, and eight shards
 # one after the other with two. The input, 200,000 simulated reads (median
-# 1.5 kb) in 8 gzip files, is made once in BUILD/bench_workflow/reads.
+# 1.5 kb) in 8 gzip files, is made once in BUILD/bench_workflow/reads
+# (benchmarks/bench_reads.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
@@ -20,16 +21,9 @@ rounds=${2:-3}
 setups=("${@:3}")
 [ ${#setups[@]} -gt 0 ] || setups=(4:1 1:2)
 barcoder=$build/bin/vorpa_barcoder
-work=$build/bench_workflow
 options="--barcode_kits VB-NB24"
-
-mkdir -p "$work"
-if [ ! -f "$work/reads/done" ]; then
-  rm -rf "$work/reads" && mkdir -p "$work/reads"
-  python3 tools/simulate_reads.py --kit VB-NB24 -n 200000 --split 8 --median-length 1500 --seed 7 \
-    -o "$work/reads/x.fastq.gz" --truth "$work/truth.tsv"
-  touch "$work/reads/done"
-fi
+source benchmarks/bench_reads.sh "$build" bench_workflow 200000 8
+work=$data
 
 results=$work/results.tsv
 : >"$results"
@@ -71,7 +65,7 @@ print(f"    to the first shard's end {first - start:6.2f} s, to the last {last -
 EOF
     # The same command again finds everything done: Snakemake's own fixed
     # cost (start, reading the workflow, stop), which no set-up avoids.
-    [ "$setup" = "${setups[0]}" ] && timed "nothing_to_do" "${workflow[@]}"
+    if [ "$setup" = "${setups[0]}" ]; then timed "nothing_to_do" "${workflow[@]}"; fi
   done
 done
 

@@ -37,13 +37,7 @@ void PutLittleEndian(char* at, uint32_t value, int bytes) {
 // One deflate state per thread, reset for every block.
 class RawDeflater {
 public:
-    explicit RawDeflater(int level) : level_buffer_(IsalLevelBufferSize(level, "BGZF")) {
-        isal_deflate_init(&stream_);
-        stream_.level = static_cast<uint32_t>(level);
-        stream_.level_buf = level_buffer_.empty() ? nullptr : level_buffer_.data();
-        stream_.level_buf_size = static_cast<uint32_t>(level_buffer_.size());
-        stream_.gzip_flag = IGZIP_DEFLATE;
-    }
+    explicit RawDeflater(int level) { InitIsalDeflate(stream_, level_buffer_, level, IGZIP_DEFLATE, "BGZF"); }
     int Level() const { return static_cast<int>(stream_.level); }
 
     // Raw deflate of data into out[0, capacity); the size written, or 0 when

@@ -19,15 +19,10 @@ constexpr size_t kSlack = 1024;
 
 }  // namespace
 
-GzipMemberWriter::GzipMemberWriter(int level)
-    : stream_(std::make_unique<isal_zstream>()), level_buffer_(IsalLevelBufferSize(level, "gzip")) {
-    isal_deflate_init(stream_.get());
-    stream_->level = static_cast<uint32_t>(level);
-    stream_->level_buf = level_buffer_.empty() ? nullptr : level_buffer_.data();
-    stream_->level_buf_size = static_cast<uint32_t>(level_buffer_.size());
+GzipMemberWriter::GzipMemberWriter(int level) : stream_(std::make_unique<isal_zstream>()) {
     // The header is written here, not by ISA-L: its reset starts the next
     // member without one.
-    stream_->gzip_flag = IGZIP_GZIP_NO_HDR;
+    InitIsalDeflate(*stream_, level_buffer_, level, IGZIP_GZIP_NO_HDR, "gzip");
 }
 
 GzipMemberWriter::~GzipMemberWriter() = default;
