@@ -1,7 +1,9 @@
 """Reads a barcoder save folder and compares two of them the way users see
 them: the same summary rows, the same reads per arrangement folder and run id,
-files cut the same way, and the same report figures. Shared by the workflow
-driver and the merge tests; standard library only."""
+files cut the same way, and the same report figures; BAM files each whole
+(one end-of-file marker, at the end) with the header a run over all the
+inputs would give. Shared by the workflow driver and the merge tests;
+standard library only."""
 
 import collections
 import gzip
@@ -9,10 +11,13 @@ import json
 import math
 import os
 import re
+import struct
+import zlib
 
 SUMMARY = "barcoding_summary.txt"
 REPORT = "barcoding_report.json"
 FASTQ_NAME = re.compile(r"^fastq_runid_(.+)_(\d+)\.fastq(\.gz)?$")
+BAM_NAME = re.compile(r"^bam_runid_(.+)_(\d+)\.bam$")
 REPORT_KEYS = ["program", "version", "options", "wall_time_s", "files", "reads", "mixed_barcodes",
                "unclassified_reasons", "arrangements"]
 # Options that differ between a sharded and a single run by design.
@@ -38,6 +43,57 @@ def read_records(path):
     return [tuple(lines[i:i + 4]) for i in range(0, len(lines), 4)]
 
 
+def read_bam(path):
+    """(header text, records as bytes) of a BAM file whose blocks are whole,
+    with exactly one end-of-file marker (an empty block), the last."""
+    with open(path, "rb") as handle:
+        data = handle.read()
+    raw, empty, offset = bytearray(), [], 0
+    while offset < len(data):
+        check(data[offset:offset + 4] == b"\x1f\x8b\x08\x04" and offset + 18 <= len(data),
+              f"{path}: no BGZF block at byte {offset}")
+        size = struct.unpack_from("<H", data, offset + 16)[0] + 1
+        piece = zlib.decompress(data[offset + 18:offset + size - 8], -15)
+        if not piece:
+            empty.append(offset)
+        raw += piece
+        offset += size
+    check(offset == len(data) and empty == [len(data) - 28], f"{path}: empty blocks at {empty} of {len(data)} bytes")
+    check(raw[:4] == b"BAM\x01", f"{path}: no BAM magic")
+    text_length = struct.unpack_from("<i", raw, 4)[0]
+    text = bytes(raw[8:8 + text_length]).decode()
+    check(struct.unpack_from("<i", raw, 8 + text_length)[0] == 0, f"{path}: reference sequences in the header")
+    records, offset = [], 12 + text_length
+    while offset < len(raw):
+        size = 4 + struct.unpack_from("<i", raw, offset)[0]
+        check(offset + size <= len(raw), f"{path}: record cut off")
+        records.append(bytes(raw[offset:offset + size]))
+        offset += size
+    return text, records
+
+
+def header_lines(text, kind):
+    return [line for line in text.split("\n") if line.startswith(kind)]
+
+
+def check_bam_headers(single, merged):
+    """Each merged file: the single run's @HD first, the same @RG lines,
+    @PG lines with distinct IDs."""
+    texts = {}
+    for folder in (single, merged):
+        texts[folder] = [read_bam(os.path.join(current, name))[0] for current, _, names in os.walk(folder)
+                         for name in names if BAM_NAME.match(name)]
+    if not texts[single]:
+        return
+    reference = texts[single][0]
+    for text in texts[merged]:
+        check(text.split("\n")[0] == reference.split("\n")[0], f"@HD differs: {text[:80]!r}")
+        check(sorted(header_lines(text, "@RG")) == sorted(header_lines(reference, "@RG")),
+              f"@RG lines differ: {header_lines(text, '@RG')} vs {header_lines(reference, '@RG')}")
+        ids = [re.search(r"\tID:([^\t]*)", line).group(1) for line in header_lines(text, "@PG")]
+        check(ids and len(set(ids)) == len(ids), f"@PG IDs {ids}")
+
+
 def read_summary(folder):
     with open(os.path.join(folder, SUMMARY), "rb") as handle:
         lines = handle.read().split(b"\n")
@@ -47,14 +103,17 @@ def read_summary(folder):
 
 
 def read_series(folder):
-    """(folder relative to save, run id) -> {index: records} over every FASTQ file."""
+    """(folder relative to save, run id) -> {index: records} over every FASTQ
+    or BAM file."""
     series = collections.defaultdict(dict)
     for current, _, names in os.walk(folder):
         relative = os.path.relpath(current, folder)
         for name in names:
-            match = FASTQ_NAME.match(name)
-            if match:
-                series[(relative, match.group(1))][int(match.group(2))] = read_records(os.path.join(current, name))
+            path = os.path.join(current, name)
+            if match := FASTQ_NAME.match(name):
+                series[(relative, match.group(1))][int(match.group(2))] = read_records(path)
+            elif match := BAM_NAME.match(name):
+                series[(relative, match.group(1))][int(match.group(2))] = read_bam(path)[1]
     return series
 
 
@@ -117,4 +176,5 @@ def compare_save_folders(single, merged, limit):
         check(set(one[key]) == set(other[key]), f"{key}: file names differ: {sorted(one[key])} vs {sorted(other[key])}")
         records = [sorted(r for f in series[key].values() for r in f) for series in (one, other)]
         check(records[0] == records[1], f"{key}: the reads differ")
+    check_bam_headers(single, merged)
     compare_reports(read_report(single), read_report(merged))

@@ -14,16 +14,18 @@ import json
 import os
 import random
 import shutil
+import struct
 import sys
 import tempfile
 import unittest
+import zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "workflow", "scripts"))
 sys.path.insert(0, HERE)
 
 import merge_shards  # noqa: E402
-from save_folder import compare_save_folders  # noqa: E402
+from save_folder import compare_save_folders, read_bam  # noqa: E402
 
 HEADER = "read_id\tbarcode_arrangement\tbarcode_score\n"
 Read = collections.namedtuple("Read", "read_id arrangement run_id sequence score")
@@ -61,10 +63,66 @@ def naive_report(reads, opts, wall_time, files):
     }
 
 
-def write_save_folder(folder, reads, limit, compressed, files=1, wall_time=1.5, **option_changes):
-    """What the barcoder leaves for these reads: summary, FASTQ series cut at
-    limit, report, and the workflow's list of input files."""
+def read_group(read):
+    return f"g{int(read.read_id[4:]) // 10}"
+
+
+def bam_record(read):
+    """An unmapped BAM record of the read, its read group and arrangement as tags."""
+    name = read.read_id.encode() + b"\0"
+    codes = [b"ACGT".index(c.encode()) for c in read.sequence]
+    codes = [1 << c for c in codes] + ([0] if len(codes) % 2 else [])
+    packed = bytes(codes[i] << 4 | codes[i + 1] for i in range(0, len(codes), 2))
+    aux = b"RGZ" + read_group(read).encode() + b"\0arZ" + read.arrangement.encode() + b"\0"
+    body = (struct.pack("<iiBBHHHIiii", -1, -1, len(name), 0, 4680, 0, 4, len(read.sequence), -1, -1, 0) + name
+            + packed + bytes([30] * len(read.sequence)) + aux)
+    return struct.pack("<i", len(body)) + body
+
+
+def bgzf(data, rng):
+    """data in BGZF blocks cut at random places."""
+    out, start = b"", 0
+    while start < len(data):
+        end = min(len(data), start + rng.randint(1, 300))
+        deflate = zlib.compressobj(6, zlib.DEFLATED, -15)
+        body = deflate.compress(data[start:end]) + deflate.flush()
+        out += struct.pack("<4sI2sHHHH", b"\x1f\x8b\x08\x04", 0, b"\0\xff", 6, 0x4342, 2, len(body) + 25) + body
+        out += struct.pack("<II", zlib.crc32(data[start:end]), end - start)
+        start = end
+    return out
+
+
+EOF_BLOCK = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
+
+
+def bam_header(folder, reads):
+    groups = sorted({read_group(r) for r in reads})
+    text = "@HD\tVN:1.6\tSO:unsorted\n" + "".join(f"@RG\tID:{g}\tDS:runid=x\n" for g in groups)
+    text += f"@PG\tID:vorpa_barcoder\tPN:vorpa_barcoder\tVN:0.1.0\tCL:vorpa_barcoder -s {folder}\n"
+    return b"BAM\x01" + struct.pack("<i", len(text)) + text.encode() + struct.pack("<i", 0)
+
+
+def write_output_file(path, records, compressed, header, rng):
+    """A FASTQ file, or a BAM file (header not None) with the header in
+    blocks of its own, as the barcoder writes it, or now and then sharing a
+    block with the first records."""
+    if header is None:
+        with (gzip.open if compressed else open)(path, "wb") as handle:
+            handle.write(b"".join(records))
+        return
+    body = b"".join(records)
+    shared = rng.randint(0, min(len(body), 100)) if rng.random() < 0.3 else 0
+    with open(path, "wb") as handle:
+        handle.write(bgzf(header + body[:shared], rng) + bgzf(body[shared:], rng) + EOF_BLOCK)
+
+
+def write_save_folder(folder, reads, limit, compressed, files=1, wall_time=1.5, bam=False, header_reads=None,
+                      **option_changes):
+    """What the barcoder leaves for these reads: summary, FASTQ or BAM series
+    cut at limit, report, and the workflow's list of input files. A BAM
+    header names the read groups of header_reads (by default, of reads)."""
     os.makedirs(folder)
+    rng = random.Random(folder)
     with open(os.path.join(folder, "barcoding_summary.txt"), "w") as handle:
         handle.write(HEADER)
         handle.writelines(f"{r.read_id}\t{r.arrangement}\t{r.score}\n" for r in reads)
@@ -72,15 +130,17 @@ def write_save_folder(folder, reads, limit, compressed, files=1, wall_time=1.5, 
     for read in reads:
         quality = "I" * len(read.sequence)
         text = f"@{read.read_id} runid={read.run_id} barcode={read.arrangement}\n{read.sequence}\n+\n{quality}\n"
-        series[(read.arrangement, read.run_id)].append(text.encode())
+        series[(read.arrangement, read.run_id)].append(bam_record(read) if bam else text.encode())
+    header = bam_header(folder, reads if header_reads is None else header_reads) if bam else None
     for (arrangement, run_id), records in series.items():
         os.makedirs(os.path.join(folder, arrangement), exist_ok=True)
         chunks = [records] if limit == 0 else [records[i:i + limit] for i in range(0, len(records), limit)]
         for index, chunk in enumerate(chunks):
-            name = f"fastq_runid_{run_id}_{index}.fastq" + (".gz" if compressed else "")
-            opener = gzip.open if compressed else open
-            with opener(os.path.join(folder, arrangement, name), "wb") as handle:
-                handle.write(b"".join(chunk))
+            name = (f"bam_runid_{run_id}_{index}.bam" if bam else
+                    f"fastq_runid_{run_id}_{index}.fastq" + (".gz" if compressed else ""))
+            write_output_file(os.path.join(folder, arrangement, name), chunk, compressed, header, rng)
+    if bam:
+        option_changes["output_format"] = "bam"
     report = naive_report(reads, options(limit, compressed, save_path=folder, **option_changes), wall_time, files)
     with open(os.path.join(folder, "barcoding_report.json"), "w") as handle:
         json.dump(report, handle)
@@ -108,11 +168,11 @@ class MergeTest(unittest.TestCase):
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def make_shards(self, parts, limit=0, compressed=False, changes=None):
+    def make_shards(self, parts, limit=0, compressed=False, changes=None, bam=False):
         folders = []
         for i, reads in enumerate(parts):
             folder = self.path(".shards", f"shard_{i:03d}")
-            write_save_folder(folder, reads, limit, compressed, **(changes or {}).get(i, {}))
+            write_save_folder(folder, reads, limit, compressed, bam=bam, **(changes or {}).get(i, {}))
             folders.append(folder)
         return folders
 
@@ -124,14 +184,16 @@ class MergeTest(unittest.TestCase):
                 self.setUp()
                 limit = rng.choice([0, 0, 2, 3, 5, 7])
                 compressed = rng.random() < 0.5
+                bam = rng.random() < 0.4
                 shards = rng.randint(1, 6)
                 reads = random_reads(rng, rng.randint(0, 120), 0)
                 # Files go to shards whole, so a shard holds a run of reads;
                 # a shard may also be empty.
                 cuts = sorted(rng.randint(0, len(reads)) for _ in range(shards - 1))
                 parts = [reads[a:b] for a, b in zip([0] + cuts, cuts + [len(reads)])]
-                write_save_folder(self.path("single"), reads, limit, compressed, files=shards, wall_time=1.5 * shards)
-                folders = self.make_shards(parts, limit, compressed)
+                write_save_folder(self.path("single"), reads, limit, compressed, files=shards, wall_time=1.5 * shards,
+                                  bam=bam)
+                folders = self.make_shards(parts, limit, compressed, bam=bam)
                 merge_shards.merge(folders, self.path("merged"), {"input_path": "in"})
                 compare_save_folders(self.path("single"), self.path("merged"), limit)
 
@@ -181,6 +243,59 @@ class MergeTest(unittest.TestCase):
         with self.assertRaisesRegex(merge_shards.MergeError, "did not finish; shards shard_001 were partly merged"):
             merge_shards.merge(folders, self.path("merged"), {})
         self.assertEqual([os.path.exists(folder) for folder in folders], [True, False, True])
+
+    def test_damaged_bam_shards_are_refused_by_name(self):
+        rng = random.Random(11)
+
+        def fresh():
+            shutil.rmtree(self.work)
+            os.makedirs(self.work)
+            folders = self.make_shards([random_reads(rng, 12, 100 * i) for i in range(2)], bam=True)
+            paths = sorted(os.path.join(d, n) for d, _, names in os.walk(folders[1]) for n in names
+                           if n.endswith(".bam"))
+            return folders, paths[0]
+
+        damages = [
+            (lambda data: data[:-28], "no end-of-file marker: the file is truncated"),
+            (lambda data: data[:-40] + data[-28:], "no BGZF block at byte"),
+            (lambda data: data[:30] + b"\0" * 10 + data[40:], "is damaged"),
+            (lambda data: bgzf(b"BAM\x01" + struct.pack("<i", 100) + b"@HD", rng) + EOF_BLOCK,
+             "ends inside its header"),
+        ]
+        for damage, message in damages:
+            folders, path = fresh()
+            with open(path, "rb") as handle:
+                data = handle.read()
+            with open(path, "wb") as handle:
+                handle.write(damage(data))
+            self.assert_refused(folders, f"shard shard_001: {path}", message)
+            self.assertTrue(all(os.path.isdir(folder) for folder in folders), "a refused merge used up shards")
+
+    def test_a_read_group_defined_twice_keeps_the_first_definition(self):
+        reads = random_reads(random.Random(13), 20, 0)
+        folders = self.make_shards([reads[:10], reads[10:]], bam=True)
+        # The second shard's header also names group g0, with another description.
+        for current, _, names in os.walk(folders[1]):
+            for path in (os.path.join(current, name) for name in names if name.endswith(".bam")):
+                text, records = read_bam(path)
+                header = text.replace("@HD\tVN:1.6\tSO:unsorted\n", "@HD\tVN:1.6\tSO:unsorted\n"
+                                      "@RG\tID:g0\tDS:runid=y\n").encode()
+                with open(path, "wb") as handle:
+                    handle.write(bgzf(b"BAM\x01" + struct.pack("<i", len(header)) + header + struct.pack("<i", 0)
+                                      + b"".join(records), random.Random(1)) + EOF_BLOCK)
+        stderr = io.StringIO()
+        with contextlib.redirect_stderr(stderr):
+            merge_shards.merge(folders, self.path("merged"), {})
+        self.assertIn("read group 'g0' is defined differently by two shards; the merged header keeps the first: "
+                      "@RG\tID:g0\tDS:runid=x", stderr.getvalue())
+        for current, _, names in os.walk(self.path("merged")):
+            for name in names:
+                if name.endswith(".bam"):
+                    text = read_bam(os.path.join(current, name))[0]
+                    self.assertIn("@RG\tID:g0\tDS:runid=x\n", text)
+                    self.assertNotIn("runid=y", text)
+                    self.assertEqual(text.count("@PG\tID:vorpa_barcoder\t"), 1)
+                    self.assertEqual(text.count("@PG\tID:vorpa_barcoder.1\t"), 1)
 
     def test_threads_may_differ_between_shards(self):
         reads = random_reads(random.Random(5), 10, 0)

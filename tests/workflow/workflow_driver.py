@@ -142,12 +142,27 @@ def case_report(ctx):
           f"empty run report {report}")
 
 
+def quickcheck(folder):
+    """samtools (when installed) takes every BAM file of the folder as whole
+    (-u: unaligned files name no reference) and reads every record."""
+    samtools = shutil.which("samtools")
+    paths = [os.path.join(d, n) for d, _, names in os.walk(folder) for n in names if n.endswith(".bam")]
+    if not samtools or not paths:
+        return
+    result = subprocess.run([samtools, "quickcheck", "-u", "-v", *paths], capture_output=True, text=True)
+    check(result.returncode == 0, f"samtools quickcheck refused: {result.stdout} {result.stderr}")
+    for path in paths:
+        view = subprocess.run([samtools, "view", "-c", path], capture_output=True, text=True)
+        check(view.returncode == 0 and not view.stderr, f"samtools view {path}: {view.stderr}")
+
+
 def sharded_case(options):
     def case(ctx):
         single = ctx.single_run("single", options)
         ctx.snakemake("merged", options)
         check_merged_layout(ctx.path("merged"), 3)
         compare_save_folders(single, ctx.path("merged"), limit_of(options))
+        quickcheck(ctx.path("merged"))
         merged = read_report(ctx.path("merged"))
         check(merged["options"]["input_path"] == ctx.reads and merged["options"]["save_path"] == ctx.path("merged"),
               "merged report options name the whole run")
@@ -162,6 +177,7 @@ def sharded_case(options):
 case_sharded_plain = sharded_case(KIT_OPTIONS)
 case_sharded_compressed = sharded_case(KIT_OPTIONS + " --compress_fastq")
 case_sharded_records_per_fastq = sharded_case(KIT_OPTIONS + " -q 7")
+case_sharded_bam = sharded_case(KIT_OPTIONS + " --output_format bam --trim_barcodes -q 7")
 
 
 def log_times(ctx, names):

@@ -65,15 +65,9 @@ def barcoder_options():
         words = shlex.split(text_setting("options"))
     except ValueError as error:
         setting_error(f"options '{text_setting('options')}' cannot be split into words: {error}")
-    for index, word in enumerate(words):
+    for word in words:
         if word.split("=", 1)[0] in RESERVED_OPTIONS:
             setting_error(f"options must not contain {word}: the workflow sets it for each shard")
-        # BAM files carry a header each, so shards' BAM output does not simply
-        # concatenate; the merge joins FASTQ output only.
-        value = word.split("=", 1)[1] if "=" in word else (words[index + 1] if index + 1 < len(words) else "")
-        if word.split("=", 1)[0] == "--output_format" and value == "bam":
-            setting_error("options ask for --output_format bam, but the workflow merges FASTQ output only; "
-                          "run BAM output as one vorpa_barcoder process")
     return words
 
 

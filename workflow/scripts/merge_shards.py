@@ -12,6 +12,11 @@ What comes out, under OUT:
                           follow each other), with it files numbered from 0
                           without gaps, each full but the last, as a single
                           run cuts them
+  <arrangement>/bam_runid_<run id>_<n>.bam
+                          the same with --output_format bam: each file one
+                          header (the first @HD, the shards' @RG lines joined,
+                          their @PG lines), the shards' record blocks copied
+                          as they are, one end-of-file marker
   barcoding_report.json   the shards' reports summed (see merge_reports)
 
 A shard counts as finished when its folder holds barcoding_report.json, which
@@ -39,6 +44,8 @@ import re
 import shutil
 import sys
 
+import bam_files
+
 REPORT = "barcoding_report.json"
 SUMMARY = "barcoding_summary.txt"
 FILE_LIST = "files.txt"  # the shard's input files, one per line, written by the workflow
@@ -46,6 +53,7 @@ STAGING = ".merge_staging"
 TAKEN = ".taken_by_merge"  # in a shard whose files a merge has begun to move
 UNCLASSIFIED = "unclassified"
 FASTQ_NAME = re.compile(r"^fastq_runid_(.+)_(\d+)\.fastq(\.gz)?$")
+BAM_NAME = re.compile(r"^bam_runid_(.+)_(\d+)\.bam$")
 
 # Options that differ between the shards of one run by design: each shard has
 # its own input list and save folder, and a shard rerun may get fewer threads
@@ -106,8 +114,9 @@ def load_shard(folder):
 
 
 def find_series(name, folder, options):
-    """The shard's FASTQ files by (folder, run id), checked against the
+    """The shard's output files by (folder, run id), checked against the
     options the shard ran with."""
+    bam = is_bam(options)
     compressed = options.get("compress_fastq") == "true"
     indexed = {}
     for current, _, names in os.walk(folder):
@@ -115,10 +124,10 @@ def find_series(name, folder, options):
         if relative == ".":
             continue  # the summary, the report, the file list and the log
         for file_name in names:
-            match = FASTQ_NAME.match(file_name)
+            match = (BAM_NAME if bam else FASTQ_NAME).match(file_name)
             if not match:
                 raise MergeError(f"shard {name}: unexpected file {os.path.join(current, file_name)}")
-            if bool(match.group(3)) != compressed:
+            if not bam and bool(match.group(3)) != compressed:
                 raise MergeError(f"shard {name}: {file_name} does not match compress_fastq={compressed}")
             key = (relative, match.group(1))
             indexed.setdefault(key, {})[int(match.group(2))] = os.path.join(current, file_name)
@@ -140,6 +149,10 @@ REPORT_LAYOUT = {
     "program": None, "version": None, "wall_time_s": None, "mixed_barcodes": None,
     "options": (), "files": ("found",), "reads": ("written",), "unclassified_reasons": (), "arrangements": (),
 }
+
+
+def is_bam(options):
+    return options.get("output_format") == "bam"
 
 
 def check_report(name, report):
@@ -202,21 +215,35 @@ def record_offsets(data, counts):
     return offsets
 
 
-def append_file(source, handle):
-    """Appends the bytes of source to the unbuffered binary handle, in the
-    kernel where it can."""
+def append_file(source, handle, start=0, end=None):
+    """Appends the bytes of source (from start to end, by default all of
+    them) to the unbuffered binary handle, in the kernel where it can."""
     with open(source, "rb") as src:
-        size = os.fstat(src.fileno()).st_size
-        copied = 0
+        end = os.fstat(src.fileno()).st_size if end is None else end
+        copied = start
         try:
-            while copied < size:
-                step = os.copy_file_range(src.fileno(), handle.fileno(), size - copied)
+            while copied < end:
+                step = os.copy_file_range(src.fileno(), handle.fileno(), end - copied, offset_src=copied)
                 if step == 0:
                     break
                 copied += step
         except (AttributeError, OSError):
             src.seek(copied)
-            shutil.copyfileobj(src, handle)
+            while copied < end:
+                chunk = src.read(min(1 << 20, end - copied))
+                if not chunk:
+                    break
+                write_all(handle, chunk)
+                copied += len(chunk)
+        if copied != end:
+            raise OSError(f"{source} ended at byte {copied} while being copied")
+
+
+def write_all(handle, data):
+    """The handle is unbuffered: one write may take only part of the bytes."""
+    view = memoryview(data)
+    while view:
+        view = view[handle.write(view):]
 
 
 def move(source, target):
@@ -300,10 +327,7 @@ class SeriesOutput:
         self.count = count - cuts[-1]
 
     def _write(self, text):
-        # The handle is unbuffered: one write may take only part of the bytes.
-        view = memoryview(gzip.compress(text, compresslevel=1, mtime=0) if self.compressed else text)
-        while view:
-            view = view[self.handle.write(view):]
+        write_all(self.handle, gzip.compress(text, compresslevel=1, mtime=0) if self.compressed else text)
 
     def close(self):
         if self.handle is not None:
@@ -311,17 +335,107 @@ class SeriesOutput:
             self.handle = None
 
 
-def merge_fastq(shards, staging, compressed, limit):
+class BamSeriesOutput:
+    """SeriesOutput for BAM files. Every file starts with the merged header
+    and ends with one end-of-file marker, so the shards' files cannot simply
+    be moved in: their record blocks are copied as they are, and only the
+    records of a file cut at the limit are compressed again."""
+
+    def __init__(self, folder, run_id, files, header_blocks, limit):
+        self.folder = folder
+        self.run_id = run_id
+        self.files = files  # path -> bam_files.BamFile
+        self.header_blocks = header_blocks
+        self.limit = limit
+        self.next_index = 0
+        self.handle = None
+        self.count = 0
+
+    def _start_file(self):
+        self.close()
+        os.makedirs(self.folder, exist_ok=True)
+        path = os.path.join(self.folder, f"bam_runid_{self.run_id}_{self.next_index}.bam")
+        self.handle = open(path, "wb", buffering=0)
+        write_all(self.handle, self.header_blocks)
+        self.next_index += 1
+        self.count = 0
+
+    def _copy_records(self, source):
+        bam = self.files[source]
+        if bam.leading:
+            write_all(self.handle, bam_files.compress(bam.leading))
+        append_file(source, self.handle, bam.start, bam.end)
+
+    def place_whole(self, source):
+        """A full file of a shard becomes the next file."""
+        self._start_file()
+        self._copy_records(source)
+        self.close()
+
+    def append(self, source, count):
+        if self.handle is None or (self.limit and self.count == self.limit):
+            self._start_file()
+        if not self.limit or self.count + count <= self.limit:
+            self._copy_records(source)
+            self.count += count
+            return
+        records = self.files[source].records()
+        start = self.limit - self.count
+        write_all(self.handle, bam_files.compress(b"".join(records[:start])))
+        while start < count:
+            self._start_file()
+            write_all(self.handle, bam_files.compress(b"".join(records[start:start + self.limit])))
+            self.count = min(self.limit, count - start)
+            start += self.limit
+
+    def close(self):
+        if self.handle is not None:
+            write_all(self.handle, bam_files.EOF_BLOCK)
+            self.handle.close()
+            self.handle = None
+
+
+def open_bam_files(shards):
+    """Every BAM file of the shards read as far as its header and checked
+    for whole blocks and an end-of-file marker, and the one header of the
+    merged files; before anything changes, so that a damaged shard is
+    refused by name."""
+    files, headers = {}, []
+    for shard in shards:
+        shard_header = None
+        for paths in shard.series.values():
+            for path in paths:
+                try:
+                    files[path] = bam_files.BamFile(path)
+                except bam_files.BamError as error:
+                    raise MergeError(f"shard {shard.name}: {error}") from None
+                if shard_header is None:
+                    shard_header = files[path].header
+                    headers.append(shard_header)
+                elif files[path].header != shard_header:
+                    raise MergeError(f"shard {shard.name}: {path} has another header than the shard's other files")
+    if not headers:
+        return files, b""
+    try:
+        header, warnings = bam_files.merge_headers(headers)
+    except bam_files.BamError as error:
+        raise MergeError(str(error)) from None
+    for warning in warnings:
+        print(f"merge_shards: warning: {warning}", file=sys.stderr)
+    return files, header.encode()
+
+
+def merge_series(shards, staging, make_output, count, limit):
     """Writes every (folder, run id) series of the shards under staging."""
     keys = sorted({key for shard in shards for key in shard.series})
     for folder, run_id in keys:
         parts = [shard.series[(folder, run_id)] for shard in shards if (folder, run_id) in shard.series]
-        output = SeriesOutput(os.path.join(staging, folder), run_id, compressed, limit)
+        output = make_output(os.path.join(staging, folder), run_id)
         try:
             if limit == 0:
                 merge_single_files(output, parts)
             else:
-                merge_cut_files(output, parts, compressed, limit)
+                merge_cut_files(output, parts, count, limit)
         finally:
             output.close()
 
@@ -333,7 +447,7 @@ def merge_single_files(output, parts):
         output.append(files[0], 0)
 
 
-def merge_cut_files(output, parts, compressed, limit):
+def merge_cut_files(output, parts, count, limit):
     """Each shard cut its series like a single run: every file full but the
     last. The full ones keep their contents under new numbers; the last ones
     follow, packed and cut at the limit, so that again only the very last
@@ -342,13 +456,13 @@ def merge_cut_files(output, parts, compressed, limit):
     for files in parts:
         for path in files[:-1]:
             output.place_whole(path)
-        count = count_records(files[-1], compressed)
-        if count == limit:
+        records = count(files[-1])
+        if records == limit:
             output.place_whole(files[-1])
         else:
-            tails.append((files[-1], count))
-    for path, count in tails:
-        output.append(path, count)
+            tails.append((files[-1], records))
+    for path, records in tails:
+        output.append(path, records)
 
 
 # ---------------------------------------------------------------- summary and report
@@ -492,6 +606,20 @@ def merge(shard_folders, save, workflow_options):
     options = shards[0].report["options"]
     compressed = options.get("compress_fastq") == "true"
     limit = int(options.get("records_per_fastq", "0"))
+    if is_bam(options):
+        files, header_blocks = open_bam_files(shards)
+
+        def make_output(folder, run_id):
+            return BamSeriesOutput(folder, run_id, files, header_blocks, limit)
+
+        def count(path):
+            return len(files[path].records())
+    else:
+        def make_output(folder, run_id):
+            return SeriesOutput(folder, run_id, compressed, limit)
+
+        def count(path):
+            return count_records(path, compressed)
 
     staging = os.path.join(save, STAGING)
     shutil.rmtree(staging, ignore_errors=True)
@@ -505,12 +633,12 @@ def merge(shard_folders, save, workflow_options):
     for shard in shards:
         open(os.path.join(shard.folder, TAKEN), "w").close()
     try:
-        merge_fastq(shards, staging, compressed, limit)
+        merge_series(shards, staging, make_output, count, limit)
         with open(os.path.join(staging, REPORT), "w", encoding="utf-8") as handle:
             handle.write(format_report(report))
-    except (OSError, MergeError) as error:
+    except (OSError, MergeError, bam_files.BamError) as error:
         shutil.rmtree(staging, ignore_errors=True)
-        remove_taken(shard_folders, f"merging the FASTQ files failed: {error}")
+        remove_taken(shard_folders, f"merging the output files failed: {error}")
     install(staging, save)
     return report
 
