@@ -5,12 +5,16 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "apps/barcoder_worker.h"
+#include "apps/html_report.h"
+#include "apps/multiqc_report.h"
 #include "apps/ordered_pipeline.h"
 #include "apps/read_batch.h"
 #include "apps/summary_row.h"
@@ -144,6 +148,13 @@ void Barcoder::AddApplicationOptions() {
                            "Tab-separated file with the columns 'arrangement' and 'sample': reads are filed "
                            "by sample, reads of arrangements it does not list as unclassified.",
                            &sample_sheet_path, kValue);
+    const char* const resume_help =
+        "Carry on in a save folder that an earlier run with --resume filled: input files it finished are skipped, "
+        "a file it had only partly done is read on from where it got, and the output files, the summary and the "
+        "reports are added to. In a new save folder: start afresh and keep the state that lets a later run "
+        "resume.";
+    AddOption<bool>("resume", resume_help, &resume, kSwitch);
+    AddOption<bool>("resume", resume_help, &resume, Common::Parameters::ConfigFile);
     AddOption<bool>("print_kits", "Output all available barcoding kits.", &print_kits, kSwitch);
     AddOption<std::string>("device,x",
                            "Specify GPU device to accelerate barcode detection: "
@@ -191,6 +202,7 @@ int Barcoder::Run() {
     Common::InstallStopSignalHandlers();
     Common::RaiseOpenFileLimit();
     PrepareConfiguration();
+    if (resume) PrepareResume();
     try {
         ReadProcessor::Run();
     } catch (const Common::OutputError& error) {
@@ -198,6 +210,7 @@ int Barcoder::Run() {
         failure = error.what();
     }
     WaitForCompletion();
+    if (running) running->Finish();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - run_start).count();
     StopThreads();
     try {
@@ -297,13 +310,23 @@ void Barcoder::CheckBothEndsRequirement() {
 }
 
 void Barcoder::PrepareRun() {
-    summary_file.Write(
-        SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
+    if (!append_summary)
+        summary_file.Write(
+            SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
     Common::FastqWriterOptions options;
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);
     options.format = bam_output ? Common::OutputFormat::bam : Common::OutputFormat::fastq;
     writer = std::make_unique<Common::BarcodeFastqWriter>(std::vector<std::string>{save_path}, options);
+    if (resume) {
+        try {
+            for (const auto& change : writer->Resume(earlier_outputs))
+                VB_LOG(logger, Common::Severity::info)
+                    << "Resuming: " << change << " (written after the last saved state)";
+        } catch (const std::exception& error) {
+            FailRun(error.what());
+        }
+    }
     pipeline = std::make_unique<OrderedPipeline<ReadBatch>>(BatchesInFlight(scorers.size()));
     pending = std::make_unique<ReadBatch>();
     BarcoderWorker::Settings settings;
@@ -323,13 +346,14 @@ void Barcoder::PrepareRun() {
         FailRun(error.what());
     }
     run_start = std::chrono::steady_clock::now();
+    last_checkpoint = last_page = run_start;
 }
 
 // The BAM header needs the read groups of every input before the first output
-// file is created, so the inputs' headers are read now.
+// file is created, so the inputs' headers are read now. While watching, the
+// files found later add theirs for the output files created after them.
 void Barcoder::OnInputFilesFound(const std::vector<std::string>& files) {
     if (!bam_output) return;
-    std::vector<std::string> read_groups;
     for (const auto& file : files) {
         if (!Common::IsBamFileName(file)) continue;
         try {
@@ -370,6 +394,7 @@ int Barcoder::SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) {
 // 0 once the run has stopped (a failed write, a signal): reading ends.
 int Barcoder::Enqueue(Common::FastQRecord&& record, std::optional<std::string>&& tags) {
     if (!pipeline || pipeline->Stopped()) return 0;
+    ++reading.reads;
     pending->bases += record.sequence.size();
     pending->reads.push_back(std::move(record));
     pending->tags.push_back(std::move(tags));
@@ -381,12 +406,42 @@ int Barcoder::Enqueue(Common::FastQRecord&& record, std::optional<std::string>&&
 // reports the file done once all of its reads are written. Batches run on
 // across files: no wait here.
 void Barcoder::EndOfInputFile(const InputFileEnd& end) {
+    reading = InputFileEnd{};
     if (!pending) return;
     pending->file_ends.push_back(end);
 }
 
+// Files are known by their canonical path, so that a run that names the
+// input folder differently still finds them.
+uint64_t Barcoder::RecordsAlreadyDone(const InputFileEnd& file) {
+    if (!resume) return 0;
+    std::error_code error;
+    const std::string key = std::filesystem::weakly_canonical(file.path, error).string();
+    reading = file;
+    reading.path = error ? file.path : key;
+    reading.reads = 0;
+    const auto found = earlier_inputs.find(reading.path);
+    if (found == earlier_inputs.end()) return 0;
+    const InputProgress& earlier = found->second;
+    const bool changed = earlier.size != file.size || earlier.mtime_ns != file.mtime_ns;
+    if (earlier.finished) {
+        if (changed)
+            VB_LOG(logger, Common::Severity::warning)
+                << "The input file '" << file.path << "' changed since an earlier run read it; it is not read again.";
+        reading = InputFileEnd{};
+        return kWholeFileDone;
+    }
+    if (changed)
+        VB_LOG(logger, Common::Severity::warning)
+            << "The input file '" << file.path << "' changed since an earlier run began it; reading on after its first "
+            << earlier.records << " records.";
+    reading.resumed = earlier.records;
+    return earlier.records;
+}
+
 void Barcoder::SubmitPending() {
     if (pending->reads.empty() && pending->file_ends.empty()) return;
+    if (resume) pending->reading = reading;
     pipeline->Submit(std::move(*pending));
     pending = std::make_unique<ReadBatch>();
 }
@@ -455,11 +510,128 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
         tally.records_skipped += end.skipped;
         if (end.failed) {
             ++tally.files_failed;
-        } else {
+        } else if (!end.cut_short) {
             ++tally.files_read;
             if (!end.error.empty()) ++tally.files_ended_early;
         }
-        AdvanceProgress();
+        AdvanceProgress(tally.Written());
+    }
+    if (!resume) return;
+    try {
+        Checkpoint(batch);
+    } catch (const std::exception& error) {
+        failure = error.what();
+        pipeline->Stop();
+    }
+}
+
+// Runs under output_mutex on the writer thread, after the batch is written:
+// the state it saves never claims more than the files hold.
+void Barcoder::Checkpoint(const ReadBatch& batch) {
+    for (const auto& end : batch.file_ends) {
+        std::error_code error;
+        const std::string key = std::filesystem::weakly_canonical(end.path, error).string();
+        inputs[error ? end.path : key] = {end.size, end.mtime_ns, end.resumed + end.reads, !end.cut_short};
+    }
+    if (!batch.reading.path.empty()) {
+        const InputFileEnd& file = batch.reading;
+        inputs[file.path] = {file.size, file.mtime_ns, file.resumed + file.reads, false};
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (batch.file_ends.empty() && now - last_checkpoint < std::chrono::seconds(1)) return;
+    last_checkpoint = now;
+    ResumeState state;
+    state.options = OptionValues();
+    state.summary_size = summary_file.Size();
+    state.wall_time_s = earlier_wall_time_s + std::chrono::duration<double>(now - run_start).count();
+    state.tally = tally;
+    state.outputs = writer->Snapshot();
+    state.inputs = inputs;
+    WriteFileAtomically((std::filesystem::path(save_path) / kResumeStateFileName).string(), FormatResumeState(state));
+}
+
+// An earlier run's state is taken over whole, or the run stops before it
+// changes anything: a save folder with output but no state cannot be resumed
+// (the output of its last moments cannot be told apart), nor one written with
+// other output options.
+void Barcoder::PrepareResume() {
+    namespace fs = std::filesystem;
+    const fs::path folder(save_path);
+    const fs::path state_path = folder / kResumeStateFileName;
+    const fs::path summary_path = folder / GetSummaryFileName();
+    std::error_code error;
+    if (!fs::exists(state_path, error)) {
+        if (fs::exists(summary_path, error) && fs::file_size(summary_path, error) > 0)
+            FailRun("Cannot resume in '" + save_path +
+                    "': it holds the output of a run that was not started with "
+                    "--resume (there is no " +
+                    kResumeStateFileName + "). Use another save folder, or leave out --resume to start over.");
+        return;
+    }
+    ResumeState state;
+    try {
+        std::ifstream in(state_path, std::ios::binary);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (!in.good() && !in.eof()) throw std::runtime_error("Could not read '" + state_path.string() + "'");
+        state = ParseResumeState(text, state_path.string());
+    } catch (const std::exception& problem) {
+        FailRun(problem.what());
+    }
+    const std::vector<std::string> differ = OptionsThatDiffer(state.options, OptionValues());
+    if (!differ.empty()) {
+        std::string list;
+        for (const auto& option : differ)
+            list += (list.empty() ? "" : "; ") + option;
+        FailRun("Cannot resume in '" + save_path + "': the earlier run wrote its output with other options: " + list);
+    }
+    const uint64_t summary_size = fs::exists(summary_path, error) ? fs::file_size(summary_path, error) : 0;
+    if (summary_size < state.summary_size)
+        FailRun("Cannot resume: '" + summary_path.string() + "' holds " + std::to_string(summary_size) +
+                " bytes, fewer than the " + std::to_string(state.summary_size) + " the earlier run had written.");
+    // From here on the folder is changed: the earlier run's last unsaved
+    // rows go, and a report from a finished earlier run no longer describes
+    // the folder until this run writes its own.
+    try {
+        Common::TruncateOutputFile(summary_path.string(), state.summary_size);
+    } catch (const std::exception& problem) {
+        FailRun(problem.what());
+    }
+    fs::remove(folder / kJsonReportFileName, error);
+    append_summary = true;
+    const std::map<std::string, uint64_t> samples = std::move(tally.samples);
+    tally = std::move(state.tally);
+    for (const auto& [sample, reads] : samples)
+        tally.samples.try_emplace(sample, reads);
+    earlier_inputs = state.inputs;
+    inputs = std::move(state.inputs);
+    earlier_outputs = std::move(state.outputs);
+    earlier_wall_time_s = state.wall_time_s;
+    uint64_t finished = 0;
+    for (const auto& [path, input] : earlier_inputs)
+        finished += input.finished ? 1 : 0;
+    VB_LOG(logger, Common::Severity::info) << "Resuming the run in " << save_path << ": " << tally.Written()
+                                           << " reads written, " << finished << " input files finished.";
+}
+
+// While watching: the reads held back for a full batch go on (so a quiet
+// input folder does not keep the last reads from the output), and the pages
+// are refreshed every two minutes.
+void Barcoder::OnWatchIdle() {
+    if (pending) SubmitPending();
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last_page < std::chrono::minutes(2)) return;
+    last_page = now;
+    RunTally figures;
+    {
+        std::lock_guard<std::mutex> lock(output_mutex);
+        figures = tally;
+    }
+    figures.files_found = input_files_found;
+    const double seconds = earlier_wall_time_s + std::chrono::duration<double>(now - run_start).count();
+    try {
+        WriteReports(figures, RunInfo{VB_VERSION, OptionValues(), seconds, false});
+    } catch (const std::exception& error) {
+        VB_LOG(logger, Common::Severity::warning) << "Could not refresh the report: " << error.what();
     }
 }
 
@@ -556,7 +728,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         }
     }
     // Bases as written: after trimming.
-    batch.tally.arrangements[arrangement].Add(record.sequence.size(), score);
+    batch.tally.AddRead(arrangement, record.sequence.size(), score);
     if (sample_column != nullptr) ++batch.tally.samples[*sample_column];
 }
 
@@ -608,19 +780,26 @@ void Barcoder::ReportRun(double seconds) {
                   << " input files ended early and " << tally.files_failed << " could not be read. See the log in "
                   << save_path << "." << std::endl;
     }
-    // The JSON report is written last, once every output file is closed, and
-    // only for a run that finished: its presence tells a workflow that the
-    // save folder is complete.
     if (!failure.empty() || Common::StopSignal() != 0) return;
     try {
-        const auto path = std::filesystem::path(save_path) / kJsonReportFileName;
-        WriteFileAtomically(path.string(), FormatJsonReport(tally, RunInfo{VB_VERSION, OptionValues(), seconds}));
+        WriteReports(tally, RunInfo{VB_VERSION, OptionValues(), earlier_wall_time_s + seconds, true});
     } catch (const std::exception& error) {
         // Every read is written, but a workflow waiting for the report would
         // take the run for unfinished: say so, and end with the output status.
         failure = std::string("Could not write the run report: ") + error.what();
         ReportError(failure);
     }
+}
+
+// The pages for people and for MultiQC first; the JSON report last, once
+// every output file is closed, and only for a run that finished: its presence
+// tells a workflow that the save folder is complete.
+void Barcoder::WriteReports(const RunTally& figures, const RunInfo& info) const {
+    const std::filesystem::path folder(save_path);
+    WriteFileAtomically((folder / kHtmlReportFileName).string(), FormatHtmlReport(figures, info));
+    WriteFileAtomically((folder / kMultiqcReadsFileName).string(), FormatMultiqcReads(figures));
+    WriteFileAtomically((folder / kMultiqcStatsFileName).string(), FormatMultiqcStats(figures));
+    if (info.finished) WriteFileAtomically((folder / kJsonReportFileName).string(), FormatJsonReport(figures, info));
 }
 
 }  // namespace Vorpa

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "apps/read_processor.h"
+#include "apps/resume_state.h"
 #include "apps/run_report.h"
 #include "apps/sample_sheet.h"
 #include "barcoding/detect_results.h"
@@ -77,6 +79,8 @@ protected:
     int SubmitRead(Common::FastQRecord&& record) override;
     int SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) override;
     void EndOfInputFile(const InputFileEnd& end) override;
+    uint64_t RecordsAlreadyDone(const InputFileEnd& file) override;
+    void OnWatchIdle() override;
     void WaitForCompletion() override;
     bool ShouldStopReading() const override;
 
@@ -95,6 +99,14 @@ private:
     void EmitBatch(ReadBatch& batch);
     void StopThreads();
     void ReportRun(double seconds);
+    // Writes the HTML page and the MultiQC files, and barcoding_report.json
+    // when info.finished. Throws std::runtime_error naming the file.
+    void WriteReports(const RunTally& figures, const RunInfo& info) const;
+    // --resume: takes over an earlier run's state before anything is written.
+    void PrepareResume();
+    // After a batch is written: notes how far the inputs got and, after a
+    // file's end or a second after the last time, saves the resume state.
+    void Checkpoint(const ReadBatch& batch);
     int ExitStatus() const;
 
     // Options.
@@ -106,6 +118,7 @@ private:
     bool print_kits = false;
     bool unclassified_reason_column = false;
     std::string device;
+    bool resume = false;
 
     // Loaded configuration, read-only once the workers run.
     std::shared_ptr<Barcoding::BarcodeManager> manager;
@@ -126,6 +139,17 @@ private:
     RunTally tally;
     std::string failure;  // the first fault that stopped the run
     std::chrono::steady_clock::time_point run_start;
+    std::vector<std::string> read_groups;  // of the BAM inputs so far, for the BAM output header
+
+    // --resume. The reading thread owns earlier_inputs and reading; the
+    // writer thread (under output_mutex) inputs and the rest.
+    std::map<std::string, InputProgress> earlier_inputs;  // as the earlier run left them
+    InputFileEnd reading;                                 // the file being read, records so far
+    std::map<std::string, InputProgress> inputs;
+    std::vector<Common::SeriesState> earlier_outputs;
+    double earlier_wall_time_s = 0;
+    std::chrono::steady_clock::time_point last_checkpoint;
+    std::chrono::steady_clock::time_point last_page;  // HTML refreshed while watching
 };
 
 }  // namespace Vorpa

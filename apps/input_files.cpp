@@ -25,6 +25,8 @@ namespace fs = std::filesystem;
 
 bool IsInputFileName(const std::string& name) {
     const fs::path path(name);
+    const std::string file = path.filename().string();
+    if (file.empty() || file.front() == '.' || path.extension() == ".tmp" || path.extension() == ".part") return false;
     return path.extension() == ".fastq" || path.stem().extension() == ".fastq" || Common::IsBamFileName(name);
 }
 

@@ -10,6 +10,8 @@ namespace Vorpa {
 
 // Whether a file found in the input folder is read: *.fastq and
 // *.fastq.<ext> (gzip) as FASTQ, *.bam, *.sam and *.cram through htslib.
+// Names that writers give a file while it is being written are never input:
+// *.tmp, *.part, and hidden names (starting with '.').
 bool IsInputFileName(const std::string& name);
 
 // The files found, in order, and one warning for each entry that was skipped

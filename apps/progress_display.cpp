@@ -33,4 +33,14 @@ void ProgressDisplay::Advance(unsigned long increment) {
     }
 }
 
+void RunningCount::FileDone(uint64_t reads_written) {
+    ++files_;
+    out_ << "\rFiles done: " << files_ << ", reads written: " << reads_written << std::flush;
+}
+
+void RunningCount::Finish() {
+    if (files_ > 0) out_ << std::endl;
+    files_ = 0;
+}
+
 }  // namespace Vorpa

@@ -1,6 +1,7 @@
 #pragma once
 // Text progress bar of 51 marks under a 0%..100% scale.
 
+#include <cstdint>
 #include <iosfwd>
 
 namespace Vorpa {
@@ -22,6 +23,20 @@ private:
     unsigned long count_ = 0;
     unsigned long next_tic_count_ = 0;
     unsigned tics_ = 0;
+};
+
+// Progress of a run whose input is not known in advance (watching a folder):
+// one line, rewritten in place, with the files and reads done so far.
+class RunningCount {
+public:
+    explicit RunningCount(std::ostream& out) : out_(out) {}
+    void FileDone(uint64_t reads_written);
+    // Ends the line (once something was printed).
+    void Finish();
+
+private:
+    std::ostream& out_;
+    uint64_t files_ = 0;
 };
 
 }  // namespace Vorpa

@@ -27,6 +27,9 @@ struct ReadBatch {
     // Files whose last read is in this batch or an earlier one; the writer
     // reports them done after writing the batch.
     std::vector<InputFileEnd> file_ends;
+    // With --resume: the input file being read when the batch was cut (path
+    // canonical), with its records so far; empty path between files.
+    InputFileEnd reading;
 
     // From the worker, in read order.
     std::string summary;                     // summary rows

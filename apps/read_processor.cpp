@@ -1,5 +1,7 @@
 #include "apps/read_processor.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -13,6 +15,7 @@
 #include <type_traits>
 
 #include "apps/input_files.h"
+#include "apps/input_watch.h"
 #include "common/bam_reader.h"
 #include "common/fastq_reader.h"
 #include "common/stop_signal.h"
@@ -115,14 +118,42 @@ void ReadProcessor::AddOptions() {
     AddOption("trace_categories_logs", "Enable trace logs - list of strings with the desired names.",
               &trace_categories_logs, CommandLine | ConfigFile);
     AddOption("verbose_logs", "Enable verbose logs.", &verbose_logs, Flag);
+    // A switch on the command line and "watch = true" in the configuration file.
+    const char* const watch_help =
+        "After the files present at the start, keep reading new input files as they are written into the input "
+        "folder, each once it is complete (see --watch_settle), until --watch_timeout or --watch_stop_file.";
+    AddOption("watch", watch_help, &watch, Flag);
+    AddOption("watch", watch_help, &watch, ConfigFile);
+    AddOption("watch_settle",
+              "With --watch: seconds an input file's size and modification time must stay unchanged before it is "
+              "read (a file renamed into the folder is read at once).",
+              &watch_settle, CommandLine | ConfigFile);
+    AddOption("watch_timeout", "With --watch: end the run after this many seconds without a new complete input file.",
+              &watch_timeout, CommandLine | ConfigFile);
+    AddOption("watch_stop_file",
+              "With --watch: end the run when a file of this name appears in the input folder (the files not yet "
+              "read are read first).",
+              &watch_stop_file, CommandLine | ConfigFile);
     AddApplicationOptions();
 }
 
-// Only zero is refused here; a negative count is left to the stages that use it.
+// Only zero threads are refused here; a negative count is left to the stages
+// that use it.
 bool ReadProcessor::ValidateParams() {
-    if (worker_threads != 0) return true;
-    VB_LOG(logger, Severity::error) << "Invalid number of threads: " << worker_threads;
-    return false;
+    if (worker_threads == 0) {
+        VB_LOG(logger, Severity::error) << "Invalid number of threads: " << worker_threads;
+        return false;
+    }
+    if (!(watch_settle >= 0 && watch_settle <= 1e6) || !(watch_timeout >= 0 && watch_timeout <= 1e9)) {
+        VB_LOG(logger, Severity::error) << "Invalid --watch_settle or --watch_timeout: " << watch_settle << ", "
+                                        << watch_timeout << " (seconds, not negative)";
+        return false;
+    }
+    if (watch && input_path.empty()) {
+        VB_LOG(logger, Severity::error) << "--watch needs an input folder (--input_path)";
+        return false;
+    }
+    return true;
 }
 
 void ReadProcessor::Initialise(int argc, char** argv, const std::string& data_subfolder,
@@ -189,17 +220,36 @@ std::vector<std::string> ReadProcessor::FindInputFiles(std::istream& names) cons
 }
 
 int ReadProcessor::Run() {
-    summary_file.Open((fs::path(save_path) / GetSummaryFileName()).string(), true);
+    summary_file.Open((fs::path(save_path) / GetSummaryFileName()).string(), !append_summary);
     PrepareRun();
-    std::vector<std::string> files = FindInputFiles(std::cin);
+    // While watching, the files present at the start must settle like any other.
+    std::vector<std::string> files;
+    if (!watch) {
+        files = FindInputFiles(std::cin);
+        OnInputFilesFound(files);
+    }
     input_files_found = files.size();
-    OnInputFilesFound(files);
     if (!quiet) {
         std::cout << std::endl;
-        VB_LOG(logger, Severity::info) << "Found " << files.size() << " fastq files.";
-        progress = std::make_unique<ProgressDisplay>(files.size(), std::cout);
+        if (watch) {
+            VB_LOG(logger, Severity::info) << "Watching " << input_path << " for input files.";
+            running = std::make_unique<RunningCount>(std::cout);
+        } else {
+            VB_LOG(logger, Severity::info) << "Found " << files.size() << " fastq files.";
+            progress = std::make_unique<ProgressDisplay>(files.size(), std::cout);
+        }
     }
     int64_t start = NowMs();
+    if (watch) {
+        WatchInput();
+    } else {
+        ProcessFiles(files);
+    }
+    VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
+    return 0;
+}
+
+void ReadProcessor::ProcessFiles(const std::vector<std::string>& files) {
     for (const auto& file : files) {
         if (ShouldStopReading()) break;
         if (use_async) {
@@ -208,8 +258,42 @@ int ReadProcessor::Run() {
             ProcessFastqFile(file);
         }
     }
-    VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
-    return 0;
+}
+
+// Searches at least every second (sooner when inotify reports a change), so
+// a file is read about settle seconds after its last change.
+void ReadProcessor::WatchInput() {
+    using Clock = std::chrono::steady_clock;
+    InputWatcher watcher(input_path, recursive, save_path, watch_settle);
+    if (!watcher.Notified())
+        VB_LOG(logger, Severity::info) << "Change notification unavailable: searching " << input_path
+                                       << " every second.";
+    const fs::path stop_file = watch_stop_file.empty() ? fs::path() : fs::path(input_path) / watch_stop_file;
+    const auto wait = std::chrono::milliseconds(static_cast<int64_t>(std::clamp(watch_settle * 250, 50.0, 1000.0)));
+    auto last_file = Clock::now();
+    for (;;) {
+        if (ShouldStopReading()) break;
+        std::error_code error;
+        const bool stop = !stop_file.empty() && fs::exists(stop_file, error);
+        std::vector<std::string> files = stop ? watcher.Remaining() : watcher.Poll(wait);
+        for (const auto& warning : watcher.TakeWarnings())
+            VB_LOG(logger, Severity::warning) << warning;
+        if (!files.empty()) {
+            input_files_found += files.size();
+            OnInputFilesFound(files);
+            ProcessFiles(files);
+            last_file = Clock::now();
+        }
+        if (stop) {
+            VB_LOG(logger, Severity::info) << "Stop file " << stop_file.string() << " found: the run ends.";
+            break;
+        }
+        if (std::chrono::duration<double>(Clock::now() - last_file).count() >= watch_timeout) {
+            VB_LOG(logger, Severity::info) << "No new input file for " << watch_timeout << " s: the run ends.";
+            break;
+        }
+        if (files.empty()) OnWatchIdle();
+    }
 }
 
 void ReadProcessor::ReportError(const std::string& message) {
@@ -297,13 +381,32 @@ int ReadProcessor::ProcessFastqFile(const std::string& path) {
 }
 
 // Records move from the reader into the application; nothing here waits for
-// them to be processed.
+// them to be processed. Records an earlier run has done are read past.
 int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
     InputFileEnd end;
-    const int result = ProcessInputFile(path, end, [this](auto& reads) {
+    end.path = path;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        end.size = static_cast<uint64_t>(status.st_size);
+        end.mtime_ns = static_cast<int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+    }
+    end.resumed = RecordsAlreadyDone(end);
+    if (end.resumed == kWholeFileDone) {
+        VB_LOG(verbose_logger, Severity::info) << "Skipping input file: " << path << " (done by an earlier run)";
+        return 0;
+    }
+    const int result = ProcessInputFile(path, end, [this, &end](auto& reads) {
         uint64_t count = 0;
+        uint64_t to_skip = end.resumed;
         for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
-            if (ShouldStopReading()) break;
+            if (ShouldStopReading()) {
+                end.cut_short = true;
+                break;
+            }
+            if (to_skip > 0) {
+                --to_skip;
+                continue;
+            }
             FastQRecord& record = reads.Record();
             // The record moves on; its successor is read into strings of the
             // same capacity, so reading does not regrow them line by line.
@@ -316,7 +419,10 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
                     refused = SubmitRead(std::move(record)) == 0;
                 }
             });
-            if (refused) break;
+            if (refused) {
+                end.cut_short = true;
+                break;
+            }
             record.title.reserve(title);
             record.sequence.reserve(bases);
             record.qstring.reserve(bases);
@@ -338,8 +444,10 @@ void ReadProcessor::LogFileError(const std::string& path, const std::string& wha
     }
 }
 
-void ReadProcessor::AdvanceProgress() {
-    if (!quiet && progress) progress->Advance();
+void ReadProcessor::AdvanceProgress(uint64_t reads_written) {
+    if (quiet) return;
+    if (progress) progress->Advance();
+    if (running) running->FileDone(reads_written);
 }
 
 }  // namespace Vorpa

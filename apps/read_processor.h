@@ -24,10 +24,14 @@ namespace Vorpa {
 // file's last record.
 struct InputFileEnd {
     std::string path;
-    uint64_t reads = 0;    // records taken from the file and handed over
-    uint64_t skipped = 0;  // secondary and supplementary records of BAM input, not handed over
-    bool failed = false;   // the file could not be read at all (error says why)
-    std::string error;     // why reading stopped early; empty after a clean end of input
+    uint64_t size = 0;       // when reading began
+    int64_t mtime_ns = 0;    // modification time when reading began
+    uint64_t resumed = 0;    // leading records an earlier run had done, not handed over again
+    uint64_t reads = 0;      // records taken from the file and handed over
+    uint64_t skipped = 0;    // secondary and supplementary records of BAM input, not handed over
+    bool failed = false;     // the file could not be read at all (error says why)
+    bool cut_short = false;  // reading stopped before the end (a signal, a failed output)
+    std::string error;       // why reading stopped early; empty after a clean end of input
 };
 
 class ReadProcessor : public Common::Parameters {
@@ -42,7 +46,8 @@ public:
     // Processes every input file; per-file and per-read failures are logged
     // and skipped. Returns the process exit status (0). Exceptions from
     // PrepareRun (configuration errors) propagate. Reading stops early when
-    // ShouldStopReading() says so (a signal, a failed output).
+    // ShouldStopReading() says so (a signal, a failed output). With --watch
+    // the input folder is watched for new files after the first ones.
     int Run();
     // One input file through ProcessRead on worker_threads threads, each
     // read finished before it returns. 0 on success, -1 when the file failed
@@ -82,12 +87,21 @@ protected:
         return SubmitRead(std::move(record));
     }
     virtual void EndOfInputFile(const InputFileEnd& /*end*/) {}
+    // Before a file is read (path, size and modification time filled in):
+    // how many of its leading records an earlier run has already done, which
+    // are then read past; kWholeFileDone skips the file. 0 by default.
+    static constexpr uint64_t kWholeFileDone = UINT64_MAX;
+    virtual uint64_t RecordsAlreadyDone(const InputFileEnd& /*file*/) { return 0; }
+    // While watching, after each search that found nothing more to read:
+    // the application hands on what it holds back and refreshes its reports.
+    virtual void OnWatchIdle() {}
     virtual void WaitForCompletion() = 0;
     // Polled between records: true stops reading (the files not yet read
     // are skipped). By default: a stop signal arrived.
     virtual bool ShouldStopReading() const;
-    // One more file is done: the progress bar moves (unless quiet).
-    void AdvanceProgress();
+    // One more file is done: the progress bar moves (unless quiet); while
+    // watching, the count of files and reads_written is shown instead.
+    void AdvanceProgress(uint64_t reads_written = 0);
 
     // Initialise without ending the process: returns the exit status when the
     // process should end now (help, option errors), nothing to go on.
@@ -109,11 +123,17 @@ protected:
     std::string input_path;
     std::string save_path;
     std::vector<std::string> trace_categories_logs;
+    bool watch = false;               // keep reading new input files (see input_watch.h)
+    double watch_settle = 10;         // seconds a file must stay unchanged
+    double watch_timeout = 3600;      // seconds without a new complete file that end the run
+    std::string watch_stop_file;      // a file of this name in the input folder ends the run
+    bool append_summary = false;      // set by the application: Run appends to the summary instead of emptying it
     std::string config_file_used;     // resolved configuration file path
     bool verbose_enabled = false;     // verbose_logger accepts verbose records (cached once)
     Common::OutputFile summary_file;  // the run's summary, opened (emptied) by Run
     uint64_t input_files_found = 0;
     std::unique_ptr<ProgressDisplay> progress;
+    std::unique_ptr<RunningCount> running;  // instead of the bar while watching
 
     Common::Logger logger{"read_processor"};
     Common::Logger verbose_logger{"read_processor_verbose"};
@@ -129,6 +149,9 @@ private:
     template <typename Feed>
     int ProcessInputFile(const std::string& path, InputFileEnd& end, Feed&& feed);
     void LogFileError(const std::string& path, const std::string& what);
+    // The files found while watching, until the timeout, the stop file or a stop.
+    void WatchInput();
+    void ProcessFiles(const std::vector<std::string>& files);
 };
 
 }  // namespace Vorpa

@@ -47,35 +47,6 @@ void AddTable(std::vector<std::string>& lines, const std::string& what,
     }
 }
 
-// Length of the well-formed UTF-8 sequence starting at text[i], 0 when the
-// bytes there are not one (overlong forms and surrogates included).
-size_t Utf8SequenceLength(const std::string& text, size_t i) {
-    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-    const unsigned char lead = byte(i);
-    if (lead < 0x80) return 1;
-    size_t length = 0;
-    unsigned char low = 0x80, high = 0xBF;  // bounds of the second byte
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + length > text.size()) return 0;
-    for (size_t k = 1; k < length; ++k) {
-        const unsigned char c = byte(i + k);
-        if (c < (k == 1 ? low : 0x80) || c > (k == 1 ? high : 0xBF)) return 0;
-    }
-    return length;
-}
-
 // Shortest text that reads back to the same double, always with a fraction or
 // an exponent so that readers see a float; JSON has no infinities or NaN.
 std::string JsonNumber(double value) {
@@ -126,6 +97,7 @@ std::string ArrangementJson(const ArrangementTally& figures) {
 void ArrangementTally::Add(uint64_t read_bases, float score) {
     ++reads;
     bases += read_bases;
+    lengths.Add(read_bases);
     if (std::isfinite(score)) {
         score_sum += score;
         ++scored;
@@ -137,6 +109,12 @@ void ArrangementTally::Add(const ArrangementTally& other) {
     bases += other.bases;
     score_sum += other.score_sum;
     scored += other.scored;
+    lengths.Add(other.lengths);
+}
+
+void RunTally::AddRead(const std::string& arrangement, uint64_t bases, float score) {
+    arrangements[arrangement].Add(bases, score);
+    scores.Add(arrangement != kUnclassified, score);
 }
 
 uint64_t RunTally::Written() const {
@@ -166,6 +144,7 @@ void RunTally::Add(const RunTally& other) {
     records_skipped += other.records_skipped;
     for (const auto& [sample, reads] : other.samples)
         samples[sample] += reads;
+    scores.Add(other.scores);
 }
 
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) {
@@ -273,7 +252,7 @@ std::string JsonString(const std::string& text) {
     std::string quoted = "\"";
     for (size_t i = 0; i < text.size();) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        const size_t length = Utf8SequenceLength(text, i);
+        const size_t length = Common::Utf8SequenceLength(text, i);
         if (length == 0) {
             quoted += "\xEF\xBF\xBD";  // U+FFFD for a byte that starts no valid sequence
             ++i;

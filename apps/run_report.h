@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "apps/histogram.h"
+
 namespace Vorpa {
 
 // The arrangement name of reads that carry no barcode the run accepts.
@@ -21,8 +23,9 @@ inline constexpr const char* kJsonReportFileName = "barcoding_report.json";
 struct ArrangementTally {
     uint64_t reads = 0;
     uint64_t bases = 0;
-    double score_sum = 0;  // of the finite barcode scores
-    uint64_t scored = 0;   // reads with a finite barcode score
+    double score_sum = 0;     // of the finite barcode scores
+    uint64_t scored = 0;      // reads with a finite barcode score
+    LengthHistogram lengths;  // of the reads as written
 
     void Add(uint64_t read_bases, float score);
     void Add(const ArrangementTally& other);
@@ -31,6 +34,9 @@ struct ArrangementTally {
 // Counted where the reads are (per batch) and summed by the writer, so no
 // counter is shared between threads.
 struct RunTally {
+    // Scale of the barcode score histograms: 100 is a perfect barcode.
+    static constexpr ValueScale kScoreScale{-50, 5, 31};
+
     // Written reads by reported arrangement name, "unclassified" included.
     std::map<std::string, ArrangementTally> arrangements;
     uint64_t dropped = 0;  // reads without a run id: written nowhere
@@ -45,7 +51,11 @@ struct RunTally {
     uint64_t records_skipped = 0;    // secondary and supplementary BAM records: not reads of their own
     // With a sample sheet: written reads by sample ("unclassified" included).
     std::map<std::string, uint64_t> samples;
+    // Barcode scores of the best candidate, classified against unclassified.
+    ClassifiedSplit scores{kScoreScale, {}, {}};
 
+    // One written read: its reported arrangement, bases as written and score.
+    void AddRead(const std::string& arrangement, uint64_t bases, float score);
     uint64_t Written() const;
     uint64_t Unclassified() const;
     void Add(const RunTally& other);
@@ -63,6 +73,7 @@ struct RunInfo {
     std::string version;
     std::vector<std::pair<std::string, std::string>> options;  // name and value text, in declaration order
     double wall_time_s = 0;
+    bool finished = true;  // false for the pages written while a watching run goes on
 };
 
 // The text of barcoding_report.json (ends in a newline). Keys keep a fixed

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 
 #include "common/bam_record.h"
@@ -59,6 +60,7 @@ void FastqChunk::AddRecord(const FastQRecord& record) {
 
 struct FastqWriter::Series {
     std::string folder;
+    std::string relative_folder;  // below its save path
     std::string run_id;
     unsigned index = 0;
     uint64_t records = 0;  // in the current file
@@ -94,11 +96,12 @@ FastqWriter::~FastqWriter() {
     }
 }
 
-FastqWriter::Series& FastqWriter::FindSeries(const Key& key) {
+FastqWriter::Series& FastqWriter::FindSeries(const Key& key, const std::string& relative_folder) {
     auto found = series_.find(key);
     if (found != series_.end()) return *found->second;
     auto series = std::make_unique<Series>();
     series->folder = key.first;
+    series->relative_folder = relative_folder;
     series->run_id = key.second;
     return *series_.emplace(key, std::move(series)).first->second;
 }
@@ -197,7 +200,7 @@ void FastqWriter::WriteToSeries(Series& series, std::string_view bytes) {
 }
 
 void FastqWriter::startNewFile(const Key& key) {
-    Series& series = FindSeries(key);
+    Series& series = FindSeries(key, "");
     CloseSeriesFile(series);
     ++series.index;
     series.records = 0;
@@ -226,7 +229,7 @@ void FastqWriter::Append(const FastqChunk& chunk) {
     const uint64_t limit = options_.records_per_fastq;
     for (const auto& root : save_paths_) {
         const Key key((fs::path(root) / chunk.folder).string(), chunk.run_id);
-        Series& series = FindSeries(key);
+        Series& series = FindSeries(key, chunk.folder);
         if (limit > 0 && series.records >= limit) startNewFile(key);
         if (limit == 0 || series.records + chunk.Records() <= limit) {
             WriteToSeries(series, Compressed() ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
@@ -319,6 +322,104 @@ void FastqWriter::RollbackBatch() {
         }
     }
     if (!failures.empty()) throw OutputError(failures);
+}
+
+std::vector<SeriesState> FastqWriter::Snapshot() const {
+    std::vector<SeriesState> states;
+    const fs::path root(save_paths_.front());
+    for (const auto& [key, series] : series_) {
+        if (key.first != (root / series->relative_folder).string()) continue;
+        SeriesState state{series->relative_folder, series->run_id, series->index, series->records, 0, false};
+        if (series->created) {
+            const std::string path = series->Path(options_);
+            std::error_code error;
+            state.size = series->file.IsOpen() ? series->file.Size() : fs::file_size(path, error);
+            if (error) throw OutputError("Cannot find the size of '" + path + "': " + error.message() + ".");
+            state.trailer = series->trailer_on_disk;
+        }
+        states.push_back(std::move(state));
+    }
+    return states;
+}
+
+namespace {
+
+// "<prefix><run id>_<index><extension>" -> run id and index; false for any other name.
+bool ParseOutputName(const std::string& name, const std::string& prefix, const std::string& extension,
+                     std::string& run_id, unsigned long& index) {
+    if (name.size() <= prefix.size() + extension.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+        name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
+        return false;
+    const std::string middle = name.substr(prefix.size(), name.size() - prefix.size() - extension.size());
+    const size_t cut = middle.rfind('_');
+    if (cut == std::string::npos || cut + 1 == middle.size() ||
+        middle.find_first_not_of("0123456789", cut + 1) != std::string::npos || middle.size() - cut > 10)
+        return false;
+    run_id = middle.substr(0, cut);
+    index = std::stoul(middle.substr(cut + 1));
+    return true;
+}
+
+}  // namespace
+
+std::vector<std::string> FastqWriter::Resume(const std::vector<SeriesState>& states) {
+    std::vector<std::string> changes;
+    const fs::path root(save_paths_.front());
+    std::map<std::pair<std::string, std::string>, unsigned> current;  // (folder name, run id) -> index
+    for (const auto& state : states) {
+        Series& series = FindSeries(Key((root / state.folder).string(), state.run_id), state.folder);
+        series.index = state.index;
+        series.records = state.records;
+        series.created = state.size > 0;
+        series.trailer_on_disk = series.created && state.trailer;
+        current[{fs::path(state.folder).filename().string(), state.run_id}] = state.index;
+        const std::string path = series.Path(options_);
+        std::error_code error;
+        const uint64_t size = fs::exists(path, error) ? fs::file_size(path, error) : 0;
+        if (error) throw OutputError("Cannot resume with '" + path + "': " + error.message() + ".");
+        if (size < state.size) {
+            throw OutputError("Cannot resume: '" + path + "' holds " + std::to_string(size) +
+                              " bytes, fewer than the " + std::to_string(state.size) + " the earlier run had written.");
+        }
+        if (size > state.size && state.size == 0) {
+            fs::remove(path, error);
+            if (error) throw OutputError("Cannot remove '" + path + "': " + error.message() + ".");
+            changes.push_back("removed '" + path + "'");
+        } else if (size > state.size) {
+            TruncateOutputFile(path, state.size);
+            changes.push_back("cut '" + path + "' back to " + std::to_string(state.size) + " bytes");
+        }
+        // A file that was open is closed now: like every closed file it gets
+        // its trailer, which a reopen cuts off again.
+        if (series.created && !series.trailer_on_disk && !file_trailer_.empty()) {
+            OutputFile file;
+            file.Open(path, false);
+            file.Write(file_trailer_);
+            file.Close();
+            series.trailer_on_disk = true;
+        }
+    }
+    // Files that series started after the snapshot, or series it never saw.
+    const bool bam = options_.format == OutputFormat::bam;
+    const std::string prefix = bam ? "bam_runid_" : "fastq_runid_";
+    const std::string extension = bam ? ".bam" : options_.compress ? ".fastq.gz" : ".fastq";
+    std::error_code error;
+    for (const auto& folder : fs::directory_iterator(root, error)) {
+        std::error_code inner;
+        if (!folder.is_directory(inner) || folder.is_symlink(inner)) continue;
+        for (const auto& file : fs::directory_iterator(folder.path(), inner)) {
+            std::string run_id;
+            unsigned long index = 0;
+            if (!ParseOutputName(file.path().filename().string(), prefix, extension, run_id, index)) continue;
+            const auto found = current.find({folder.path().filename().string(), run_id});
+            if (found != current.end() && index <= found->second) continue;
+            std::error_code removed;
+            fs::remove(file.path(), removed);
+            if (removed) throw OutputError("Cannot remove '" + file.path().string() + "': " + removed.message() + ".");
+            changes.push_back("removed '" + file.path().string() + "'");
+        }
+    }
+    return changes;
 }
 
 void FastqWriter::Flush() {

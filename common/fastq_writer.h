@@ -53,6 +53,16 @@ struct FastqChunk {
     void AddRecord(const FastQRecord& record);
 };
 
+// Where one series stood, for a later run to carry on from (--resume).
+struct SeriesState {
+    std::string folder;  // relative to the save path, as in FastqChunk
+    std::string run_id;
+    unsigned index = 0;    // of the current file
+    uint64_t records = 0;  // in the current file
+    uint64_t size = 0;     // bytes of the current file on disk; 0 when it does not exist yet
+    bool trailer = false;  // the current file is closed and ends with the trailer
+};
+
 class FastqWriter {
 public:
     // save_paths are the output roots ("writer objects"): every record is
@@ -83,6 +93,18 @@ public:
     void CommitBatch();
     void RollbackBatch();
 
+    // Where every series stands (outside a batch): enough for Resume to
+    // carry on in a later process.
+    std::vector<SeriesState> Snapshot() const;
+    // Before the first write: carries on from an earlier run's Snapshot
+    // under the first save path. Each series' current file is cut back to
+    // its recorded size (so what the earlier run wrote after the snapshot is
+    // gone), and every output file of the current format that the snapshot
+    // does not account for (a later index, a series it does not list) is
+    // removed. Returns one line per file cut back or removed. Throws
+    // OutputError when a file is shorter than recorded or cannot be changed.
+    std::vector<std::string> Resume(const std::vector<SeriesState>& series);
+
     // Nothing is buffered; kept for callers that flush at checkpoints.
     void Flush();
     // Closes every file (BAM: after its end-of-file block); later writes and
@@ -100,7 +122,7 @@ protected:
     void startNewFile(const Key& key);
 
 private:
-    Series& FindSeries(const Key& key);
+    Series& FindSeries(const Key& key, const std::string& relative_folder);
     void WriteToSeries(Series& series, std::string_view bytes);
     void EnsureOpen(Series& series);
     void CloseSeriesFile(Series& series);

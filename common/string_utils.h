@@ -45,4 +45,8 @@ bool IsUsableFileNameComponent(const std::string& text);
 // turned in place.
 std::string ReverseComplement(std::string sequence);
 
+// Length of the well-formed UTF-8 sequence starting at text[i], 0 when the
+// bytes there are not one (overlong forms and surrogates included).
+size_t Utf8SequenceLength(const std::string& text, size_t i);
+
 }  // namespace Common

@@ -8,6 +8,8 @@
 #                (which installs it itself when missing)
 #   optional     samtools, used by the BAM tests when present
 #   workflow     Snakemake, for the sharded workflow (workflow/) and its tests
+#   report       Chromium and MultiQC, which the report tests open the HTML
+#                report and the MultiQC files with
 # e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
 set -euo pipefail
 
@@ -25,7 +27,8 @@ for group in "$@"; do
     calibration) packages+=(pbsim) ;;
     optional) packages+=(samtools) ;;
     workflow) packages+=(snakemake) ;;
-    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional, workflow)" >&2; exit 2 ;;
+    report) packages+=(chromium multiqc) ;;
+    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional, workflow, report)" >&2; exit 2 ;;
   esac
 done
 

@@ -19,11 +19,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The listing of earlier versions, which only worked on trees without bad entries.
+// The listing of earlier versions, which only worked on trees without bad
+// entries, less the names of files still being written (*.tmp, *.part,
+// hidden names).
 std::vector<std::string> NaiveListing(const fs::path& root, bool recursive) {
     auto take = [](const fs::directory_entry& entry) {
         const fs::path& p = entry.path();
-        return entry.is_regular_file() && (p.extension() == ".fastq" || p.stem().extension() == ".fastq");
+        const std::string name = p.filename().string();
+        const bool unfinished = name[0] == '.' || p.extension() == ".tmp" || p.extension() == ".part";
+        return entry.is_regular_file() && !unfinished &&
+               (p.extension() == ".fastq" || p.stem().extension() == ".fastq");
     };
     std::vector<std::string> files;
     if (recursive) {
@@ -60,7 +65,7 @@ protected:
     // FASTQ files, links to files and links to folders.
     void RandomTree(std::mt19937& rng) {
         std::vector<fs::path> folders = {root / "in"};
-        const char* names[] = {".fastq", ".fastq.gz", ".fq", ".fastq.txt.gz", ".txt", ""};
+        const char* names[] = {".fastq", ".fastq.gz", ".fq", ".fastq.txt.gz", ".txt", "", ".fastq.tmp", ".fastq.part"};
         for (int k = 0; k < 60; ++k) {
             const fs::path parent = folders[rng() % folders.size()];
             std::string stem = "n";
@@ -74,7 +79,7 @@ protected:
             } else if (kind == 1) {
                 fs::create_symlink(folders[rng() % folders.size()], parent / (stem + ".fastq"));
             } else {
-                const fs::path file = parent / (stem + names[rng() % 6]);
+                const fs::path file = parent / ((rng() % 8 == 0 ? "." : "") + stem + names[rng() % 8]);
                 Touch(file);
                 if (rng() % 6 == 0) fs::create_symlink(file, parent / (stem + "l.fastq"));
             }

@@ -21,6 +21,8 @@ import sys
 import time
 
 SUMMARY = "barcoding_summary.txt"
+# The run's reports: figures of the output, not output themselves.
+REPORTS = ("barcoding_report.json", "barcoding_report.html", "barcoding_mqc.json", "barcoding_stats_mqc.json")
 KIT = "VB-NB24"
 
 
@@ -313,12 +315,12 @@ def case_malformed_record(ctx):
 
 
 def tree_bytes(save):
-    """Relative path -> bytes of every output file (logs and the run report,
-    which holds timings and the options, aside)."""
+    """Relative path -> bytes of every output file (logs and the run reports,
+    which hold timings and the options, aside)."""
     files = {}
     for folder, _, names in os.walk(save):
         for name in names:
-            if name.endswith(".log") or name == "barcoding_report.json":
+            if name.endswith(".log") or name in REPORTS:
                 continue
             path = os.path.join(folder, name)
             with open(path, "rb") as handle:

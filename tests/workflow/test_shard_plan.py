@@ -24,6 +24,7 @@ from shard_plan import PlanError, discover_inputs, make_shards  # noqa: E402
 
 # Names around the edges of "*.fastq or *.fastq.<ext>".
 NAMES = ["a.fastq", "b.fastq.gz", "c.fq", ".fastq", ".fastq.gz", "..fastq", "d.fastq.gz.bak", "e.FASTQ",
+         "f.fastq.tmp", "g.fastq.gz.part", ".h.fastq",
          "f.fastq.", "g.fastq.x.y", "h.tar.fastq", "fastq", "i.fastqq", "j.fast.q", "k .fastq", "l.fastq.bz2"]
 
 

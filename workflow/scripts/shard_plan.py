@@ -2,8 +2,9 @@
 
 Discovery follows vorpa_barcoder's own rules, so that the workflow reads the
 files a single run on the same folder would: regular files (symbolic links
-followed) named *.fastq or *.fastq.<ext> in the input folder, and in its
-whole tree with recursive (without following linked folders). Unlike a single
+followed) named *.fastq or *.fastq.<ext> (not *.tmp, *.part or hidden) in
+the input folder, and in its whole tree with recursive (without following
+linked folders). Unlike a single
 run, the save folder is never searched: the workflow writes its shards there,
 and a second run must not read the first one's output as input.
 
@@ -28,8 +29,11 @@ def _extension(name):
 
 def is_fastq_name(name):
     """*.fastq or *.fastq.<ext>, and *.bam, *.sam, *.cram, as the barcoder
-    decides what it reads."""
+    decides what it reads; never the names of files still being written
+    (*.tmp, *.part, hidden names)."""
     extension = _extension(name)
+    if name.startswith(".") or extension in (".tmp", ".part"):
+        return False
     if extension in (".bam", ".sam", ".cram"):
         return True
     return extension == ".fastq" or _extension(name[: len(name) - len(extension)]) == ".fastq"
