@@ -19,6 +19,12 @@ if [ -x "$build/bin/bench_fast_align" ]; then
   echo "== alignment kernel: shipped binary vs benchmark"
   bash benchmarks/run_kernel.sh "$build"
 fi
+# Watching: peak memory while a writer adds files (VB_BENCH_WATCH_MINUTES,
+# default 5; the figure in the README is from 30 minutes and 200 files), and
+# the size of the report page of a 96-barcode run of a million reads.
+echo "== watch memory and report size"
+minutes=${VB_BENCH_WATCH_MINUTES:-5}
+python3 benchmarks/watch_and_report.py "$build" --minutes "$minutes" --files $((minutes * 200 / 30))
 if command -v samtools > /dev/null; then
   echo "== BAM against gzip FASTQ"
   bash benchmarks/run_bam.sh "$build"
