@@ -203,8 +203,8 @@ void Distributions(Page& page, const RunTally& tally) {
         const ValueScale& scale = plot.split->scale;
         for (size_t bin = 0; bin < scale.bins; ++bin)
             chart.x.push_back(scale.BinStart(bin));
-        const std::pair<const char*, const ValueHistogram*> groups[] = {
-            {"classified", &plot.split->classified}, {kUnclassified, &plot.split->unclassified}};
+        const std::pair<const char*, const ValueHistogram*> groups[] = {{"classified", &plot.split->classified},
+                                                                        {kUnclassified, &plot.split->unclassified}};
         for (const auto& [name, histogram] : groups) {
             LineSeries series{std::string(name) + " (" + Grouped(histogram->Total()) + ")", {}, name == kUnclassified};
             const double total = static_cast<double>(std::max<uint64_t>(1, histogram->Total()));

@@ -57,9 +57,9 @@ private:
     std::string save_path_;
     std::chrono::nanoseconds settle_;
     int inotify_ = -1;
-    std::map<int, std::string> watched_;   // inotify watch -> folder
+    std::map<int, std::string> watched_;  // inotify watch -> folder
     std::set<std::string> watched_folders_;
-    std::set<std::string> renamed_in_;     // paths moved into a watched folder, not yet handed out
+    std::set<std::string> renamed_in_;  // paths moved into a watched folder, not yet handed out
     std::map<std::string, Seen> seen_;
     std::set<std::string> warned_entries_;  // search warnings already given
     std::vector<std::string> warnings_;

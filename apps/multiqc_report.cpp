@@ -53,11 +53,11 @@ std::string FormatMultiqcReads(const RunTally& tally) {
     std::vector<std::string> members;
     for (const auto& row : rows)
         members.push_back("\"reads\": " + std::to_string(row.reads));
-    const std::string description = FormatString(
-        "Reads per %s written by vorpa_barcoder: %llu reads, %llu classified (%.1f%%), %llu unclassified.",
-        samples ? "sample" : "barcode arrangement", static_cast<unsigned long long>(written),
-        static_cast<unsigned long long>(written - unclassified), Percent(written - unclassified, written),
-        static_cast<unsigned long long>(unclassified));
+    const std::string description =
+        FormatString("Reads per %s written by vorpa_barcoder: %llu reads, %llu classified (%.1f%%), %llu unclassified.",
+                     samples ? "sample" : "barcode arrangement", static_cast<unsigned long long>(written),
+                     static_cast<unsigned long long>(written - unclassified), Percent(written - unclassified, written),
+                     static_cast<unsigned long long>(unclassified));
     std::string text = "{\n";
     text += "  \"id\": \"vorpa_barcoding\",\n";
     text += "  \"section_name\": \"Barcoding\",\n";
@@ -77,7 +77,8 @@ std::string FormatMultiqcStats(const RunTally& tally) {
         std::string member = "\"barcoded_reads\": " + std::to_string(row.reads) +
                              FormatString(", \"percent_of_run\": %.3f", Percent(row.reads, written));
         if (row.figures != nullptr) {
-            const double mean = row.figures->reads == 0 ? 0.0 : static_cast<double>(row.figures->bases) / row.figures->reads;
+            const double mean =
+                row.figures->reads == 0 ? 0.0 : static_cast<double>(row.figures->bases) / row.figures->reads;
             member += ", \"barcoded_bases\": " + std::to_string(row.figures->bases) +
                       FormatString(", \"mean_read_length\": %.1f", mean);
         }
@@ -88,14 +89,18 @@ std::string FormatMultiqcStats(const RunTally& tally) {
     text += "  \"section_name\": \"Barcoding statistics\",\n";
     text += "  \"plot_type\": \"generalstats\",\n";
     text += "  \"pconfig\": [\n";
-    text += "    {\"barcoded_reads\": {\"title\": \"Barcoded reads\", \"description\": \"Reads written for this "
-            "arrangement or sample\", \"format\": \"{:,.0f}\", \"scale\": \"Blues\"}},\n";
-    text += "    {\"percent_of_run\": {\"title\": \"% of run\", \"description\": \"Percent of the run's written "
-            "reads\", \"suffix\": \"%\", \"max\": 100, \"min\": 0, \"scale\": \"Greens\"}},\n";
-    text += "    {\"barcoded_bases\": {\"title\": \"Barcoded bases\", \"description\": \"Bases written (after "
-            "trimming)\", \"format\": \"{:,.0f}\", \"hidden\": true}},\n";
-    text += "    {\"mean_read_length\": {\"title\": \"Mean length\", \"description\": \"Mean length of the written "
-            "reads\", \"suffix\": \" bp\", \"format\": \"{:,.0f}\"}}\n";
+    text +=
+        "    {\"barcoded_reads\": {\"title\": \"Barcoded reads\", \"description\": \"Reads written for this "
+        "arrangement or sample\", \"format\": \"{:,.0f}\", \"scale\": \"Blues\"}},\n";
+    text +=
+        "    {\"percent_of_run\": {\"title\": \"% of run\", \"description\": \"Percent of the run's written "
+        "reads\", \"suffix\": \"%\", \"max\": 100, \"min\": 0, \"scale\": \"Greens\"}},\n";
+    text +=
+        "    {\"barcoded_bases\": {\"title\": \"Barcoded bases\", \"description\": \"Bases written (after "
+        "trimming)\", \"format\": \"{:,.0f}\", \"hidden\": true}},\n";
+    text +=
+        "    {\"mean_read_length\": {\"title\": \"Mean length\", \"description\": \"Mean length of the written "
+        "reads\", \"suffix\": \" bp\", \"format\": \"{:,.0f}\"}}\n";
     text += "  ],\n";
     return text + DataObject(rows, members) + "}\n";
 }

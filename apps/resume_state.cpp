@@ -17,9 +17,9 @@ constexpr const char* kFirstLine = "vorpa_barcoder resume state 1";
 // Options that may differ between the runs that fill one save folder: where
 // the files are, how many threads, what is logged, the device and watching.
 const std::set<std::string> kFreeOptions = {
-    "input_path",    "save_path",       "worker_threads", "quiet",         "verbose_logs",
-    "trace_categories_logs", "device",  "watch",          "watch_settle",  "watch_timeout",
-    "watch_stop_file", "resume",        "recursive",      "print_kits",    "config"};
+    "input_path", "save_path",  "worker_threads", "quiet",         "verbose_logs",    "trace_categories_logs",
+    "device",     "watch",      "watch_settle",   "watch_timeout", "watch_stop_file", "resume",
+    "recursive",  "print_kits", "config"};
 
 std::string Escape(const std::string& text) {
     std::string out;
@@ -82,7 +82,8 @@ public:
         if (!text.empty() && text.back() == '\t') fields_.emplace_back();
     }
     [[noreturn]] void Fail(const std::string& why) const {
-        throw std::runtime_error("Malformed resume state '" + name_ + "', line " + std::to_string(number_) + ": " + why);
+        throw std::runtime_error("Malformed resume state '" + name_ + "', line " + std::to_string(number_) + ": " +
+                                 why);
     }
     size_t Size() const { return fields_.size(); }
     const std::string& Kind() const { return fields_.front(); }
@@ -233,8 +234,8 @@ ResumeState ParseResumeState(const std::string& text, const std::string& name) {
             if (!known) line.Fail("unknown histogram '" + line.Text(1) + "'");
         } else if (kind == "output") {
             line.Expect(7);
-            state.outputs.push_back({line.Text(1), line.Text(2), line.Number<unsigned>(3), line.Count(4),
-                                     line.Count(5), line.Text(6) == "1"});
+            state.outputs.push_back({line.Text(1), line.Text(2), line.Number<unsigned>(3), line.Count(4), line.Count(5),
+                                     line.Text(6) == "1"});
         } else if (kind == "input") {
             line.Expect(6);
             state.inputs[line.Text(1)] = {line.Count(2), line.Number<int64_t>(3), line.Count(4), line.Text(5) == "1"};

@@ -33,8 +33,7 @@ std::string ShortNumber(double value) {
     return Number(value);
 }
 
-std::string Text(double x, double y, const std::string& text, const char* anchor = "start",
-                 const char* extra = "") {
+std::string Text(double x, double y, const std::string& text, const char* anchor = "start", const char* extra = "") {
     return FormatString("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"%s\"%s>%s</text>", x, y, anchor, extra,
                         XmlEscape(text));
 }
@@ -203,10 +202,10 @@ std::string LineChartSvg(const LineChart& chart) {
             "<polyline points=\"%s\" fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\"%s><title>%s</title></polyline>",
             points, colour, series.muted ? " stroke-dasharray=\"5 3\"" : "", XmlEscape(series.name));
         const double y = top + 14.0 * static_cast<double>(s) + 6;
-        svg += Line(legend_x, y, legend_x + 18, y,
-                    FormatString("stroke=\"%s\" stroke-width=\"3\"%s", colour,
-                                 series.muted ? " stroke-dasharray=\"5 3\"" : "")
-                        .c_str());
+        svg += Line(
+            legend_x, y, legend_x + 18, y,
+            FormatString("stroke=\"%s\" stroke-width=\"3\"%s", colour, series.muted ? " stroke-dasharray=\"5 3\"" : "")
+                .c_str());
         svg += Text(legend_x + 24, y + 4, series.name);
     }
     return svg + "</svg>";

@@ -12,8 +12,8 @@ namespace Vorpa {
 // A chart of one row per label and one panel per measure (reads, bases),
 // the panels side by side and sharing the labels.
 struct BarPanel {
-    std::string title;           // above the panel, e.g. "reads"
-    std::vector<double> values;  // one per label
+    std::string title;               // above the panel, e.g. "reads"
+    std::vector<double> values;      // one per label
     std::vector<std::string> texts;  // printed after each bar (formatted values)
 };
 

@@ -30,8 +30,9 @@ TEST(Histogram, BinsAgreeWithTheirEdges) {
         // Log-uniform lengths up to 2^32, and the edges themselves.
         uint64_t length = static_cast<uint64_t>(std::exp2(std::uniform_real_distribution<double>(0, 32)(rng))) - 1;
         if (i % 3 == 0) length = LengthHistogram::BinStart(rng() % LengthHistogram::kBins);
-        const size_t expected = NaiveBin(static_cast<double>(length), LengthHistogram::kBins,
-                                         [](size_t bin) { return static_cast<double>(LengthHistogram::BinStart(bin)); });
+        const size_t expected = NaiveBin(static_cast<double>(length), LengthHistogram::kBins, [](size_t bin) {
+            return static_cast<double>(LengthHistogram::BinStart(bin));
+        });
         ASSERT_EQ(LengthHistogram::BinOf(length), expected) << length;
     }
     for (size_t bin = 1; bin < LengthHistogram::kBins; ++bin)
@@ -119,8 +120,11 @@ TEST(ResumeState, DamagedFilesAreRefusedWithTheLine) {
 TEST(ResumeState, OnlyOptionsThatShapeTheOutputMustMatch) {
     const std::vector<std::pair<std::string, std::string>> earlier = {
         {"worker_threads", "2"}, {"input_path", "a"}, {"compress_fastq", "false"}, {"min_score", "60"}};
-    EXPECT_TRUE(OptionsThatDiffer(earlier, {{"worker_threads", "8"}, {"input_path", "./a"}, {"watch", "true"},
-                                            {"compress_fastq", "false"}, {"min_score", "60"}})
+    EXPECT_TRUE(OptionsThatDiffer(earlier, {{"worker_threads", "8"},
+                                            {"input_path", "./a"},
+                                            {"watch", "true"},
+                                            {"compress_fastq", "false"},
+                                            {"min_score", "60"}})
                     .empty());
     EXPECT_EQ(OptionsThatDiffer(earlier, {{"compress_fastq", "true"}, {"min_score", "60"}, {"new_option", "x"}}),
               (std::vector<std::string>{"compress_fastq (earlier: 'false', now: 'true')",
