@@ -382,22 +382,13 @@ void Barcoder::ProcessRead(const Common::FastQRecord& /*record*/) {
     throw std::runtime_error("Non-async barcoding no longer supported!");
 }
 
-int Barcoder::SubmitRead(Common::FastQRecord&& record) {
-    return Enqueue(std::move(record), std::nullopt);
-}
-
-int Barcoder::SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) {
-    return Enqueue(std::move(record), std::move(tags));
-}
-
 // Adds the read to the batch being filled and submits the batch when full.
 // 0 once the run has stopped (a failed write, a signal): reading ends.
-int Barcoder::Enqueue(Common::FastQRecord&& record, std::optional<std::string>&& tags) {
+int Barcoder::SubmitRead(Common::FastQRecord&& record) {
     if (!pipeline || pipeline->Stopped()) return 0;
     ++reading.reads;
     pending->bases += record.sequence.size();
     pending->reads.push_back(std::move(record));
-    pending->tags.push_back(std::move(tags));
     if (pending->bases >= kBatchBases || pending->reads.size() >= kBatchReads) SubmitPending();
     return pipeline->Stopped() ? 0 : 1;
 }
@@ -636,14 +627,11 @@ void Barcoder::OnWatchIdle() {
 }
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                            const std::string& run_id, const std::string* tags, ReadBatch& batch) {
-    // A run id names output files, so it must be one harmless file-name component.
-    if (!Common::IsUsableFileNameComponent(run_id))
-        throw std::runtime_error("the run id '" + run_id + "' cannot be used in a file name");
-    const std::string read_id = record.GetReadId();
+                            ReadBatch& batch) {
+    const std::string_view read_id = record.ReadId();
     // Checked before anything of the read is in the batch.
     if (bam_output && !Common::ValidBamReadName(read_id))
-        throw std::runtime_error("the read id '" + read_id + "' cannot be a BAM read name");
+        throw std::runtime_error("the read id '" + std::string(read_id) + "' cannot be a BAM read name");
 
     if (verbose_logger.Enabled(Common::Severity::verbose)) {
         std::string text = "first 10 results of front & rear barcode detection: ";
@@ -701,9 +689,9 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     }
     const std::string& folder = sample != nullptr ? *sample : arrangement;
 
-    auto& chunk = batch.ChunkFor(folder, run_id);
+    auto& chunk = batch.ChunkFor(folder, record.RunId());
     if (bam_output) {
-        AppendBamRecord(record, read_id, tags, arrangement, trimmed.front + trimmed.rear > 0, chunk);
+        AppendBamRecord(record, arrangement, trimmed.front + trimmed.rear > 0, chunk);
     } else {
         record.AppendToTitle("barcode", arrangement);
         chunk.AddRecord(record);
@@ -713,7 +701,8 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     const std::string* sample_column = !sample_sheet ? nullptr : sample != nullptr ? sample : &unclassified_sample;
     const char* reason_column = unclassified_reason_column ? reason : nullptr;
     if (results.empty()) {
-        batch.summary += NoResultRow(read_id, trimming, sample_column, reason_column);
+        // The title may have grown (its tag): the read id is found again.
+        batch.summary += NoResultRow(record.ReadId(), trimming, sample_column, reason_column);
     } else {
         const int read_length = static_cast<int>(read_bases);
         const int rear_window = std::min(scorer_options.rear_window_size, read_length);
@@ -721,9 +710,10 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         if (unlisted) {
             auto shown = results.front();
             shown.normalised_id = kUnclassified;
-            AppendSummaryRow(batch.summary, read_id, shown, rear_window, trim_columns, sample_column, reason_column);
+            AppendSummaryRow(batch.summary, record.ReadId(), shown, rear_window, trim_columns, sample_column,
+                             reason_column);
         } else {
-            AppendSummaryRow(batch.summary, read_id, results.front(), rear_window, trim_columns, sample_column,
+            AppendSummaryRow(batch.summary, record.ReadId(), results.front(), rear_window, trim_columns, sample_column,
                              reason_column);
         }
     }
@@ -736,24 +726,23 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
 // when bases were cut off, the tags that index into the bases. A read from
 // FASTQ keeps its title's text after the read id (the key=value fields) as
 // the standard comment tag CO, which BAM input reads back into the title.
-void Barcoder::AppendBamRecord(Common::FastQRecord& record, const std::string& read_id, const std::string* tags,
-                               const std::string& arrangement, bool trimmed, Common::FastqChunk& chunk) {
+void Barcoder::AppendBamRecord(const Common::FastQRecord& record, const std::string& arrangement, bool trimmed,
+                               Common::FastqChunk& chunk) {
     thread_local std::string aux;
     aux.clear();
-    const size_t space = record.title.find(' ', 1);
-    if (tags != nullptr) {
-        aux = *tags;
+    if (record.tags) {
+        aux = *record.tags;
         const std::string_view arrangement_tag[] = {Common::kArrangementTag};
         Common::RemoveTags(aux, arrangement_tag);
         if (trimmed) {
             Common::RemoveTags(aux, Common::kModificationTags);
             Common::RemoveTags(aux, Common::kPerBaseTags);
         }
-    } else if (space != std::string::npos && space + 1 < record.title.size()) {
-        Common::AppendTextTag(aux, "CO", std::string_view(record.title).substr(space + 1));
+    } else if (!record.Comment().empty()) {
+        Common::AppendTextTag(aux, "CO", record.Comment());
     }
     Common::AppendTextTag(aux, Common::kArrangementTag, arrangement);
-    Common::AppendBamRecord(chunk.text, read_id, record.sequence, record.qstring, aux);
+    Common::AppendBamRecord(chunk.text, record.ReadId(), record.sequence, record.qstring, aux);
     chunk.record_ends.push_back(chunk.text.size());
 }
 

@@ -56,13 +56,12 @@ public:
     // configuration error is reported and ends the process with status 255.
     int Run();
 
-    // Formats one read into the batch: its summary row, and its record
-    // (trimmed when asked, tagged with its arrangement) into the chunk of its
-    // output file, as FASTQ text or a BAM record. tags are the read's BAM tags
-    // when it came from BAM input, nullptr for FASTQ input. Called by the
-    // workers; nothing is written here.
+    // Formats one read (which has a run id) into the batch: its summary row,
+    // and its record (trimmed when asked, tagged with its arrangement) into
+    // the chunk of its output file, as FASTQ text or a BAM record. Called by
+    // the workers; nothing is written here.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                      const std::string& run_id, const std::string* tags, ReadBatch& batch);
+                      ReadBatch& batch);
 
     // A worker could not process a batch at all: the run stops with message.
     void FailPipeline(const std::string& message);
@@ -77,7 +76,6 @@ protected:
     void StartNewFile(const std::string& path) override;
     void ProcessRead(const Common::FastQRecord& record) override;
     int SubmitRead(Common::FastQRecord&& record) override;
-    int SubmitBamRead(Common::FastQRecord&& record, std::string&& tags) override;
     void EndOfInputFile(const InputFileEnd& end) override;
     uint64_t RecordsAlreadyDone(const InputFileEnd& file) override;
     void OnWatchIdle() override;
@@ -91,9 +89,8 @@ private:
     void LogSettings();
     void CheckBothEndsRequirement();
     void LoadSamples();
-    void AppendBamRecord(Common::FastQRecord& record, const std::string& read_id, const std::string* tags,
-                         const std::string& arrangement, bool trimmed, Common::FastqChunk& chunk);
-    int Enqueue(Common::FastQRecord&& record, std::optional<std::string>&& tags);
+    void AppendBamRecord(const Common::FastQRecord& record, const std::string& arrangement, bool trimmed,
+                         Common::FastqChunk& chunk);
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);

@@ -11,6 +11,7 @@
 #include "common/bgzf_blocks.h"
 #include "common/fastq_record.h"
 #include "common/logger.h"
+#include "common/string_utils.h"
 
 namespace Vorpa {
 
@@ -24,15 +25,6 @@ const Common::Logger& WorkerLogger() {
 const Common::Logger& WorkerVerboseLogger() {
     static const Common::Logger logger("read_processor_verbose");
     return logger;
-}
-
-// For messages only: a record without a usable title still gets a name.
-std::string ReadIdForMessage(const Common::FastQRecord& record) {
-    try {
-        return record.GetReadId();
-    } catch (const std::exception&) {
-        return Common::kInvalidReadId;
-    }
 }
 
 }  // namespace
@@ -84,13 +76,10 @@ int BarcoderWorker::WorkerLoop() {
 }
 
 void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
-    for (size_t i = 0; i < batch.reads.size(); ++i) {
-        const std::string* tags = i < batch.tags.size() && batch.tags[i] ? &*batch.tags[i] : nullptr;
-        ProcessOne(batch.reads[i], tags, batch);
-    }
+    for (auto& record : batch.reads)
+        ProcessOne(record, batch);
     // The input is no longer needed; free it before the batch waits for the writer.
     std::vector<Common::FastQRecord>().swap(batch.reads);
-    std::vector<std::optional<std::string>>().swap(batch.tags);
     if (!settings_.compress) return;
     for (auto& chunk : batch.chunks) {
         if (settings_.bam) {
@@ -104,24 +93,36 @@ void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
 
 // Every read of a batch ends here exactly once: formatted for output, dropped
 // for want of a run id, or logged as failed. None of these stops the worker.
-void BarcoderWorker::ProcessOne(Common::FastQRecord& record, const std::string* tags, ReadBatch& batch) {
+void BarcoderWorker::ProcessOne(Common::FastQRecord& record, ReadBatch& batch) {
     try {
-        const std::string run_id = record.GetRunId();
-        if (run_id == Common::kInvalidRunId) {
+        if (!record.HasRunId()) {
+            // GetRunId logs what the title lacks (and throws for a record without one).
+            record.GetRunId();
             VB_LOG(WorkerLogger(), Common::Severity::error)
                 << "Unable to detect run ID for read with ID " << record.GetReadId()
                 << ". This read will not be processed.";
             ++batch.tally.dropped;
             return;
         }
+        CheckRunId(record.RunId());
         const auto results = scorer_->Score(record.sequence, settings_.detailed_results);
-        owner_.WriteResults(results, record, run_id, tags, batch);
-        VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.GetReadId();
+        owner_.WriteResults(results, record, batch);
+        VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.ReadId();
     } catch (const std::exception& error) {
-        VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << ReadIdForMessage(record)
-                                                        << ": " << error.what() << ". Continuing with next read.";
+        VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << record.ReadId() << ": "
+                                                        << error.what() << ". Continuing with next read.";
         ++batch.tally.failed;
     }
+}
+
+// A run id names output files, so it must be one harmless file-name
+// component. Reads come in long stretches of one run: the last run id found
+// usable is remembered, so each is checked once per stretch, not per read.
+void BarcoderWorker::CheckRunId(std::string_view run_id) {
+    if (!run_id.empty() && run_id == usable_run_id_) return;  // never empty once set
+    if (!Common::IsUsableFileNameComponent(run_id))
+        throw std::runtime_error("the run id '" + std::string(run_id) + "' cannot be used in a file name");
+    usable_run_id_ = run_id;
 }
 
 }  // namespace Vorpa

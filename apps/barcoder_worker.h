@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "apps/ordered_pipeline.h"
@@ -46,13 +48,15 @@ public:
 
 private:
     int WorkerLoop();
-    void ProcessOne(Common::FastQRecord& record, const std::string* tags, ReadBatch& batch);
+    void ProcessOne(Common::FastQRecord& record, ReadBatch& batch);
+    void CheckRunId(std::string_view run_id);
 
     Barcoder& owner_;
     OrderedPipeline<ReadBatch>& pipeline_;
     std::shared_ptr<Barcoding::BarcodeScorer> scorer_;
     Settings settings_;
     std::unique_ptr<Common::GzipMemberWriter> gzip_;
+    std::string usable_run_id_;  // the last run id CheckRunId accepted
     std::future<int> status_;
     std::thread thread_;
 };

@@ -3,8 +3,8 @@
 // from the input, and what a worker made of it for the writer.
 
 #include <cstdint>
-#include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -19,10 +19,7 @@ struct ReadBatch {
     uint64_t sequence = 0;  // set by the pipeline: input order
 
     // From the reading thread.
-    std::vector<Common::FastQRecord> reads;
-    // Parallel to reads: the tags (raw BAM aux bytes) of a read from BAM
-    // input; nothing for a read from FASTQ.
-    std::vector<std::optional<std::string>> tags;
+    std::vector<Common::FastQRecord> reads;  // parsed, with their tags when from BAM
     uint64_t bases = 0;
     // Files whose last read is in this batch or an earlier one; the writer
     // reports them done after writing the batch.
@@ -37,7 +34,7 @@ struct ReadBatch {
     RunTally tally;
 
     // The chunk of (folder, run id), added at the end when new.
-    Common::FastqChunk& ChunkFor(const std::string& folder, const std::string& run_id);
+    Common::FastqChunk& ChunkFor(const std::string& folder, std::string_view run_id);
 
 private:
     std::unordered_map<std::string, size_t> chunk_index_;

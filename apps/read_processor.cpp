@@ -12,7 +12,6 @@
 #include <iostream>
 #include <mutex>
 #include <thread>
-#include <type_traits>
 
 #include "apps/input_files.h"
 #include "apps/input_watch.h"
@@ -309,7 +308,7 @@ template <typename Work>
 void ReadProcessor::GuardRead(const FastQRecord& record, Work&& work) {
     try {
         if (verbose_enabled) {
-            VB_LOG(verbose_logger, Severity::verbose) << "Starting to process read: " << record.GetReadId();
+            VB_LOG(verbose_logger, Severity::verbose) << "Starting to process read: " << record.ReadId();
         }
         work();
     } catch (const std::exception& e) {
@@ -412,13 +411,7 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
             // same capacity, so reading does not regrow them line by line.
             const size_t title = record.title.size(), bases = record.sequence.size();
             bool refused = false;
-            GuardRead(record, [&] {
-                if constexpr (std::is_same_v<std::decay_t<decltype(reads)>, Common::BamIterable>) {
-                    refused = SubmitBamRead(std::move(record), std::move(reads.Tags())) == 0;
-                } else {
-                    refused = SubmitRead(std::move(record)) == 0;
-                }
-            });
+            GuardRead(record, [&] { refused = SubmitRead(std::move(record)) == 0; });
             if (refused) {
                 end.cut_short = true;
                 break;

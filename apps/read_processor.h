@@ -80,12 +80,8 @@ protected:
     // handed record is done. Reads of consecutive files flow on without a
     // wait in between, so the application reports a file as done (progress)
     // when its last read is, with AdvanceProgress.
+    // A record from BAM, SAM or CRAM input carries its tags.
     virtual int SubmitRead(Common::FastQRecord&& record) = 0;
-    // A record from BAM, SAM or CRAM input with its tags (raw BAM aux bytes).
-    // By default the tags are dropped and the record goes to SubmitRead.
-    virtual int SubmitBamRead(Common::FastQRecord&& record, std::string&& /*tags*/) {
-        return SubmitRead(std::move(record));
-    }
     virtual void EndOfInputFile(const InputFileEnd& /*end*/) {}
     // Before a file is read (path, size and modification time filled in):
     // how many of its leading records an earlier run has already done, which

@@ -34,8 +34,8 @@ const char* const kSampleColumn = "sample";
 // A TAB, CR or newline inside a text field (a read id may carry any of them
 // but space) would add a column or start a new row. Each becomes '_': the
 // field keeps its length and stays one whitespace-free token.
-void AppendField(std::string& out, const std::string& text) {
-    if (text.find_first_of("\t\r\n") == std::string::npos) {
+void AppendField(std::string& out, std::string_view text) {
+    if (text.find_first_of("\t\r\n") == std::string_view::npos) {
         out += text;
         return;
     }
@@ -122,7 +122,7 @@ std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool 
     return header;
 }
 
-void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
+void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcoding::ArrangementDetectResult& best,
                       int rear_window, const TrimmedBases* trimmed, const std::string* sample, const char* reason) {
     AppendField(out, read_id);
     out += '\t';
@@ -144,14 +144,14 @@ void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcod
     AppendOptionalColumns(out, trimmed, sample, reason);
 }
 
-std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
+std::string SummaryRow(std::string_view read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
                        const TrimmedBases* trimmed, const std::string* sample) {
     std::string row;
     AppendSummaryRow(row, read_id, best, rear_window, trimmed, sample);
     return row;
 }
 
-std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample,
+std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample,
                         const char* reason) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.

@@ -2,6 +2,7 @@
 // Rows of barcoding_summary.txt: one tab-separated line per classified read.
 
 #include <string>
+#include <string_view>
 
 #include "barcoding/detect_results.h"
 
@@ -22,7 +23,7 @@ struct TrimmedBases {
 std::string SummaryHeader(bool with_trim_columns, bool with_sample_column = false, bool with_reason_column = false);
 
 // Appends the row for a read classified as best to out (see SummaryRow).
-void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcoding::ArrangementDetectResult& best,
+void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcoding::ArrangementDetectResult& best,
                       int rear_window, const TrimmedBases* trimmed, const std::string* sample = nullptr,
                       const char* reason = nullptr);
 
@@ -30,12 +31,12 @@ void AppendSummaryRow(std::string& out, const std::string& read_id, const Barcod
 // window actually used: min(rear_window_size, read length). trimmed == nullptr
 // leaves out the two trim columns, sample == nullptr the sample column,
 // reason == nullptr the reason column (an empty text leaves it empty).
-std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
+std::string SummaryRow(std::string_view read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
                        const TrimmedBases* trimmed, const std::string* sample = nullptr);
 
 // The row for a read the scorer returned nothing for: the read id,
 // "unclassified", then empty or zero values, as many columns as SummaryRow.
-std::string NoResultRow(const std::string& read_id, bool with_trim_columns, const std::string* sample = nullptr,
+std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample = nullptr,
                         const char* reason = nullptr);
 
 }  // namespace Vorpa

@@ -154,7 +154,18 @@ void BamIterable::ReadNext() {
     }
 }
 
-// Fills record_ and tags_ from the htslib record; false (with the iteration
+// The run id of a record whose comment names none: its ri tag, else the
+// platform unit of its read group.
+std::optional<std::string_view> BamIterable::RunIdOf(std::string_view tags) const {
+    if (const auto run_id = FindTextTag(tags, kRunIdTag)) return run_id;
+    const auto group = FindTextTag(tags, "RG");
+    if (!group) return std::nullopt;
+    const auto unit = hts_->platform_units.find(*group);
+    if (unit == hts_->platform_units.end()) return std::nullopt;
+    return unit->second;
+}
+
+// Fills record_ (its tags included) from the htslib record; false (with the iteration
 // stopped) when the record cannot be a FASTQ record.
 bool BamIterable::Convert() {
     const bam1_t* b = hts_->record;
@@ -208,29 +219,21 @@ bool BamIterable::Convert() {
         }
     }
 
-    tags_.assign(reinterpret_cast<const char*>(bam_get_aux(b)), static_cast<size_t>(bam_get_l_aux(b)));
-    if (!ValidAux(tags_)) {
+    if (!record_.tags) record_.tags.emplace();
+    std::string& tags = *record_.tags;
+    tags.assign(reinterpret_cast<const char*>(bam_get_aux(b)), static_cast<size_t>(bam_get_l_aux(b)));
+    if (!ValidAux(tags)) {
         Stop(where() + ": damaged tags");
         return false;
     }
     if (flag & BAM_FREVERSE) {
         bases = ReverseComplement(std::move(bases));
         std::reverse(qualities.begin(), qualities.end());
-        RemoveTags(tags_, kPerBaseTags);
+        RemoveTags(tags, kPerBaseTags);
     }
-    if (!(flag & BAM_FUNMAP)) RemoveTags(tags_, kAlignmentTags);
+    if (!(flag & BAM_FUNMAP)) RemoveTags(tags, kAlignmentTags);
 
-    std::string& title = record_.title;
-    title.assign("@").append(name);
-    if (const auto comment = FindTextTag(tags_, "CO")) title.append(" ").append(*comment);
-    if (title.find("runid=", 1) == std::string::npos) {
-        if (const auto run_id = FindTextTag(tags_, kRunIdTag)) {
-            title.append(" runid=").append(*run_id);
-        } else if (const auto group = FindTextTag(tags_, "RG")) {
-            const auto unit = hts_->platform_units.find(*group);
-            if (unit != hts_->platform_units.end()) title.append(" runid=").append(unit->second);
-        }
-    }
+    record_.ComposeTitle(name, FindTextTag(tags, "CO"), RunIdOf(tags));
     return true;
 }
 

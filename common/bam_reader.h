@@ -1,6 +1,6 @@
 #pragma once
-// Reads of a BAM, SAM or CRAM file (through htslib) as FASTQ records, with
-// each record's tags carried beside it as raw BAM aux bytes.
+// Reads of a BAM, SAM or CRAM file (through htslib) as FASTQ records, each
+// with its tags as raw BAM aux bytes (FastQRecord::tags).
 //
 // Which records: secondary and supplementary records are skipped (and
 // counted): the primary record holds the whole read. A record mapped to the
@@ -8,18 +8,22 @@
 // complemented, qualities reversed). Missing qualities ("*") read as
 // kMissingQuality throughout.
 //
-// The title: "@<read name>", then the text of a CO tag when there is one (the
-// FASTQ comment kept by this program's BAM output and by common conversion
-// tools), then, when that holds no "runid=", " runid=<run id>" from the
-// record's ri:Z tag, else from the PU field of its read group's @RG line.
-// Without any of these the title carries no run id, like such a FASTQ read.
+// The fields come from the record: the read id is its name, the comment the
+// text of its CO tag (the FASTQ comment kept by this program's BAM output and
+// by common conversion tools), the run id the comment's "runid=" or else the
+// record's ri:Z tag, else the PU field of its read group's @RG line. Without
+// any of these the read has no run id, like such a FASTQ read. The title,
+// which FASTQ output carries, is composed from them
+// (FastQRecord::ComposeTitle): "@<name> <comment> runid=<run id>".
 //
 // Tags dropped on the way (see common/bam_record.h): the per-base tags of a
 // turned-back record, the alignment tags of any mapped record.
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/fastq_record.h"
@@ -39,7 +43,7 @@ std::vector<std::string> ReadGroupLines(const std::string& path);
 
 // One pass over one file, iterated like FastQIterable:
 //   BamIterable reads(path, threads);
-//   for (reads.Begin(); !reads.AtEnd(); reads.Increment()) use(reads.Record(), reads.Tags());
+//   for (reads.Begin(); !reads.AtEnd(); reads.Increment()) use(reads.Record());
 // A record that cannot be a FASTQ record (bases other than A, C, G, T,
 // qualities above 93, damaged tags) or damaged data ends the iteration;
 // Error() then says why and where.
@@ -57,9 +61,8 @@ public:
     void Increment();
     bool AtEnd() const { return at_end_; }
     const std::string& Error() const { return error_; }
-    // Valid only while !AtEnd(); not const so that a consumer may move them out.
+    // Valid only while !AtEnd(); not const so that a consumer may move it out.
     FastQRecord& Record() { return record_; }
-    std::string& Tags() { return tags_; }
     // Secondary and supplementary records passed over so far.
     uint64_t Skipped() const { return skipped_; }
 
@@ -67,12 +70,12 @@ private:
     struct Htslib;
     void ReadNext();
     bool Convert();
+    std::optional<std::string_view> RunIdOf(std::string_view tags) const;
     void Stop(std::string error);
 
     std::unique_ptr<Htslib> hts_;
     std::string path_;
     FastQRecord record_;
-    std::string tags_;
     uint64_t records_ = 0;  // read from the file, skipped ones included
     uint64_t skipped_ = 0;
     bool started_ = false;

@@ -166,6 +166,7 @@ void FastQIterable::ReadRecord() {
         Stop(Where(records_ + 1, first_line) + ": " + invalid + "; the rest of the file was skipped." + Dump(record_));
         return;
     }
+    record_.ParseTitle();
     ++records_;
     state_ = kRunning;
 }

@@ -62,6 +62,7 @@ bool OnlyQualities(const std::string& text) {
 FastQRecord::FastQRecord(std::string title_, std::string sequence_, std::string qstring_)
     : title(std::move(title_)), sequence(std::move(sequence_)), qstring(std::move(qstring_)) {
     Validate();
+    ParseTitle();
 }
 
 void FastQRecord::Validate() const {
@@ -84,6 +85,53 @@ void FastQRecord::Validate() const {
     }
 }
 
+void FastQRecord::ParseTitle() {
+    fields = TitleFields{};
+    if (title.size() >= 2) {
+        // Index 0 is the '@' (or whatever stands there): skipped unchecked.
+        const size_t space = title.find(' ', 1);
+        fields.read_id_end = space == std::string::npos ? title.size() : space;
+        if (space != std::string::npos) {
+            fields.comment_begin = space + 1;
+            fields.comment_end = title.size();
+        }
+    }
+    // From index 1: a title starting with "runid=" has no read id, so no run id.
+    const size_t match = title.find("runid=", 1);
+    if (match == std::string::npos) return;
+    const size_t end = title.find(' ', match);
+    fields.run_id_begin = match + 6;
+    fields.run_id_end = end == std::string::npos ? title.size() : end;
+    fields.has_run_id = true;
+}
+
+void FastQRecord::ComposeTitle(std::string_view read_id, std::optional<std::string_view> comment,
+                               std::optional<std::string_view> run_id) {
+    fields = TitleFields{};
+    title.assign(1, '@').append(read_id);
+    if (!read_id.empty()) fields.read_id_end = title.size();
+    if (comment) {
+        title.append(" ");
+        fields.comment_begin = title.size();
+        title.append(*comment);
+        fields.comment_end = title.size();
+        const size_t match = comment->find("runid=");
+        if (match != std::string_view::npos) {
+            const size_t end = comment->find(' ', match);
+            fields.run_id_begin = fields.comment_begin + match + 6;
+            fields.run_id_end = end == std::string_view::npos ? fields.comment_end : fields.comment_begin + end;
+            fields.has_run_id = true;
+            return;
+        }
+    }
+    if (!run_id) return;
+    title.append(" runid=");
+    fields.run_id_begin = title.size();
+    title.append(*run_id);
+    fields.run_id_end = title.size();
+    fields.has_run_id = true;
+}
+
 std::string FastQRecord::Print() const {
     return "Header: " + title + "\nSequence: " + sequence + "\nQstring: " + qstring;
 }
@@ -103,42 +151,35 @@ void FastQRecord::AppendToTitle(const std::string& key, const std::string& value
     title.append(" ").append(key).append("=").append(value);
 }
 
+std::string_view FastQRecord::ReadId() const {
+    if (fields.read_id_end == 0) return kInvalidReadId;
+    return std::string_view(title).substr(1, fields.read_id_end - 1);
+}
+
+std::string_view FastQRecord::Comment() const {
+    return std::string_view(title).substr(fields.comment_begin, fields.comment_end - fields.comment_begin);
+}
+
+std::string_view FastQRecord::RunId() const {
+    if (!fields.has_run_id) return kInvalidRunId;
+    return std::string_view(title).substr(fields.run_id_begin, fields.run_id_end - fields.run_id_begin);
+}
+
 std::string FastQRecord::GetReadId() const {
     if (title.empty()) throw std::runtime_error("Cannot get the read ID from an empty FastQ record.");
-    try {
-        if (title.size() < 2) {
-            // The wording speaks of a space; it is kept as users know it.
-            VB_LOG(RecordLogger(), Severity::error)
-                << "Read title '" << title << "' does not have any space. Continuing with next read.";
-            return kInvalidReadId;
-        }
-        // Index 0 is the '@' (or whatever stands there): skipped unchecked.
-        size_t space = title.find(' ', 1);
-        return title.substr(1, space == std::string::npos ? std::string::npos : space - 1);
-    } catch (const std::exception&) {
+    if (fields.read_id_end == 0) {
+        // The wording speaks of a space; it is kept as users know it.
         VB_LOG(RecordLogger(), Severity::error)
-            << "Could not extract read id from fastq title. Continuing with next read.";
-        return kInvalidReadId;
+            << "Read title '" << title << "' does not have any space. Continuing with next read.";
     }
+    return std::string(ReadId());
 }
 
 std::string FastQRecord::GetRunId() const {
     if (title.empty()) throw std::runtime_error("Cannot get the run ID from an empty FastQ record.");
-    try {
-        // From index 1: a title starting with "runid=" has no read id, so no run id.
-        size_t match = title.find("runid=", 1);
-        if (match == std::string::npos) {
-            VB_LOG(RecordLogger(), Severity::error) << "Could not find 'runid=' in the title: " << title;
-            return kInvalidRunId;
-        }
-        size_t begin = match + 6;
-        size_t end = title.find(' ', match);
-        return title.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
-    } catch (const std::exception&) {
-        VB_LOG(RecordLogger(), Severity::error)
-            << "Could not extract run id from fastq title. Continuing with next read.";
-        return kInvalidRunId;
-    }
+    if (!fields.has_run_id)
+        VB_LOG(RecordLogger(), Severity::error) << "Could not find 'runid=' in the title: " << title;
+    return std::string(RunId());
 }
 
 std::string FastQRecord::MakeTitle(const FastQReadMetadata& metadata) {

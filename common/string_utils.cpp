@@ -45,7 +45,7 @@ std::string TrimWhitespace(const std::string& text) {
 
 // 255 bytes is NAME_MAX on the usual Linux file systems; a longer name fails
 // only when the file is created, which is too late for a configuration check.
-bool IsUsableFileNameComponent(const std::string& text) {
+bool IsUsableFileNameComponent(std::string_view text) {
     constexpr size_t kMaxNameBytes = 255;
     if (text.empty() || text == "." || text == ".." || text.size() > kMaxNameBytes) return false;
     return std::none_of(text.begin(), text.end(), [](char c) {

@@ -2,6 +2,7 @@
 // Small text helpers shared by configuration loading and messages.
 
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 namespace Common {
@@ -37,7 +38,7 @@ std::string TrimWhitespace(const std::string& text);
 // file name inside a known folder): not empty, not "." or "..", at most 255
 // bytes, and free of '/', NUL and other control characters (bytes below 0x20
 // and 0x7f). Text that passes cannot climb out of its folder or split a path.
-bool IsUsableFileNameComponent(const std::string& text);
+bool IsUsableFileNameComponent(std::string_view text);
 
 // The reverse complement of a nucleotide sequence: A, C, G, T and U (either
 // case) become their complements (U becomes A), anything else (ambiguity

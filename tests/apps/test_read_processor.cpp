@@ -27,7 +27,7 @@ public:
     std::mutex mutex;
     std::vector<std::string> files_started;
     std::vector<std::string> reads;  // read ids handed to ProcessRead / SubmitRead
-    std::vector<std::string> tags;   // handed to SubmitBamRead, in order
+    std::vector<std::string> tags;   // of the reads from BAM-family input, in order
     int waits = 0;
     std::vector<Vorpa::InputFileEnd> ends;
     bool prepared = false;
@@ -48,11 +48,7 @@ protected:
     void StartNewFile(const std::string& path) override { files_started.push_back(path); }
     void ProcessRead(const Common::FastQRecord& record) override { Take(record); }
     int SubmitRead(Common::FastQRecord&& record) override {
-        Take(record);
-        return 1;
-    }
-    int SubmitBamRead(Common::FastQRecord&& record, std::string&& record_tags) override {
-        tags.push_back(record_tags);
+        if (record.tags) tags.push_back(*record.tags);
         Take(record);
         return 1;
     }
@@ -207,8 +203,8 @@ TEST_F(ReadProcessorTest, AsyncRunHandsEveryReadOverAndSurvivesBadFiles) {
     EXPECT_NE(out.find("Done in "), std::string::npos);
 }
 
-// BAM-family input reaches the application through SubmitBamRead with each
-// record's tags; secondary and supplementary records are counted, not handed on.
+// BAM-family input reaches the application with each record's tags; secondary and supplementary records are counted,
+// not handed on.
 TEST_F(ReadProcessorTest, AlignmentFilesHandTheirTagsOver) {
     Write("in/a.sam",
           "@HD\tVN:1.6\n"

@@ -22,6 +22,7 @@ const char* const kHeader =
 
 struct Read {
     std::string title, bases, qualities, tags;
+    std::string fields;  // "read id|comment|run id" as the record found them
 };
 
 std::string RevComp(const std::string& bases) {
@@ -53,8 +54,12 @@ protected:
                                      uint64_t* skipped = nullptr) {
         BamIterable reads(path, 2);
         std::vector<Read> out;
-        for (reads.Begin(); !reads.AtEnd(); reads.Increment())
-            out.push_back({reads.Record().title, reads.Record().sequence, reads.Record().qstring, reads.Tags()});
+        for (reads.Begin(); !reads.AtEnd(); reads.Increment()) {
+            const FastQRecord& r = reads.Record();
+            const std::string fields =
+                std::string(r.ReadId()) + "|" + std::string(r.Comment()) + "|" + std::string(r.RunId());
+            out.push_back({r.title, r.sequence, r.qstring, r.tags.value_or("(none)"), fields});
+        }
         if (error != nullptr) *error = reads.Error();
         if (skipped != nullptr) *skipped = reads.Skipped();
         return out;
@@ -63,15 +68,19 @@ protected:
     fs::path root_;
 };
 
-// The run id comes from the title's comment (CO), else the ri tag, else the
-// read group's PU; the tags come through byte for byte.
-TEST_F(BamReaderTest, TitlesCarryTheRunIdByTheDocumentedRule) {
+// The run id comes from the comment (CO), else the ri tag, else the read
+// group's PU; the title is composed from them; the tags come through byte for
+// byte.
+TEST_F(BamReaderTest, FieldsAndTitlesByTheDocumentedRule) {
     const std::string records = Unaligned("r1", "ACGT", "!#%'", "CO:Z:runid=fromco ch=5\tri:Z:fromtag\tRG:Z:g1") +
                                 Unaligned("r2", "ACGTA", "IIIII", "ri:Z:fromtag\tRG:Z:g1\txq:i:-3") +
                                 Unaligned("r3", "A", "5", "RG:Z:g1") + Unaligned("r4", "CC", "55", "RG:Z:g2") +
                                 Unaligned("r5", "GGT", "*");
     const std::vector<std::string> titles = {"@r1 runid=fromco ch=5", "@r2 runid=fromtag", "@r3 runid=unit7", "@r4",
                                              "@r5"};
+    const std::string none = kInvalidRunId;
+    const std::vector<std::string> fields = {"r1|runid=fromco ch=5|fromco", "r2||fromtag", "r3||unit7", "r4||" + none,
+                                             "r5||" + none};
     // CRAM input is checked end to end (tests/e2e): htslib's CRAM writer
     // leaks a block, which the sanitizer build would report here.
     for (const char* name : {"in.sam", "in.bam"}) {
@@ -83,6 +92,7 @@ TEST_F(BamReaderTest, TitlesCarryTheRunIdByTheDocumentedRule) {
         ASSERT_EQ(reads.size(), titles.size()) << name;
         for (size_t k = 0; k < reads.size(); ++k) {
             EXPECT_EQ(reads[k].title, titles[k]) << name;
+            EXPECT_EQ(reads[k].fields, fields[k]) << name;
             EXPECT_EQ(reads[k].bases, reference.records[k].bases) << name;
             EXPECT_EQ(reads[k].tags, reference.records[k].aux) << name << " " << titles[k];
         }
@@ -114,7 +124,7 @@ TEST_F(BamReaderTest, MappedRecordsComeBackInReadOrientation) {
         records += name + "\t" + (reverse ? "16" : "0") + "\tchr1\t" + std::to_string(100 + k) + "\t60\t" +
                    std::to_string(length) + "M\t*\t0\t0\t" + stored + "\t" + stored_q + "\tNM:i:0\tOQ:Z:" + stored_q +
                    "\tMM:Z:C+m?;\tri:Z:run\tAS:i:7\n";
-        expected.push_back({"@" + name + " runid=run", bases, qualities, ""});
+        expected.push_back({"@" + name + " runid=run", bases, qualities, "", name + "||run"});
         reversed.push_back(reverse);
         if (rng() % 3 == 0) {
             records += name + "\t" + (rng() % 2 ? "256" : "2064") + "\tchr1\t5\t0\t" + std::to_string(length) +
@@ -130,6 +140,7 @@ TEST_F(BamReaderTest, MappedRecordsComeBackInReadOrientation) {
     ASSERT_EQ(reads.size(), expected.size());
     for (size_t k = 0; k < reads.size(); ++k) {
         ASSERT_EQ(reads[k].title, expected[k].title);
+        ASSERT_EQ(reads[k].fields, expected[k].fields);
         ASSERT_EQ(reads[k].bases, expected[k].bases) << reads[k].title;
         ASSERT_EQ(reads[k].qualities, expected[k].qualities) << reads[k].title;
         std::string expected_tags;

@@ -86,6 +86,7 @@ TEST(FastQRecord, ReadAndRunIdsFromTitles) {
     for (const auto& c : cases) {
         FastQRecord record;
         record.title = c.title;
+        record.ParseTitle();
         EXPECT_EQ(record.GetReadId(), c.read_id) << c.title;
         EXPECT_EQ(record.GetRunId(), c.run_id) << c.title;
     }
