@@ -1,6 +1,8 @@
 # Two commands set everything up on a fresh Debian machine:
-#   make demo   install what is missing, build, classify the bundled example reads
-#   make test   the same build, then every test
+#   make demo   install what the program needs, build it, classify the bundled
+#               example reads
+#   make test   install what the tests need too, build everything (tests and
+#               benchmarks), then run every test
 # make cluster-demo runs the sharded Snakemake workflow (workflow/) on the
 # example reads, one shard per file, into cluster_demo_output/.
 BUILD ?= build
@@ -8,12 +10,16 @@ BUILD_TYPE ?= Release
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build demo cluster-demo test bench format clean
+# Optional package groups of scripts/install-deps.sh: the demo needs none, a
+# full build the test tools.
+DEPS_GROUPS ?= test
+
+.PHONY: all deps configure build program demo cluster-demo test bench format clean
 
 all: build
 
 deps:
-	@bash scripts/install-deps.sh
+	@bash scripts/install-deps.sh $(DEPS_GROUPS)
 
 configure: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >/dev/null
@@ -21,10 +27,16 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-demo: build
+# The program and its data only.
+program: configure
+	@cmake --build $(BUILD) -j $(JOBS) --target vorpa_barcoder
+
+demo: DEPS_GROUPS =
+demo: program
 	@bash scripts/demo.sh $(BUILD)
 
-cluster-demo: build
+cluster-demo: DEPS_GROUPS =
+cluster-demo: program
 	@bash scripts/install-deps.sh workflow
 	@rm -rf cluster_demo_output
 	snakemake -s workflow/Snakefile --cores 2 --config input_path=examples/reads \

@@ -14,12 +14,12 @@
 #include "barcoding/barcode_manager.h"
 
 #include <algorithm>
-#include <boost/filesystem.hpp>
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cctype>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -33,7 +33,7 @@ namespace Barcoding {
 
 namespace {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 const Common::Logger& ManagerLog() {
     static const Common::Logger logger("barcode_manager");

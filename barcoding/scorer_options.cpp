@@ -1,11 +1,10 @@
 #include "barcoding/scorer_options.h"
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 #include <stdexcept>
 
 #include "common/parameters.h"
-#include "pair_alignment/score_matrix.h"
-#include "pair_alignment/simd/fast_align_core.h"
+#include "pair_alignment/score_limits.h"
 
 namespace Barcoding {
 
@@ -22,7 +21,7 @@ std::vector<int> ScorerOptions::GapVector() const {
 // alignment ever falls back to overflowing arithmetic. The 16-bit kernels are
 // still chosen per alignment, only when its own range fits them.
 static_assert((static_cast<long long>(kMaxReferenceLength) + kMaxWindowSize + 1) * PairAlignment::kMaxScoreMagnitude <=
-                  PairAlignment::Core::kLimit32 / 40,
+                  PairAlignment::kMaxScoreRange32 / 40,
               "scoring bounds must keep every score far inside the 32-bit kernels' range");
 
 void ValidateScorerOptions(ScorerOptions& options) {
@@ -50,7 +49,7 @@ void ValidateScorerOptions(ScorerOptions& options) {
 }
 
 std::string ResolveDataFile(const std::string& name, const std::string& data_path) {
-    namespace fs = boost::filesystem;
+    namespace fs = std::filesystem;
     const fs::path given(name);
     if (name.empty() || given.is_absolute() || fs::exists(given) || data_path.empty()) return name;
     return (fs::path(data_path) / given).string();

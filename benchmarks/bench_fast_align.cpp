@@ -19,7 +19,6 @@
 
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/kernel_stats.h"
-#include "pair_alignment/simd_dispatch.h"
 
 using namespace PairAlignment;
 

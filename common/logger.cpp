@@ -24,7 +24,6 @@
 #include <atomic>
 #include <boost/core/null_deleter.hpp>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/filesystem.hpp>
 #include <boost/log/attributes/clock.hpp>
 #include <boost/log/attributes/constant.hpp>
 #include <boost/log/attributes/current_thread_id.hpp>
@@ -37,6 +36,7 @@
 #include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/support/date_time.hpp>
 #include <boost/log/utility/exception_handler.hpp>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -140,9 +140,9 @@ void InitLogging(const LoggingSettings& settings) {
     }
     if (!settings.folder.empty()) {
         // The file backend opens its file lazily and does not create folders.
-        boost::system::error_code ignored;
-        boost::filesystem::create_directories(settings.folder, ignored);
-        auto pattern = boost::filesystem::path(settings.folder) / DatedFilePattern(settings.log_file_name);
+        std::error_code ignored;
+        std::filesystem::create_directories(settings.folder, ignored);
+        auto pattern = (std::filesystem::path(settings.folder) / DatedFilePattern(settings.log_file_name)).string();
         auto backend = boost::make_shared<sinks::text_file_backend>();
         backend->set_file_name_pattern(pattern);
         // Records are rare outside trace runs; flushing each keeps the file

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/cuda/fastalign/align_thread.h"
 #include "common/cuda_common.h"
 #include "common/kernel_images.h"
 #include "common/logger.h"
+#include "pair_alignment/cuda/align_thread.h"
 #include "pair_alignment/score_matrix.h"
 
 // Every driver result is checked; the error names this file and the line.

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -97,7 +98,12 @@ private:
 // "avx512".
 // Chosen once from the processor's features; the environment variable VB_SIMD
 // forces one (an unknown or unsupported value is an error), and so does
-// ForceSimdBuild (simd_dispatch.h) for tests and benchmarks.
+// ForceSimdBuild for tests and benchmarks.
 const char* ActiveSimdBuild();
+
+// Makes name ("generic", "sse41", "avx2", "avx512") the active build for the
+// whole process, as VB_SIMD would; for tests and benchmarks. Throws
+// std::runtime_error for an unknown or unsupported name.
+void ForceSimdBuild(const std::string& name);
 
 }  // namespace PairAlignment

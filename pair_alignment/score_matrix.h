@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "pair_alignment/score_limits.h"
+
 namespace PairAlignment {
 
 // Column name -> the column's fields, in file order.
@@ -15,11 +17,6 @@ using Table = std::map<std::string, std::vector<std::string>>;
 // Lines starting with "#" and empty lines are skipped; a trailing carriage
 // return is dropped. Every row must have as many fields as the header.
 Table ReadTable(const std::string& filename);
-
-// Largest |value| of a matrix element (and of a gap cost, checked with the
-// other scoring settings): small enough that no alignment score of the
-// bounded reference and window lengths comes near 32-bit limits.
-constexpr int kMaxScoreMagnitude = 1000;
 
 // 4 x 4 row-major matrix from the table's columns "A", "C", "G", "T" laid side
 // by side: element (reference code a, query code b) is at 4 * a + b. Throws

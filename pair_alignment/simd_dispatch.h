@@ -52,9 +52,4 @@ const SimdKernels& GenericKernels();
 // build is active.
 const std::vector<int>& RunnableBlockBytes();
 
-// Makes name ("generic", "sse41", "avx2", "avx512") the active build for the
-// whole process, as VB_SIMD would; for tests and benchmarks. Throws
-// std::runtime_error for an unknown or unsupported name.
-void ForceSimdBuild(const std::string& name);
-
 }  // namespace PairAlignment

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need. Idempotent: when
+# Installs the Debian packages the program needs to build. Idempotent: when
 # everything is already there it only checks and says nothing.
 #
 # Optional groups, named as arguments, add what some builds and tools need:
+#   test         GoogleTest, Google Benchmark, Python and ccache, for the tests
+#                and benchmarks (make test and make build name it; make demo
+#                does not)
 #   fuzz         clang and its libFuzzer runtime, for the fuzz targets (-DVB_FUZZ=ON)
 #   calibration  pbsim, the second read error model of tools/calibrate.py
 #                (which installs it itself when missing)
@@ -10,25 +13,26 @@
 #   workflow     Snakemake, for the sharded workflow (workflow/) and its tests
 #   report       Chromium and MultiQC, which the report tests open the HTML
 #                report and the MultiQC files with
-# e.g. `bash scripts/install-deps.sh fuzz`, as .ci/run does.
+# e.g. `bash scripts/install-deps.sh test fuzz`, as .ci/run does.
 set -euo pipefail
 
+# One package for each library the build includes or links: Boost's
+# program_options, Log (which brings the Boost libraries it uses) and headers
+# (property_tree), zlib, ISA-L and htslib.
 packages=(
-  build-essential cmake ccache pkg-config python3 gzip
+  build-essential cmake pkg-config
+  libboost-dev libboost-program-options-dev libboost-log-dev
   zlib1g-dev libisal-dev libhts-dev
-  libboost-program-options-dev libboost-filesystem-dev libboost-iostreams-dev
-  libboost-log-dev libboost-thread-dev libboost-date-time-dev libboost-regex-dev
-  libboost-system-dev libboost-chrono-dev libboost-atomic-dev libboost-timer-dev
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
 for group in "$@"; do
   case "${group#--}" in
+    test) packages+=(libgtest-dev libbenchmark-dev python3 ccache) ;;
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     calibration) packages+=(pbsim) ;;
     optional) packages+=(samtools) ;;
     workflow) packages+=(snakemake) ;;
     report) packages+=(chromium multiqc) ;;
-    *) echo "install-deps: unknown group '$group' (known: fuzz, calibration, optional, workflow, report)" >&2; exit 2 ;;
+    *) echo "install-deps: unknown group '$group' (known: test, fuzz, calibration, optional, workflow, report)" >&2; exit 2 ;;
   esac
 done
 

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "pair_alignment/score_limits.h"
+
 namespace PairAlignment::Core {
 
 // Readable elements before and after the padded sequence copies and score rows,
@@ -89,7 +91,7 @@ constexpr int kWideBlockBytes = 128;
 constexpr int kSentinel16 = -32768;
 constexpr long long kLimit16 = 32000;
 constexpr int kSentinel32 = -1000000000;
-constexpr long long kLimit32 = 500000000;
+constexpr long long kLimit32 = kMaxScoreRange32;
 void ScoreLanes16Generic(const LaneJob& job);
 void ScoreLanes16Sse41(const LaneJob& job);
 void ScoreLanes16Avx2(const LaneJob& job);

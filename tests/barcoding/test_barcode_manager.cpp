@@ -5,12 +5,12 @@
 
 #include "barcoding/barcode_manager.h"
 #include "barcoding/scorer_options.h"
-#include "temp_folder.h"
+#include "tests/support/temp_folder.h"
 
 namespace Barcoding {
 namespace {
 
-using BarcodingTest::TempFolder;
+using TestSupport::TempFolder;
 
 std::string ErrorOf(const std::function<void()>& action) {
     try {

@@ -15,12 +15,12 @@
 #include "common/logger.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
-#include "temp_folder.h"
+#include "tests/support/temp_folder.h"
 
 namespace Barcoding {
 namespace {
 
-using BarcodingTest::TempFolder;
+using TestSupport::TempFolder;
 
 // Match 5, mismatch -4; reference bases may float inside the window for free.
 const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};

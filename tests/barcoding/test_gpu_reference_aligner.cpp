@@ -9,8 +9,8 @@
 
 #include "barcoding/gpu_reference_aligner.h"
 #include "common/kernel_images.h"
-#include "tests/common/emulated_fastalign_kernels.h"
 #include "tests/common/fake_cuda_driver.h"
+#include "tests/pair_alignment/emulated_fastalign_kernels.h"
 
 namespace {
 

@@ -8,12 +8,12 @@
 
 #include "barcoding/barcode_scorer.h"
 #include "barcoding/score_scale.h"
-#include "temp_folder.h"
+#include "tests/support/temp_folder.h"
 
 namespace Barcoding {
 namespace {
 
-using BarcodingTest::TempFolder;
+using TestSupport::TempFolder;
 
 const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -11,11 +11,12 @@
 #include "common/bam_reader.h"
 #include "common/bam_record.h"
 #include "tests/common/htslib_files.h"
+#include "tests/support/temp_folder.h"
 
 namespace Common {
 namespace {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 const char* const kHeader =
     "@HD\tVN:1.6\tSO:unsorted\n@SQ\tSN:chr1\tLN:1000000\n@RG\tID:g1\tPU:unit7\tSM:s\n@RG\tID:g2\tSM:t\n";
@@ -39,9 +40,7 @@ std::string Unaligned(const std::string& name, const std::string& bases, const s
 
 class BamReaderTest : public ::testing::Test {
 protected:
-    BamReaderTest() : root_(fs::temp_directory_path() / fs::unique_path("vb-bamin-%%%%-%%%%")) {
-        fs::create_directories(root_);
-    }
+    BamReaderTest() : root_(TestSupport::UniqueTempPath("vb-bamin")) { fs::create_directories(root_); }
     ~BamReaderTest() override { fs::remove_all(root_); }
 
     std::string Make(const std::string& name, const std::string& records) const {

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <boost/filesystem.hpp>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -16,11 +16,12 @@
 #include "common/bam_record.h"
 #include "common/bgzf_blocks.h"
 #include "tests/common/htslib_files.h"
+#include "tests/support/temp_folder.h"
 
 namespace Common {
 namespace {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 // One tag field as the test knows it: the reference the aux bytes are
 // checked against.
@@ -147,9 +148,7 @@ TEST(BamRecord, ReadNamesTheFormatCannotHoldAreRefused) {
 
 class BamFileTest : public ::testing::Test {
 protected:
-    BamFileTest() : root_(fs::temp_directory_path() / fs::unique_path("vb-bam-%%%%-%%%%")) {
-        fs::create_directories(root_);
-    }
+    BamFileTest() : root_(TestSupport::UniqueTempPath("vb-bam")) { fs::create_directories(root_); }
     ~BamFileTest() override { fs::remove_all(root_); }
     std::string Write(const std::string& name, const std::string& bytes) const {
         const std::string path = (root_ / name).string();

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <random>
 
@@ -13,11 +13,12 @@
 #include "common/output_file.h"
 #include "tests/common/gzip_test_support.h"
 #include "tests/common/htslib_files.h"
+#include "tests/support/temp_folder.h"
 
 namespace Common {
 namespace {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 // zlib as the reference reader: every member of a gzip file, one after another.
 std::string Gunzip(const std::string& data) {
@@ -28,7 +29,7 @@ std::string Gunzip(const std::string& data) {
 
 class FastqWriterTest : public ::testing::Test {
 protected:
-    FastqWriterTest() : root_(fs::temp_directory_path() / fs::unique_path("vb-writer-%%%%-%%%%")) {}
+    FastqWriterTest() : root_(TestSupport::UniqueTempPath("vb-writer")) {}
     ~FastqWriterTest() override { fs::remove_all(root_); }
 
     static FastQRecord Record(int k, const std::string& run_id = "R1") {

@@ -7,7 +7,7 @@
 
 #include <mutex>
 
-#include "tests/common/emulated_fastalign_kernels.h"
+#include "tests/pair_alignment/emulated_fastalign_kernels.h"
 
 using namespace Common;
 

@@ -12,8 +12,8 @@
 #include "common/kernel_images.h"
 #include "pair_alignment/align_cuda.h"
 #include "pair_alignment/fast_align.h"
-#include "tests/common/emulated_fastalign_kernels.h"
 #include "tests/common/fake_cuda_driver.h"
+#include "tests/pair_alignment/emulated_fastalign_kernels.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 // Entry points of the "fastalign" kernel image. Written once for two
 // compilers: nvcc builds them into the image (fastalign.cu), and host code that
-// includes common/cuda/cuda_emulation.h first can run them thread by thread.
+// includes pair_alignment/cuda/cuda_emulation.h first can run them thread by thread.
 
 #if !defined(__CUDACC__)
-#include "common/cuda/cuda_emulation.h"
+#include "pair_alignment/cuda/cuda_emulation.h"
 #define VB_KERNEL inline
 #define VB_ALIGN_BOUNDS
 #else
@@ -13,7 +13,7 @@
 #define VB_ALIGN_BOUNDS __launch_bounds__(FastAlignKernels::maxThreads)
 #endif
 
-#include "common/cuda/fastalign/align_thread.h"
+#include "pair_alignment/cuda/align_thread.h"
 
 namespace FastAlignKernels {
 

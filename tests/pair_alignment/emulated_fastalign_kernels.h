@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "common/cuda/fastalign/kernels.h"
+#include "pair_alignment/cuda/kernels.h"
 #include "tests/common/fake_cuda_driver.h"
 
 namespace FakeCuda {
