@@ -244,6 +244,9 @@ int ReadProcessor::Run() {
     } else {
         ProcessFiles(files);
     }
+    // The application moves the progress bar as files' last reads are done:
+    // waiting for them first keeps the bar whole above this line.
+    if (use_async) WaitForCompletion();
     VB_LOG(logger, Severity::info) << "Done in " << NowMs() - start << " ms.";
     return 0;
 }

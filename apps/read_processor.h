@@ -47,7 +47,8 @@ public:
     // and skipped. Returns the process exit status (0). Exceptions from
     // PrepareRun (configuration errors) propagate. Reading stops early when
     // ShouldStopReading() says so (a signal, a failed output). With --watch
-    // the input folder is watched for new files after the first ones.
+    // the input folder is watched for new files after the first ones. On the
+    // asynchronous path it returns after WaitForCompletion.
     int Run();
     // One input file through ProcessRead on worker_threads threads, each
     // read finished before it returns. 0 on success, -1 when the file failed

@@ -77,48 +77,64 @@ def read_fasta(path):
 
 
 def arrangement_files(data):
+    """The arrangement files of the folder: those its configuration.cfg lists
+    (all *.ini files without one), then its other *.ini files, so that a kit
+    added to a copy of the shipped folder is found without listing it there."""
+    every = sorted(glob.glob(os.path.join(data, "*.ini")))
     cfg = os.path.join(data, "configuration.cfg")
     if os.path.exists(cfg):
         with open(cfg) as f:
             for line in f:
                 key, _, value = line.partition("=")
                 if key.strip() == "arrangements_files" and not line.lstrip().startswith("#"):
-                    return [os.path.join(data, p) for p in value.split()]
-    return sorted(glob.glob(os.path.join(data, "*.ini")))
+                    listed = [os.path.join(data, p) for p in value.split()]
+                    return [listed, [p for p in every if p not in listed]]
+    return [every]
+
+
+def kit_arrangements(kit, path, known):
+    """[(normalised_id, front, rear)] of the kit in one arrangement file; adds
+    every kit the file names to the set known."""
+    ini = configparser.ConfigParser(interpolation=None, comment_prefixes=(";", "#"))
+    ini.optionxform = str
+    ini.read(path)
+    fasta = ini.get("loading_options", "barcodes_filename", fallback="")
+    if not os.path.exists(fasta):
+        fasta = os.path.join(os.path.dirname(path), fasta)
+    out, barcodes = [], None
+    for name in ini.sections():
+        if name == "loading_options":
+            continue
+        sec = ini[name]
+        kits = sec.get("compatible_kits", "").split(",")
+        known.update(k for k in kits if k)
+        if kit not in kits:
+            continue
+        if barcodes is None:
+            barcodes = read_fasta(fasta)
+        first, last = int(sec.get("first_index", -1)), int(sec.get("last_index", -1))
+        indices = [None] if first < 0 or last < 0 or last < first else range(first, last + 1)
+        for i in indices:
+            fields = [sec.get("normalised_id", name), sec.get("barcode1", ""), sec.get("barcode2", "")]
+            if i is not None:
+                fields = [f % i if "%" in f else f for f in fields]
+                if i == 12 and sec.get("kit", "") == "RLB":
+                    fields = [fields[0] + "a"] + [f + "A" if f else f for f in fields[1:]]
+            front, rear = (barcodes[f] if f else "" for f in fields[1:])
+            out.append((fields[0], front, rear))
+    return out
 
 
 def load_kit(kit, data=DEFAULT_DATA):
-    """[(normalised_id, front sequence or "", rear sequence or "")] for the kit."""
-    out = []
-    for path in arrangement_files(data):
-        ini = configparser.ConfigParser(interpolation=None, comment_prefixes=(";", "#"))
-        ini.optionxform = str
-        ini.read(path)
-        fasta = ini.get("loading_options", "barcodes_filename", fallback="")
-        if not os.path.exists(fasta):
-            fasta = os.path.join(os.path.dirname(path), fasta)
-        barcodes = None
-        for name in ini.sections():
-            if name == "loading_options":
-                continue
-            sec = ini[name]
-            if kit not in sec.get("compatible_kits", "").split(","):
-                continue
-            if barcodes is None:
-                barcodes = read_fasta(fasta)
-            first, last = int(sec.get("first_index", -1)), int(sec.get("last_index", -1))
-            indices = [None] if first < 0 or last < 0 or last < first else range(first, last + 1)
-            for i in indices:
-                fields = [sec.get("normalised_id", name), sec.get("barcode1", ""), sec.get("barcode2", "")]
-                if i is not None:
-                    fields = [f % i if "%" in f else f for f in fields]
-                    if i == 12 and sec.get("kit", "") == "RLB":
-                        fields = [fields[0] + "a"] + [f + "A" if f else f for f in fields[1:]]
-                front, rear = (barcodes[f] if f else "" for f in fields[1:])
-                out.append((fields[0], front, rear))
-    if not out:
-        sys.exit(f"kit {kit!r} not found in {data}")
-    return out
+    """[(normalised_id, front sequence or "", rear sequence or "")] for the kit:
+    from the configured arrangement files, or from the folder's others when
+    none of those has it."""
+    known = set()
+    for paths in arrangement_files(data):
+        out = [a for path in paths for a in kit_arrangements(kit, path, known)]
+        if out:
+            return out
+    sys.exit(f"kit {kit!r} not found in {data} (kits there: {', '.join(sorted(known)) or 'none'})")
 
 
 # ---------------------------------------------------------------- sequences
@@ -440,6 +456,8 @@ def main(argv=None):
     sim = Simulator(args, load_kit(args.kit, args.data))
     truth = args.truth or re.sub(r"(\.fastq|\.fq)?(\.gz)?$", "", args.output) + ".truth.tsv"
     names = output_names(args.output, args.split)
+    for path in names + [truth]:
+        os.makedirs(os.path.dirname(path) or ".", exist_ok=True)
     outs = [open_out(p) for p in names]
     with open(truth, "w") as t:
         t.write("read_id\tkind\tfront\trear\torientation\n")

@@ -168,9 +168,12 @@ def barcoder_args(inputs, save, *extra):
 def case_classification(ctx):
     records, truth = ctx.simulate("cls", 240, 11)
     split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz", "c.fastq"])
-    ctx.run(barcoder_args("in", "out", "-t", "2"))
+    result = ctx.run(barcoder_args("in", "out", "-t", "2"))
     _, rows = read_summary(ctx.path("out", SUMMARY), 18)
     check(set(rows) == {read_id(r[0]) for r in records}, "summary rows do not match the input reads")
+    # Standard output is a pipe here: the progress bar still ends before the time is reported.
+    bar = "*" * 51 + "\n[info] Done in "
+    check(bar in result.stdout, f"the progress bar does not end before 'Done in':\n{result.stdout[-800:]}")
 
     barcoded = [rid for rid in rows if truth[rid] not in (None, "unclassified")]
     correct = sum(rows[rid][1] == truth[rid] for rid in barcoded)

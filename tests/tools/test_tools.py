@@ -6,6 +6,7 @@ Run with: python3 -m unittest discover -s tests/tools
 import os
 import random
 import shutil
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -265,6 +266,41 @@ class PbsimCutTest(unittest.TestCase):
                 self.assertIsNone(got, (ref_row, read_row, begin, end))
             else:
                 self.assertEqual(got, (before, "".join(bases)), (ref_row, read_row, begin, end))
+
+
+class ReadmeKitRecipeTest(unittest.TestCase):
+    """The README's own kit, copied into a copy of the data folder as a new
+    user would, without listing it in configuration.cfg: the simulator finds
+    it, writes into a folder that does not exist yet, and the program lists the
+    kit and classifies the reads."""
+
+    def test_recipe(self):
+        with open(os.path.join(ROOT, "README.md")) as f:
+            readme = f.read()
+        recipe = readme[readme.index("## Your own kit"):]
+        fasta = recipe[recipe.index("```\n>") + 4:]
+        ini = recipe[recipe.index("```ini\n") + 7:]
+        with tempfile.TemporaryDirectory() as work:
+            data = os.path.join(work, "data")
+            shutil.copytree(os.path.join(ROOT, "data", "barcoding"), data)
+            for name, text in (("my_barcodes.fasta", fasta), ("my_kit.ini", ini)):
+                with open(os.path.join(data, name), "w") as f:
+                    f.write(text[:text.index("```")])
+            reads = os.path.join(work, "new", "folder", "reads.fastq")
+            simulate_reads.main(["--kit", "MY-KIT", "--data", data, "-o", reads, "-n", "50"])
+            self.assertEqual(len(open(reads).read().splitlines()), 200)
+            program = os.environ.get("VB_PROGRAM")
+            if not program or not os.path.exists(program):
+                self.skipTest("VB_PROGRAM not set")
+            options = ["--arrangements_files", "my_kit.ini", "--data_path", data]
+            kits = subprocess.run([program, "--print_kits"] + options, capture_output=True, text=True, check=True)
+            self.assertIn("MY-KIT", kits.stdout)
+            subprocess.run([program, "-i", os.path.dirname(reads), "-s", os.path.join(work, "out"), "--barcode_kits",
+                            "MY-KIT", "--quiet"] + options, check=True)
+            with open(os.path.join(work, "out", "barcoding_summary.txt")) as f:
+                calls = [line.split("\t")[1] for line in f.read().splitlines()[1:]]
+            self.assertEqual(len(calls), 50)
+            self.assertGreater(calls.count("barcode01") + calls.count("barcode02"), 25)
 
 
 class CalibrationSmokeTest(unittest.TestCase):
