@@ -45,16 +45,22 @@ if [[ "$device_log" != *"Total GPU memory allocated by FastAlignGPU is:"* ]]; th
   exit 1
 fi
 
-# One FASTQ record per line, sorted, whatever the compression.
+# One record per line, sorted, whatever the compression; BAM records through
+# samtools (their header names the command line, which differs).
 records() {
   case $1 in
-    *.gz) gzip -dc "$1" ;;
-    *) cat "$1" ;;
-  esac | paste - - - - | LC_ALL=C sort
+    *.bam) samtools view "$1" ;;
+    *.gz) gzip -dc "$1" | paste - - - - ;;
+    *) paste - - - - < "$1" ;;
+  esac | LC_ALL=C sort
 }
 
 differ=0
-files() { (cd "$1" && find . -type f ! -name '*.log' ! -name '*.json' | LC_ALL=C sort); }
+# The summaries and the read files; reports and logs carry times and paths.
+files() {
+  (cd "$1" && find . -type f \( -name barcoding_summary.txt -o -name '*.fastq' -o -name '*.fastq.gz' \
+    -o -name '*.bam' \) | LC_ALL=C sort)
+}
 if ! diff <(files "$work/cpu") <(files "$work/device") > "$work/files.diff"; then
   echo "device-matches-cpu: the runs wrote different files (see $work/files.diff)" >&2
   differ=1
