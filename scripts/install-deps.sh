@@ -13,6 +13,9 @@
 #   workflow     Snakemake, for the sharded workflow (workflow/) and its tests
 #   report       Chromium and MultiQC, which the report tests open the HTML
 #                report and the MultiQC files with
+#   slurm        Slurm, munge, slurmdbd and MariaDB, for the test that runs the
+#                workflow's Slurm profile on a one-node cluster of its own
+#                (the test starts and stops its daemons; none is started here)
 # e.g. `bash scripts/install-deps.sh test fuzz`, as .ci/run does.
 set -euo pipefail
 
@@ -32,7 +35,10 @@ for group in "$@"; do
     optional) packages+=(samtools) ;;
     workflow) packages+=(snakemake) ;;
     report) packages+=(chromium multiqc) ;;
-    *) echo "install-deps: unknown group '$group' (known: test, fuzz, calibration, optional, workflow, report)" >&2; exit 2 ;;
+#   slurm        Slurm, munge, slurmdbd and MariaDB, for the test that runs the
+#                workflow's Slurm profile on a one-node cluster of its own
+#                (the test starts and stops its daemons; none is started here)
+# e.g. `bash scripts/install-deps.sh test fuzz`, as .ci/run does.
   esac
 done
 
@@ -52,4 +58,14 @@ SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
+# Debian starts a package's service when it installs it; the slurm group's
+# daemons are the test's to start (with its own configuration), so while
+# they are installed a policy that starts none is in place, unless the
+# machine has a policy of its own.
+policy=/usr/sbin/policy-rc.d
+if [[ " ${missing[*]} " =~ \ (slurm-wlm|munge|slurmdbd|mariadb-server)\  ]] && [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | $SUDO tee "$policy" >/dev/null
+  $SUDO chmod 755 "$policy"
+  trap '$SUDO rm -f "$policy"' EXIT
+fi
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

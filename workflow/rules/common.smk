@@ -2,6 +2,7 @@
 # read: every job of a run (also a cluster job, which reads the workflow
 # again) sees the same sorted file list and so the same shards.
 
+import math
 import os
 import shlex
 import shutil
@@ -78,6 +79,7 @@ if not INPUT_PATH or not SAVE_PATH:
 RECURSIVE = bool_setting("recursive")
 FILES_PER_SHARD = int_setting("files_per_shard", 1)
 THREADS = int_setting("threads", 1)
+MERGE_ON_CLUSTER = bool_setting("merge_on_cluster")
 BARCODER = barcoder_path()
 OPTIONS = barcoder_options()
 
@@ -88,6 +90,25 @@ except PlanError as error:
 if not SHARDS:
     setting_error(f"no *.fastq or *.fastq.<ext> files in input_path '{INPUT_PATH}'"
                   + ("" if RECURSIVE else " (recursive is off)"))
+
+# What a shard asks a cluster for. A shard streams its input: memory is the
+# program and the batches in flight, a few MB per worker thread, and a
+# little per output file kept open, which grows slowly with the input
+# (35 MB peak with one thread, 51 MB with two, 67 MB with eight on 30,000
+# reads of 1.5 kb); the request leaves several times that. The time limit
+# assumes 2 MB of input a second per thread, a fraction of what one thread
+# manages on gzip input even on a busy machine (about 8), plus ten minutes
+# for a slow start or a busy shared file system.
+SHARD_MB_PER_MINUTE_PER_THREAD = 120
+
+
+def shard_mem_mb(input_mb, threads):
+    return 256 + 64 * threads + int(input_mb / 100)
+
+
+def shard_runtime_min(input_mb, threads):
+    return 10 + math.ceil(input_mb / (SHARD_MB_PER_MINUTE_PER_THREAD * threads))
+
 
 SHARD_ROOT = os.path.join(SAVE_PATH, ".shards")
 MERGED_REPORT = os.path.join(SAVE_PATH, "barcoding_report.json")
