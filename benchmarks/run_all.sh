@@ -33,3 +33,7 @@ if command -v snakemake > /dev/null; then
   echo "== sharded workflow against one process"
   bash benchmarks/run_workflow.sh "$build"
 fi
+if command -v snakemake > /dev/null && [ -x /usr/sbin/slurmctld ]; then
+  echo "== Slurm profile against local cores (one-node cluster)"
+  bash benchmarks/run_slurm.sh "$build"
+fi
