@@ -30,6 +30,8 @@ from save_folder import Mismatch, check, compare_save_folders  # noqa: E402
 from workflow_driver import Context, limit_of  # noqa: E402
 
 ACCOUNT_AND_PARTITION = ["--default-resources", "slurm_account=vbtest", "slurm_partition=debug"]
+# Snakemake runs with USER unset, as under some batch systems and containers.
+NO_USER = {k: v for k, v in os.environ.items() if k != "USER"}
 OPTIONS = "--barcode_kits VB-NB24 --compress_fastq"
 
 
@@ -78,7 +80,7 @@ def check_slurm_layout(save, shards):
 
 def readme_run(ctx, input_path, save, shards, options=OPTIONS, threads=None):
     config = [f"threads={threads}"] if threads else []
-    ctx.run(readme_command(ctx, input_path, save, options=options, config=config))
+    ctx.run(readme_command(ctx, input_path, save, options=options, config=config), env=NO_USER)
     check_slurm_layout(ctx.path(save), shards)
     single = ctx.single_run(save + "_single", options, input_path=input_path)
     compare_save_folders(single, ctx.path(save), limit_of(options))
@@ -123,7 +125,7 @@ def cancelled_shard(ctx, reads):
 
     command = readme_command(ctx, reads, "cancel", options="--barcode_kits VB-NB24", barcoder=wrapper)
     with open(ctx.path("cancel.out"), "w") as out:
-        run = subprocess.Popen(command, cwd=ctx.work, stdout=out, stderr=subprocess.STDOUT, text=True)
+        run = subprocess.Popen(command, cwd=ctx.work, stdout=out, stderr=subprocess.STDOUT, text=True, env=NO_USER)
         try:
             deadline = time.monotonic() + 120
             while not os.path.exists(held):

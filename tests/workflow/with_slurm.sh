@@ -222,8 +222,12 @@ slurmd -f "$work/slurm.conf" -N vbnode >>"$work/run/slurmd.log" 2>&1
 pid_from_file "$work/run/slurmd.pid" slurmd
 wait_for 60 "the node" sh -c '[ "$(sinfo -h -n vbnode -o %T)" = idle ]'
 
-set +e
-"$@"
-status=$?
-set -e
+# In the background, so that a signal to this script is handled at once:
+# the command is told and the cluster stopped.
+"$@" &
+command_pid=$!
+trap 'kill -TERM "$command_pid" 2>/dev/null; exit 143' TERM
+trap 'kill -INT "$command_pid" 2>/dev/null; exit 130' INT
+status=0
+wait "$command_pid" || status=$?
 exit "$status"
