@@ -35,10 +35,8 @@ for group in "$@"; do
     optional) packages+=(samtools) ;;
     workflow) packages+=(snakemake) ;;
     report) packages+=(chromium multiqc) ;;
-#   slurm        Slurm, munge, slurmdbd and MariaDB, for the test that runs the
-#                workflow's Slurm profile on a one-node cluster of its own
-#                (the test starts and stops its daemons; none is started here)
-# e.g. `bash scripts/install-deps.sh test fuzz`, as .ci/run does.
+    slurm) packages+=(slurm-wlm munge slurmdbd mariadb-server) ;;
+    *) echo "install-deps: unknown group '$group' (known: test, fuzz, calibration, optional, workflow, report, slurm)" >&2; exit 2 ;;
   esac
 done
 
