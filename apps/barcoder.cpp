@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +15,7 @@
 #include "apps/html_report.h"
 #include "apps/multiqc_report.h"
 #include "apps/ordered_pipeline.h"
+#include "apps/output_policy.h"
 #include "apps/read_batch.h"
 #include "apps/summary_row.h"
 #include "barcoding/barcode_manager.h"
@@ -50,8 +50,6 @@ size_t BatchesInFlight(size_t workers) {
     return 2 * workers + 2;
 }
 
-const char* const kNotInSampleSheet = "not in sample sheet";
-
 const char* SignalName(int sig) {
     return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal";
 }
@@ -65,6 +63,8 @@ const char* const kUsage =
 
 constexpr unsigned kValue = Common::Parameters::CommandLine | Common::Parameters::ConfigFile;
 constexpr unsigned kSwitch = Common::Parameters::Flag;
+// A switch on the command line, "name = true" in the configuration file.
+constexpr unsigned kSwitchOrKey = Common::Parameters::Switch;
 
 }  // namespace
 
@@ -119,21 +119,17 @@ void Barcoder::AddApplicationOptions() {
                     "the min_score at both ends of the "
                     "read.",
                     &o.require_barcodes_both_ends, kSwitch);
-    // A switch on the command line and "reject_mixed_barcodes = true" in the configuration file.
-    const char* const reject_mixed_help =
+    AddOption<bool>(
+        "reject_mixed_barcodes",
         "Leave a read unclassified when its two ends name different barcodes (a chimera): one end passes the "
         "minimum score and the other passes it for another barcode, or fails it but fits another barcode best "
-        "and clearly better than random sequence. Reads with a barcode at one end only are still classified.";
-    AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes, kSwitch);
-    AddOption<bool>("reject_mixed_barcodes", reject_mixed_help, &o.reject_mixed_barcodes,
-                    Common::Parameters::ConfigFile);
-
-    const char* const reason_column_help =
+        "and clearly better than random sequence. Reads with a barcode at one end only are still classified.",
+        &o.reject_mixed_barcodes, kSwitchOrKey);
+    AddOption<bool>(
+        "unclassified_reason_column",
         "Add a last column 'barcode_unclassified_reason' to the summary: why a read was left unclassified (empty "
-        "for classified reads).";
-    AddOption<bool>("unclassified_reason_column", reason_column_help, &unclassified_reason_column, kSwitch);
-    AddOption<bool>("unclassified_reason_column", reason_column_help, &unclassified_reason_column,
-                    Common::Parameters::ConfigFile);
+        "for classified reads).",
+        &unclassified_reason_column, kSwitchOrKey);
 
     AddOption<int>("records_per_fastq,q",
                    "Maximum number of records per fastq file, 0 means use a "
@@ -148,13 +144,13 @@ void Barcoder::AddApplicationOptions() {
                            "Tab-separated file with the columns 'arrangement' and 'sample': reads are filed "
                            "by sample, reads of arrangements it does not list as unclassified.",
                            &sample_sheet_path, kValue);
-    const char* const resume_help =
+    AddOption<bool>(
+        "resume",
         "Carry on in a save folder that an earlier run with --resume filled: input files it finished are skipped, "
         "a file it had only partly done is read on from where it got, and the output files, the summary and the "
         "reports are added to. In a new save folder: start afresh and keep the state that lets a later run "
-        "resume.";
-    AddOption<bool>("resume", resume_help, &resume, kSwitch);
-    AddOption<bool>("resume", resume_help, &resume, Common::Parameters::ConfigFile);
+        "resume.",
+        &resume, kSwitchOrKey);
     AddOption<bool>("print_kits", "Output all available barcoding kits.", &print_kits, kSwitch);
     AddOption<std::string>("device,x",
                            "Specify GPU device to accelerate barcode detection: "
@@ -170,21 +166,23 @@ std::string Barcoder::GetSummaryFileName() {
     return "barcoding_summary.txt";
 }
 
-// Configuration errors end the process before any read is processed, with the
-// status of an option error. The message goes to the log and the console;
-// with --quiet to standard error, so that a failed run never stays silent.
+// Configuration errors end the run before any read is processed; main ends
+// the process with the status of an option error. The message goes to the
+// log and the console; with --quiet to standard error, so that a failed run
+// never stays silent.
 void Barcoder::FailRun(const std::string& message) {
     ReportError(message);
-    Common::ShutdownLogging();
-    std::exit(255);
+    throw RunRefused(message);
 }
 
-void Barcoder::OnParametersParsed() {
-    if (print_kits) PrintKits();
+std::optional<int> Barcoder::OnParametersParsed() {
+    if (!print_kits) return std::nullopt;
+    PrintKits();
+    return 0;
 }
 
-// Answers --print_kits without needing input or save paths, then ends the
-// program.
+// Answers --print_kits without needing input or save paths; the program then
+// ends.
 void Barcoder::PrintKits() {
     if (scorer_options.arrangements_files.empty()) FailRun("No arrangements files specified!");
     try {
@@ -195,7 +193,6 @@ void Barcoder::PrintKits() {
         FailRun(error.what());
     }
     Common::ShutdownLogging();
-    std::exit(0);
 }
 
 int Barcoder::Run() {
@@ -263,6 +260,10 @@ void Barcoder::PrepareConfiguration() {
     // The "first 10 results" lines need found sequences for ten results; the
     // usual run needs them for the best one only.
     detailed_results = verbose_logger.Enabled(Common::Severity::verbose) ? 10 : 1;
+    output_policy.scorer = scorer_options;
+    output_policy.bam = bam_output;
+    output_policy.sample_sheet = sample_sheet ? &*sample_sheet : nullptr;
+    output_policy.reason_column = unclassified_reason_column;
 }
 
 void Barcoder::LogSettings() {
@@ -628,10 +629,10 @@ void Barcoder::OnWatchIdle() {
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
                             ReadBatch& batch) {
-    const std::string_view read_id = record.ReadId();
-    // Checked before anything of the read is in the batch.
-    if (bam_output && !Common::ValidBamReadName(read_id))
-        throw std::runtime_error("the read id '" + std::string(read_id) + "' cannot be a BAM read name");
+    // Per worker thread: its strings keep their capacity from read to read.
+    thread_local ReadOutput out;
+    // Decided before anything of the read is in the batch: it may refuse the read.
+    DecideOutput(record, results, output_policy, out);
 
     if (verbose_logger.Enabled(Common::Severity::verbose)) {
         std::string text = "first 10 results of front & rear barcode detection: ";
@@ -642,108 +643,34 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         }
         VB_LOG(verbose_logger, Common::Severity::verbose) << text;
     }
+    if (results.empty()) VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
 
-    const bool trimming = scorer_options.trim_barcodes;
-    std::string arrangement = kUnclassified;
-    float score = -std::numeric_limits<float>::infinity();
-    const size_t read_bases = record.sequence.size();
-    TrimmedBases trimmed;
-    // The scorer always returns a result; an empty list counts as nothing found.
-    const char* reason = Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum);
-    if (results.empty()) {
-        VB_LOG(logger, Common::Severity::warning) << "all arrangements below min_score";
-    } else {
-        const auto& best = results.front();
-        arrangement = best.normalised_id;
-        score = best.score;
-        reason = Barcoding::UnclassifiedReasonText(best.reason);
-        if (best.mixed) ++batch.tally.mixed;
-        if (trimming) {
-            trimmed.front = Common::BarcodeTrimmer::TrimFront(Barcoding::FrontTrimLength(best, scorer_options),
-                                                              record.sequence, record.qstring);
-            trimmed.rear = Common::BarcodeTrimmer::TrimRear(Barcoding::RearTrimLength(best, scorer_options),
-                                                            record.sequence, record.qstring);
-        }
-    }
-    // With a sample sheet, a read whose arrangement the sheet does not list
-    // is unclassified; its summary row still shows the best candidate.
-    const std::string* sample = nullptr;
-    bool unlisted = false;
-    if (sample_sheet && arrangement != kUnclassified) {
-        sample = sample_sheet->SampleOf(arrangement);
-        if (sample == nullptr) {
-            unlisted = true;
-            arrangement = kUnclassified;
-            reason = kNotInSampleSheet;
-        }
-    }
-    if (arrangement != kUnclassified) reason = "";
-    if (*reason != '\0') {
-        // Looked up by the text itself: no string is made for a reason already counted.
-        auto& reasons = batch.tally.unclassified_reasons;
-        const auto counted = reasons.find(std::string_view(reason));
-        if (counted != reasons.end())
-            ++counted->second;
-        else
-            reasons.emplace(reason, 1);
-    }
-    const std::string& folder = sample != nullptr ? *sample : arrangement;
-
-    auto& chunk = batch.ChunkFor(folder, record.RunId());
+    // The amounts are already clamped to what the read can give.
+    if (out.trim.front > 0) Common::BarcodeTrimmer::TrimFront(out.trim.front, record.sequence, record.qstring);
+    if (out.trim.rear > 0) Common::BarcodeTrimmer::TrimRear(out.trim.rear, record.sequence, record.qstring);
+    auto& chunk = batch.ChunkFor(out.folder, out.run_id);
     if (bam_output) {
-        AppendBamRecord(record, arrangement, trimmed.front + trimmed.rear > 0, chunk);
+        Common::AppendBamRecord(chunk.text, record.ReadId(), record.sequence, record.qstring, out.bam_tags);
+        chunk.record_ends.push_back(chunk.text.size());
     } else {
-        record.AppendToTitle("barcode", arrangement);
+        record.title.append(1, ' ').append(out.title_tag);
         chunk.AddRecord(record);
     }
+    batch.summary += out.summary_row;
 
-    static const std::string unclassified_sample = kUnclassified;
-    const std::string* sample_column = !sample_sheet ? nullptr : sample != nullptr ? sample : &unclassified_sample;
-    const char* reason_column = unclassified_reason_column ? reason : nullptr;
-    if (results.empty()) {
-        // The title may have grown (its tag): the read id is found again.
-        batch.summary += NoResultRow(record.ReadId(), trimming, sample_column, reason_column);
-    } else {
-        const int read_length = static_cast<int>(read_bases);
-        const int rear_window = std::min(scorer_options.rear_window_size, read_length);
-        const TrimmedBases* trim_columns = trimming ? &trimmed : nullptr;
-        if (unlisted) {
-            auto shown = results.front();
-            shown.normalised_id = kUnclassified;
-            AppendSummaryRow(batch.summary, record.ReadId(), shown, rear_window, trim_columns, sample_column,
-                             reason_column);
-        } else {
-            AppendSummaryRow(batch.summary, record.ReadId(), results.front(), rear_window, trim_columns, sample_column,
-                             reason_column);
-        }
+    RunTally& tally = batch.tally;
+    if (out.mixed) ++tally.mixed;
+    if (*out.reason != '\0') {
+        // Looked up by the text itself: no string is made for a reason already counted.
+        const auto counted = tally.unclassified_reasons.find(std::string_view(out.reason));
+        if (counted != tally.unclassified_reasons.end())
+            ++counted->second;
+        else
+            tally.unclassified_reasons.emplace(out.reason, 1);
     }
     // Bases as written: after trimming.
-    batch.tally.AddRead(arrangement, record.sequence.size(), score);
-    if (sample_column != nullptr) ++batch.tally.samples[*sample_column];
-}
-
-// A read from BAM input keeps its tags, less an earlier arrangement tag and,
-// when bases were cut off, the tags that index into the bases. A read from
-// FASTQ keeps its title's text after the read id (the key=value fields) as
-// the standard comment tag CO, which BAM input reads back into the title.
-void Barcoder::AppendBamRecord(const Common::FastQRecord& record, const std::string& arrangement, bool trimmed,
-                               Common::FastqChunk& chunk) {
-    thread_local std::string aux;
-    aux.clear();
-    if (record.tags) {
-        aux = *record.tags;
-        const std::string_view arrangement_tag[] = {Common::kArrangementTag};
-        Common::RemoveTags(aux, arrangement_tag);
-        if (trimmed) {
-            Common::RemoveTags(aux, Common::kModificationTags);
-            Common::RemoveTags(aux, Common::kPerBaseTags);
-        }
-    } else if (!record.Comment().empty()) {
-        Common::AppendTextTag(aux, "CO", record.Comment());
-    }
-    Common::AppendTextTag(aux, Common::kArrangementTag, arrangement);
-    Common::AppendBamRecord(chunk.text, record.ReadId(), record.sequence, record.qstring, aux);
-    chunk.record_ends.push_back(chunk.text.size());
+    tally.AddRead(out.arrangement, record.sequence.size(), out.score);
+    if (out.sample != nullptr) ++tally.samples[*out.sample];
 }
 
 // The report goes to the log (and the console unless quiet). What stopped a

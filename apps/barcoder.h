@@ -10,10 +10,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "apps/output_policy.h"
 #include "apps/read_processor.h"
 #include "apps/resume_state.h"
 #include "apps/run_report.h"
@@ -32,6 +34,12 @@ struct FastqChunk;
 }  // namespace Common
 
 namespace Vorpa {
+
+// A run refused before any read (a configuration error), already reported:
+// main ends the process with status 255.
+struct RunRefused : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 class BarcoderWorker;
 template <typename Batch>
@@ -56,10 +64,11 @@ public:
     // configuration error is reported and ends the process with status 255.
     int Run();
 
-    // Formats one read (which has a run id) into the batch: its summary row,
-    // and its record (trimmed when asked, tagged with its arrangement) into
-    // the chunk of its output file, as FASTQ text or a BAM record. Called by
-    // the workers; nothing is written here.
+    // Formats one read (which has a run id) into the batch as DecideOutput
+    // (apps/output_policy.h) decides: its summary row, its record (trimmed,
+    // tagged with its arrangement) into the chunk of its output file as FASTQ
+    // text or a BAM record, and its counts. Called by the workers; nothing is
+    // written here. Throws when the read cannot be written as asked.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
                       ReadBatch& batch);
 
@@ -70,7 +79,7 @@ protected:
     void AddApplicationOptions() override;
     std::string GetLogFileName() override;
     std::string GetSummaryFileName() override;
-    void OnParametersParsed() override;
+    std::optional<int> OnParametersParsed() override;
     void PrepareRun() override;
     void OnInputFilesFound(const std::vector<std::string>& files) override;
     void StartNewFile(const std::string& path) override;
@@ -89,8 +98,6 @@ private:
     void LogSettings();
     void CheckBothEndsRequirement();
     void LoadSamples();
-    void AppendBamRecord(const Common::FastQRecord& record, const std::string& arrangement, bool trimmed,
-                         Common::FastqChunk& chunk);
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);
@@ -123,6 +130,7 @@ private:
     size_t detailed_results = 1;
     bool bam_output = false;
     std::optional<SampleSheet> sample_sheet;
+    OutputPolicy output_policy;  // what WriteResults does with each read
 
     // The pipeline. Only the reading thread touches pending.
     std::unique_ptr<OrderedPipeline<ReadBatch>> pipeline;

@@ -8,7 +8,6 @@
 
 #include "apps/barcoder.h"
 #include "barcoding/barcode_scorer.h"
-#include "common/bgzf_blocks.h"
 #include "common/fastq_record.h"
 #include "common/logger.h"
 #include "common/string_utils.h"
@@ -31,11 +30,11 @@ const Common::Logger& WorkerVerboseLogger() {
 
 BarcoderWorker::BarcoderWorker(Barcoder& owner, OrderedPipeline<ReadBatch>& pipeline,
                                std::shared_ptr<Barcoding::BarcodeScorer> scorer, const Settings& settings)
-    : owner_(owner),
-      pipeline_(pipeline),
-      scorer_(std::move(scorer)),
-      settings_(settings),
-      gzip_(std::make_unique<Common::GzipMemberWriter>()) {}
+    : owner_(owner), pipeline_(pipeline), scorer_(std::move(scorer)), settings_(settings) {
+    if (settings_.compress)
+        compressor_ = std::make_unique<Common::OutputCompressor>(settings_.bam ? Common::OutputFormat::bam
+                                                                               : Common::OutputFormat::fastq);
+}
 
 BarcoderWorker::~BarcoderWorker() {
     // Only reached without Join when the run is torn down early; the owner
@@ -80,13 +79,9 @@ void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
         ProcessOne(record, batch);
     // The input is no longer needed; free it before the batch waits for the writer.
     std::vector<Common::FastQRecord>().swap(batch.reads);
-    if (!settings_.compress) return;
+    if (!compressor_) return;
     for (auto& chunk : batch.chunks) {
-        if (settings_.bam) {
-            Common::AppendBgzfBlocks(chunk.text, chunk.gzip, Common::kBamCompressionLevel);
-        } else {
-            gzip_->Append(chunk.text, chunk.gzip);
-        }
+        compressor_->Append(chunk.text, chunk.gzip);
         if (!settings_.keep_text) std::string().swap(chunk.text);
     }
 }

@@ -13,7 +13,7 @@
 
 #include "apps/ordered_pipeline.h"
 #include "apps/read_batch.h"
-#include "common/gzip_member_writer.h"
+#include "common/fastq_writer.h"
 
 namespace Barcoding {
 class BarcodeScorer;
@@ -55,8 +55,8 @@ private:
     OrderedPipeline<ReadBatch>& pipeline_;
     std::shared_ptr<Barcoding::BarcodeScorer> scorer_;
     Settings settings_;
-    std::unique_ptr<Common::GzipMemberWriter> gzip_;
-    std::string usable_run_id_;  // the last run id CheckRunId accepted
+    std::unique_ptr<Common::OutputCompressor> compressor_;  // with compression only
+    std::string usable_run_id_;                             // the last run id CheckRunId accepted
     std::future<int> status_;
     std::thread thread_;
 };

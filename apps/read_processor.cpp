@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -155,16 +154,8 @@ bool ReadProcessor::ValidateParams() {
     return true;
 }
 
-void ReadProcessor::Initialise(int argc, char** argv, const std::string& data_subfolder,
-                               const std::string& default_config_file) {
-    std::optional<int> status = SetUp(argc, argv, data_subfolder, default_config_file);
-    if (!status) return;
-    std::cout.flush();
-    std::exit(*status == 255 ? -1 : *status);
-}
-
-std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string& data_subfolder,
-                                        const std::string& default_config_file_name) {
+std::optional<int> ReadProcessor::Initialise(int argc, char** argv, const std::string& data_subfolder,
+                                             const std::string& default_config_file_name) {
     default_config_file = default_config_file_name;
     unsigned flags = ParseParameters(argc, argv, data_subfolder);
     config_file_used = config_file;
@@ -184,7 +175,7 @@ std::optional<int> ReadProcessor::SetUp(int argc, char** argv, const std::string
     settings.verbose = verbose_logs;
     settings.trace_categories = trace_categories_logs;
     Common::InitLogging(settings);
-    OnParametersParsed();
+    if (const std::optional<int> status = OnParametersParsed()) return status;
 
     if (flags != 0) {
         // With --version the banner stands alone.

@@ -40,9 +40,11 @@ public:
     ~ReadProcessor() override;
 
     // Parses the options, prints banner / help / messages, creates the save
-    // folder and starts logging. Ends the process with 0 after the help and
-    // with 255 on option errors.
-    void Initialise(int argc, char** argv, const std::string& data_subfolder, const std::string& default_config_file);
+    // folder and starts logging. Returns the exit status when the process
+    // should end now (0 after the help, 255 on option errors), nothing to go
+    // on with Run.
+    std::optional<int> Initialise(int argc, char** argv, const std::string& data_subfolder,
+                                  const std::string& default_config_file);
     // Processes every input file; per-file and per-read failures are logged
     // and skipped. Returns the process exit status (0). Exceptions from
     // PrepareRun (configuration errors) propagate. Reading stops early when
@@ -67,7 +69,8 @@ protected:
     virtual std::string GetLogFileName() = 0;
     virtual std::string GetSummaryFileName() = 0;
     // Right after parsing and logging start-up, before messages are printed.
-    virtual void OnParametersParsed() {}
+    // A status ends the process with it at once (an answer such as a kit list).
+    virtual std::optional<int> OnParametersParsed() { return std::nullopt; }
     // After the summary file is opened, before the inputs are listed.
     virtual void PrepareRun() = 0;
     // The inputs are listed; none has been read yet.
@@ -100,10 +103,6 @@ protected:
     // watching, the count of files and reads_written is shown instead.
     void AdvanceProgress(uint64_t reads_written = 0);
 
-    // Initialise without ending the process: returns the exit status when the
-    // process should end now (help, option errors), nothing to go on.
-    std::optional<int> SetUp(int argc, char** argv, const std::string& data_subfolder,
-                             const std::string& default_config_file);
     // The input files: the names read from `names` when input_path is empty,
     // else the regular files in input_path (the whole tree with recursive)
     // that IsInputFileName accepts, in directory iteration order.

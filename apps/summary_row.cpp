@@ -144,13 +144,6 @@ void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcodin
     AppendOptionalColumns(out, trimmed, sample, reason);
 }
 
-std::string SummaryRow(std::string_view read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
-                       const TrimmedBases* trimmed, const std::string* sample) {
-    std::string row;
-    AppendSummaryRow(row, read_id, best, rear_window, trimmed, sample);
-    return row;
-}
-
 std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample,
                         const char* reason) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends

@@ -22,20 +22,17 @@ struct TrimmedBases {
 // The column names, tab separated, ending in a newline.
 std::string SummaryHeader(bool with_trim_columns, bool with_sample_column = false, bool with_reason_column = false);
 
-// Appends the row for a read classified as best to out (see SummaryRow).
+// Appends the row for a read classified as best to out. rear_window is the
+// length of the rear window actually used: min(rear_window_size, read
+// length). trimmed == nullptr leaves out the two trim columns, sample ==
+// nullptr the sample column, reason == nullptr the reason column (an empty
+// text leaves it empty).
 void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcoding::ArrangementDetectResult& best,
                       int rear_window, const TrimmedBases* trimmed, const std::string* sample = nullptr,
                       const char* reason = nullptr);
 
-// The row for a read classified as best. rear_window is the length of the rear
-// window actually used: min(rear_window_size, read length). trimmed == nullptr
-// leaves out the two trim columns, sample == nullptr the sample column,
-// reason == nullptr the reason column (an empty text leaves it empty).
-std::string SummaryRow(std::string_view read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
-                       const TrimmedBases* trimmed, const std::string* sample = nullptr);
-
 // The row for a read the scorer returned nothing for: the read id,
-// "unclassified", then empty or zero values, as many columns as SummaryRow.
+// "unclassified", then empty or zero values, as many columns as AppendSummaryRow.
 std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample = nullptr,
                         const char* reason = nullptr);
 

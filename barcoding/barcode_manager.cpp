@@ -399,17 +399,6 @@ std::string BarcodeManager::KitListing() const {
     return out.str();
 }
 
-std::string ToString(const Arrangement& a) {
-    std::ostringstream out;
-    out << "ID:             " << a.id << "\n"
-        << "normalised ID:  " << a.normalised_id << "\n"
-        << "kit:            " << a.kit << "\n"
-        << "front barc. ID: " << a.barcode1 << "\n"
-        << "rear barc. ID:  " << a.barcode2 << "\n"
-        << "variant:        " << a.variant;
-    return out.str();
-}
-
 std::string ToString(const BarcodeDetectResult& result) {
     if (result.id.empty()) return "[none]";
     std::ostringstream out;

@@ -60,7 +60,6 @@ private:
 };
 
 // Labelled multi-line debug texts.
-std::string ToString(const Arrangement& arrangement);
 std::string ToString(const BarcodeDetectResult& result);
 std::string ToString(const ArrangementDetectResult& result);
 

@@ -75,12 +75,6 @@ public:
     // near 0 but keeps its presence.
     float Presence(size_t k, int raw) const;
 
-    size_t Size() const { return self_.size(); }
-    int SelfScore(size_t k) const { return self_[k]; }
-    double Floor(size_t k) const { return floor_[k]; }  // -infinity without competitors
-    // 0 where the end has no window.
-    double Background(size_t k) const { return background_[k]; }
-
 private:
     std::vector<int> self_;
     std::vector<double> floor_;

@@ -17,19 +17,23 @@ int BarcodeTrimmer::CheckTrimLengthValid(int trim_length, std::string& sequence,
     if (sequence.size() != qstring.size())
         throw std::runtime_error(
             "Mismatching sequence and qstring lengths passed to BarcodeTrimmer::CheckTrimLengthValid");
+    return TrimmableBases(trim_length, sequence.size());
+}
+
+int BarcodeTrimmer::TrimmableBases(int trim_length, size_t bases) {
     if (trim_length == 0) return 0;
     if (trim_length < 0) {
         VB_LOG(TrimmerLog(), Severity::warning)
             << "Cannot trim a negative number, so will trim 0, Trim length: " << trim_length;
         return 0;
     }
-    if (static_cast<size_t>(trim_length) < sequence.size()) return trim_length;
+    if (static_cast<size_t>(trim_length) < bases) return trim_length;
     VB_LOG(TrimmerLog(), Severity::warning)
         << "Cannot trim more than the size of the FastQ Record sequence, so keeping one base to stop the read being "
            "completely empty. Trim length: "
-        << trim_length << " Sequence length: " << sequence.size();
+        << trim_length << " Sequence length: " << bases;
     // An empty record has nothing to keep or cut.
-    return sequence.empty() ? 0 : static_cast<int>(sequence.size()) - 1;
+    return bases == 0 ? 0 : static_cast<int>(bases) - 1;
 }
 
 int BarcodeTrimmer::TrimFront(int trim_length, std::string& sequence, std::string& qstring) {

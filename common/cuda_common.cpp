@@ -215,11 +215,6 @@ CUstream CUDADevice::CreateStream() {
     return stream;
 }
 
-void CUDADevice::DestroyStream(CUstream stream) {
-    ScopedContext current(*this);
-    VB_CUDA_CHECK(driver_.cuStreamDestroy_v2(stream));
-}
-
 CUdeviceptr CUDADevice::ReserveBuffer(size_t bytes, CUstream stream) {
     std::lock_guard<std::mutex> lock(mutex_);
     ScopedContext current(*this);

@@ -66,7 +66,6 @@ public:
     };
 
     CUstream CreateStream();
-    void DestroyStream(CUstream stream);
 
     // Shared buffer pool. A reserved buffer is the caller's until released;
     // release is asynchronous: the buffer is handed out again only once the

@@ -55,8 +55,6 @@ public:
     // it), else "'<name>': record <n> (line <l>) ...; the rest of the file was
     // skipped." with record fields capped at 200 characters.
     const std::string& Error() const { return error_; }
-    // Records delivered so far.
-    uint64_t RecordCount() const { return records_; }
 
 private:
     static constexpr int32_t kNotStarted = 0;

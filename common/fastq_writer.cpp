@@ -51,7 +51,31 @@ bool OutOfDescriptors(const OutputError& error) {
     return error.ErrorNumber() == EMFILE || error.ErrorNumber() == ENFILE;
 }
 
+// The folder of a record, relative to the save path: "calibration_strands"
+// for calibration reads, else optional "pass"/"fail", then the arrangement.
+std::string RecordFolder(const std::string& arrangement, bool split_pass_fail, bool pass, bool calibration) {
+    if (calibration) return "calibration_strands";
+    fs::path folder;
+    if (split_pass_fail) folder /= pass ? "pass" : "fail";
+    if (!arrangement.empty()) folder /= arrangement;
+    return folder.string();
+}
+
 }  // namespace
+
+OutputCompressor::OutputCompressor(OutputFormat format) : format_(format) {
+    if (format_ == OutputFormat::fastq) gzip_ = std::make_unique<GzipMemberWriter>();
+}
+
+OutputCompressor::~OutputCompressor() = default;
+
+void OutputCompressor::Append(std::string_view text, std::string& out) {
+    if (format_ == OutputFormat::bam) {
+        AppendBgzfBlocks(text, out, kBamCompressionLevel);
+    } else {
+        gzip_->Append(text, out);
+    }
+}
 
 void FastqChunk::AddRecord(const FastQRecord& record) {
     record.AppendTo(text);
@@ -213,13 +237,9 @@ bool FastqWriter::Compressed() const {
 }
 
 std::string FastqWriter::CompressPiece(std::string_view text) {
+    if (!compressor_) compressor_ = std::make_unique<OutputCompressor>(options_.format);
     std::string compressed;
-    if (options_.format == OutputFormat::bam) {
-        AppendBgzfBlocks(text, compressed, kBamCompressionLevel);
-    } else {
-        if (!gzip_) gzip_ = std::make_unique<GzipMemberWriter>();
-        gzip_->Append(text, compressed);
-    }
+    compressor_->Append(text, compressed);
     return compressed;
 }
 
@@ -256,20 +276,6 @@ void FastqWriter::Append(const FastqChunk& chunk) {
             done += take;
         }
     }
-}
-
-void FastqWriter::WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id) {
-    FastqChunk chunk;
-    chunk.folder = folder;
-    chunk.run_id = run_id;
-    if (options_.format == OutputFormat::bam) {
-        AppendBamRecord(chunk.text, record.GetReadId(), record.sequence, record.qstring, {});
-        chunk.record_ends.push_back(chunk.text.size());
-    } else {
-        chunk.AddRecord(record);
-    }
-    if (Compressed()) CompressPiece(chunk.text).swap(chunk.gzip);
-    Append(chunk);
 }
 
 void FastqWriter::BeginBatch() {
@@ -442,25 +448,22 @@ void FastqWriter::Finalise() {
     if (!failures.empty()) throw OutputError(failures);
 }
 
-BarcodeFastqWriter::BarcodeFastqWriter(const std::string& save_path, bool compress, unsigned records_per_fastq,
-                                       bool split_pass_fail)
-    : FastqWriter({save_path}, FastqWriterOptions{split_pass_fail, compress, records_per_fastq, 0}) {}
-
 BarcodeFastqWriter::BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options)
     : FastqWriter(std::move(save_paths), options) {}
 
-std::string BarcodeFastqWriter::FolderFor(const std::string& arrangement, bool split_pass_fail, bool pass,
-                                          bool calibration) {
-    if (calibration) return "calibration_strands";
-    fs::path folder;
-    if (split_pass_fail) folder /= pass ? "pass" : "fail";
-    if (!arrangement.empty()) folder /= arrangement;
-    return folder.string();
-}
-
 void BarcodeFastqWriter::Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id,
                                bool pass, bool calibration) {
-    WriteToFolder(record, FolderFor(arrangement, Options().split_pass_fail, pass, calibration), run_id);
+    FastqChunk chunk;
+    chunk.folder = RecordFolder(arrangement, Options().split_pass_fail, pass, calibration);
+    chunk.run_id = run_id;
+    if (Options().format == OutputFormat::bam) {
+        AppendBamRecord(chunk.text, record.ReadId(), record.sequence, record.qstring, {});
+        chunk.record_ends.push_back(chunk.text.size());
+    } else {
+        chunk.AddRecord(record);
+    }
+    if (Compressed()) chunk.gzip = CompressPiece(chunk.text);
+    Append(chunk);
 }
 
 }  // namespace Common

@@ -30,6 +30,23 @@ namespace Common {
 class GzipMemberWriter;
 enum class OutputFormat { fastq, bam };
 
+// Compresses output text as its format's files hold it: one gzip member for
+// FASTQ, whole BGZF blocks for BAM (ISA-L level 1 both), appended to out.
+// Keeps its compressor state: one per thread.
+class OutputCompressor {
+public:
+    explicit OutputCompressor(OutputFormat format);
+    ~OutputCompressor();
+    OutputCompressor(const OutputCompressor&) = delete;
+    OutputCompressor& operator=(const OutputCompressor&) = delete;
+
+    void Append(std::string_view text, std::string& out);
+
+private:
+    OutputFormat format_;
+    std::unique_ptr<GzipMemberWriter> gzip_;  // FASTQ only
+};
+
 struct FastqWriterOptions {
     bool split_pass_fail = false;    // "pass"/"fail" folder level
     bool compress = false;           // gzip
@@ -82,10 +99,6 @@ public:
     // before the first record.
     void SetFileHeader(std::string bytes) { file_header_ = std::move(bytes); }
 
-    // One record; folder is relative ("" = the root itself). As BAM: the read
-    // id, bases and qualities, no tags.
-    void WriteToFolder(const FastQRecord& record, const std::string& folder, const std::string& run_id);
-
     // Everything appended between BeginBatch and RollbackBatch is cut off
     // again (files cut back to their earlier size), so that a failed batch
     // leaves whole batches behind. CommitBatch forgets the record.
@@ -112,7 +125,6 @@ public:
     void Finalise();
 
     const FastqWriterOptions& Options() const { return options_; }
-    size_t OpenFileCount() const { return open_count_; }
 
 protected:
     struct Series;
@@ -120,6 +132,10 @@ protected:
 
     // Closes the series' current file and moves on to the next index.
     void startNewFile(const Key& key);
+    // Whether files hold compressed bytes (gzip, or BAM's BGZF), and the
+    // compressed form of text.
+    bool Compressed() const;
+    std::string CompressPiece(std::string_view text);
 
 private:
     Series& FindSeries(const Key& key, const std::string& relative_folder);
@@ -128,8 +144,6 @@ private:
     void CloseSeriesFile(Series& series);
     void CloseLeastRecentlyUsed();
     void NoteUndo(Series& series, const std::string& path, uint64_t size, bool created);
-    bool Compressed() const;
-    std::string CompressPiece(std::string_view text);
 
     std::vector<std::string> save_paths_;
     FastqWriterOptions options_;
@@ -149,22 +163,19 @@ private:
         Series* series;
     };
     std::vector<Undo> batch_undo_;
-    std::unique_ptr<GzipMemberWriter> gzip_;  // for chunks cut at a file boundary
+    std::unique_ptr<OutputCompressor> compressor_;  // for chunks cut at a file boundary
 };
 
 // Chooses the folder from the classification: "calibration_strands" for
 // calibration reads, else optional "pass"/"fail", then the arrangement name.
 class BarcodeFastqWriter : public FastqWriter {
 public:
-    BarcodeFastqWriter(const std::string& save_path, bool compress, unsigned records_per_fastq,
-                       bool split_pass_fail = false);
     BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options);
 
+    // One record into its folder's series (as BAM: read id, bases and
+    // qualities, no tags).
     void Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id, bool pass = true,
                bool calibration = false);
-
-    // The relative folder Write would use.
-    static std::string FolderFor(const std::string& arrangement, bool split_pass_fail, bool pass, bool calibration);
 };
 
 }  // namespace Common

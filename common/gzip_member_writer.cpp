@@ -28,8 +28,6 @@ GzipMemberWriter::GzipMemberWriter(int level) : stream_(std::make_unique<isal_zs
 GzipMemberWriter::~GzipMemberWriter() = default;
 // The stream's level_buf points into level_buffer_'s heap block, which a move
 // hands over unchanged.
-GzipMemberWriter::GzipMemberWriter(GzipMemberWriter&&) noexcept = default;
-GzipMemberWriter& GzipMemberWriter::operator=(GzipMemberWriter&&) noexcept = default;
 
 // Deflates straight into `out`, grown to a guess first and further only when
 // the guess was short; the text is fed in chunks ISA-L's counters can hold.

@@ -30,9 +30,6 @@ public:
     ~GzipMemberWriter();
     GzipMemberWriter(const GzipMemberWriter&) = delete;
     GzipMemberWriter& operator=(const GzipMemberWriter&) = delete;
-    // A moved-from writer may only be assigned to or destroyed.
-    GzipMemberWriter(GzipMemberWriter&&) noexcept;
-    GzipMemberWriter& operator=(GzipMemberWriter&&) noexcept;
 
     // Appends one gzip member holding `text` (header, deflate data, CRC-32 and
     // size) to `out`. An empty text makes a valid, empty member.

@@ -31,8 +31,4 @@ const KernelImage* FindKernelImage(const std::string& name) {
     return found == table.end() ? nullptr : &found->second;
 }
 
-bool HaveKernelImages() {
-    return !Table().empty();
-}
-
 }  // namespace Common

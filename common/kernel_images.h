@@ -17,7 +17,4 @@ struct KernelImage {
 // build does not carry it.
 const KernelImage* FindKernelImage(const std::string& name);
 
-// Whether this build was made with GPU kernels at all.
-bool HaveKernelImages();
-
 }  // namespace Common

@@ -145,6 +145,10 @@ void Parameters::AddOption(const std::string& name, const std::string& help, T* 
         if (flags & ConfigFile) throw std::runtime_error("Flag options cannot also be configuration options.");
         flags |= CommandLine;
     }
+    if (flags & Switch) {
+        if (!std::is_same_v<T, bool>) throw std::runtime_error("Switch options must have a storage type of bool.");
+        flags |= CommandLine | ConfigFile;
+    }
     if (!(flags & (CommandLine | ConfigFile))) flags |= CommandLine | ConfigFile;
     std::string key = name.substr(0, name.find(','));
     if (flags & Required) options_->required[key] = false;
@@ -152,16 +156,18 @@ void Parameters::AddOption(const std::string& name, const std::string& help, T* 
     // No default_value(): notify() then writes only options actually given, so
     // the member's initial value survives, and a value from the configuration
     // file survives the command line's notify unless that names it too.
-    auto make_value = [&]() {
+    // A switch takes no value on the command line only; in the configuration
+    // file it is written "name = true".
+    auto make_value = [&](bool command_line) {
         auto* value = po::value<T>(storage);
         if constexpr (std::is_same_v<T, bool>) {
-            if (flags & Flag) value->zero_tokens()->implicit_value(true);
+            if (command_line && (flags & (Flag | Switch))) value->zero_tokens()->implicit_value(true);
         }
         if constexpr (std::is_same_v<T, std::vector<std::string>>) value->multitoken();
         return value;
     };
-    if (flags & ConfigFile) options_->config_file.add_options()(name.c_str(), make_value(), help.c_str());
-    if (flags & CommandLine) options_->command_line.add_options()(name.c_str(), make_value(), help.c_str());
+    if (flags & ConfigFile) options_->config_file.add_options()(name.c_str(), make_value(false), help.c_str());
+    if (flags & CommandLine) options_->command_line.add_options()(name.c_str(), make_value(true), help.c_str());
     options_->declared.push_back({key, (flags & ConfigFile) != 0, [storage] { return ValueLines(*storage); }});
 }
 

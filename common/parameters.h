@@ -19,6 +19,10 @@ public:
         ConfigFile = 2,
         Flag = 4,  // switch without value; bool storage, command line only
         Required = 8,
+        // A switch without value on the command line that is also a
+        // configuration key taking true or false: one option, declared once.
+        // Bool storage.
+        Switch = 16,
     };
     // Bits returned by ParseParameters and kept in parse_result.
     enum ParseResult : unsigned {
@@ -58,7 +62,8 @@ protected:
     // Declares one option. name is "long" or "long,s". The storage keeps its
     // current value unless the option is actually given; the command line wins
     // over the configuration file. Throws std::runtime_error for a Flag whose
-    // storage is not bool or that is also a ConfigFile option. Available for
+    // storage is not bool or that is also a ConfigFile option, and for a
+    // Switch whose storage is not bool. Available for
     // bool, int, unsigned, long, unsigned long, float, double, std::string and
     // std::vector<std::string> (multi-token on the command line, repeated key
     // in the configuration file).

@@ -70,12 +70,6 @@ public:
     void AlignBatch(const ReferenceBatch& batch, const brim::data_wrappers::VecView<int>& query,
                     const std::vector<uint8_t>& want_path, std::vector<int>& scores, std::vector<Path>& paths);
 
-    int BandWidth() const { return band_width_; }
-    const std::vector<int>& Matrix() const { return matrix_; }
-    int MatrixDimension() const { return n_; }
-    // The six negated internal costs: start1, end1, open1, start2, end2, open2.
-    const std::vector<int>& GapCosts() const { return gap_costs_; }
-
 private:
     struct Work;  // score rows, match row, trace matrix, band offsets/lengths
     // Fills the trace of one alignment (both lengths > 0); returns its score.

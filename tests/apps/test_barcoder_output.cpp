@@ -34,6 +34,13 @@ std::vector<std::string> SplitRow(const std::string& row) {
     return fields;
 }
 
+std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementDetectResult& best, int rear_window,
+                       const Vorpa::TrimmedBases* trimmed, const std::string* sample = nullptr) {
+    std::string row;
+    Vorpa::AppendSummaryRow(row, read_id, best, rear_window, trimmed, sample);
+    return row;
+}
+
 std::string RandomBases(std::mt19937& rng, int length) {
     std::string bases;
     for (int i = 0; i < length; ++i)
@@ -76,7 +83,7 @@ TEST(SummaryRow, ColumnsAgreeWithHeaderAndDetections) {
         const Vorpa::TrimmedBases trimmed{static_cast<int>(rng() % 50), static_cast<int>(rng() % 50)};
 
         const auto header = SplitRow(Vorpa::SummaryHeader(trim));
-        const auto row = SplitRow(Vorpa::SummaryRow("read1", best, window, trim ? &trimmed : nullptr));
+        const auto row = SplitRow(SummaryRow("read1", best, window, trim ? &trimmed : nullptr));
         const auto empty = SplitRow(Vorpa::NoResultRow("read2", trim));
         ASSERT_EQ(header.size(), trim ? 20u : 18u);
         ASSERT_EQ(row.size(), header.size());
@@ -137,7 +144,7 @@ TEST(SummaryRow, ScoresPrintLikeTheStreamDefault) {
     for (float value : values) {
         Barcoding::ArrangementDetectResult best;
         best.score = value;
-        const auto row = SplitRow(Vorpa::SummaryRow("r", best, 100, nullptr));
+        const auto row = SplitRow(SummaryRow("r", best, 100, nullptr));
         ASSERT_EQ(row[5], Text(value)) << value;
     }
 }
@@ -156,7 +163,7 @@ TEST(SummaryRow, ControlCharactersInTextsKeepTheRowShape) {
     for (bool trim : {false, true}) {
         const Vorpa::TrimmedBases trimmed{1, 2};
         for (const std::string& text :
-             {Vorpa::SummaryRow(id, best, 100, trim ? &trimmed : nullptr), Vorpa::NoResultRow(id, trim)}) {
+             {SummaryRow(id, best, 100, trim ? &trimmed : nullptr), Vorpa::NoResultRow(id, trim)}) {
             EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
             EXPECT_EQ(text.find('\r'), std::string::npos);
             const auto row = SplitRow(text);
@@ -164,7 +171,7 @@ TEST(SummaryRow, ControlCharactersInTextsKeepTheRowShape) {
             EXPECT_EQ(row[0], "r_1__2");
         }
     }
-    const auto row = SplitRow(Vorpa::SummaryRow(id, best, 100, nullptr));
+    const auto row = SplitRow(SummaryRow(id, best, 100, nullptr));
     EXPECT_EQ(row[2], "odd_id");
     EXPECT_EQ(row[3], "K_");
 }
@@ -178,7 +185,7 @@ TEST(SummaryRow, SampleColumnComesLast) {
     const std::string sample = "Liver-A";
     for (bool trim : {false, true}) {
         const auto header = SplitRow(Vorpa::SummaryHeader(trim, true));
-        const auto row = SplitRow(Vorpa::SummaryRow("r1", best, 100, trim ? &trimmed : nullptr, &sample));
+        const auto row = SplitRow(SummaryRow("r1", best, 100, trim ? &trimmed : nullptr, &sample));
         const auto empty = SplitRow(Vorpa::NoResultRow("r2", trim, &sample));
         ASSERT_EQ(header.size(), trim ? 21u : 19u);
         ASSERT_EQ(row.size(), header.size());

@@ -37,7 +37,7 @@ public:
         std::vector<char*> argv;
         for (auto& arg : args)
             argv.push_back(arg.data());
-        return SetUp(static_cast<int>(argv.size()), argv.data(), "", "");
+        return Initialise(static_cast<int>(argv.size()), argv.data(), "", "");
     }
 
 protected:
@@ -107,7 +107,7 @@ protected:
 
 }  // namespace
 
-TEST_F(ReadProcessorTest, SetUpResolvesSaveFolderAndRejectsBadOptions) {
+TEST_F(ReadProcessorTest, InitialiseResolvesSaveFolderAndRejectsBadOptions) {
     std::string in = (root / "in").string();
     {
         TestProcessor p;

@@ -240,10 +240,6 @@ TEST(BarcodeManager, KitSelection) {
 }
 
 TEST(BarcodeManager, Printing) {
-    Arrangement a{"id1", "norm", "kit", "F_FWD", "", "ADD", "var1", "f.cfg", {}};
-    EXPECT_EQ(ToString(a),
-              "ID:             id1\nnormalised ID:  norm\nkit:            kit\nfront barc. ID: F_FWD\n"
-              "rear barc. ID:  \nvariant:        var1");
     ArrangementDetectResult r;
     r.id = "id1";
     r.normalised_id = "unclassified";

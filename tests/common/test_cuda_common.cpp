@@ -138,7 +138,7 @@ TEST(CudaDevice, BufferPool) {
                   "ReleaseBufferAsync: unknown buffer address.");
         device->ReleaseBufferAsync(c, stream);
         EXPECT_EQ(ErrorOf([&] { device->ReleaseBufferAsync(c, stream); }), "ReleaseBufferAsync: Buffer not reserved.");
-        device->DestroyStream(stream);
+        Common::GetCudaDriver().cuStreamDestroy_v2(stream);
     }
     EXPECT_TRUE(fake.state().device_blocks.empty());
     EXPECT_EQ(fake.state().live_events, 0);

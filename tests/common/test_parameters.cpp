@@ -25,6 +25,7 @@ public:
     bool flag = false;
     std::vector<std::string> list;
     std::string needed;
+    bool toggle = false;
     bool valid = true;
 
     unsigned Parse(std::vector<std::string> args) {
@@ -43,6 +44,7 @@ protected:
         AddOption("flag,f", "a switch", &flag, Flag);
         AddOption("list", "several words", &list, 0);
         AddOption("needed,n", "must be given", &needed, Required);
+        AddOption("toggle", "a switch and a key", &toggle, Switch);
         AddIgnoredOption("old_key");
     }
     bool ValidateParams() override { return valid; }
@@ -180,6 +182,15 @@ TEST_F(ParametersTest, MisdeclaredFlagsThrow) {
     struct BadFlag : TestParameters {
         void AddOptions() override { AddOption("count", "", &threads, Flag); }
     };
+    struct BadSwitch : TestParameters {
+        void AddOptions() override { AddOption("count", "", &threads, Switch); }
+    };
+    try {
+        BadSwitch().Parse({});
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Switch options must have a storage type of bool.");
+    }
     struct ConfigFlag : TestParameters {
         void AddOptions() override { AddOption("switch", "", &flag, Flag | ConfigFile); }
     };
@@ -199,8 +210,9 @@ TEST_F(ParametersTest, MisdeclaredFlagsThrow) {
 
 TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {
     TestParameters p;
-    ASSERT_EQ(
-        p.Parse({"-d", folder.string(), "-n", "x y", "-t", "9", "--list", "a", "b c", "--ratio", "0.1", "--flag"}), 0u)
+    ASSERT_EQ(p.Parse({"-d", folder.string(), "-n", "x y", "-t", "9", "--list", "a", "b c", "--ratio", "0.1", "--flag",
+                       "--toggle"}),
+              0u)
         << p.error_text;
     std::string path = (folder / "dump.cfg").string();
     p.WriteConfigFile(path, {"written by the test"}, false);
@@ -209,6 +221,9 @@ TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {
     EXPECT_EQ(text.rfind("# written by the test\n\n\n", 0), 0u);
     EXPECT_NE(text.find("ratio\t\t=\t0.1\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("flag"), std::string::npos);  // command-line only
+    // A switch that is also a key is written once, as a key.
+    EXPECT_NE(text.find("toggle\t\t=\ttrue\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("toggle"), text.rfind("toggle")) << text;
 
     TestParameters q;
     q.default_config_file = "dump.cfg";
@@ -218,14 +233,15 @@ TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {
     EXPECT_EQ(q.list, p.list);
     EXPECT_EQ(q.ratio, p.ratio);
     EXPECT_FALSE(q.flag);
+    EXPECT_TRUE(q.toggle);
 }
 
 // The run report lists the options with these texts; they must be the dump's.
 TEST_F(ParametersTest, OptionValuesAreTheDumpedTextsInDeclarationOrder) {
     TestParameters p;
     ASSERT_EQ(p.Parse({"-d", folder.string(), "-n", "x y", "--list", "a", "b c", "--ratio", "0.1", "--flag"}), 0u);
-    const std::vector<std::pair<std::string, std::string>> expected = {{"threads", "4"},  {"name", "initial"},
-                                                                       {"ratio", "0.1"},  {"flag", "true"},
-                                                                       {"list", "a b c"}, {"needed", "x y"}};
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"threads", "4"},  {"name", "initial"}, {"ratio", "0.1"},   {"flag", "true"},
+        {"list", "a b c"}, {"needed", "x y"},   {"toggle", "false"}};
     EXPECT_EQ(p.OptionValues(), expected);
 }

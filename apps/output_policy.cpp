@@ -1,0 +1,117 @@
+#include "apps/output_policy.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <string_view>
+
+#include "apps/run_report.h"
+#include "barcoding/barcode_scorer.h"
+#include "common/bam_record.h"
+#include "common/barcode_trimmer.h"
+
+namespace Vorpa {
+
+namespace {
+
+const char* const kNotInSampleSheet = "not in sample sheet";
+const std::string kUnclassifiedSample = kUnclassified;
+
+// Bases each end loses: what the best result asks for, clamped as the trimmer
+// clamps it, the rear on what the front leaves.
+TrimmedBases TrimAmounts(const Barcoding::ArrangementDetectResult& best, const Barcoding::ScorerOptions& options,
+                         size_t bases) {
+    TrimmedBases trim;
+    trim.front = Common::BarcodeTrimmer::TrimmableBases(Barcoding::FrontTrimLength(best, options), bases);
+    trim.rear = Common::BarcodeTrimmer::TrimmableBases(Barcoding::RearTrimLength(best, options),
+                                                       bases - static_cast<size_t>(trim.front));
+    return trim;
+}
+
+// A read from BAM input keeps its tags, less an earlier arrangement tag and,
+// when bases are cut off, the tags that index into the bases. A read from
+// FASTQ keeps its title's comment (the key=value fields) as the standard
+// comment tag CO, which BAM input reads back into the title.
+void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::string& tags) {
+    tags.clear();
+    if (record.tags) {
+        tags = *record.tags;
+        const std::string_view arrangement_tag[] = {Common::kArrangementTag};
+        Common::RemoveTags(tags, arrangement_tag);
+        if (out.trim.front + out.trim.rear > 0) {
+            Common::RemoveTags(tags, Common::kModificationTags);
+            Common::RemoveTags(tags, Common::kPerBaseTags);
+        }
+    } else if (!record.Comment().empty()) {
+        Common::AppendTextTag(tags, "CO", record.Comment());
+    }
+    Common::AppendTextTag(tags, Common::kArrangementTag, out.arrangement);
+}
+
+}  // namespace
+
+void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding::ArrangementDetectResult>& results,
+                  const OutputPolicy& policy, ReadOutput& out) {
+    const std::string_view read_id = record.ReadId();
+    if (policy.bam && !Common::ValidBamReadName(read_id))
+        throw std::runtime_error("the read id '" + std::string(read_id) + "' cannot be a BAM read name");
+
+    const bool trimming = policy.scorer.trim_barcodes;
+    out.arrangement = kUnclassified;
+    out.score = -std::numeric_limits<float>::infinity();
+    out.trim = TrimmedBases{};
+    out.mixed = false;
+    // The scorer always returns a result; an empty list counts as nothing found.
+    out.reason = Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum);
+    if (!results.empty()) {
+        const auto& best = results.front();
+        out.arrangement = best.normalised_id;
+        out.score = best.score;
+        out.reason = Barcoding::UnclassifiedReasonText(best.reason);
+        out.mixed = best.mixed;
+        if (trimming) out.trim = TrimAmounts(best, policy.scorer, record.sequence.size());
+    }
+    // With a sample sheet, a read whose arrangement the sheet does not list
+    // is unclassified; its summary row still shows the best candidate.
+    out.sample = nullptr;
+    bool unlisted = false;
+    if (policy.sample_sheet != nullptr && out.arrangement != kUnclassified) {
+        out.sample = policy.sample_sheet->SampleOf(out.arrangement);
+        if (out.sample == nullptr) {
+            unlisted = true;
+            out.arrangement = kUnclassified;
+            out.reason = kNotInSampleSheet;
+        }
+    }
+    if (out.arrangement != kUnclassified) out.reason = "";
+    out.folder = out.sample != nullptr ? *out.sample : out.arrangement;
+    if (policy.sample_sheet != nullptr && out.sample == nullptr) out.sample = &kUnclassifiedSample;
+    out.run_id.assign(record.RunId());
+
+    out.title_tag.clear();
+    out.bam_tags.clear();
+    if (policy.bam) {
+        BamTags(record, out, out.bam_tags);
+    } else {
+        out.title_tag.append("barcode=").append(out.arrangement);
+    }
+
+    out.summary_row.clear();
+    const char* reason_column = policy.reason_column ? out.reason : nullptr;
+    if (results.empty()) {
+        out.summary_row = NoResultRow(read_id, trimming, out.sample, reason_column);
+        return;
+    }
+    const int rear_window = std::min(policy.scorer.rear_window_size, static_cast<int>(record.sequence.size()));
+    const TrimmedBases* trim_columns = trimming ? &out.trim : nullptr;
+    if (unlisted) {
+        auto shown = results.front();
+        shown.normalised_id = kUnclassified;
+        AppendSummaryRow(out.summary_row, read_id, shown, rear_window, trim_columns, out.sample, reason_column);
+    } else {
+        AppendSummaryRow(out.summary_row, read_id, results.front(), rear_window, trim_columns, out.sample,
+                         reason_column);
+    }
+}
+
+}  // namespace Vorpa
