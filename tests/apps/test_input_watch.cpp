@@ -43,7 +43,7 @@ protected:
 TEST_F(InputWatchTest, FilesAreHandedOutOnceSettledOrRenamedIn) {
     Append("old.fastq");
     fs::last_write_time(root / "in" / "old.fastq", fs::file_time_type::clock::now() - 1h);
-    Vorpa::InputWatcher watcher((root / "in").string(), false, (root / "out").string(), 0.5);
+    Vorpa::InputWatcher watcher((root / "in").string(), false, (root / "out").string(), 1.0);
     Append("growing.fastq");
     Append("writing.fastq.tmp");
     Append("renamed.fastq.part");
@@ -56,12 +56,12 @@ TEST_F(InputWatchTest, FilesAreHandedOutOnceSettledOrRenamedIn) {
     }
     // Appends keep a file from settling.
     for (int i = 0; i < 4; ++i) {
-        std::this_thread::sleep_for(200ms);
+        std::this_thread::sleep_for(150ms);
         Append("growing.fastq");
         for (const auto& name : Names(watcher.Poll(10ms)))
             EXPECT_NE(name, "growing.fastq") << "handed out while still growing";
     }
-    std::this_thread::sleep_for(700ms);
+    std::this_thread::sleep_for(1500ms);
     auto settled = Names(watcher.Poll(10ms));
     std::erase(settled, "renamed.fastq");
     EXPECT_EQ(settled, (std::vector<std::string>{"growing.fastq"}));

@@ -90,7 +90,7 @@ def feed_folder(folder, parts, start_delay):
             for k in range(pieces):
                 with open(path, "ab") as handle:
                     handle.write(data[k * step:(k + 1) * step])
-                time.sleep(0.4)
+                time.sleep(0.3)
         time.sleep(0.3)
 
 
@@ -108,11 +108,13 @@ def case_watch_growing_folder(ctx):
     writer = multiprocessing.Process(target=feed_folder, args=(ctx.path("in"), parts, 1.0))
     writer.start()
     started = time.monotonic()
-    result = ctx.run(barcoder_args("in", "watched", "--watch", "--watch_settle", "1", "--watch_timeout", "4",
+    # Pieces come every 0.3 s: settling takes 2 s, so that a stalled writer
+    # on a busy machine does not look finished.
+    result = ctx.run(barcoder_args("in", "watched", "--watch", "--watch_settle", "2", "--watch_timeout", "5",
                                    "-t", "2"))
     took = time.monotonic() - started
     writer.join()
-    check("No new input file for 4 s: the run ends." in result.stdout, f"no timeout message:\n{result.stdout[-2000:]}")
+    check("No new input file for 5 s: the run ends." in result.stdout, f"no timeout message:\n{result.stdout[-2000:]}")
     check("Files done: 6, reads written:" in result.stdout, f"no running count of files:\n{result.stdout[-2000:]}")
     check(took < 40, f"the watch took {took:.0f} s")
     ctx.run(barcoder_args("in", "single"))
