@@ -15,7 +15,6 @@ import gzip
 import json
 import multiprocessing
 import os
-import re
 import shutil
 import signal
 import subprocess
@@ -146,6 +145,22 @@ def case_watch_stop_file(ctx):
     check(took < 30, f"the run went on {took:.0f} s after the stop file")
     check("Stop file" in result.stdout, f"no stop message:\n{result.stdout[-2000:]}")
     check(len(summary_rows(ctx.path("out"))) == len(records), "the files not yet settled were not read")
+    # A signal ends a watching run as any other: status 130, every file closed.
+    process = subprocess.Popen([ctx.binary] + barcoder_args("in", "signalled", "--watch", "--watch_settle", "0"),
+                               cwd=ctx.work, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    def rows_so_far():
+        try:
+            return len(summary_rows(ctx.path("signalled")))
+        except (OSError, Failure):  # not there yet, or caught mid-write
+            return 0
+
+    deadline = time.monotonic() + 60
+    while time.monotonic() < deadline and rows_so_far() < len(records):
+        time.sleep(0.2)
+    process.send_signal(signal.SIGINT)
+    out, err = process.communicate(timeout=60)
+    check(process.returncode == 130, f"status {process.returncode} after SIGINT while watching\n{out[-2000:]}{err}")
+    check(len(summary_rows(ctx.path("signalled"))) == len(records), "reads lost to the signal")
 
 
 # ---------------------------------------------------------------- resume
