@@ -62,12 +62,15 @@ struct HtsInput {
         file = sam_open(path.c_str(), "r");
         if (file == nullptr) throw std::runtime_error("Could not open input file '" + path + "'");
         truncated = hts_check_EOF(file) == 0;
-        if (threads > 0) hts_set_threads(file, threads);
         header = sam_hdr_read(file);
         if (header == nullptr) {
             sam_close(file);
             throw std::runtime_error("Could not read the header of '" + path + "'");
         }
+        // Threads only once the header is read: reading it checks for the
+        // end-of-file marker again, and with threads running that check can
+        // wait forever on a damaged file (htslib 1.16).
+        if (threads > 0) hts_set_threads(file, threads);
     }
     ~HtsInput() {
         sam_hdr_destroy(header);
