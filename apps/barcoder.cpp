@@ -125,6 +125,21 @@ void Barcoder::AddApplicationOptions() {
         "minimum score and the other passes it for another barcode, or fails it but fits another barcode best "
         "and clearly better than random sequence. Reads with a barcode at one end only are still classified.",
         &o.reject_mixed_barcodes, kSwitchOrKey);
+    AddOption<int>("min_barcode_quality",
+                   "Leave a read unclassified when its barcode quality (the Phred-scaled probability that its "
+                   "barcode is wrong, 0 to 60) is below this; 0 (default) keeps every call.",
+                   &o.min_barcode_quality, kValue);
+    AddOption<bool>(
+        "barcode_quality_column",
+        "Add a summary column 'barcode_quality': how sure the call is, -10 log10 of the probability that the "
+        "read's barcode is wrong (another barcode or none), 0 to 60; 0 for unclassified reads.",
+        &quality_columns.quality, kSwitchOrKey);
+    AddOption<bool>(
+        "barcode_evidence_columns",
+        "Add summary columns with what the barcode quality is computed from, per end: the barcode's presence, "
+        "its margins in substitutions over the best other barcode and over random sequence, the best other "
+        "barcode's score and presence, and the bases searched (for refitting the quality model).",
+        &quality_columns.evidence, kSwitchOrKey);
     AddOption<bool>(
         "unclassified_reason_column",
         "Add a last column 'barcode_unclassified_reason' to the summary: why a read was left unclassified (empty "
@@ -264,6 +279,7 @@ void Barcoder::PrepareConfiguration() {
     output_policy.bam = bam_output;
     output_policy.sample_sheet = sample_sheet ? &*sample_sheet : nullptr;
     output_policy.reason_column = unclassified_reason_column;
+    output_policy.quality_columns = quality_columns;
 }
 
 void Barcoder::LogSettings() {
@@ -313,7 +329,8 @@ void Barcoder::CheckBothEndsRequirement() {
 void Barcoder::PrepareRun() {
     if (!append_summary)
         summary_file.Write(
-            SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column));
+            SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column,
+                          quality_columns));
     Common::FastqWriterOptions options;
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);
@@ -669,7 +686,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
             tally.unclassified_reasons.emplace(out.reason, 1);
     }
     // Bases as written: after trimming.
-    tally.AddRead(out.arrangement, record.sequence.size(), out.score);
+    tally.AddRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
     if (out.sample != nullptr) ++tally.samples[*out.sample];
 }
 

@@ -20,6 +20,7 @@
 #include "apps/resume_state.h"
 #include "apps/run_report.h"
 #include "apps/sample_sheet.h"
+#include "apps/summary_row.h"
 #include "barcoding/detect_results.h"
 #include "barcoding/scorer_options.h"
 
@@ -121,6 +122,7 @@ private:
     std::string sample_sheet_path;
     bool print_kits = false;
     bool unclassified_reason_column = false;
+    QualityColumns quality_columns;
     std::string device;
     bool resume = false;
 

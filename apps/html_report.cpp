@@ -195,6 +195,8 @@ void Distributions(Page& page, const RunTally& tally) {
         const ClassifiedSplit* split;
     } plots[] = {
         {"scores", "Barcode scores", "barcode score (100: a perfect barcode)", &tally.scores},
+        {"quality", "Barcode quality", "barcode quality (-10 log10 of the chance that the barcode is wrong)",
+         &tally.quality},
     };
     for (const auto& plot : plots) {
         LineChart chart;

@@ -28,16 +28,17 @@ TrimmedBases TrimAmounts(const Barcoding::ArrangementDetectResult& best, const B
     return trim;
 }
 
-// A read from BAM input keeps its tags, less an earlier arrangement tag and,
-// when bases are cut off, the tags that index into the bases. A read from
-// FASTQ keeps its title's comment (the key=value fields) as the standard
-// comment tag CO, which BAM input reads back into the title.
+// A read from BAM input keeps its tags, less earlier arrangement and barcode
+// quality tags and, when bases are cut off, the tags that index into the
+// bases. A read from FASTQ keeps its title's comment (the key=value fields) as
+// the standard comment tag CO, which BAM input reads back into the title.
+// Then come the arrangement (ar) and the barcode quality (bq).
 void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::string& tags) {
     tags.clear();
     if (record.tags) {
         tags = *record.tags;
-        const std::string_view arrangement_tag[] = {Common::kArrangementTag};
-        Common::RemoveTags(tags, arrangement_tag);
+        const std::string_view our_tags[] = {Common::kArrangementTag, Common::kBarcodeQualityTag};
+        Common::RemoveTags(tags, our_tags);
         if (out.trim.front + out.trim.rear > 0) {
             Common::RemoveTags(tags, Common::kModificationTags);
             Common::RemoveTags(tags, Common::kPerBaseTags);
@@ -46,6 +47,7 @@ void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::stri
         Common::AppendTextTag(tags, "CO", record.Comment());
     }
     Common::AppendTextTag(tags, Common::kArrangementTag, out.arrangement);
+    Common::AppendIntTag(tags, Common::kBarcodeQualityTag, out.quality);
 }
 
 }  // namespace
@@ -61,6 +63,9 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.score = -std::numeric_limits<float>::infinity();
     out.trim = TrimmedBases{};
     out.mixed = false;
+    out.quality = 0;
+    out.error_probability = 0;
+    out.candidate_quality = -1;
     // The scorer always returns a result; an empty list counts as nothing found.
     out.reason = Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum);
     if (!results.empty()) {
@@ -69,6 +74,9 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         out.score = best.score;
         out.reason = Barcoding::UnclassifiedReasonText(best.reason);
         out.mixed = best.mixed;
+        out.quality = best.quality;
+        out.error_probability = best.error_probability;
+        out.candidate_quality = best.candidate_quality;
         if (trimming) out.trim = TrimAmounts(best, policy.scorer, record.sequence.size());
     }
     // With a sample sheet, a read whose arrangement the sheet does not list
@@ -83,7 +91,12 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
             out.reason = kNotInSampleSheet;
         }
     }
-    if (out.arrangement != kUnclassified) out.reason = "";
+    if (out.arrangement == kUnclassified) {
+        out.quality = 0;
+        out.error_probability = 0;
+    } else {
+        out.reason = "";
+    }
     out.folder = out.sample != nullptr ? *out.sample : out.arrangement;
     if (policy.sample_sheet != nullptr && out.sample == nullptr) out.sample = &kUnclassifiedSample;
     out.run_id.assign(record.RunId());
@@ -99,7 +112,7 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.summary_row.clear();
     const char* reason_column = policy.reason_column ? out.reason : nullptr;
     if (results.empty()) {
-        out.summary_row = NoResultRow(read_id, trimming, out.sample, reason_column);
+        out.summary_row = NoResultRow(read_id, trimming, out.sample, reason_column, policy.quality_columns);
         return;
     }
     const int rear_window = std::min(policy.scorer.rear_window_size, static_cast<int>(record.sequence.size()));
@@ -107,10 +120,12 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     if (unlisted) {
         auto shown = results.front();
         shown.normalised_id = kUnclassified;
-        AppendSummaryRow(out.summary_row, read_id, shown, rear_window, trim_columns, out.sample, reason_column);
+        shown.quality = 0;
+        AppendSummaryRow(out.summary_row, read_id, shown, rear_window, trim_columns, out.sample, reason_column,
+                         policy.quality_columns);
     } else {
         AppendSummaryRow(out.summary_row, read_id, results.front(), rear_window, trim_columns, out.sample,
-                         reason_column);
+                         reason_column, policy.quality_columns);
     }
 }
 

@@ -22,6 +22,7 @@ struct OutputPolicy {
     bool bam = false;                           // BAM records instead of FASTQ text
     const SampleSheet* sample_sheet = nullptr;  // files reads by sample when set
     bool reason_column = false;                 // the summary's barcode_unclassified_reason
+    QualityColumns quality_columns;             // the summary's barcode quality and evidence columns
 };
 
 // What becomes of one read.
@@ -39,6 +40,11 @@ struct ReadOutput {
     const char* reason = "";  // why it is unclassified; "" for a classified read
     bool mixed = false;       // its ends named different barcodes
     float score = 0;          // the best arrangement's score (-infinity without one)
+    int quality = 0;          // the call's barcode quality, 0 when unclassified
+    // The probability that the call is wrong; 0 when unclassified (no call,
+    // no wrong call to expect).
+    double error_probability = 0;
+    int candidate_quality = -1;  // the best candidate's quality, made or not; -1 without one
 };
 
 // Decides for a read that has a run id; results are the scorer's, best

@@ -69,7 +69,8 @@ std::string Bins(const Counts& counts) {
 // one is one more line here.
 template <typename Tally>
 auto Splits(Tally& tally) {
-    return std::vector<std::pair<const char*, decltype(&tally.scores)>>{{"scores", &tally.scores}};
+    return std::vector<std::pair<const char*, decltype(&tally.scores)>>{{"scores", &tally.scores},
+                                                                         {"quality", &tally.quality}};
 }
 
 class Line {
@@ -156,7 +157,8 @@ std::string FormatResumeState(const ResumeState& state) {
           std::to_string(t.records_skipped)});
     for (const auto& [name, figures] : t.arrangements)
         line({"arrangement", Escape(name), std::to_string(figures.reads), std::to_string(figures.bases),
-              Exact(figures.score_sum), std::to_string(figures.scored), Bins(figures.lengths.counts)});
+              Exact(figures.score_sum), std::to_string(figures.scored), Bins(figures.lengths.counts),
+              Exact(figures.expected_wrong)});
     for (const auto& [reason, count] : t.unclassified_reasons)
         line({"reason", Escape(reason), std::to_string(count)});
     for (const auto& [sample, count] : t.samples)
@@ -207,13 +209,14 @@ ResumeState ParseResumeState(const std::string& text, const std::string& name) {
             t.files_failed = line.Count(6);
             t.records_skipped = line.Count(7);
         } else if (kind == "arrangement") {
-            line.Expect(7);
+            line.Expect(8);
             ArrangementTally& figures = t.arrangements[line.Text(1)];
             figures.reads = line.Count(2);
             figures.bases = line.Count(3);
             figures.score_sum = line.Real(4);
             figures.scored = line.Count(5);
             line.ReadBins(6, figures.lengths.counts);
+            figures.expected_wrong = line.Real(7);
         } else if (kind == "reason") {
             line.Expect(3);
             t.unclassified_reasons[line.Text(1)] = line.Count(2);

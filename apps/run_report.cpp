@@ -15,7 +15,8 @@ namespace Vorpa {
 namespace {
 
 // The reasons every JSON report lists, zero or not, first and in this order.
-constexpr const char* kListedReasonKeys[] = {"no_barcode_above_minimum", "mixed_barcodes", "one_end_only"};
+constexpr const char* kListedReasonKeys[] = {"no_barcode_above_minimum", "mixed_barcodes", "one_end_only",
+                                             "low_barcode_quality"};
 
 double Percent(uint64_t part, uint64_t total) {
     return total == 0 ? 0.0 : 100.0 * part / total;
@@ -89,13 +90,15 @@ std::string ArrangementJson(const ArrangementTally& figures) {
     return JsonObject({{"reads", JsonInteger(figures.reads)},
                        {"bases", JsonInteger(figures.bases)},
                        {"mean_read_length", JsonNumber(mean_length)},
-                       {"mean_score", JsonNumber(mean_score)}});
+                       {"mean_score", JsonNumber(mean_score)},
+                       {"expected_wrong_calls", JsonNumber(figures.expected_wrong)}});
 }
 
 }  // namespace
 
-void ArrangementTally::Add(uint64_t read_bases, float score) {
+void ArrangementTally::Add(uint64_t read_bases, float score, double error_probability) {
     ++reads;
+    expected_wrong += error_probability;
     bases += read_bases;
     lengths.Add(read_bases);
     if (std::isfinite(score)) {
@@ -110,11 +113,15 @@ void ArrangementTally::Add(const ArrangementTally& other) {
     score_sum += other.score_sum;
     scored += other.scored;
     lengths.Add(other.lengths);
+    expected_wrong += other.expected_wrong;
 }
 
-void RunTally::AddRead(const std::string& arrangement, uint64_t bases, float score) {
-    arrangements[arrangement].Add(bases, score);
-    scores.Add(arrangement != kUnclassified, score);
+void RunTally::AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability,
+                       int candidate_quality) {
+    arrangements[arrangement].Add(bases, score, error_probability);
+    const bool classified = arrangement != kUnclassified;
+    scores.Add(classified, score);
+    if (candidate_quality >= 0) quality.Add(classified, candidate_quality);
 }
 
 uint64_t RunTally::Written() const {
@@ -145,6 +152,7 @@ void RunTally::Add(const RunTally& other) {
     for (const auto& [sample, reads] : other.samples)
         samples[sample] += reads;
     scores.Add(other.scores);
+    quality.Add(other.quality);
 }
 
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) {

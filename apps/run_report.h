@@ -26,8 +26,10 @@ struct ArrangementTally {
     double score_sum = 0;     // of the finite barcode scores
     uint64_t scored = 0;      // reads with a finite barcode score
     LengthHistogram lengths;  // of the reads as written
+    // Sum over the classified reads of the probability that the call is wrong.
+    double expected_wrong = 0;
 
-    void Add(uint64_t read_bases, float score);
+    void Add(uint64_t read_bases, float score, double error_probability = 0);
     void Add(const ArrangementTally& other);
 };
 
@@ -36,6 +38,8 @@ struct ArrangementTally {
 struct RunTally {
     // Scale of the barcode score histograms: 100 is a perfect barcode.
     static constexpr ValueScale kScoreScale{-50, 5, 31};
+    // Scale of the barcode quality histograms: 0 to 60 in steps of 5.
+    static constexpr ValueScale kQualityScale{0, 5, 13};
 
     // Written reads by reported arrangement name, "unclassified" included.
     std::map<std::string, ArrangementTally> arrangements;
@@ -53,9 +57,14 @@ struct RunTally {
     std::map<std::string, uint64_t> samples;
     // Barcode scores of the best candidate, classified against unclassified.
     ClassifiedSplit scores{kScoreScale, {}, {}};
+    // Barcode quality of the best candidate's call (made or not), likewise.
+    ClassifiedSplit quality{kQualityScale, {}, {}};
 
-    // One written read: its reported arrangement, bases as written and score.
-    void AddRead(const std::string& arrangement, uint64_t bases, float score);
+    // One written read: its reported arrangement, bases as written, score, the
+    // probability that its call is wrong (0 when unclassified) and the
+    // quality of its best candidate's call (negative: no candidate).
+    void AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability = 0,
+                 int candidate_quality = -1);
     uint64_t Written() const;
     uint64_t Unclassified() const;
     void Add(const RunTally& other);
@@ -80,7 +89,8 @@ struct RunInfo {
 // order; counts are JSON integers, the other figures JSON numbers with a
 // fraction; arrangements by name with "unclassified" last. Unclassified
 // reasons are keyed by their text in snake case ("no_barcode_above_minimum",
-// "mixed_barcodes", "one_end_only", always present; "not_in_sample_sheet"
+// "mixed_barcodes", "one_end_only", "low_barcode_quality", always present;
+// "not_in_sample_sheet"
 // with a sample sheet); "samples" is there with a sample sheet only.
 std::string FormatJsonReport(const RunTally& tally, const RunInfo& info);
 

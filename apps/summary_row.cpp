@@ -30,6 +30,9 @@ const char* const kColumns[] = {"read_id",
 constexpr int kColumnsWithoutTrim = 18;
 constexpr int kColumnsWithTrim = 20;
 const char* const kSampleColumn = "sample";
+// Per end, after "barcode_front_" or "barcode_rear_": the evidence columns.
+const char* const kEvidenceColumns[] = {"presence",        "over_rival",         "over_random",
+                                        "runner_up_score", "runner_up_presence", "window"};
 
 // A TAB, CR or newline inside a text field (a read id may carry any of them
 // but space) would add a column or start a new row. Each becomes '_': the
@@ -87,14 +90,39 @@ void AppendEnd(std::string& out, const Barcoding::BarcodeDetectResult& end, long
     AppendInt(out, index);
 }
 
-// The optional columns of a row, in header order, and its end.
+// One end's evidence columns; zeros for an end without a barcode.
+void AppendEvidence(std::string& out, const Barcoding::EndEvidence& end) {
+    if (!end.barcode) {
+        out += "\t0\t0\t0\t0\t0\t";
+        AppendInt(out, end.window);
+        return;
+    }
+    for (float value : {end.presence, end.over_rival, end.over_random, end.runner_up_score, end.runner_up_presence}) {
+        out += '\t';
+        AppendScore(out, value);
+    }
+    out += '\t';
+    AppendInt(out, end.window);
+}
+
+// The optional columns of a row, in header order, and its end. best is
+// nullptr for the no-result row.
 void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample,
-                           const char* reason) {
+                           const char* reason, QualityColumns quality, const Barcoding::ArrangementDetectResult* best) {
     if (trimmed != nullptr) {
         out += '\t';
         AppendInt(out, trimmed->front);
         out += '\t';
         AppendInt(out, trimmed->rear);
+    }
+    if (quality.quality) {
+        out += '\t';
+        AppendInt(out, best == nullptr ? 0 : best->quality);
+    }
+    if (quality.evidence) {
+        const Barcoding::QualityInputs none;
+        AppendEvidence(out, best == nullptr ? none.front : best->inputs.front);
+        AppendEvidence(out, best == nullptr ? none.rear : best->inputs.rear);
     }
     if (sample != nullptr) {
         out += '\t';
@@ -109,13 +137,19 @@ void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const 
 
 }  // namespace
 
-std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool with_reason_column) {
+std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool with_reason_column,
+                          QualityColumns quality) {
     const int count = with_trim_columns ? kColumnsWithTrim : kColumnsWithoutTrim;
     std::string header;
     for (int i = 0; i < count; ++i) {
         if (i > 0) header += '\t';
         header += kColumns[i];
     }
+    if (quality.quality) header += "\tbarcode_quality";
+    if (quality.evidence)
+        for (const char* end : {"front", "rear"})
+            for (const char* column : kEvidenceColumns)
+                header.append("\tbarcode_").append(end).append("_").append(column);
     if (with_sample_column) header.append("\t").append(kSampleColumn);
     if (with_reason_column) header += "\tbarcode_unclassified_reason";
     header += '\n';
@@ -123,7 +157,8 @@ std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool 
 }
 
 void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcoding::ArrangementDetectResult& best,
-                      int rear_window, const TrimmedBases* trimmed, const std::string* sample, const char* reason) {
+                      int rear_window, const TrimmedBases* trimmed, const std::string* sample, const char* reason,
+                      QualityColumns quality) {
     AppendField(out, read_id);
     out += '\t';
     AppendField(out, best.normalised_id);
@@ -141,11 +176,11 @@ void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcodin
     // window start.
     const auto rear_found = static_cast<long long>(best.rear.found_sequence.size());
     AppendEnd(out, best.rear, rear_window - rear_found - best.rear.begin_index);
-    AppendOptionalColumns(out, trimmed, sample, reason);
+    AppendOptionalColumns(out, trimmed, sample, reason, quality, &best);
 }
 
 std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample,
-                        const char* reason) {
+                        const char* reason, QualityColumns quality) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
     std::string row;
@@ -155,7 +190,7 @@ std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const 
     row += '\t';
     row += kNoBarcodeTail;
     const TrimmedBases none;
-    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample, reason);
+    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample, reason, quality, nullptr);
     return row;
 }
 

@@ -10,8 +10,8 @@
 //
 // Detect scores are on the scale of score_scale.h: 100 = the reference
 // aligned perfectly, 0 = no better than the closest other reference of the
-// same end and kit on this read. The scale's tables are built once per kit
-// selection and settings and shared by every scorer.
+// same end and kit on this read, or than random sequence. The scale's tables
+// are built once per kit selection and settings and shared by every scorer.
 //
 // Passing an end means scoring at least that end's minimum. A read is mixed
 // when its two ends name different barcodes (normalised ids): an end names the
@@ -19,11 +19,19 @@
 // above 0, presence at least kMixedEvidencePresence); at least one end must
 // pass. Both ends passing for different barcodes is the plain case; the
 // evidence catches the chimeras whose weaker end is too damaged to pass: at
-// identity 0.87 a 24-base barcode's margin over its closest rival is often
-// below the minimum, while its presence stays far above random sequence.
-// Evidence needs the score above 0 as well, because presence alone does not
-// say which barcode it is: with constant flanks every barcode of the kit
-// shares it.
+// identity 0.87 a 16-base barcode's margin over its closest rival is often
+// below the minimum, while its presence stays above random sequence. Evidence
+// needs the score above 0 as well, because presence alone does not say which
+// barcode it is: with constant flanks every barcode of the kit shares it. And
+// the passing barcode must be clearly beaten at the evidence end
+// (kMixedRivalMargin): where one barcode of a kit is damaged, the best fit
+// there is often a close neighbour edging it out by a few points, which says
+// nothing about a second molecule.
+//
+// The first result carries the evidence for its call (QualityInputs): per
+// end, its barcode's score, presence and raw margins, and the best other
+// barcode's score and presence (TopTwo, kept while the arrangements are
+// combined).
 //
 // All per-read buffers live in the scorer and only grow; allocation per read
 // is limited to the returned results.
@@ -36,6 +44,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "barcoding/barcode_quality.h"
 #include "barcoding/reference_aligner.h"
 #include "barcoding/score_scale.h"
 #include "common/logger.h"
@@ -120,10 +129,14 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
         if (found == normalised.end()) found = normalised.insert(normalised.end(), a.normalised_id);
         name_of_.push_back(static_cast<uint32_t>(found - normalised.begin()));
     }
+    double diagonal = 0, off_diagonal = 0;
+    for (size_t k = 0; k < 16; ++k)
+        (k % 5 == 0 ? diagonal : off_diagonal) += matrix_[k];
+    substitution_ = std::max(diagonal / 4 - off_diagonal / 12, 1.0);
     front_ = MakeEnd(front_names, front_uses, true, device);
     rear_ = MakeEnd(rear_names, rear_uses, false, device);
     candidates_.reserve(arrangements_->size());
-    front_mark_.assign(normalised.size(), 0);
+    name_mark_.assign(normalised.size(), 0);
     kit_fit_.assign(kits.size(), kNoRaw);
 }
 
@@ -291,6 +304,8 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     auto rear_score = [&](size_t a) { return rear_of_[a] < 0 ? kNoScore : rear_->scores[rear_of_[a]]; };
 
     candidates_.clear();
+    front_top_.Clear();
+    rear_top_.Clear();
     std::fill(kit_fit_.begin(), kit_fit_.end(), kNoRaw);
     front_passing_.clear();
     rear_passing_.clear();
@@ -317,14 +332,16 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
             best = a;
             best_score = combined;
         }
+        if (front_of_[a] >= 0) front_top_.Add(name_of_[a], static_cast<uint32_t>(a), front);
+        if (rear_of_[a] >= 0) rear_top_.Add(name_of_[a], static_cast<uint32_t>(a), rear);
         const bool front_ok = front >= min_front;
         const bool rear_ok = rear >= min_rear;
         if (front_ok)
-            front_passing_.push_back(name_of_[a]);
+            front_passing_.push_back(static_cast<uint32_t>(a));
         else if (IsEvidence(*front_, front_of_[a], front))
             front_evidence_.push_back(name_of_[a]);
         if (rear_ok)
-            rear_passing_.push_back(name_of_[a]);
+            rear_passing_.push_back(static_cast<uint32_t>(a));
         else if (IsEvidence(*rear_, rear_of_[a], rear))
             rear_evidence_.push_back(name_of_[a]);
         const bool keep = options_.require_barcodes_both_ends ? front_ok && rear_ok : front_ok || rear_ok;
@@ -372,6 +389,12 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         unclassified.normalised_id = "unclassified";
         unclassified.reason = reason;
         unclassified.mixed = mixed;
+        if (count > 0) {
+            FillEvidence(*front_, front_top_, best, unclassified.inputs.front);
+            FillEvidence(*rear_, rear_top_, best, unclassified.inputs.rear);
+            unclassified.candidate_quality =
+                PhredQuality(WrongCallProbability(ShippedQualityModel(), unclassified.inputs));
+        }
         results.push_back(std::move(unclassified));
         return results;
     }
@@ -388,8 +411,70 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     results.reserve(candidates_.size());
     for (size_t r = 0; r < candidates_.size(); ++r)
         results.push_back(make_result(candidates_[r].arrangement, candidates_[r].score, r < detailed));
-    results.front().mixed = mixed;
+    ArrangementDetectResult& call = results.front();
+    call.mixed = mixed;
+    FillEvidence(*front_, front_top_, candidates_.front().arrangement, call.inputs.front);
+    FillEvidence(*rear_, rear_top_, candidates_.front().arrangement, call.inputs.rear);
+    call.error_probability = WrongCallProbability(ShippedQualityModel(), call.inputs);
+    call.quality = PhredQuality(call.error_probability);
+    call.candidate_quality = call.quality;
+    if (call.quality < options_.min_barcode_quality) {
+        results.resize(1);
+        call.normalised_id = "unclassified";
+        call.reason = UnclassifiedReason::kLowBarcodeQuality;
+        call.error_probability = 1;
+        call.quality = 0;
+    }
     return results;
+}
+
+void BarcodeScorer::TopTwo::Clear() {
+    name[0] = name[1] = std::numeric_limits<uint32_t>::max();
+    arrangement[0] = arrangement[1] = 0;
+    score[0] = score[1] = kNoScore;
+}
+
+// Keeps the two best distinct names; a name's score is that of its best arrangement.
+void BarcodeScorer::TopTwo::Add(uint32_t id, uint32_t a, float value) {
+    if (id == name[0]) {
+        if (value > score[0]) {
+            arrangement[0] = a;
+            score[0] = value;
+        }
+    } else if (value > score[0]) {
+        name[1] = name[0];
+        arrangement[1] = arrangement[0];
+        score[1] = score[0];
+        name[0] = id;
+        arrangement[0] = a;
+        score[0] = value;
+    } else if (value > score[1]) {
+        name[1] = id;
+        arrangement[1] = a;
+        score[1] = value;
+    }
+}
+
+// The evidence at one end for calling `arrangement`.
+void BarcodeScorer::FillEvidence(const End& end, const TopTwo& top, size_t arrangement, EndEvidence& evidence) const {
+    const int reference = end.front ? front_of_[arrangement] : rear_of_[arrangement];
+    evidence = EndEvidence{};
+    evidence.window = static_cast<int>(end.window.size());
+    if (reference < 0) return;
+    const auto k = static_cast<size_t>(reference);
+    const int raw = end.raw_scores[k];
+    const int rival = end.scale->Rival(k, end.scale_work);
+    evidence.barcode = true;
+    evidence.score = end.scores[k];
+    evidence.presence = end.scale->Presence(k, raw);
+    evidence.over_rival = rival == kNoRaw ? 0.0f : static_cast<float>(static_cast<double>(raw - rival) / substitution_);
+    evidence.over_random = static_cast<float>((raw - end.scale->RandomTop(k)) / substitution_);
+    const int other = top.name[0] == name_of_[arrangement] ? 1 : 0;
+    if (top.name[other] == std::numeric_limits<uint32_t>::max()) return;
+    const uint32_t runner_up = top.arrangement[other];
+    const auto j = static_cast<size_t>(end.front ? front_of_[runner_up] : rear_of_[runner_up]);
+    evidence.runner_up_score = top.score[other];
+    evidence.runner_up_presence = end.scale->Presence(j, end.raw_scores[j]);
 }
 
 // Scores above 0 are rare (at most one barcode per kit and end), so presence
@@ -400,21 +485,35 @@ bool BarcodeScorer::IsEvidence(const End& end, int reference, float score) {
     return end.scale->Presence(k, end.raw_scores[k]) >= kMixedEvidencePresence;
 }
 
-// Marks the barcodes the front names with this read's stamp, then looks for
-// one of them among those the rear names.
+// Both ends passing: mixed when no barcode passes at both. One end passing:
+// mixed when the other end has evidence of a barcode the passing end does not
+// name, and every arrangement passing at the passing end scores at most
+// -kMixedRivalMargin at the other (its barcode is clearly beaten there, not
+// merely damaged). Names are marked with this read's stamp, then looked up.
 bool BarcodeScorer::IsMixed() {
     if (front_passing_.empty() && rear_passing_.empty()) return false;
-    const auto& front = front_passing_.empty() ? front_evidence_ : front_passing_;
-    const auto& rear = rear_passing_.empty() ? rear_evidence_ : rear_passing_;
-    if (front.empty() || rear.empty()) return false;
+    const bool both = !front_passing_.empty() && !rear_passing_.empty();
+    const bool front_passes = !front_passing_.empty();
+    const auto& passing = front_passes ? front_passing_ : rear_passing_;
     if (++stamp_ == 0) {  // wrapped: clear the old marks once
-        std::fill(front_mark_.begin(), front_mark_.end(), 0);
+        std::fill(name_mark_.begin(), name_mark_.end(), 0);
         stamp_ = 1;
     }
-    for (uint32_t name : front)
-        front_mark_[name] = stamp_;
-    for (uint32_t name : rear)
-        if (front_mark_[name] == stamp_) return false;
+    for (uint32_t a : passing)
+        name_mark_[name_of_[a]] = stamp_;
+    if (both) {
+        for (uint32_t a : rear_passing_)
+            if (name_mark_[name_of_[a]] == stamp_) return false;
+        return true;
+    }
+    const auto& evidence = front_passes ? rear_evidence_ : front_evidence_;
+    if (evidence.empty()) return false;
+    for (uint32_t name : evidence)
+        if (name_mark_[name] == stamp_) return false;
+    const End& other = front_passes ? *rear_ : *front_;
+    const auto& other_of = front_passes ? rear_of_ : front_of_;
+    for (uint32_t a : passing)
+        if (other_of[a] < 0 || other.scores[static_cast<size_t>(other_of[a])] > -kMixedRivalMargin) return false;
     return true;
 }
 

@@ -21,14 +21,17 @@ namespace Barcoding {
 
 class ReferenceAligner;
 
-// A read is mixed when its two ends name different barcodes. An end names
-// the barcodes passing its minimum there; an end where none passes names a
-// barcode that scores above 0 (it fits better than every other barcode of its
-// kit) with at least this presence (ScoreScale::Presence), so a chimera whose
-// weaker end is too damaged to pass is still caught while random sequence
-// rarely names anything. At least one end must pass. Measured on the kit
-// family in docs/calibration.md.
-constexpr float kMixedEvidencePresence = 25;
+// A read is mixed when its two ends name different barcodes: both pass for
+// different barcodes, or one passes and the other, where none passes, shows
+// evidence of another barcode (the best of its kit, scoring above 0, with at
+// least kMixedEvidencePresence presence, ScoreScale::Presence) while the
+// passing end's barcode scores at most -kMixedRivalMargin there. So a chimera
+// whose weaker end is too damaged to pass is still caught, while a damaged
+// end of a read with one barcode, where another barcode edges out the right
+// one by a little, and random sequence, where no barcode is present, rarely
+// make a read mixed. Measured on the kit family in docs/calibration.md.
+constexpr float kMixedEvidencePresence = 10;
+constexpr float kMixedRivalMargin = 30;
 
 class BarcodeScorer {
 public:
@@ -49,8 +52,9 @@ public:
     // Ranking: kits by the best raw alignment score of their passing
     // arrangements, then arrangements by score. An unclassified read comes
     // back as its best arrangement by score renamed "unclassified", with the
-    // reason; the first result says whether the read is mixed (see
-    // kMixedEvidencePresence).
+    // reason (a call below min_barcode_quality as that call); the first result
+    // says whether the read is mixed (see kMixedEvidencePresence) and carries
+    // the evidence for its call and, when classified, its quality.
     std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
 
     // Every front (rear) reference of the scorer's kits against the read's
@@ -65,6 +69,15 @@ private:
         uint32_t arrangement;
         float score;
     };
+    // The two best barcodes (normalised ids) of one end on the current read,
+    // each with its best-scoring arrangement.
+    struct TopTwo {
+        uint32_t name[2];
+        uint32_t arrangement[2];
+        float score[2];
+        void Clear();
+        void Add(uint32_t name, uint32_t arrangement, float score);
+    };
 
     using Uses = std::vector<std::pair<std::string, std::string>>;  // (kit, normalised id) per arrangement
     std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, const std::vector<Uses>& uses, bool front,
@@ -73,6 +86,7 @@ private:
     static bool IsEvidence(const End& end, int reference, float score);
     void AlignWindow(End& end, const std::string& sequence);
     static void Summarise(const End& end, size_t reference, BarcodeDetectResult& result);
+    void FillEvidence(const End& end, const TopTwo& top, size_t arrangement, EndEvidence& evidence) const;
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
     void TraceEnd(End& end);
@@ -80,6 +94,7 @@ private:
     ScorerOptions options_;
     std::shared_ptr<BarcodeManager> manager_;
     std::vector<int> matrix_;
+    double substitution_ = 1;  // raw points one substitution costs: mean match minus mean mismatch
     const std::vector<Arrangement>* arrangements_;
     // Per arrangement: index into the front/rear reference list (-1 = none) and
     // how its two scores combine.
@@ -92,13 +107,14 @@ private:
     std::unique_ptr<End> rear_;
     // Reused per read.
     std::vector<Candidate> candidates_;
-    std::vector<uint32_t> front_passing_;  // normalised ids of arrangements passing at the front
+    std::vector<uint32_t> front_passing_;   // arrangements passing at the front
     std::vector<uint32_t> rear_passing_;
-    std::vector<uint32_t> front_evidence_;  // ... not passing there but with evidence (IsEvidence)
+    std::vector<uint32_t> front_evidence_;  // normalised ids not passing there but with evidence (IsEvidence)
     std::vector<uint32_t> rear_evidence_;
-    std::vector<uint32_t> front_mark_;  // per normalised id: stamp of the last read it passed at the front
+    std::vector<uint32_t> name_mark_;  // per normalised id: stamp of the last read that named it (IsMixed)
     uint32_t stamp_ = 0;
     std::vector<int> kit_fit_;  // per kit: best raw fit among its passing arrangements
+    TopTwo front_top_, rear_top_;
 };
 
 // Bases to cut for a result's front (rear) barcode: 0 unless that end scored

@@ -27,10 +27,17 @@ struct BarcodeDetectResult {
 // Why a read was left unclassified. When several apply, the first in this
 // order (after kNone) is given: a mixed read rejected by reject_mixed_barcodes,
 // then one end passing where require_barcodes_both_ends asks for both, then no
-// barcode passing at all.
-enum class UnclassifiedReason : uint8_t { kNone, kNoBarcodeAboveMinimum, kMixedBarcodes, kOneEndOnly };
+// barcode passing at all, then a call below min_barcode_quality.
+enum class UnclassifiedReason : uint8_t {
+    kNone,
+    kNoBarcodeAboveMinimum,
+    kMixedBarcodes,
+    kOneEndOnly,
+    kLowBarcodeQuality
+};
 
-// "no barcode above the minimum", "mixed barcodes", "only one end"; empty for kNone.
+// "no barcode above the minimum", "mixed barcodes", "only one end", "low
+// barcode quality"; empty for kNone.
 inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
     switch (reason) {
         case UnclassifiedReason::kNoBarcodeAboveMinimum:
@@ -39,11 +46,37 @@ inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
             return "mixed barcodes";
         case UnclassifiedReason::kOneEndOnly:
             return "only one end";
+        case UnclassifiedReason::kLowBarcodeQuality:
+            return "low barcode quality";
         case UnclassifiedReason::kNone:
             break;
     }
     return "";
 }
+
+// What the scorer knows about a read's call at one end: the inputs of the
+// barcode quality (barcoding/barcode_quality.h). Margins count substitutions:
+// raw alignment points divided by what one substitution costs (the matrix's
+// mean match minus its mean mismatch), so they mean the same under any matrix.
+struct EndEvidence {
+    bool barcode = false;  // the arrangement has a barcode at this end; the rest is unset otherwise
+    float score = -std::numeric_limits<float>::infinity();     // of the called barcode
+    float presence = -std::numeric_limits<float>::infinity();  // of the called barcode
+    // How far the called barcode fits better than the best other barcode of
+    // its kit at this end (below 0: another fits better; 0 when the kit has
+    // no other), and than the top of the random range (ScoreScale::RandomTop).
+    float over_rival = 0;
+    float over_random = 0;
+    // The best other barcode of the kit at this end: its score and presence.
+    float runner_up_score = -std::numeric_limits<float>::infinity();
+    float runner_up_presence = -std::numeric_limits<float>::infinity();
+    int window = 0;  // bases of the read end searched
+};
+
+struct QualityInputs {
+    EndEvidence front;
+    EndEvidence rear;
+};
 
 struct ArrangementDetectResult {
     std::string id;             // full arrangement name (e.g. "barcode01_var1")
@@ -59,6 +92,16 @@ struct ArrangementDetectResult {
     // that left it unclassified.
     UnclassifiedReason reason = UnclassifiedReason::kNone;
     bool mixed = false;
+    // Also on the first result only: the evidence for its call, the
+    // probability that the call is wrong (1 for an unclassified read) and that
+    // on the Phred scale (barcoding/barcode_quality.h; 0 when unclassified).
+    // candidate_quality is the quality the best candidate's call has or would
+    // have had (the run report plots it for unclassified reads too); -1 when
+    // there is no candidate at all.
+    QualityInputs inputs;
+    double error_probability = 1;
+    int quality = 0;
+    int candidate_quality = -1;
 };
 
 }  // namespace Barcoding

@@ -11,6 +11,18 @@
 // length of the scale, so that a perfect copy scores 100; the background
 // keeps reads without a barcode near 0 and scales a kit of one barcode.
 //
+// Why presence as well: with long flanks the margin's range is the barcode
+// core alone, while on a read end without any construct the best of a kit's
+// references stands above its runner-up by chance, by as much as a third of
+// that short range. Presence is measured over the whole reference, flanks
+// included, against random sequence, so such an end stays near 0 there,
+// while a damaged copy keeps a presence far above the margin. The detect
+// score takes the smaller of the two: one threshold asks for both. Presence
+// counts from the top of the random range, not its mean: the spread of
+// random sequence's best fit grows with the reference (from about 5 points
+// for 16 bases to 20 for 120), and a fixed share of the range above the
+// mean would leave short references within reach of chance.
+//
 // Invariants: members_[kit] lists the kit's barcodes, each with its
 // references in that kit; every reference is in at most one barcode of a kit,
 // and kits_of_ says which. References with identical sequences, or standing
@@ -20,6 +32,7 @@
 #include "barcoding/score_scale.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -36,7 +49,7 @@ namespace {
 
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 constexpr int kNoRaw = std::numeric_limits<int>::min();
-constexpr int kBackgroundWindows = 16;
+constexpr int kBackgroundWindows = 32;
 constexpr uint32_t kBackgroundSeed = 20261122;
 
 using brim::data_wrappers::VecView;
@@ -77,10 +90,23 @@ std::vector<std::vector<int>> BackgroundWindows(int length) {
     return windows;
 }
 
+namespace {
+
+// The formula's one evaluation, shared by the free functions and Apply (which
+// keeps the inverse ranges), so that both give the same bits.
+float Scaled(int raw, double zero, double inverse_range) {
+    return static_cast<float>(std::min(100.0, 100.0 * (static_cast<double>(raw) - zero) * inverse_range));
+}
+
+}  // namespace
+
 float ScaledScore(int raw, int self, double rival, double floor, double background) {
-    const double zero = std::max(rival, background);
-    const double range = static_cast<double>(self) - std::max(floor, background);
-    return static_cast<float>(std::min(100.0, 100.0 * (static_cast<double>(raw) - zero) / range));
+    return Scaled(raw, std::max(rival, background), 1.0 / (static_cast<double>(self) - std::max(floor, background)));
+}
+
+float DetectScore(int raw, int self, double rival, double floor, double background, double random_top) {
+    return std::min(ScaledScore(raw, self, rival, floor, background),
+                    ScaledScore(raw, self, kNone, random_top, random_top));
 }
 
 ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleReference>& references) {
@@ -169,28 +195,37 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
     // their best on the random windows raises the floor to that level, so
     // that a perfect copy on a read scores 100 on average.
     background_.assign(count, 0.0);
+    random_top_.assign(count, 0.0);
     if (settings.window_size > 0) {
-        std::vector<int64_t> sums(count, 0), rival_sums(count, 0);
+        std::vector<int64_t> sums(count, 0), squares(count, 0), rival_sums(count, 0);
         const auto windows = BackgroundWindows(settings.window_size);
         for (const auto& window : windows) {
             aligner.ScoreBatch(*batch, View(window), raw);
             for (size_t k = 0; k < count; ++k) {
                 const int rival = BestRival(k, raw);
-                sums[k] += std::max(raw[k], rival);
+                const int64_t best = std::max(raw[k], rival);
+                sums[k] += best;
+                squares[k] += best * best;
                 if (rival != kNoRaw) rival_sums[k] += rival;
             }
         }
         const double n = static_cast<double>(windows.size());
         for (size_t k = 0; k < count; ++k) {
             background_[k] = static_cast<double>(sums[k]) / n;
+            const double variance = static_cast<double>(squares[k]) / n - background_[k] * background_[k];
+            random_top_[k] = background_[k] + kPresenceSpread * std::sqrt(std::max(variance, 0.0));
             if (floor_[k] != kNone) floor_[k] = std::max(floor_[k], static_cast<double>(rival_sums[k]) / n);
         }
     }
 
     for (size_t k = 0; k < count; ++k) {
-        if (static_cast<double>(self_[k]) > std::max(floor_[k], background_[k])) continue;
+        if (static_cast<double>(self_[k]) > std::max({floor_[k], background_[k], random_top_[k]})) {
+            inverse_margin_range_.push_back(1.0 / (static_cast<double>(self_[k]) - std::max(floor_[k], background_[k])));
+            inverse_presence_range_.push_back(1.0 / (static_cast<double>(self_[k]) - random_top_[k]));
+            continue;
+        }
         const std::string& name = references[k].name;
-        if (floor_[k] >= background_[k]) {
+        if (static_cast<double>(self_[k]) <= floor_[k] && floor_[k] >= background_[k]) {
             std::string rival;
             aligner.ScoreBatch(*batch, View(codes[k]), raw);
             for (const auto& [kit, group] : kits_of_[k])
@@ -204,7 +239,8 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
         }
         throw std::runtime_error("Barcode '" + name + "' is too short to stand out from random sequence: it scores " +
                                  std::to_string(background_[k]) + " on average in a random window of " +
-                                 std::to_string(settings.window_size) + " bases, as much as against itself (" +
+                                 std::to_string(settings.window_size) + " bases (up to about " +
+                                 std::to_string(random_top_[k]) + "), as much as against itself (" +
                                  std::to_string(self_[k]) + ").");
     }
 }
@@ -249,22 +285,29 @@ void ScoreScale::Apply(const std::vector<int>& raw, std::vector<float>& scores, 
     }
     scores.resize(self_.size());
     for (size_t k = 0; k < self_.size(); ++k) {
-        int rival = kNoRaw;
-        for (const auto& [kit, group] : kits_of_[k])
-            rival = std::max(rival, work.best_group[kit] == group ? work.second[kit] : work.best[kit]);
-        scores[k] = ScaledScore(raw[k], self_[k], rival == kNoRaw ? kNone : static_cast<double>(rival), floor_[k],
-                                background_[k]);
+        // DetectScore with the inverse ranges kept.
+        const int rival = Rival(k, work);
+        const double zero = rival == kNoRaw ? background_[k] : std::max(static_cast<double>(rival), background_[k]);
+        scores[k] = std::min(Scaled(raw[k], zero, inverse_margin_range_[k]),
+                             Scaled(raw[k], random_top_[k], inverse_presence_range_[k]));
     }
 }
 
-// The score with no rival and the background for the floor: the whole
-// reference above random sequence. The range runs from the background, not
-// from the floor: divided by the score's range (self -
+int ScoreScale::Rival(size_t k, const Work& work) const {
+    int rival = kNoRaw;
+    for (const auto& [kit, group] : kits_of_[k])
+        rival = std::max(rival, work.best_group[kit] == group ? work.second[kit] : work.best[kit]);
+    return rival;
+}
+
+// The margin's formula with no rival and the top of the random range for
+// zero and floor: the whole reference above random sequence. The range runs
+// from there, not from the floor: divided by the margin's range (self -
 // floor, the barcode core alone when the flanks are long), the spread of
 // random sequence over a reference with flanks would come out several times
 // wider, and random read ends would pass for barcodes.
 float ScoreScale::Presence(size_t k, int raw) const {
-    return ScaledScore(raw, self_[k], kNone, background_[k], background_[k]);
+    return ScaledScore(raw, self_[k], kNone, random_top_[k], random_top_[k]);
 }
 
 std::shared_ptr<const ScoreScale> ShareScoreScale(const ScaleSettings& settings,

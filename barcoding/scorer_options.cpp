@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "barcoding/barcode_quality.h"
 #include "common/parameters.h"
 #include "pair_alignment/score_limits.h"
 
@@ -34,6 +35,7 @@ void ValidateScorerOptions(ScorerOptions& options) {
     Common::RequireInRange("rear_window_size", options.rear_window_size, 1, kMaxWindowSize);
     Common::RequireFinite("min_score", options.min_score);
     Common::RequireFinite("min_score_rear_override", options.min_score_rear_override);
+    Common::RequireInRange("min_barcode_quality", options.min_barcode_quality, 0, kMaxBarcodeQuality);
     Common::RequireInRange("num_extra_bases_trim", options.num_extra_bases_trim, -kMaxExtraTrim, kMaxExtraTrim);
     if (options.num_extra_bases_trim != 0 && !options.trim_barcodes)
         throw std::runtime_error("Must specify trim_barcodes flag when altering num_extra_bases_trim.");

@@ -24,6 +24,8 @@ struct ScorerOptions {
     bool require_barcodes_both_ends = false;
     // Leave unclassified a read whose two ends pass for different barcodes.
     bool reject_mixed_barcodes = false;
+    // Leave unclassified a read whose barcode quality is below this.
+    int min_barcode_quality = 0;
 
     // The eight gap costs in aligner order: start1, end1, open1, extend1, start2, ...
     std::vector<int> GapVector() const;
@@ -39,7 +41,8 @@ constexpr int kMaxArrangementSpan = 10000;  // last_index - first_index + 1 of o
 
 // Throws std::runtime_error, naming the setting and the allowed range, for a
 // gap cost outside 0 .. kMaxScoreMagnitude, a window outside 1 ..
-// kMaxWindowSize, a minimum score that is not finite, an extra trim outside
+// kMaxWindowSize, a minimum score that is not finite, a minimum barcode
+// quality outside 0 .. 60, an extra trim outside
 // +-kMaxExtraTrim, and inconsistent trim settings. Then resolves the rear
 // minimum (min_score_rear_override becomes min_score when it is exactly -1).
 void ValidateScorerOptions(ScorerOptions& options);

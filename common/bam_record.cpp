@@ -125,6 +125,23 @@ void AppendTextTag(std::string& aux, const char tag[2], std::string_view value) 
     aux += '\0';
 }
 
+void AppendIntTag(std::string& aux, const char tag[2], int32_t value) {
+    aux.append(tag, 2);
+    auto append = [&aux](char type, auto v) {
+        aux += type;
+        for (size_t k = 0; k < sizeof v; ++k)
+            aux += static_cast<char>((static_cast<uint64_t>(v) >> (8 * k)) & 0xff);
+    };
+    if (value >= 0) {
+        if (value <= UINT8_MAX) return append('C', static_cast<uint8_t>(value));
+        if (value <= UINT16_MAX) return append('S', static_cast<uint16_t>(value));
+        return append('I', static_cast<uint32_t>(value));
+    }
+    if (value >= INT8_MIN) return append('c', static_cast<int8_t>(value));
+    if (value >= INT16_MIN) return append('s', static_cast<int16_t>(value));
+    append('i', value);
+}
+
 bool ValidBamReadName(std::string_view name) {
     if (name.empty() || name.size() > 254 || name[0] == '@') return false;
     for (unsigned char c : name) {

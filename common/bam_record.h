@@ -15,6 +15,9 @@ namespace Common {
 // lower-case tag is the user's own by the format's rules, and stays clear of
 // the standard BC (a barcode sequence).
 inline constexpr char kArrangementTag[] = "ar";
+// The tag that carries a read's barcode quality (0 to 60, 0 unclassified);
+// text output shows it as bq:i.
+inline constexpr char kBarcodeQualityTag[] = "bq";
 // A run id for BAM input records (see BamIterable for the full rule).
 inline constexpr char kRunIdTag[] = "ri";
 
@@ -31,6 +34,8 @@ void RemoveTags(std::string& aux, std::span<const std::string_view> tags);
 // Appends tag:Z:value; characters the format does not allow in text (tabs and
 // other control characters) become spaces.
 void AppendTextTag(std::string& aux, const char tag[2], std::string_view value);
+// Appends tag:i:value in the narrowest integer type that holds it, as htslib does.
+void AppendIntTag(std::string& aux, const char tag[2], int32_t value);
 
 // Tags whose values follow the sequence base by base or index into it: they
 // no longer fit once bases are cut off (or turned around, for the per-base

@@ -202,6 +202,62 @@ TEST(SummaryRow, SampleColumnComesLast) {
     }
 }
 
+// Every combination of optional columns: header and both kinds of row line
+// up, the optional columns come in their documented order, and without the
+// quality columns a row is what it was before they existed.
+TEST(SummaryRow, QualityColumnsSitBetweenTrimAndSample) {
+    Barcoding::ArrangementDetectResult best;
+    best.normalised_id = "barcode03";
+    best.front.id = "BC03_FWD";
+    best.quality = 37;
+    best.inputs.front = {true, 55.5f, 80.25f, 6.5f, 20, -55.5f, 3.5f, 150};
+    best.inputs.rear.window = 120;  // an end without a barcode: zeros, then its window
+    const Vorpa::TrimmedBases trimmed{12, 7};
+    const std::string sample = "Liver-A";
+    for (int mask = 0; mask < 32; ++mask) {
+        const bool trim = mask & 1, sample_column = mask & 8, reason = mask & 16;
+        const Vorpa::QualityColumns quality{(mask & 2) != 0, (mask & 4) != 0};
+        SCOPED_TRACE(mask);
+        const auto header = SplitRow(Vorpa::SummaryHeader(trim, sample_column, reason, quality));
+        std::string text;
+        Vorpa::AppendSummaryRow(text, "r1", best, 100, trim ? &trimmed : nullptr, sample_column ? &sample : nullptr,
+                                reason ? "" : nullptr, quality);
+        const auto row = SplitRow(text);
+        const auto empty =
+            SplitRow(Vorpa::NoResultRow("r2", trim, sample_column ? &sample : nullptr, reason ? "x" : nullptr, quality));
+        ASSERT_EQ(header.size(), 18u + 2 * trim + quality.quality + 12 * quality.evidence + sample_column + reason);
+        ASSERT_EQ(row.size(), header.size());
+        ASSERT_EQ(empty.size(), header.size());
+        size_t at = 18 + 2 * trim;
+        if (quality.quality) {
+            EXPECT_EQ(header[at], "barcode_quality");
+            EXPECT_EQ(row[at], "37");
+            EXPECT_EQ(empty[at], "0");
+            ++at;
+        }
+        if (quality.evidence) {
+            EXPECT_EQ(header[at], "barcode_front_presence");
+            EXPECT_EQ(header[at + 11], "barcode_rear_window");
+            const std::vector<std::string> front = {"80.25", "6.5", "20", "-55.5", "3.5", "150"};
+            const std::vector<std::string> rear = {"0", "0", "0", "0", "0", "120"};
+            EXPECT_EQ(std::vector<std::string>(row.begin() + at, row.begin() + at + 6), front);
+            EXPECT_EQ(std::vector<std::string>(row.begin() + at + 6, row.begin() + at + 12), rear);
+            at += 12;
+        }
+        if (sample_column) {
+            EXPECT_EQ(header[at++], "sample");
+        }
+        if (reason) {
+            EXPECT_EQ(header[at++], "barcode_unclassified_reason");
+        }
+        EXPECT_EQ(at, header.size());
+        if (!quality.quality && !quality.evidence && !reason) {
+            EXPECT_EQ(text, Vorpa::SummaryRow("r1", best, 100, trim ? &trimmed : nullptr,
+                                              sample_column ? &sample : nullptr));
+        }
+    }
+}
+
 TEST(RunReport, TotalsAndUnclassifiedLast) {
     Vorpa::RunTally tally;
     for (const auto& [name, reads] :

@@ -54,7 +54,8 @@ RunTally RandomTally(std::mt19937_64& rng) {
     for (int read = 0; read < 500; ++read) {
         const std::string name = names[rng() % 4];
         const float score = rng() % 10 == 0 ? -INFINITY : std::uniform_real_distribution<float>(-60, 100)(rng);
-        tally.AddRead(name, rng() % 100000, score);
+        const int quality = static_cast<int>(rng() % 62) - 1;  // -1: no candidate
+        tally.AddRead(name, rng() % 100000, score, std::uniform_real_distribution<double>(0, 1)(rng), quality);
     }
     tally.unclassified_reasons["no barcode above the minimum"] = rng() % 50;
     tally.unclassified_reasons["mixed barcodes"] = rng() % 50;
@@ -83,6 +84,9 @@ TEST(ResumeState, EveryFigureComesBack) {
     EXPECT_EQ(back.tally.arrangements.at("odd\tname%").lengths.counts,
               state.tally.arrangements.at("odd\tname%").lengths.counts);
     EXPECT_EQ(back.tally.scores.classified.counts, state.tally.scores.classified.counts);
+    EXPECT_EQ(back.tally.quality.unclassified.counts, state.tally.quality.unclassified.counts);
+    EXPECT_EQ(back.tally.arrangements.at("barcode01").expected_wrong,
+              state.tally.arrangements.at("barcode01").expected_wrong);
     EXPECT_EQ(back.tally.arrangements.at("barcode01").score_sum, state.tally.arrangements.at("barcode01").score_sum);
     EXPECT_EQ(back.outputs.front().run_id, "run\t1");
     EXPECT_EQ(back.inputs.at("/in/c%.fastq.gz").mtime_ns, 1700000000123456789);

@@ -142,8 +142,8 @@ TEST(JsonReport, FiguresAddUpAndUnclassifiedComesLast) {
     Vorpa::RunTally tally;
     tally.arrangements["unclassified"].Add(100, 40.0f);
     tally.arrangements["unclassified"].Add(300, 0.0f);
-    tally.arrangements["barcode10"].Add(1000, 90.0f);
-    tally.arrangements["barcode10"].Add(2000, 80.5f);
+    tally.arrangements["barcode10"].Add(1000, 90.0f, 0.25);
+    tally.arrangements["barcode10"].Add(2000, 80.5f, 0.125);
     tally.arrangements["barcode10"].Add(3001, -std::numeric_limits<float>::infinity());  // not in the mean
     tally.arrangements["barcode02"].Add(7, 100.0f);
     tally.dropped = 4;
@@ -165,11 +165,11 @@ TEST(JsonReport, FiguresAddUpAndUnclassifiedComesLast) {
   "files": {"found": 3, "read": 3, "ended_early": 0, "failed": 0},
   "reads": {"total": 10, "written": 6, "classified": 4, "unclassified": 2, "dropped_no_run_id": 4, "failed": 0, "records_skipped": 0},
   "mixed_barcodes": 0,
-  "unclassified_reasons": {"no_barcode_above_minimum": 1, "mixed_barcodes": 0, "one_end_only": 0, "not_in_sample_sheet": 1},
+  "unclassified_reasons": {"no_barcode_above_minimum": 1, "mixed_barcodes": 0, "one_end_only": 0, "low_barcode_quality": 0, "not_in_sample_sheet": 1},
   "arrangements": {
-    "barcode02": {"reads": 1, "bases": 7, "mean_read_length": 7.0, "mean_score": 100.0},
-    "barcode10": {"reads": 3, "bases": 6001, "mean_read_length": 2000.3333333333333, "mean_score": 85.25},
-    "unclassified": {"reads": 2, "bases": 400, "mean_read_length": 200.0, "mean_score": 20.0}
+    "barcode02": {"reads": 1, "bases": 7, "mean_read_length": 7.0, "mean_score": 100.0, "expected_wrong_calls": 0.0},
+    "barcode10": {"reads": 3, "bases": 6001, "mean_read_length": 2000.3333333333333, "mean_score": 85.25, "expected_wrong_calls": 0.375},
+    "unclassified": {"reads": 2, "bases": 400, "mean_read_length": 200.0, "mean_score": 20.0, "expected_wrong_calls": 0.0}
   }
 }
 )";

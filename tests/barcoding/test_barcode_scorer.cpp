@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <climits>
 #include <fstream>
 #include <functional>
@@ -15,6 +16,7 @@
 #include "common/logger.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
+#include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
 
 namespace Barcoding {
@@ -293,17 +295,21 @@ public:
         return groups.at(name);
     }
 
-    // Floor and background of a reference, computed once.
-    std::pair<double, double> Static(const std::string& name, bool front) {
+    // Floor, background and top of the random range of a reference, computed once.
+    struct Statics {
+        double floor, background, random_top;
+    };
+    Statics Static(const std::string& name, bool front) {
         const std::string key = name + (front ? ">" : "<");
         auto found = static_.find(key);
         if (found != static_.end()) return found->second;
         const std::string sequence = manager_.GetBarcodeSequence(name);
-        double floor = -std::numeric_limits<double>::infinity(), background = 0, random_rival = 0;
+        double floor = -std::numeric_limits<double>::infinity(), random_rival = 0;
         const auto& competitors = Competitors(name, front);
         for (const auto& other : competitors)
             floor = std::max(floor, static_cast<double>(Raw(other, Codes(sequence))));
         const auto windows = BackgroundWindows(front ? options_.front_window_size : options_.rear_window_size);
+        int64_t sum = 0, squares = 0;
         for (size_t w = 0; w < windows.size(); ++w) {
             auto on_random = [&](const std::string& reference) {
                 auto& memo = on_random_[reference + (front ? ">" : "<") + std::to_string(w)];
@@ -313,11 +319,16 @@ public:
             int best = INT_MIN;
             for (const auto& other : competitors)
                 best = std::max(best, on_random(other));
-            background += std::max(best, on_random(sequence)) / static_cast<double>(windows.size());
+            const int64_t top = std::max(best, on_random(sequence));
+            sum += top;
+            squares += top * top;
             if (!competitors.empty()) random_rival += best / static_cast<double>(windows.size());
         }
+        const double n = static_cast<double>(windows.size());
+        const double background = static_cast<double>(sum) / n;
+        const double spread = std::sqrt(std::max(static_cast<double>(squares) / n - background * background, 0.0));
         if (!competitors.empty()) floor = std::max(floor, random_rival);
-        return static_[key] = {floor, background};
+        return static_[key] = {floor, background, background + kPresenceSpread * spread};
     }
 
     BarcodeDetectResult Detect(const std::string& name, const std::string& read, bool front) {
@@ -335,9 +346,9 @@ public:
         double rival = -std::numeric_limits<double>::infinity();
         for (const auto& other : Competitors(name, front))
             rival = std::max(rival, static_cast<double>(RawOnRead(other, window, front)));
-        const auto [floor, background] = Static(name, front);
-        result.score = ScaledScore(raw, self, rival, floor, background);
-        result.presence = static_cast<float>(std::min(100.0, 100.0 * (raw - background) / (self - background)));
+        const auto [floor, background, random_top] = Static(name, front);
+        result.score = DetectScore(raw, self, rival, floor, background, random_top);
+        result.presence = static_cast<float>(std::min(100.0, 100.0 * (raw - random_top) / (self - random_top)));
 
         PairAlignment::Path path;
         std::vector<int> codes = reference, query = window;
@@ -362,13 +373,13 @@ public:
         on_read_[0].clear();
         on_read_[1].clear();
         for (const auto& a : manager_.GetArrangements(options_.barcode_kits)) {
-            ArrangementDetectResult r{a.id,
-                                      a.normalised_id,
-                                      a.kit,
-                                      a.variant,
-                                      0,
-                                      Detect(a.barcode1, read, true),
-                                      Detect(a.barcode2, read, false)};
+            ArrangementDetectResult r;
+            r.id = a.id;
+            r.normalised_id = a.normalised_id;
+            r.kit = a.kit;
+            r.variant = a.variant;
+            r.front = Detect(a.barcode1, read, true);
+            r.rear = Detect(a.barcode2, read, false);
             r.score = r.front.id.empty()            ? r.rear.score
                       : r.rear.id.empty()           ? r.front.score
                       : a.scoring_function == "ADD" ? r.front.score + r.rear.score
@@ -396,15 +407,29 @@ public:
             kept.push_back(i);
             kit_fit[r.kit] = std::max(kit_fit.count(r.kit) ? kit_fit[r.kit] : INT_MIN, fits[i]);
         }
-        // An end names what passes there, else what has evidence; mixed: at
-        // least one end passes, both name something, and nothing both.
-        const auto& front_named = front_names.empty() ? front_evidence : front_names;
-        const auto& rear_named = rear_names.empty() ? rear_evidence : rear_names;
-        bool shared = false;
-        for (const auto& name : front_named)
-            shared |= rear_named.count(name) > 0;
-        const bool mixed =
-            (!front_names.empty() || !rear_names.empty()) && !front_named.empty() && !rear_named.empty() && !shared;
+        // Both ends pass: mixed when nothing passes at both. One end passes:
+        // mixed when the other has evidence of a barcode the passing end does
+        // not name and every passing arrangement's barcode is clearly beaten
+        // there.
+        bool mixed = false;
+        if (!front_names.empty() && !rear_names.empty()) {
+            mixed = true;
+            for (const auto& name : front_names)
+                mixed &= rear_names.count(name) == 0;
+        } else if (!front_names.empty() || !rear_names.empty()) {
+            const bool front_passes = !front_names.empty();
+            const auto& named = front_passes ? front_names : rear_names;
+            const auto& evidence = front_passes ? rear_evidence : front_evidence;
+            mixed = !evidence.empty();
+            for (const auto& name : evidence)
+                mixed &= named.count(name) == 0;
+            for (size_t i = 0; i < all.size(); ++i) {
+                const auto& here = front_passes ? all[i].front : all[i].rear;
+                const auto& there = front_passes ? all[i].rear : all[i].front;
+                if (!(here.score >= (front_passes ? front_min : rear_min))) continue;
+                mixed &= !there.id.empty() && there.score <= -kMixedRivalMargin;
+            }
+        }
         const bool both_pass = !front_names.empty() && !rear_names.empty();
         if (mixed && !both_pass) ++mixed_by_evidence;
         UnclassifiedReason reason = UnclassifiedReason::kNone;
@@ -454,7 +479,7 @@ private:
     std::unordered_map<std::string, int> on_read_[2];  // per end: reference sequence -> raw, current read
     std::map<std::string, std::vector<std::string>> competitors_;
     std::map<std::string, std::set<std::string>> same_[2];  // per end: name -> names of the same barcode
-    std::map<std::string, std::pair<double, double>> static_;
+    std::map<std::string, Statics> static_;
     std::unordered_map<std::string, std::optional<int>> on_random_;  // sequence, end, window -> raw
 };
 
@@ -534,24 +559,6 @@ TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
     CompareWithNaive(options, manager_, barcodes_, 100, 6);
 }
 
-// The shipped configuration file's "key = value" lines.
-std::map<std::string, std::string> ReadConfiguration(const std::string& path) {
-    std::map<std::string, std::string> values;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        const size_t equals = line.find('=');
-        if (line.empty() || line[0] == '#' || equals == std::string::npos) continue;
-        auto trim = [](std::string text) {
-            text.erase(0, text.find_first_not_of(" \t"));
-            text.erase(text.find_last_not_of(" \t\r") + 1);
-            return text;
-        };
-        values[trim(line.substr(0, equals))] = trim(line.substr(equals + 1));
-    }
-    return values;
-}
-
 struct ShippedKits {
     ScorerOptions options;
     std::shared_ptr<BarcodeManager> manager;
@@ -561,7 +568,7 @@ struct ShippedKits {
 
 ShippedKits LoadShippedKits() {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
-    auto config = ReadConfiguration(data + "/configuration.cfg");
+    auto config = TestSupport::ShippedConfiguration();
     ShippedKits kits;
     ScorerOptions& options = kits.options;
     options.arrangements_files = config.at("arrangements_files");

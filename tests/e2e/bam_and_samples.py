@@ -187,11 +187,12 @@ def case_bam_round_trip(ctx):
     import_bam(ctx, ctx.path("bam", "b.bam"), second, run_tag=True)
     inputs = {read_id(t): (t, s, q) for t, s, q in records}
 
-    ctx.run(barcoder_args("fq", "fq_fq", "--trim_barcodes"))
-    ctx.run(barcoder_args("fq", "fq_bam", "--trim_barcodes", "--output_format", "bam"))
-    ctx.run(barcoder_args("bam", "bam_bam", "--trim_barcodes", "--output_format", "bam", "-t", "2"))
-    ctx.run(barcoder_args("bam", "bam_fq", "--trim_barcodes"))
-    columns = summary_columns(trim=True)
+    quality = "--barcode_quality_column"
+    ctx.run(barcoder_args("fq", "fq_fq", "--trim_barcodes", quality))
+    ctx.run(barcoder_args("fq", "fq_bam", "--trim_barcodes", quality, "--output_format", "bam"))
+    ctx.run(barcoder_args("bam", "bam_bam", "--trim_barcodes", quality, "--output_format", "bam", "-t", "2"))
+    ctx.run(barcoder_args("bam", "bam_fq", "--trim_barcodes", quality))
+    columns = summary_columns(trim=True) + 1
     _, rows = read_summary(ctx.path("fq_fq", SUMMARY), columns)
     for save in ("fq_bam", "bam_bam", "bam_fq"):
         _, other = read_summary(ctx.path(save, SUMMARY), columns)
@@ -215,14 +216,18 @@ def case_bam_round_trip(ctx):
             check(out_folder == folder == arrangement, f"{rid} filed under {out_folder}, {label}")
             check(record["flag"] == 4, f"{rid}: flag {record['flag']}")
             check((record["seq"], record["qual"]) == (seq, qual), f"{rid} trimmed otherwise than as FASTQ ({label})")
-            check(tag(record, "ar") == arrangement and record["tags"][-1][0] == "ar",
+            check(tag(record, "ar") == arrangement and record["tags"][-2][0] == "ar",
                   f"{rid}: arrangement tag missing or misplaced ({label})")
+            # The barcode quality last, as the summary gives it (0 when unclassified).
+            check(record["tags"][-1][0] == "bq" and record["tags"][-1][2] == int(rows[rid][20]),
+                  f"{rid}: barcode quality tag {record['tags'][-1]} against {rows[rid][20]} ({label})")
+            check((arrangement == "unclassified") <= (tag(record, "bq") == 0), f"{rid}: unclassified with a quality")
         trimmed += len(seq) < len(inputs[rid][1])
         # FASTQ input: the title's fields in CO, as the FASTQ output's title has them.
         check(tag(from_fastq[rid][2], "CO") + f" barcode={arrangement}" == title.split(" ", 1)[1],
               f"{rid}: CO does not hold the title's fields")
-        # BAM input: every tag it had, in order, then ar.
-        check(from_bam[rid][2]["tags"][:-1] == input_tags[rid], f"{rid}: input tags not kept")
+        # BAM input: every tag it had, in order, then ar and bq.
+        check(from_bam[rid][2]["tags"][:-2] == input_tags[rid], f"{rid}: input tags not kept")
         run_id = title_fields(inputs[rid][0])["runid"]
         check(from_bam[rid][1] == from_fastq[rid][1] == f"bam_runid_{run_id}_0.bam", f"{rid}: wrong file")
     check(trimmed > 150, f"only {trimmed} reads trimmed: the case does not test trimming")

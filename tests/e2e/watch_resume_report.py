@@ -31,7 +31,7 @@ from e2e_driver import (SUMMARY, Failure, Skip, barcoder_args, check, main, many
 STATE = "barcoding_resume_state.txt"
 HTML = "barcoding_report.html"
 XHTML = "{http://www.w3.org/1999/xhtml}"
-SECTIONS = ["summary", "arrangements", "lengths", "scores", "unclassified", "events", "losses", "settings"]
+SECTIONS = ["summary", "arrangements", "lengths", "scores", "quality", "unclassified", "events", "losses", "settings"]
 
 
 def fastq_text(records):

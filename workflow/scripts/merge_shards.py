@@ -509,8 +509,9 @@ def merge_reports(reports, workflow_options):
     arrangements = {}
     for report in reports:
         for name, figures in report["arrangements"].items():
-            total = arrangements.setdefault(name, {"reads": 0, "bases": 0, "score_sum": 0.0})
+            total = arrangements.setdefault(name, {"reads": 0, "bases": 0, "score_sum": 0.0, "expected_wrong": 0.0})
             total["reads"] += figures["reads"]
+            total["expected_wrong"] += figures.get("expected_wrong_calls", 0.0)
             total["bases"] += figures["bases"]
             total["score_sum"] += figures["mean_score"] * figures["reads"]
     merged_arrangements = {}
@@ -522,6 +523,7 @@ def merge_reports(reports, workflow_options):
             "bases": total["bases"],
             "mean_read_length": total["bases"] / reads if reads else 0.0,
             "mean_score": total["score_sum"] / reads if reads else 0.0,
+            "expected_wrong_calls": total["expected_wrong"],
         }
     return {
         "program": first["program"],
