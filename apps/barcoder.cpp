@@ -328,9 +328,8 @@ void Barcoder::CheckBothEndsRequirement() {
 
 void Barcoder::PrepareRun() {
     if (!append_summary)
-        summary_file.Write(
-            SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(), unclassified_reason_column,
-                          quality_columns));
+        summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(),
+                                         unclassified_reason_column, quality_columns));
     Common::FastqWriterOptions options;
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);

@@ -70,7 +70,7 @@ std::string Bins(const Counts& counts) {
 template <typename Tally>
 auto Splits(Tally& tally) {
     return std::vector<std::pair<const char*, decltype(&tally.scores)>>{{"scores", &tally.scores},
-                                                                         {"quality", &tally.quality}};
+                                                                        {"quality", &tally.quality}};
 }
 
 class Line {

@@ -107,8 +107,8 @@ void AppendEvidence(std::string& out, const Barcoding::EndEvidence& end) {
 
 // The optional columns of a row, in header order, and its end. best is
 // nullptr for the no-result row.
-void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample,
-                           const char* reason, QualityColumns quality, const Barcoding::ArrangementDetectResult* best) {
+void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample, const char* reason,
+                           QualityColumns quality, const Barcoding::ArrangementDetectResult* best) {
     if (trimmed != nullptr) {
         out += '\t';
         AppendInt(out, trimmed->front);
@@ -179,8 +179,8 @@ void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcodin
     AppendOptionalColumns(out, trimmed, sample, reason, quality, &best);
 }
 
-std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample,
-                        const char* reason, QualityColumns quality) {
+std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample, const char* reason,
+                        QualityColumns quality) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
     std::string row;

@@ -107,7 +107,7 @@ private:
     std::unique_ptr<End> rear_;
     // Reused per read.
     std::vector<Candidate> candidates_;
-    std::vector<uint32_t> front_passing_;   // arrangements passing at the front
+    std::vector<uint32_t> front_passing_;  // arrangements passing at the front
     std::vector<uint32_t> rear_passing_;
     std::vector<uint32_t> front_evidence_;  // normalised ids not passing there but with evidence (IsEvidence)
     std::vector<uint32_t> rear_evidence_;

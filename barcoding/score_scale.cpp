@@ -220,7 +220,8 @@ ScoreScale::ScoreScale(const ScaleSettings& settings, const std::vector<ScaleRef
 
     for (size_t k = 0; k < count; ++k) {
         if (static_cast<double>(self_[k]) > std::max({floor_[k], background_[k], random_top_[k]})) {
-            inverse_margin_range_.push_back(1.0 / (static_cast<double>(self_[k]) - std::max(floor_[k], background_[k])));
+            inverse_margin_range_.push_back(1.0 /
+                                            (static_cast<double>(self_[k]) - std::max(floor_[k], background_[k])));
             inverse_presence_range_.push_back(1.0 / (static_cast<double>(self_[k]) - random_top_[k]));
             continue;
         }

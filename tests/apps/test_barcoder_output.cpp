@@ -223,8 +223,8 @@ TEST(SummaryRow, QualityColumnsSitBetweenTrimAndSample) {
         Vorpa::AppendSummaryRow(text, "r1", best, 100, trim ? &trimmed : nullptr, sample_column ? &sample : nullptr,
                                 reason ? "" : nullptr, quality);
         const auto row = SplitRow(text);
-        const auto empty =
-            SplitRow(Vorpa::NoResultRow("r2", trim, sample_column ? &sample : nullptr, reason ? "x" : nullptr, quality));
+        const auto empty = SplitRow(
+            Vorpa::NoResultRow("r2", trim, sample_column ? &sample : nullptr, reason ? "x" : nullptr, quality));
         ASSERT_EQ(header.size(), 18u + 2 * trim + quality.quality + 12 * quality.evidence + sample_column + reason);
         ASSERT_EQ(row.size(), header.size());
         ASSERT_EQ(empty.size(), header.size());
@@ -252,8 +252,7 @@ TEST(SummaryRow, QualityColumnsSitBetweenTrimAndSample) {
         }
         EXPECT_EQ(at, header.size());
         if (!quality.quality && !quality.evidence && !reason) {
-            EXPECT_EQ(text, Vorpa::SummaryRow("r1", best, 100, trim ? &trimmed : nullptr,
-                                              sample_column ? &sample : nullptr));
+            EXPECT_EQ(text, SummaryRow("r1", best, 100, trim ? &trimmed : nullptr, sample_column ? &sample : nullptr));
         }
     }
 }

@@ -40,6 +40,9 @@ ArrangementDetectResult Barcode03() {
     best.score = 65;
     best.front = {"BC03", std::string(24, 'A'), std::string(24, 'A'), 80, 90, 10};
     best.rear = {"BC03_REV", std::string(24, 'C'), std::string(24, 'C'), 50, 60, 5};
+    best.error_probability = 2e-4;
+    best.quality = 37;
+    best.candidate_quality = 37;
     return best;
 }
 
@@ -48,6 +51,8 @@ ArrangementDetectResult Unclassified(UnclassifiedReason reason, bool mixed = fal
     result.normalised_id = "unclassified";
     result.reason = reason;
     result.mixed = mixed;
+    result.error_probability = 1;
+    result.quality = 0;
     return result;
 }
 
@@ -71,6 +76,7 @@ struct Expected {
     TrimmedBases trim = {};
     size_t columns = 18;
     std::string front_id = "BC03", rear_end = "121", last_column = "";
+    int quality = 0;  // the call's, 0 for an unclassified read
 };
 
 TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
@@ -89,7 +95,11 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
         Expected want;
     };
     const std::vector<Case> cases = {
-        {"classified", [](OutputPolicy&) {}, {Barcode03()}, 200, {.folder = "barcode03", .arrangement = "barcode03"}},
+        {"classified",
+         [](OutputPolicy&) {},
+         {Barcode03()},
+         200,
+         {.folder = "barcode03", .arrangement = "barcode03", .quality = 37}},
         {"trimmed with extra bases",
          [](OutputPolicy& p) {
              p.scorer.trim_barcodes = true;
@@ -97,7 +107,7 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
          },
          {Barcode03()},
          200,
-         {.folder = "barcode03", .arrangement = "barcode03", .trim = {37, 32}, .columns = 20}},
+         {.folder = "barcode03", .arrangement = "barcode03", .trim = {37, 32}, .columns = 20, .quality = 37}},
         {"ends below their minimum are not trimmed",
          [](OutputPolicy& p) {
              p.scorer.trim_barcodes = true;
@@ -106,17 +116,27 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
          },
          {Barcode03()},
          200,
-         {.folder = "barcode03", .arrangement = "barcode03", .columns = 20}},
+         {.folder = "barcode03", .arrangement = "barcode03", .columns = 20, .quality = 37}},
         {"a short read keeps one base; the rear window is the read",
          [](OutputPolicy& p) { p.scorer.trim_barcodes = true; },
          {Barcode03()},
          40,
-         {.folder = "barcode03", .arrangement = "barcode03", .trim = {34, 5}, .columns = 20, .rear_end = "11"}},
+         {.folder = "barcode03",
+          .arrangement = "barcode03",
+          .trim = {34, 5},
+          .columns = 20,
+          .rear_end = "11",
+          .quality = 37}},
         {"listed in the sample sheet",
          [&](OutputPolicy& p) { p.sample_sheet = &sheet; },
          {Barcode03()},
          200,
-         {.folder = "S1", .arrangement = "barcode03", .sample = "S1", .columns = 19, .last_column = "S1"}},
+         {.folder = "S1",
+          .arrangement = "barcode03",
+          .sample = "S1",
+          .columns = 19,
+          .last_column = "S1",
+          .quality = 37}},
         {"not listed: unclassified, the candidate still shown",
          [&](OutputPolicy& p) {
              p.sample_sheet = &other;
@@ -179,6 +199,9 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
         EXPECT_EQ(out.title_tag, "barcode=" + want.arrangement) << c.name;
         EXPECT_TRUE(out.bam_tags.empty()) << c.name;
         EXPECT_EQ(std::isinf(out.score), c.results.empty()) << c.name;
+        EXPECT_EQ(out.quality, want.quality) << c.name;
+        // An unclassified read is no call: it adds nothing to the wrong calls to expect.
+        EXPECT_EQ(out.error_probability, want.quality > 0 ? 2e-4 : 0) << c.name;
 
         const auto columns = Columns(out.summary_row);
         ASSERT_EQ(columns.size(), want.columns) << c.name << ": " << out.summary_row;
@@ -198,10 +221,12 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
 
 // BAM output: a FASTQ read's comment becomes CO, a BAM read keeps its tags
 // (less an old arrangement tag, and less the tags that index into the bases
-// once any are cut off); the arrangement goes last as ar.
+// once any are cut off); the arrangement and the barcode quality go last as ar
+// and bq.
 TEST(OutputPolicy, BamTags) {
     std::string input_tags;
     Common::AppendTextTag(input_tags, "ar", "barcode09");
+    Common::AppendIntTag(input_tags, "bq", 12);
     Common::AppendTextTag(input_tags, "MM", "C+m?;");
     Common::AppendTextTag(input_tags, "xq", "kept");
     Common::AppendTextTag(input_tags, "OQ", std::string(200, 'I'));
@@ -209,6 +234,7 @@ TEST(OutputPolicy, BamTags) {
         std::string aux;
         for (const auto& [tag, value] : fields)
             Common::AppendTextTag(aux, tag, value);
+        Common::AppendIntTag(aux, "bq", 37);
         return aux;
     };
     struct Case {

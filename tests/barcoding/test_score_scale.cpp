@@ -158,7 +158,8 @@ TEST(ScoreScale, RightBarcodeFarAboveWrongOnesForEveryFlankAndBarcodeLength) {
 // whether that passes depends on how close the core comes to a barcode.)
 TEST(ScoreScale, ReadEndsWithoutABarcodeOfTheKitStayBelowTheMinimum) {
     ScorerOptions options = Options("K");
-    options.min_score = options.min_score_rear_override = std::stof(TestSupport::ShippedConfiguration().at("min_score"));
+    options.min_score = options.min_score_rear_override =
+        std::stof(TestSupport::ShippedConfiguration().at("min_score"));
     for (size_t flank : {10, 20, 30, 40}) {
         for (size_t length : {16, 24, 40}) {
             SCOPED_TRACE("barcode " + std::to_string(length) + ", flanks " + std::to_string(flank));
@@ -365,12 +366,12 @@ TEST(ScoreScale, ChimeraWithADamagedEndIsMixedAndARandomEndIsNot) {
             if (a.score < plain.min_score || a.barcode == b.barcode) continue;
             SCOPED_TRACE(read);
             // The front's barcode, read forwards, sits reverse-complemented at the rear.
-            const auto a_there =
-                std::find_if(rear_ends.begin(), rear_ends.end(),
-                             [&a](const BarcodeDetectResult& r) { return r.id == a.barcode + "_REV"; });
+            const auto a_there = std::find_if(rear_ends.begin(), rear_ends.end(), [&a](const BarcodeDetectResult& r) {
+                return r.id == a.barcode + "_REV";
+            });
             ASSERT_NE(a_there, rear_ends.end());
-            const bool weak_evidence = b.score > 0 && b.presence >= kMixedEvidencePresence &&
-                                       a_there->score <= -kMixedRivalMargin;
+            const bool weak_evidence =
+                b.score > 0 && b.presence >= kMixedEvidencePresence && a_there->score <= -kMixedRivalMargin;
             if (b.score < plain.min_score && !weak_evidence) continue;
             by_evidence += b.score < plain.min_score;
             EXPECT_TRUE(plain_scorer.Score(read)[0].mixed);
