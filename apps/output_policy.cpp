@@ -9,6 +9,8 @@
 #include "barcoding/barcode_scorer.h"
 #include "common/bam_record.h"
 #include "common/barcode_trimmer.h"
+#include "common/base_modifications.h"
+#include "common/logger.h"
 
 namespace Vorpa {
 
@@ -28,10 +30,19 @@ TrimmedBases TrimAmounts(const Barcoding::ArrangementDetectResult& best, const B
     return trim;
 }
 
+const Common::Logger& PolicyLog() {
+    static const Common::Logger logger("output");
+    return logger;
+}
+
 // A read from BAM input keeps its tags, less earlier arrangement and barcode
-// quality tags and, when bases are cut off, the tags that index into the
-// bases. A read from FASTQ keeps its title's comment (the key=value fields) as
-// the standard comment tag CO, which BAM input reads back into the title.
+// quality tags and, when bases are cut off, the per-base tags (one value per
+// base, of no use for a part of the read). Its base modifications follow the
+// cut instead: the calls on kept bases stay on them, which needs the bases as
+// they were (the record is not trimmed yet). Modification tags that cannot be
+// read are dropped, with a warning naming the read, rather than written
+// wrong. A read from FASTQ keeps its title's comment (the key=value fields)
+// as the standard comment tag CO, which BAM input reads back into the title.
 // Then come the arrangement (ar) and the barcode quality (bq).
 void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::string& tags) {
     tags.clear();
@@ -40,8 +51,13 @@ void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::stri
         const std::string_view our_tags[] = {Common::kArrangementTag, Common::kBarcodeQualityTag};
         Common::RemoveTags(tags, our_tags);
         if (out.trim.front + out.trim.rear > 0) {
-            Common::RemoveTags(tags, Common::kModificationTags);
             Common::RemoveTags(tags, Common::kPerBaseTags);
+            const std::string problem = Common::TrimModificationTags(
+                tags, record.sequence, static_cast<size_t>(out.trim.front), static_cast<size_t>(out.trim.rear));
+            if (!problem.empty())
+                VB_LOG(PolicyLog(), Common::Severity::warning)
+                    << "Read '" << record.ReadId() << "': its base-modification tags cannot be read (" << problem
+                    << "); they are dropped, not written";
         }
     } else if (!record.Comment().empty()) {
         Common::AppendTextTag(tags, "CO", record.Comment());

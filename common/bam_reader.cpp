@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "common/bam_record.h"
+#include "common/logger.h"
 #include "common/string_utils.h"
 
 namespace Common {
@@ -36,20 +37,47 @@ constexpr BasePairs MakeBasePairs() {
 }
 constexpr BasePairs kBasePairs = MakeBasePairs();
 
-// Read group ID -> platform unit, from the header's @RG lines; looked up by
-// the record's tag text without copying it.
-using PlatformUnitMap = std::map<std::string, std::string, std::less<>>;
-PlatformUnitMap PlatformUnits(sam_hdr_t* header) {
-    PlatformUnitMap units;
+// What a read group's @RG line says about the run: the value of a "runid="
+// field of its description (DS, space-separated key=value fields, as
+// basecallers write it) and its platform unit (PU, often the flow cell,
+// which two runs may share). Empty when absent.
+struct ReadGroupRun {
+    std::string run_id;
+    std::string platform_unit;
+};
+// Looked up by the record's tag text without copying it.
+using ReadGroupRuns = std::map<std::string, ReadGroupRun, std::less<>>;
+
+std::string_view RunIdInDescription(std::string_view description) {
+    for (size_t at = 0; at < description.size();) {
+        size_t end = description.find(' ', at);
+        if (end == std::string_view::npos) end = description.size();
+        if (description.substr(at, 6) == "runid=" && end > at + 6) return description.substr(at + 6, end - at - 6);
+        at = end + 1;
+    }
+    return {};
+}
+
+ReadGroupRuns RunsOfReadGroups(sam_hdr_t* header) {
+    ReadGroupRuns runs;
     const int lines = sam_hdr_count_lines(header, "RG");
     kstring_t value = KS_INITIALIZE;
     for (int i = 0; i < lines; ++i) {
         const char* id = sam_hdr_line_name(header, "RG", i);
-        if (id != nullptr && sam_hdr_find_tag_pos(header, "RG", i, "PU", &value) == 0)
-            units.emplace(id, std::string(value.s, value.l));
+        if (id == nullptr) continue;
+        ReadGroupRun run;
+        if (sam_hdr_find_tag_pos(header, "RG", i, "DS", &value) == 0)
+            run.run_id = RunIdInDescription(std::string_view(value.s, value.l));
+        if (sam_hdr_find_tag_pos(header, "RG", i, "PU", &value) == 0) run.platform_unit.assign(value.s, value.l);
+        if (!run.run_id.empty() || !run.platform_unit.empty()) runs.emplace(id, std::move(run));
     }
     ks_free(&value);
-    return units;
+    return runs;
+}
+
+const Logger& ReaderLog() {
+    static const Logger logger("bam_reader");
+    return logger;
 }
 
 // A file opened with its header read, closed again by the destructor.
@@ -84,7 +112,8 @@ struct HtsInput {
 
 struct BamIterable::Htslib : HtsInput {
     bam1_t* record = nullptr;
-    PlatformUnitMap platform_units;
+    ReadGroupRuns read_group_runs;
+    bool told_platform_unit = false;  // the warning that a PU stands in for the run id, once per file
 
     Htslib(const std::string& path, int threads) : HtsInput(path, threads) {}
     ~Htslib() {
@@ -112,7 +141,7 @@ BamIterable::BamIterable(const std::string& path, int threads)
     : hts_(std::make_unique<Htslib>(path, threads)), path_(path) {
     hts_->record = bam_init1();
     if (hts_->record == nullptr) throw std::runtime_error("Out of memory reading '" + path + "'");
-    hts_->platform_units = PlatformUnits(hts_->header);
+    hts_->read_group_runs = RunsOfReadGroups(hts_->header);
 }
 
 BamIterable::~BamIterable() = default;
@@ -157,15 +186,24 @@ void BamIterable::ReadNext() {
     }
 }
 
-// The run id of a record whose comment names none: its ri tag, else the
-// platform unit of its read group.
-std::optional<std::string_view> BamIterable::RunIdOf(std::string_view tags) const {
-    if (const auto run_id = FindTextTag(tags, kRunIdTag)) return run_id;
+// The run id of a record whose comment names none: a runid= in its read
+// group's DS, else its ri tag, else its read group's PU (with a warning once
+// per file, since two runs on one flow cell share a PU).
+std::optional<std::string_view> BamIterable::RunIdOf(std::string_view tags) {
     const auto group = FindTextTag(tags, "RG");
-    if (!group) return std::nullopt;
-    const auto unit = hts_->platform_units.find(*group);
-    if (unit == hts_->platform_units.end()) return std::nullopt;
-    return unit->second;
+    const auto run = group ? hts_->read_group_runs.find(*group) : hts_->read_group_runs.end();
+    if (run != hts_->read_group_runs.end() && !run->second.run_id.empty()) return run->second.run_id;
+    if (const auto run_id = FindTextTag(tags, kRunIdTag)) return run_id;
+    if (run == hts_->read_group_runs.end() || run->second.platform_unit.empty()) return std::nullopt;
+    if (!hts_->told_platform_unit) {
+        hts_->told_platform_unit = true;
+        VB_LOG(ReaderLog(), Severity::warning)
+            << "'" << path_ << "': the read group '" << run->first
+            << "' names no run (no runid= in its DS, no ri tag on the reads), so its platform unit (PU) '"
+            << run->second.platform_unit
+            << "' is used as the run id: two runs on one flow cell then share their output files";
+    }
+    return run->second.platform_unit;
 }
 
 // Fills record_ (its tags included) from the htslib record; false (with the iteration
@@ -236,7 +274,9 @@ bool BamIterable::Convert() {
     }
     if (!(flag & BAM_FUNMAP)) RemoveTags(tags, kAlignmentTags);
 
-    record_.ComposeTitle(name, FindTextTag(tags, "CO"), RunIdOf(tags));
+    const auto comment = FindTextTag(tags, "CO");
+    const bool comment_names_run = comment && comment->find("runid=") != std::string_view::npos;
+    record_.ComposeTitle(name, comment, comment_names_run ? std::nullopt : RunIdOf(tags));
     return true;
 }
 

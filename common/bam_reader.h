@@ -10,9 +10,12 @@
 //
 // The fields come from the record: the read id is its name, the comment the
 // text of its CO tag (the FASTQ comment kept by this program's BAM output and
-// by common conversion tools), the run id the comment's "runid=" or else the
-// record's ri:Z tag, else the PU field of its read group's @RG line. Without
-// any of these the read has no run id, like such a FASTQ read. The title,
+// by common conversion tools). The run id, in this order: the comment's
+// "runid="; a "runid=" field of the DS (description) of the record's read
+// group (RG tag -> @RG line), as basecallers write it; the record's ri:Z tag;
+// the PU (platform unit) of its read group, with a warning once per file,
+// since a flow cell may hold several runs. Without any of these the read has
+// no run id, like such a FASTQ read. The title,
 // which FASTQ output carries, is composed from them
 // (FastQRecord::ComposeTitle): "@<name> <comment> runid=<run id>".
 //
@@ -70,7 +73,7 @@ private:
     struct Htslib;
     void ReadNext();
     bool Convert();
-    std::optional<std::string_view> RunIdOf(std::string_view tags) const;
+    std::optional<std::string_view> RunIdOf(std::string_view tags);
     void Stop(std::string error);
 
     std::unique_ptr<Htslib> hts_;

@@ -219,10 +219,15 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
     }
 }
 
+void AppendLength(std::string& aux, int32_t length) {
+    aux += "MNi";
+    aux.append(reinterpret_cast<const char*>(&length), 4);
+}
+
 // BAM output: a FASTQ read's comment becomes CO, a BAM read keeps its tags
-// (less an old arrangement tag, and less the tags that index into the bases
-// once any are cut off); the arrangement and the barcode quality go last as ar
-// and bq.
+// (less an old arrangement tag, and less the per-base tags once bases are
+// cut off; its modification lists follow the cut and get MN); the
+// arrangement and the barcode quality go last as ar and bq.
 TEST(OutputPolicy, BamTags) {
     std::string input_tags;
     Common::AppendTextTag(input_tags, "ar", "barcode09");
@@ -230,10 +235,14 @@ TEST(OutputPolicy, BamTags) {
     Common::AppendTextTag(input_tags, "MM", "C+m?;");
     Common::AppendTextTag(input_tags, "xq", "kept");
     Common::AppendTextTag(input_tags, "OQ", std::string(200, 'I'));
-    auto tags = [](std::vector<std::pair<const char*, std::string>> fields) {
+    // MN (the read length the modifications were written for), when given,
+    // goes before ar, the last of the fields; bq follows.
+    auto tags = [](std::vector<std::pair<const char*, std::string>> fields, int32_t length = -1) {
         std::string aux;
-        for (const auto& [tag, value] : fields)
+        for (const auto& [tag, value] : fields) {
+            if (length >= 0 && &value == &fields.back().second) AppendLength(aux, length);
             Common::AppendTextTag(aux, tag, value);
+        }
         Common::AppendIntTag(aux, "bq", 37);
         return aux;
     };
@@ -249,8 +258,8 @@ TEST(OutputPolicy, BamTags) {
         {"@r1", false, false, 30, tags({{"ar", "barcode03"}})},
         {"@r1 runid=RUN7", true, false, 30,
          tags({{"MM", "C+m?;"}, {"xq", "kept"}, {"OQ", std::string(200, 'I')}, {"ar", "barcode03"}})},
-        {"@r1 runid=RUN7", true, true, 30, tags({{"xq", "kept"}, {"ar", "barcode03"}})},
-        {"@r1 runid=RUN7", true, true, 90, tags({{"xq", "kept"}, {"ar", "barcode03"}})},
+        {"@r1 runid=RUN7", true, true, 30, tags({{"MM", "C+m?;"}, {"xq", "kept"}, {"ar", "barcode03"}}, 137)},
+        {"@r1 runid=RUN7", true, true, 90, tags({{"MM", "C+m?;"}, {"xq", "kept"}, {"ar", "barcode03"}}, 171)},
     };
     for (const auto& c : cases) {
         OutputPolicy policy = Policy();
@@ -274,6 +283,57 @@ TEST(OutputPolicy, BamTags) {
         FAIL();
     } catch (const std::runtime_error& e) {
         EXPECT_STREQ(e.what(), "the read id '@odd' cannot be a BAM read name");
+    }
+}
+
+// Modification calls through trimming: the calls on kept bases stay on the
+// same bases (skip counts from the new start, their probabilities kept);
+// tags that do not fit the read are dropped whole, other tags kept.
+TEST(OutputPolicy, BamModificationTagsFollowTheCut) {
+    // Calls on the 1st, 52nd and 153rd G of 200.
+    std::string input;
+    Common::AppendTextTag(input, "MM", "G-m.,0,50,100;");
+    const std::string probabilities = {'B', 'C', 3, 0, 0, 0, 11, 22, 33};
+    input.append("ML").append(probabilities);
+    Common::AppendTextTag(input, "xq", "kept");
+    std::string broken;
+    Common::AppendTextTag(broken, "MM", "C+m,5;");  // no C in the read
+    Common::AppendTextTag(broken, "xq", "kept");
+
+    auto expect = [](const std::string& lists, std::vector<char> values, int32_t length) {
+        std::string aux;
+        Common::AppendTextTag(aux, "MM", lists);
+        aux.append("MLBC").append(1, static_cast<char>(values.size())).append(3, '\0');
+        aux.append(values.begin(), values.end());
+        Common::AppendTextTag(aux, "xq", "kept");
+        AppendLength(aux, length);
+        return aux;
+    };
+    std::string only_xq;
+    Common::AppendTextTag(only_xq, "xq", "kept");
+    struct Case {
+        const std::string* tags;
+        float min_front;  // 90: only the rear is cut
+        std::string want;
+    };
+    const Case cases[] = {
+        {&input, 30, expect("G-m.,17,100;", {22, 33}, 137)},  // 34 cut off the front, 29 off the rear
+        {&input, 90, expect("G-m.,0,50,100;", {11, 22, 33}, 171)},
+        {&broken, 30, only_xq},
+    };
+    for (const auto& c : cases) {
+        OutputPolicy policy = Policy();
+        policy.bam = true;
+        policy.scorer.trim_barcodes = true;
+        policy.scorer.min_score = c.min_front;
+        Common::FastQRecord record = Read("@r1 runid=RUN7", 200);
+        record.tags = *c.tags;
+        ReadOutput out;
+        DecideOutput(record, {Barcode03()}, policy, out);
+        std::string want = c.want;
+        Common::AppendTextTag(want, "ar", "barcode03");
+        Common::AppendIntTag(want, "bq", 37);
+        EXPECT_EQ(out.bam_tags, want) << c.min_front;
     }
 }
 

@@ -19,7 +19,8 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const kHeader =
-    "@HD\tVN:1.6\tSO:unsorted\n@SQ\tSN:chr1\tLN:1000000\n@RG\tID:g1\tPU:unit7\tSM:s\n@RG\tID:g2\tSM:t\n";
+    "@HD\tVN:1.6\tSO:unsorted\n@SQ\tSN:chr1\tLN:1000000\n@RG\tID:g1\tPU:unit7\tSM:s\n@RG\tID:g2\tSM:t\n"
+    "@RG\tID:g3\tPU:unit7\tDS:model=fast xrunid=no runid=fromds x=1\n";
 
 struct Read {
     std::string title, bases, qualities, tags;
@@ -67,19 +68,28 @@ protected:
     fs::path root_;
 };
 
-// The run id comes from the comment (CO), else the ri tag, else the read
-// group's PU; the title is composed from them; the tags come through byte for
-// byte.
+// The run id comes from the comment (CO), else a runid= field of the read
+// group's DS, else the ri tag, else the read group's PU; the title is
+// composed from them; the tags come through byte for byte.
 TEST_F(BamReaderTest, FieldsAndTitlesByTheDocumentedRule) {
     const std::string records = Unaligned("r1", "ACGT", "!#%'", "CO:Z:runid=fromco ch=5\tri:Z:fromtag\tRG:Z:g1") +
                                 Unaligned("r2", "ACGTA", "IIIII", "ri:Z:fromtag\tRG:Z:g1\txq:i:-3") +
                                 Unaligned("r3", "A", "5", "RG:Z:g1") + Unaligned("r4", "CC", "55", "RG:Z:g2") +
-                                Unaligned("r5", "GGT", "*");
-    const std::vector<std::string> titles = {"@r1 runid=fromco ch=5", "@r2 runid=fromtag", "@r3 runid=unit7", "@r4",
-                                             "@r5"};
+                                Unaligned("r5", "GGT", "*") + Unaligned("r6", "T", "5", "ri:Z:fromtag\tRG:Z:g3") +
+                                Unaligned("r7", "T", "5", "CO:Z:ch=1\tRG:Z:g3") +
+                                Unaligned("r8", "T", "5", "CO:Z:runid=fromco\tRG:Z:g3");
+    const std::vector<std::string> titles = {
+        "@r1 runid=fromco ch=5", "@r2 runid=fromtag",     "@r3 runid=unit7", "@r4", "@r5",
+        "@r6 runid=fromds",      "@r7 ch=1 runid=fromds", "@r8 runid=fromco"};
     const std::string none = kInvalidRunId;
-    const std::vector<std::string> fields = {"r1|runid=fromco ch=5|fromco", "r2||fromtag", "r3||unit7", "r4||" + none,
-                                             "r5||" + none};
+    const std::vector<std::string> fields = {"r1|runid=fromco ch=5|fromco",
+                                             "r2||fromtag",
+                                             "r3||unit7",
+                                             "r4||" + none,
+                                             "r5||" + none,
+                                             "r6||fromds",
+                                             "r7|ch=1|fromds",
+                                             "r8|runid=fromco|fromco"};
     // CRAM input is checked end to end (tests/e2e): htslib's CRAM writer
     // leaks a block, which the sanitizer build would report here.
     for (const char* name : {"in.sam", "in.bam"}) {
@@ -188,7 +198,9 @@ TEST_F(BamReaderTest, BadRecordsAndDamagedFilesEndTheFileWithAReason) {
 
 TEST_F(BamReaderTest, ReadGroupLines) {
     const std::string path = Make("groups.bam", Unaligned("r", "A", "I"));
-    EXPECT_EQ(ReadGroupLines(path), (std::vector<std::string>{"@RG\tID:g1\tPU:unit7\tSM:s", "@RG\tID:g2\tSM:t"}));
+    EXPECT_EQ(ReadGroupLines(path),
+              (std::vector<std::string>{"@RG\tID:g1\tPU:unit7\tSM:s", "@RG\tID:g2\tSM:t",
+                                        "@RG\tID:g3\tPU:unit7\tDS:model=fast xrunid=no runid=fromds x=1"}));
 }
 
 }  // namespace

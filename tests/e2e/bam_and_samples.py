@@ -361,6 +361,147 @@ def case_bam_rotation_and_few_files(ctx):
     check(set(written) == set(rows) and 0 < len(rows) < copies * len(renamed), f"{len(rows)} rows after SIGINT")
 
 
+def write_sam_as_bam(path, lines):
+    with open(path + ".sam", "w") as handle:
+        handle.write("\n".join(lines) + "\n")
+    subprocess.run(["samtools", "view", "-b", "-o", path, path + ".sam"], check=True, capture_output=True)
+    os.remove(path + ".sam")
+
+
+def case_bam_run_id_from_read_group(ctx):
+    """BAM as basecallers write it: the run id only as runid= in the read
+    group's DS, the flow cell in PU, shared by two runs (a reload). The same
+    calls, files and reads as the FASTQ with runid= in the titles. A read
+    group with PU alone files its reads under the PU, with one warning."""
+    need_samtools()
+    records, _ = ctx.simulate("rg", 240, 76)
+    split_into_files(ctx.path("fq"), records, ["a.fastq"])
+    groups = by_run_id(records)
+    check(len(groups) >= 2, "the case needs the reads of two runs")
+    lines = ["@HD\tVN:1.6\tSO:unsorted"]
+    lines += [f"@RG\tID:rg{k}\tPU:FLOWCELL1\tDS:basecall_model=fast runid={title_fields(g[0][0])['runid']} x=1"
+              for k, g in enumerate(groups)]
+    for k, group in enumerate(groups):
+        lines += [f"{read_id(t)}\t4\t*\t0\t0\t*\t*\t0\t0\t{s}\t{q}\tRG:Z:rg{k}" for t, s, q in group]
+    os.makedirs(ctx.path("bam"))
+    write_sam_as_bam(ctx.path("bam", "a.bam"), lines)
+    ctx.run(barcoder_args("fq", "from_fq", "--trim_barcodes"))
+    result = ctx.run(barcoder_args("bam", "from_bam", "--trim_barcodes"))
+    check("platform unit" not in result.stdout, "a warning about PU although DS names the run")
+    columns = summary_columns(trim=True)
+    check(read_summary(ctx.path("from_fq", SUMMARY), columns) == read_summary(ctx.path("from_bam", SUMMARY), columns),
+          "the summaries differ")
+    fastq, bam = output_reads(ctx.path("from_fq")), output_reads(ctx.path("from_bam"))
+    check(set(fastq) == set(bam) == {read_id(t) for t, _, _ in records}, "reads lost")
+    for rid, (folder, name, (_, seq, qual)) in fastq.items():
+        check(bam[rid][:2] == (folder, name) and bam[rid][2][1:] == (seq, qual), f"{rid}: {bam[rid][:2]}, not "
+              f"{(folder, name)}, or other bases")
+
+    # PU alone: the run id, with one warning naming the file and the group.
+    lines = ["@HD\tVN:1.6", "@RG\tID:only\tPU:FLOWCELL1"]
+    lines += [f"{read_id(t)}\t4\t*\t0\t0\t*\t*\t0\t0\t{s}\t{q}\tRG:Z:only" for t, s, q in records[:20]]
+    os.makedirs(ctx.path("pu"))
+    write_sam_as_bam(ctx.path("pu", "b.bam"), lines)
+    result = ctx.run(barcoder_args("pu", "from_pu"))
+    warnings = [line for line in result.stdout.splitlines() if "platform unit" in line]
+    check(len(warnings) == 1 and "b.bam" in warnings[0] and "'only'" in warnings[0], f"warnings: {warnings}")
+    names = {name for _, name, _ in output_reads(ctx.path("from_pu")).values()}
+    check(names == {"fastq_runid_FLOWCELL1_0.fastq"}, f"files {names}")
+
+
+def modification_calls(seq, mm, ml):
+    """(list head, read position, probabilities) of every call in MM/ML,
+    found by walking the read; the reference for what the program writes."""
+    calls, probabilities = [], list(ml[1]) if ml else []
+    used = 0
+    for entry in mm.split(";")[:-1]:
+        head, *skips = entry.split(",")
+        base = head[0]
+        codes = 1 if head[2].isdigit() else len(head[2:].rstrip(".?"))
+        position = -1
+        for skip in map(int, skips):
+            for _ in range(skip + 1):
+                position += 1
+                while base != "N" and seq[position] != base.replace("U", "T"):
+                    position += 1
+            calls.append((head, position, tuple(probabilities[used:used + codes])))
+            used += codes
+    check(used == len(probabilities), f"{len(probabilities)} ML values for {used} calls in {mm}")
+    return calls
+
+
+def random_modifications(rng, seq):
+    """MM and ML values for a read: several lists on both strands."""
+    lists, ml = [], []
+    for head, base, codes in (("C+mh?", "C", 2), ("G-m.", "G", 1), ("N+n", "N", 1), ("A+a", "A", 1)):
+        skip, entry = 0, head
+        for b in seq:
+            if base != "N" and b != base:
+                continue
+            if rng.random() < 0.3:
+                entry += f",{skip}"
+                ml += [rng.randrange(256) for _ in range(codes)]
+                skip = 0
+            else:
+                skip += 1
+        lists.append(entry + ";")
+    return "".join(lists), ml
+
+
+def case_bam_modifications_trimmed(ctx):
+    """Base modifications through --trim_barcodes: every call on a kept base
+    stays on that base, with its probabilities, on reads stored either way
+    round; calls on cut bases are gone; unreadable tags are dropped with a
+    warning naming the read; samtools reads every record."""
+    need_samtools()
+    import random
+    rng = random.Random(77)
+    records, _ = ctx.simulate("mods", 200, 77)
+    lines = ["@HD\tVN:1.6", "@SQ\tSN:ref\tLN:10000000"]
+    lines.append(f"@RG\tID:g\tDS:runid={title_fields(records[0][0])['runid']}")
+    inputs = {}
+    for k, (title, seq, qual) in enumerate(records):
+        rid = read_id(title)
+        mm, ml = random_modifications(rng, seq)
+        if k == 7:
+            mm = "C+m,100000;"  # past the read's last C
+        inputs[rid] = (seq, mm, ml)
+        tags = f"RG:Z:g\tMM:Z:{mm}" + (f"\tML:B:C,{','.join(map(str, ml))}" if ml else "")
+        if k % 3 == 1:  # stored reverse complemented; the tags keep the read's orientation
+            lines.append(f"{rid}\t16\tref\t{100 + k}\t60\t{len(seq)}M\t*\t0\t0\t{revcomp(seq)}\t{qual[::-1]}\t{tags}")
+        else:
+            lines.append(f"{rid}\t4\t*\t0\t0\t*\t*\t0\t0\t{seq}\t{qual}\t{tags}")
+    os.makedirs(ctx.path("in"))
+    write_sam_as_bam(ctx.path("in", "mods.bam"), lines)
+    result = ctx.run(barcoder_args("in", "out", "--trim_barcodes", "--output_format", "bam"))
+
+    broken = read_id(records[7][0])
+    warnings = [line for line in result.stdout.splitlines() if "modification" in line]
+    check(len(warnings) == 1 and broken in warnings[0] and "MM" in warnings[0], f"warnings: {warnings}")
+    header, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(trim=True))
+    front_column, rear_column = header.index("barcode_front_total_trimmed"), header.index("barcode_rear_total_trimmed")
+    written = output_bam_reads(ctx.path("out"))
+    check(set(written) == set(inputs), "reads lost")
+    cut_calls = kept_calls = 0
+    for rid, (seq, mm, ml) in inputs.items():
+        record = written[rid][2]
+        front, rear = int(rows[rid][front_column]), int(rows[rid][rear_column])
+        check(record["seq"] == seq[front:len(seq) - rear], f"{rid}: bases")
+        if rid == broken:
+            check(not {"MM", "ML", "MN"} & {t for t, _, _ in record["tags"]}, f"{rid} kept unreadable tags")
+            continue
+        before = modification_calls(seq, mm, ("C", ml) if ml else None)
+        expected = [(h, p - front, v) for h, p, v in before if front <= p < len(seq) - rear]
+        after = modification_calls(record["seq"], tag(record, "MM"), tag(record, "ML"))
+        check(after == expected, f"{rid}: modification calls moved or lost")
+        check(tag(record, "MN") == len(record["seq"]) or (front + rear == 0 and tag(record, "MN") is None),
+              f"{rid}: MN {tag(record, 'MN')}")
+        cut_calls += len(before) - len(expected)
+        kept_calls += len(expected)
+    check(cut_calls > 100 and kept_calls > 1000, f"{cut_calls} calls cut, {kept_calls} kept: too few to judge")
+    check(sum(samtools_agree(ctx.path("out")).values()) == len(inputs), "samtools does not read every record")
+
+
 def write_sheet(ctx, name, text):
     with open(ctx.path(name), "w") as handle:
         handle.write(text)
