@@ -176,32 +176,6 @@ TEST(SummaryRow, ControlCharactersInTextsKeepTheRowShape) {
     EXPECT_EQ(row[3], "K_");
 }
 
-// The sample column follows every other column, the trim columns included,
-// in the header and in both kinds of row.
-TEST(SummaryRow, SampleColumnComesLast) {
-    Barcoding::ArrangementDetectResult best;
-    best.normalised_id = "barcode03";
-    const Vorpa::TrimmedBases trimmed{12, 7};
-    const std::string sample = "Liver-A";
-    for (bool trim : {false, true}) {
-        const auto header = SplitRow(Vorpa::SummaryHeader(trim, true));
-        const auto row = SplitRow(SummaryRow("r1", best, 100, trim ? &trimmed : nullptr, &sample));
-        const auto empty = SplitRow(Vorpa::NoResultRow("r2", trim, &sample));
-        ASSERT_EQ(header.size(), trim ? 21u : 19u);
-        ASSERT_EQ(row.size(), header.size());
-        ASSERT_EQ(empty.size(), header.size());
-        EXPECT_EQ(header.back(), "sample");
-        EXPECT_EQ(row.back(), "Liver-A");
-        EXPECT_EQ(empty.back(), "Liver-A");
-        if (trim) {
-            EXPECT_EQ(header[19], "barcode_rear_total_trimmed");
-            EXPECT_EQ(row[18], "12");
-            EXPECT_EQ(row[19], "7");
-        }
-        EXPECT_EQ(Vorpa::SummaryHeader(trim), Vorpa::SummaryHeader(trim, false));
-    }
-}
-
 // Every combination of optional columns: header and both kinds of row line
 // up, the optional columns come in their documented order, and without the
 // quality columns a row is what it was before they existed.

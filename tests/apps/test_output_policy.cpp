@@ -127,14 +127,18 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
           .columns = 20,
           .rear_end = "11",
           .quality = 37}},
-        {"listed in the sample sheet",
-         [&](OutputPolicy& p) { p.sample_sheet = &sheet; },
+        {"listed in the sample sheet: the sample column after the trim columns",
+         [&](OutputPolicy& p) {
+             p.sample_sheet = &sheet;
+             p.scorer.trim_barcodes = true;
+         },
          {Barcode03()},
          200,
          {.folder = "S1",
           .arrangement = "barcode03",
           .sample = "S1",
-          .columns = 19,
+          .trim = {34, 29},
+          .columns = 21,
           .last_column = "S1",
           .quality = 37}},
         {"not listed: unclassified, the candidate still shown",

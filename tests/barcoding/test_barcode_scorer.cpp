@@ -107,29 +107,8 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
     EXPECT_EQ(best.rear.found_sequence, ReverseComplement(barcodes_[0]));
     EXPECT_EQ(best.rear.begin_index, 7);
 
-    // Kits rank by how well their references fit, then by score: the AK pair
-    // (BC02 front, BC03 rear) and DK's barcode02 share the front reference, so
-    // they tie on fit and the MAX pair's score outranks ADD's, whose rear
-    // (BC02 where BC03 is) scores below 0 on the new scale.
-    const std::string pair = Read(barcodes_[1], barcodes_[2]);
-    auto results = scorer.Score(pair, 3);
-    ASSERT_EQ(results.size(), 2u);
-    EXPECT_EQ(results[0].id, "pair_var1");
-    EXPECT_FLOAT_EQ(results[0].score, std::max(results[0].front.score, results[0].rear.score));
-    EXPECT_GT(results[0].rear.score, 90);
-    EXPECT_EQ(results[1].id, "barcode02_var1");
-    EXPECT_LT(results[1].rear.score, 0);
-    EXPECT_FLOAT_EQ(results[1].score, results[1].front.score + results[1].rear.score);
-
-    // The second variant exchanges the written ends: BC03 reverse-complemented
-    // at the front and BC02 as written at the rear.
-    BarcodeScorer pair_scorer(Options("AK"), manager_, kMatrix);
-    best = pair_scorer.Score(Read(ReverseComplement(barcodes_[2]), ReverseComplement(barcodes_[1])))[0];
-    EXPECT_EQ(best.id, "pair_var2");
-    EXPECT_EQ(best.front.id, "BC03_REV");
-    EXPECT_EQ(best.rear.id, "BC02_FWD");
-    EXPECT_GT(best.score, 95);
-
+    // Ranking between kits, the mirrored variants and the scoring functions
+    // are the naive comparison's business below; here what a read means.
     // Single-ended kit: the front score alone, whatever the scoring function says.
     const std::string single = Read(barcodes_[3], "");
     best = scorer.Score(single)[0];
@@ -137,12 +116,6 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
     EXPECT_GT(best.score, 95);
     EXPECT_EQ(best.rear.id, "");
     EXPECT_EQ(best.rear.begin_index, -1);
-    // Its second variant looks for the barcode as written at the rear.
-    best = scorer.Score(Read("", ReverseComplement(barcodes_[3])))[0];
-    EXPECT_EQ(best.id, "single_var2");
-    EXPECT_EQ(best.rear.found_sequence, barcodes_[3]);
-    EXPECT_EQ(best.rear.begin_index, 10);
-
     // Reads shorter than a window are used whole; an empty read is unclassified.
     best = scorer.Score(barcodes_[3])[0];
     EXPECT_EQ(best.id, "single_var1");

@@ -178,34 +178,30 @@ TEST_F(ParametersTest, HelpAndVersion) {
     EXPECT_NE(version.message_text.find("Version requested.\n"), std::string::npos);
 }
 
+template <typename Declaration>
+std::string Refusal() {
+    try {
+        Declaration().Parse({});
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "accepted";
+}
+
+struct BadFlag : TestParameters {
+    void AddOptions() override { AddOption("count", "", &threads, Flag); }
+};
+struct BadSwitch : TestParameters {
+    void AddOptions() override { AddOption("count", "", &threads, Switch); }
+};
+struct ConfigFlag : TestParameters {
+    void AddOptions() override { AddOption("switch", "", &flag, Flag | ConfigFile); }
+};
+
 TEST_F(ParametersTest, MisdeclaredFlagsThrow) {
-    struct BadFlag : TestParameters {
-        void AddOptions() override { AddOption("count", "", &threads, Flag); }
-    };
-    struct BadSwitch : TestParameters {
-        void AddOptions() override { AddOption("count", "", &threads, Switch); }
-    };
-    try {
-        BadSwitch().Parse({});
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Switch options must have a storage type of bool.");
-    }
-    struct ConfigFlag : TestParameters {
-        void AddOptions() override { AddOption("switch", "", &flag, Flag | ConfigFile); }
-    };
-    try {
-        BadFlag().Parse({});
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options must have a storage type of bool.");
-    }
-    try {
-        ConfigFlag().Parse({});
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options cannot also be configuration options.");
-    }
+    EXPECT_EQ(Refusal<BadSwitch>(), "Switch options must have a storage type of bool.");
+    EXPECT_EQ(Refusal<BadFlag>(), "Flag options must have a storage type of bool.");
+    EXPECT_EQ(Refusal<ConfigFlag>(), "Flag options cannot also be configuration options.");
 }
 
 TEST_F(ParametersTest, WrittenConfigurationReadsBackToTheSameValues) {

@@ -570,14 +570,8 @@ def case_sample_sheet_errors(ctx):
     # Each check's message is pinned by the unit tests; here: the status, the
     # file and line named on both channels, nothing written.
     head = "arrangement\tsample\n"
-    cases = [
-        ("", "Sample sheet 'bad.tsv' is empty: it needs a header line."),
-        (head + "barcode01\tA\nbarcode01\tB\n",
-         "Sample sheet 'bad.tsv', line 3: the arrangement 'barcode01' is already listed on line 2."),
-        (head + "barcode01\tA\nbarcode77\tB\n",
-         "Sample sheet 'bad.tsv', line 3: 'barcode77' is not an arrangement of the selected kits."),
-        (head + "barcode01\ta/b\n", "Sample sheet 'bad.tsv', line 2: the sample name 'a/b' contains '/'."),
-    ]
+    cases = [(head + "barcode01\tA\nbarcode01\tB\n",
+              "Sample sheet 'bad.tsv', line 3: the arrangement 'barcode01' is already listed on line 2.")]
     for text, message in cases:
         write_sheet(ctx, "bad.tsv", text)
         result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "bad.tsv"), expect=255)

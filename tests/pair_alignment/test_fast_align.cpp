@@ -182,39 +182,13 @@ TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
     }
 }
 
-TEST_F(FastAlignTest, WideBandCoversTheWholeMatrix) {
-    std::mt19937 rng(7);
-    for (int n = 0; n < 400; ++n) {
-        const int l1 = rng() % 120, l2 = rng() % 120;
-        const int configured = std::max(l1, l2) + rng() % 3;
-        const auto band = Band(l1, l2, configured | 1);
-        for (const auto& row : band)
-            ASSERT_TRUE(std::all_of(row.begin(), row.end(), [](bool b) { return b; })) << l1 << " " << l2;
-    }
-}
-
-TEST_F(FastAlignTest, BandEndsMoveAtMostOneCellPerDiagonal) {
-    std::mt19937 rng(11);
-    for (int n = 0; n < 400; ++n) {
-        const int l1 = 1 + rng() % 150, l2 = 1 + rng() % 150, w = 1 + 2 * (rng() % 40);
-        std::vector<int> off(l1 + l2 + 1), len(l1 + l2 + 1);
-        PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, w), off.data(), len.data());
-        ASSERT_EQ(off[l1 + l2], l2);
-        ASSERT_EQ(len[l1 + l2], 1);
-        for (int d = 1; d <= l1 + l2; ++d) {
-            ASSERT_GE(len[d], 1);
-            ASSERT_TRUE(off[d] - off[d - 1] == 0 || off[d] - off[d - 1] == 1);
-            const int end_step = off[d] + len[d] - off[d - 1] - len[d - 1];
-            ASSERT_TRUE(end_step == 0 || end_step == 1);
-        }
-    }
-}
-
-// Lengths whose (l1 + 1) * d once overflowed int and threw the band out of
-// the matrix. The band must keep its shape there and match a reference that
-// forms the product in 64-bit integers: the band the int product gave wherever
-// it fitted (the GPU kernel reproduces that one), the intended one beyond.
-TEST_F(FastAlignTest, BandPlacementHoldsForLongSequences) {
+// The band's ends move at most one cell per diagonal, it stays in the matrix,
+// and a band at least as wide as the matrix covers all of it; also for
+// lengths whose (l1 + 1) * d once overflowed int and threw the band out of
+// the matrix. The offsets match a reference that forms the product in 64-bit
+// integers: the band the int product gave wherever it fitted (the GPU kernel
+// reproduces that one), the intended one beyond.
+TEST_F(FastAlignTest, BandPlacementKeepsItsShapeForShortAndLongSequences) {
     auto reference = [](int l1, int l2, int width, std::vector<int>& off) {
         const int total = l1 + l2, half = width / 2;
         const double inv_n = 1.0 / (total + 1);
@@ -233,8 +207,12 @@ TEST_F(FastAlignTest, BandPlacementHoldsForLongSequences) {
     std::vector<std::pair<int, int>> sizes = {{100000, 150}, {150, 100000}, {60000, 60000}, {46000, 47000}};
     for (int n = 0; n < 20; ++n)
         sizes.emplace_back(1 + rng() % 46000, 1 + rng() % 46000);
+    for (int n = 0; n < 400; ++n)
+        sizes.emplace_back(1 + rng() % 150, 1 + rng() % 150);
     for (const auto& [l1, l2] : sizes) {
-        const int width = EffectiveBandWidth(l1, l2, 1 + 2 * static_cast<int>(rng() % 200));
+        const bool wide = rng() % 3 == 0;
+        const int width =
+            EffectiveBandWidth(l1, l2, wide ? std::max(l1, l2) | 1 : 1 + 2 * static_cast<int>(rng() % 200));
         const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
         std::vector<int> off(diagonals), len(diagonals), expected;
         PlaceBand(l1, l2, width, off.data(), len.data());
@@ -244,6 +222,9 @@ TEST_F(FastAlignTest, BandPlacementHoldsForLongSequences) {
             ASSERT_GE(off[d], std::max(0, d - l1)) << l1 << " " << l2 << " " << d;
             ASSERT_LE(off[d] + len[d] - 1, std::min(l2, d)) << l1 << " " << l2 << " " << d;
             ASSERT_GE(len[d], 1);
+            if (wide) {
+                ASSERT_EQ(len[d], std::min(l2, d) - std::max(0, d - l1) + 1) << l1 << " " << l2 << " " << d;
+            }
         }
         reference(l1, l2, width, expected);
         ASSERT_EQ(off, expected) << l1 << " " << l2;
@@ -342,33 +323,11 @@ TEST_F(FastAlignTest, BatchScoresMatchTheFullMatrixProgramForEveryBuild) {
     }
 }
 
-TEST_F(FastAlignTest, HandWorkedAlignments) {
-    // +2 match, -1 mismatch, free gaps before and after the reference.
-    std::vector<int> m(16, -1);
-    for (int k = 0; k < 4; ++k)
-        m[5 * k] = 2;
-    FastAlign floating(MatView<int>(m.data(), 4, 4), {0, 0, 3, 3, 3, 3}, 5);
+// Ties, empty sequences and wide scores are the random cases' business;
+// only the layout check is left to show by hand.
+TEST_F(FastAlignTest, StridedViewsAreRefused) {
+    std::vector<int> m(16, -1), strided = {0, 9, 1, 9};
+    FastAlign aligner(MatView<int>(m.data(), 4, 4), {1, 1, 1, 1, 1, 1}, 3);
     Path path;
-    EXPECT_EQ(floating.Align(View({0, 1, 2, 3}), View({3, 3, 0, 1, 2, 3, 3, 3}), path), 8);
-    EXPECT_EQ(path, (Path{{-1, 0}, {-1, 1}, {0, 2}, {1, 3}, {2, 4}, {3, 5}, {-1, 6}, {-1, 7}}));
-
-    const std::vector<int> same = {2, 0, 3, 3, 1, 0, 2};
-    EXPECT_EQ(floating.Align(View(same), View(same), path), 2 * int(same.size()));
-    for (size_t k = 0; k < same.size(); ++k)
-        EXPECT_EQ(path[k], std::make_pair(int(k), int(k)));
-
-    // Up and right tie at (1, 1): the gap goes into the query, i.e. the step
-    // into (1, 1) advances the reference alone.
-    std::vector<int> bad(16, -10);
-    FastAlign tie(MatView<int>(bad.data(), 4, 4), {1, 1, 1, 1, 1, 1}, 3);
-    EXPECT_EQ(tie.Align(View({0}), View({1}), path), -2);
-    EXPECT_EQ(path, (Path{{-1, 0}, {0, -1}}));
-
-    EXPECT_EQ(tie.Align(View({}), View({1, 2}), path), ZERO_PROB_SCORE);
-    EXPECT_EQ(path, (Path{{-1, 0}, {-1, 1}}));
-    EXPECT_EQ(tie.Align(View({1, 2}), View({}), path), ZERO_PROB_SCORE);
-    EXPECT_EQ(path, (Path{{0, -1}, {1, -1}}));
-
-    std::vector<int> strided = {0, 9, 1, 9};
-    EXPECT_THROW(tie.Align(VecView<int>(strided.data(), 2, 2), View({0, 1}), path), std::runtime_error);
+    EXPECT_THROW(aligner.Align(VecView<int>(strided.data(), 2, 2), View({0, 1}), path), std::runtime_error);
 }
