@@ -53,11 +53,10 @@ std::vector<FastQRecord> RandomRecords(std::mt19937& rng, int count) {
     return records;
 }
 
-std::string Join(const std::vector<FastQRecord>& records, const std::string& eol, bool final_eol) {
+std::string Join(const std::vector<FastQRecord>& records) {
     std::string text;
     for (const auto& r : records)
-        text += r.title + eol + r.sequence + eol + "+" + eol + r.qstring + eol;
-    if (!final_eol && !text.empty()) text.resize(text.size() - eol.size());
+        text += r.ToString();
     return text;
 }
 
@@ -192,19 +191,9 @@ TEST(FastQReader, MatchesTheRulesOnRandomInput) {
     EXPECT_GT(errors, 40);
 }
 
-TEST(FastQReader, LineEndingsAndFinalNewlineDoNotChangeRecords) {
-    std::mt19937 rng(7);
-    for (int count : {0, 1, 2, 37}) {
-        auto records = RandomRecords(rng, count);
-        for (std::string eol : {"\n", "\r\n"}) {
-            for (bool final_eol : {true, false}) {
-                SCOPED_TRACE(std::to_string(count) + (eol.size() == 2 ? " CRLF" : " LF") + (final_eol ? " final" : ""));
-                const Outcome got = ReadText(Join(records, eol, final_eol));
-                ExpectSame(got.records, records);
-                EXPECT_EQ(got.error, "");
-            }
-        }
-    }
+// Line endings, a missing final newline and trailing blank lines are the
+// random input's business; these are the edges it does not reach.
+TEST(FastQReader, LineEdges) {
     // Only one carriage return is removed, so the second one is a bad base.
     CapturingLog([] { EXPECT_TRUE(ReadText("@r\r\r\nA\r\r\n+\nI\r\r\n").records.empty()); });
     // Layout is not checked: odd title and separator lines are fine.
@@ -277,7 +266,7 @@ TEST(FastQReader, BeginOnlyOnceAndFailedStreams) {
 TEST(FastQReader, OpensPlainAndGzipFilesByExtension) {
     std::mt19937 rng(99);
     auto records = RandomRecords(rng, 500);
-    std::string text = Join(records, "\n", true);
+    std::string text = Join(records);
     fs::path plain = TempFastq("a.fastq");
     fs::path gzip = TempFastq("a.fastq.gz");
     fs::path members = TempFastq("a.fq.gz");
@@ -287,8 +276,7 @@ TEST(FastQReader, OpensPlainAndGzipFilesByExtension) {
     std::string packed;
     Common::GzipMemberWriter writer;
     for (size_t i = 0; i < records.size(); i += 7)
-        writer.Append(Join({records.begin() + i, records.begin() + std::min(i + 7, records.size())}, "\n", true),
-                      packed);
+        writer.Append(Join({records.begin() + i, records.begin() + std::min(i + 7, records.size())}), packed);
     WriteFile(members, packed);
     for (const fs::path& path : {plain, gzip, members}) {
         const Outcome got = ReadFastqFile(path);

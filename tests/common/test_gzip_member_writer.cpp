@@ -37,8 +37,8 @@ std::string RandomBatch(std::mt19937& rng) {
 
 }  // namespace
 
-// Every member inflates alone to its text, the appended series to all texts
-// in order, with zlib and with the gzip command.
+// Every member inflates alone to its text (zlib), the appended series to all
+// texts in order (the gzip command).
 TEST(GzipMemberWriter, MembersInflateWithZlibAndGzip) {
     std::mt19937 rng(8080);
     const fs::path path = TempFile("writer.gz");
@@ -62,12 +62,7 @@ TEST(GzipMemberWriter, MembersInflateWithZlibAndGzip) {
             EXPECT_TRUE(member.complete) << i;
             EXPECT_TRUE(member.text == texts[i]) << i;
         }
-        const std::string_view series = std::string_view(out).substr(4);
-        const Inflated inflated = Gunzip(series);
-        EXPECT_TRUE(inflated.complete);
-        EXPECT_TRUE(inflated.text == all);
-
-        WriteFile(path, series);
+        WriteFile(path, std::string_view(out).substr(4));
         const fs::path inflated_path = TempFile("writer.out");
         const std::string command = "gzip -dc '" + path.string() + "' > '" + inflated_path.string() + "'";
         ASSERT_EQ(std::system(command.c_str()), 0);
