@@ -386,6 +386,15 @@ class CalibrationSmokeTest(unittest.TestCase):
                                      "--processes", "1"])
             with open(os.path.join(work, "report.md")) as f:
                 report = f.read()
+            # The report derived from low-threshold runs has every table of the real runs'.
+            calibrate.main(["--program", program, "--work", work, "--smoke", "--models", "builtin",
+                            "--report-only", "--derived", "--report", os.path.join(work, "derived.md")])
+            with open(os.path.join(work, "derived.md")) as f:
+                derived = f.read()
+        tables = [[line for line in text[text.index("## Held-out"):].splitlines() if line.startswith("|")]
+                  for text in (report, derived)]
+        self.assertGreater(len(tables[0]), 20)
+        self.assertEqual(tables[0], tables[1])
         self.assertGreater(chosen["min_score"], 0)
         self.assertIn(chosen["rival_margin"], calibrate.RIVAL_MARGINS)
         for text in ("worst design per identity", "chimeras unclassified, --reject_mixed_barcodes",
