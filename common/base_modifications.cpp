@@ -18,7 +18,7 @@ constexpr size_t kNone = std::numeric_limits<size_t>::max();
 constexpr std::string_view kFundamentalBases = "ACGTUN";
 constexpr int kAnyBase = 4;
 
-int CountIndex(char fundamental) {
+constexpr int CountIndex(char fundamental) {
     switch (fundamental) {
         case 'A':
             return 0;
@@ -42,13 +42,21 @@ struct BaseCounts {
     std::array<size_t, 5> total{};
 };
 
+// CountIndex as a table, for the loop over every base of the read; N and
+// other letters land in a slot that is not read.
+constexpr std::array<uint8_t, 256> MakeCountTable() {
+    std::array<uint8_t, 256> table{};
+    for (size_t c = 0; c < table.size(); ++c)
+        table[c] = static_cast<uint8_t>(CountIndex(static_cast<char>(c)));
+    return table;
+}
+constexpr std::array<uint8_t, 256> kCountTable = MakeCountTable();
+
 BaseCounts CountBases(std::string_view bases, size_t front, size_t rear) {
     const auto count = [](std::string_view part) {
         std::array<size_t, 5> counts{};
-        for (char base : part) {
-            const int index = CountIndex(base);
-            if (index != kAnyBase) ++counts[static_cast<size_t>(index)];
-        }
+        for (char base : part)
+            ++counts[kCountTable[static_cast<uint8_t>(base)]];
         counts[kAnyBase] = part.size();
         return counts;
     };
