@@ -141,7 +141,7 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
     const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
     const bool vector_safe = n_ == 4 && range <= Core::kLimit32 && band_steps_by_one;
     const SimdKernels& kernels = vector_safe ? ActiveKernels() : GenericKernels();
-    if (&kernels == &GenericKernels()) return kernels.fill_band(job);
+    if (&kernels == &GenericKernels()) return kernels.core.fill_band(job);
 
     const Core::Costs& c = job.costs;
     auto up_cost = [&](int k) { return k == l1 ? c.start1 : k == 0 ? c.end1 : c.open1; };  // i = l1 - k
@@ -156,7 +156,7 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
         job.up_cost = Padded<int>(w.up_cost, l1 + 1, 0, up_cost);
         job.right_cost = Padded<int>(w.right_cost, l2 + 1, 0, right_cost);
     }
-    return kernels.fill_band(job);
+    return kernels.core.fill_band(job);
 }
 
 bool FastAlign::PrepareBand(int l1, int l2, int width) {

@@ -155,7 +155,7 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         }
         w.lane_scores.resize(static_cast<size_t>(job.blocks) * lanes);
         job.scores = w.lane_scores.data();
-        (use16 ? kernels.score_lanes16 : kernels.score_lanes32)(job);
+        (use16 ? kernels.core.score_lanes16 : kernels.core.score_lanes32)(job);
         for (size_t k = 0; k < group.members.size(); ++k)
             scores[group.members[k]] = w.lane_scores[k];
     }

@@ -19,16 +19,10 @@ namespace {
 using Core::kNarrowBlockBytes;
 using Core::kWideBlockBytes;
 
-const SimdKernels kGeneric = {"generic", Core::FillBandGeneric, Core::ScoreLanes16Generic, Core::ScoreLanes32Generic,
-                              kNarrowBlockBytes};
-const SimdKernels kSse41 = {"sse41", Core::FillBandSse41, Core::ScoreLanes16Sse41, Core::ScoreLanes32Sse41,
-                            kNarrowBlockBytes};
-const SimdKernels kAvx2 = {"avx2", Core::FillBandAvx2, Core::ScoreLanes16Avx2, Core::ScoreLanes32Avx2,
-                           kNarrowBlockBytes};
-// Single alignments gain nothing from 512-bit registers at barcode lengths, so
-// this build shares the AVX2 band routine (every AVX-512BW processor has AVX2).
-const SimdKernels kAvx512 = {"avx512", Core::FillBandAvx2, Core::ScoreLanes16Avx512, Core::ScoreLanes32Avx512,
-                             kWideBlockBytes};
+const SimdKernels kGeneric = {"generic", Core::kGenericBuild, kNarrowBlockBytes};
+const SimdKernels kSse41 = {"sse41", Core::kSse41Build, kNarrowBlockBytes};
+const SimdKernels kAvx2 = {"avx2", Core::kAvx2Build, kNarrowBlockBytes};
+const SimdKernels kAvx512 = {"avx512", Core::kAvx512Build, kWideBlockBytes};
 
 // Widest first: the order in which an unforced choice tries them.
 const SimdKernels* const kBuilds[] = {&kAvx512, &kAvx2, &kSse41, &kGeneric};

@@ -13,9 +13,7 @@ namespace PairAlignment {
 
 struct SimdKernels {
     const char* name;  // "generic", "sse41", "avx2" or "avx512"
-    Core::FillBandFn fill_band;
-    Core::ScoreLanesFn score_lanes16;
-    Core::ScoreLanesFn score_lanes32;
+    const Core::BuildKernels& core;
     int block_bytes;  // lane block width of the score kernels' profiles and rows
 };
 

@@ -57,9 +57,6 @@ struct BandJob {
     bool lanes16 = false;  // scores fit 16-bit lanes (within kLimit16)
 };
 using FillBandFn = int (*)(const BandJob&);
-int FillBandGeneric(const BandJob& job);
-int FillBandSse41(const BandJob& job);
-int FillBandAvx2(const BandJob& job);
 
 // Many references of one length l1 against one query, one lane per reference,
 // scores only. Lanes come in blocks of the build's block width: 32 bytes (16
@@ -92,13 +89,22 @@ constexpr int kSentinel16 = -32768;
 constexpr long long kLimit16 = 32000;
 constexpr int kSentinel32 = -1000000000;
 constexpr long long kLimit32 = kMaxScoreRange32;
-void ScoreLanes16Generic(const LaneJob& job);
-void ScoreLanes16Sse41(const LaneJob& job);
-void ScoreLanes16Avx2(const LaneJob& job);
-void ScoreLanes16Avx512(const LaneJob& job);
-void ScoreLanes32Generic(const LaneJob& job);
-void ScoreLanes32Sse41(const LaneJob& job);
-void ScoreLanes32Avx2(const LaneJob& job);
-void ScoreLanes32Avx512(const LaneJob& job);
+
+// One build's kernels. Each build's object defines its table, constant-
+// initialised, so that the dispatcher's own tables are constant too.
+struct BuildKernels {
+    FillBandFn fill_band;
+    ScoreLanesFn score_lanes16;
+    ScoreLanesFn score_lanes32;
+};
+extern const BuildKernels kGenericBuild;
+extern const BuildKernels kSse41Build;
+extern const BuildKernels kAvx2Build;
+// Single alignments gain nothing from 512-bit registers at barcode lengths, so
+// the AVX-512 build's band routine is the AVX2 one (every AVX-512BW processor
+// has AVX2).
+extern const BuildKernels kAvx512Build;
+int FillBandGeneric(const BandJob& job);
+int FillBandAvx2(const BandJob& job);
 
 }  // namespace PairAlignment::Core

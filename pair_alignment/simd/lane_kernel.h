@@ -197,8 +197,10 @@ void ScoreLanesWith(const LaneJob& job, int sentinel) {
     }
 }
 
+// The build's entry point for lane type B.
 template <class B>
-void ScoreLanes(const LaneJob& job, int sentinel) {
+void ScoreLanes(const LaneJob& job) {
+    const int sentinel = sizeof(typename B::Elem) == 2 ? kSentinel16 : kSentinel32;
     if (job.costs.open1 == job.costs.open2)
         ScoreLanesWith<B, true>(job, sentinel);
     else

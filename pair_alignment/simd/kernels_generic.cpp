@@ -55,11 +55,8 @@ struct ScalarLanes {
 
 }  // namespace
 
-void ScoreLanes16Generic(const LaneJob& job) {
-    ScoreLanes<ScalarLanes<int16_t>>(job, kSentinel16);
-}
-void ScoreLanes32Generic(const LaneJob& job) {
-    ScoreLanes<ScalarLanes<int32_t>>(job, kSentinel32);
-}
+// The band routine is the readable one of fast_align_generic.cpp.
+constinit const BuildKernels kGenericBuild = {FillBandGeneric, ScoreLanes<ScalarLanes<int16_t>>,
+                                              ScoreLanes<ScalarLanes<int32_t>>};
 
 }  // namespace PairAlignment::Core

@@ -72,11 +72,7 @@ struct WideLanes {
 
 }  // namespace
 
-void ScoreLanes16Avx512(const LaneJob& job) {
-    ScoreLanes<WideLanes<int16_t>>(job, kSentinel16);
-}
-void ScoreLanes32Avx512(const LaneJob& job) {
-    ScoreLanes<WideLanes<int32_t>>(job, kSentinel32);
-}
+constinit const BuildKernels kAvx512Build = {FillBandAvx2, ScoreLanes<WideLanes<int16_t>>,
+                                             ScoreLanes<WideLanes<int32_t>>};
 
 }  // namespace PairAlignment::Core
