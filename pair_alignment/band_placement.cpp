@@ -56,4 +56,12 @@ bool BandEndsStepByOne(const int* offsets, const int* lengths, int diagonals) {
     return true;
 }
 
+bool BandCoversMatrix(int l1, int l2, const int* offsets, const int* lengths) {
+    for (int d = 0; d <= l1 + l2; ++d) {
+        const int first = std::max(0, d - l1);
+        if (offsets[d] != first || lengths[d] != std::min(l2, d) - first + 1) return false;
+    }
+    return true;
+}
+
 }  // namespace PairAlignment

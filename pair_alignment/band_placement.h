@@ -19,4 +19,7 @@ void PlaceBand(int l1, int l2, int width, int* offsets, int* lengths);
 // previous ends, rely on it and check it before trusting a band.
 bool BandEndsStepByOne(const int* offsets, const int* lengths, int diagonals);
 
+// Whether the band of (l1, l2) holds every cell of the matrix.
+bool BandCoversMatrix(int l1, int l2, const int* offsets, const int* lengths);
+
 }  // namespace PairAlignment

@@ -57,6 +57,8 @@ FastAlign::FastAlign(const brim::data_wrappers::MatView<int>& matrix, std::vecto
         max_abs_cost_ = std::max<int64_t>(max_abs_cost_, std::abs(static_cast<int64_t>(value)));
     for (int value : gap_costs_)
         max_abs_cost_ = std::max<int64_t>(max_abs_cost_, std::abs(static_cast<int64_t>(value)));
+    const Core::Costs c = InternalCosts();
+    costs_fit8_ = max_abs_cost_ <= Core::kLimit8Cost && c.start1 >= c.open1 && c.start2 >= c.open2;
     for (auto& row : work_->rows)
         row.resize(band_width_ + Core::kPad);
     work_->match.resize(band_width_ + Core::kPad);
@@ -167,6 +169,7 @@ bool FastAlign::PrepareBand(int l1, int l2, int width) {
     w.lengths.resize(diagonals);
     PlaceBand(l1, l2, width, w.offsets.data(), w.lengths.data());
     w.band_steps_by_one = BandEndsStepByOne(w.offsets.data(), w.lengths.data(), static_cast<int>(diagonals));
+    w.band_covers_matrix = BandCoversMatrix(l1, l2, w.offsets.data(), w.lengths.data());
     w.band_l1 = l1;
     w.band_l2 = l2;
     w.band_width = width;

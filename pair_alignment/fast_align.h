@@ -85,6 +85,7 @@ private:
     int band_width_;
     int n_;
     int64_t max_abs_cost_ = 0;  // largest |matrix element| or |gap cost|
+    bool costs_fit8_ = false;   // the costs allow the 8-bit kernel (Core::kLimit8Cost)
     std::unique_ptr<Work> work_;
 };
 

@@ -58,11 +58,13 @@ const LaneProfile<Elem>* FindProfile(const std::vector<LaneProfile<Elem>>& profi
 
 // Matrix cells of one query against the whole batch, counted as the
 // benchmarks count them: (L1 + 1) * (L2 + 1) per reference, whatever the band.
+int64_t GroupCells(const ReferenceBatch::Group& group, int l2) {
+    return static_cast<int64_t>(group.members.size()) * (group.length + 1) * (static_cast<int64_t>(l2) + 1);
+}
 int64_t BatchCells(const ReferenceBatch& batch, int l2) {
     int64_t cells = 0;
     for (const ReferenceBatch::Group& group : batch.groups)
-        if (group.length > 0)
-            cells += static_cast<int64_t>(group.members.size()) * (group.length + 1) * (static_cast<int64_t>(l2) + 1);
+        if (group.length > 0) cells += GroupCells(group, l2);
     return cells;
 }
 
@@ -91,6 +93,10 @@ std::shared_ptr<const ReferenceBatch> FastAlign::PrepareReferences(
                     group.profiles16.push_back(
                         BuildProfile<int16_t>(references, group.members, group.length, matrix_, n_, block_bytes));
             }
+            if (costs_fit8_)
+                for (int block_bytes : RunnableByteBlockBytes())
+                    group.profiles8.push_back(
+                        BuildProfile<int8_t>(references, group.members, group.length, matrix_, n_, block_bytes));
         }
         batch->groups.push_back(std::move(group));
     }
@@ -109,6 +115,7 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
     const auto start = timed ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point{};
     Work& w = *work_;
     const SimdKernels& kernels = ActiveKernels();
+    int64_t byte_cells = 0;
     for (const ReferenceBatch::Group& group : batch.groups) {
         const int l1 = group.length;
         if (l1 == 0) continue;
@@ -138,30 +145,35 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         job.costs = InternalCosts();
         job.offsets = w.offsets.data();
         job.lengths = w.lengths.data();
+        auto run = [&](const auto& profile, auto& rows, size_t row_blocks, Core::ScoreLanesFn kernel) {
+            job.blocks = profile.blocks;
+            job.profile = profile.values.data();
+            rows.resize(row_blocks * profile.lanes);
+            job.rows = rows.data();
+            w.lane_scores.resize(static_cast<size_t>(job.blocks) * profile.lanes);
+            job.scores = w.lane_scores.data();
+            kernel(job);
+        };
+        // The 8-bit kernel where its conditions hold (fast_align_core.h), else
+        // the narrowest lanes the range allows. The batch may come from an
+        // aligner with the same matrix and other gap costs: the costs checked
+        // are this aligner's.
+        const auto* profile8 = FindProfile(group.profiles8, kernels.block_bytes8);
         const size_t row_blocks = 4 * (static_cast<size_t>(l2) + 3);
-        int lanes = 0;
-        if (use16) {
-            lanes = profile16->lanes;
-            job.blocks = profile16->blocks;
-            job.profile = profile16->values.data();
-            w.lane_rows16.resize(row_blocks * lanes);
-            job.rows = w.lane_rows16.data();
-        } else {
-            lanes = profile32->lanes;
-            job.blocks = profile32->blocks;
-            job.profile = profile32->values.data();
-            w.lane_rows32.resize(row_blocks * lanes);
-            job.rows = w.lane_rows32.data();
-        }
-        w.lane_scores.resize(static_cast<size_t>(job.blocks) * lanes);
-        job.scores = w.lane_scores.data();
-        (use16 ? kernels.core.score_lanes16 : kernels.core.score_lanes32)(job);
+        if (use16 && costs_fit8_ && profile8 != nullptr && w.band_covers_matrix) {
+            run(*profile8, w.lane_rows8, static_cast<size_t>(l2) + 1, kernels.core.score_lanes8);
+            byte_cells += GroupCells(group, l2);
+        } else if (use16)
+            run(*profile16, w.lane_rows16, row_blocks, kernels.core.score_lanes16);
+        else
+            run(*profile32, w.lane_rows32, row_blocks, kernels.core.score_lanes32);
         for (size_t k = 0; k < group.members.size(); ++k)
             scores[group.members[k]] = w.lane_scores[k];
     }
     if (timed) {
         const auto elapsed = std::chrono::steady_clock::now() - start;
-        RecordKernelCall(BatchCells(batch, l2), std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count());
+        RecordKernelCall(BatchCells(batch, l2), std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count(),
+                         byte_cells);
     }
 }
 

@@ -20,6 +20,7 @@ struct FastAlign::Work {
     // both lengths, so the band is placed once for many alignments.
     int band_l1 = -1, band_l2 = -1, band_width = -1;
     bool band_steps_by_one = false;
+    bool band_covers_matrix = false;
     std::vector<uint8_t> ref_rev8;  // padded inputs of the vector builds
     std::vector<uint8_t> query8;
     std::vector<int> up_cost;
@@ -28,6 +29,7 @@ struct FastAlign::Work {
     std::vector<int16_t> right_cost16;
     AlignedVector<int16_t> lane_rows16;  // batch kernels' score rows
     AlignedVector<int32_t> lane_rows32;
+    AlignedVector<int8_t> lane_rows8;
     std::vector<int> lane_scores;
     Path scratch_path;
 };
@@ -55,6 +57,9 @@ struct ReferenceBatch {
         // empty when the matrix does not fit 16 bits.
         std::vector<LaneProfile<int16_t>> profiles16;
         std::vector<LaneProfile<int32_t>> profiles32;
+        // For the 8-bit kernel, when the aligner's costs allow it
+        // (FastAlign::costs_fit8_); else empty.
+        std::vector<LaneProfile<int8_t>> profiles8;
     };
     std::vector<int> matrix;  // of the aligner that prepared the batch
     std::vector<std::vector<int>> references;

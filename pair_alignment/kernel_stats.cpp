@@ -57,7 +57,9 @@ struct ThreadCounters {
     std::atomic<int64_t> nanoseconds{0};
     std::atomic<int64_t> calls{0};
     std::atomic<int64_t> interrupted{0};
-    double best = 0;  // fastest nanoseconds per cell so far; this thread only
+    std::atomic<int64_t> every_cell{0};
+    std::atomic<int64_t> byte_cells{0};
+    double best = 0;  // fastest nanoseconds per cell so far; this thread only (and ResetKernelStats)
 
     ThreadCounters() {
         Registry& registry = GetRegistry();
@@ -71,11 +73,14 @@ struct ThreadCounters {
         registry.retired_nanoseconds += nanoseconds.load(std::memory_order_relaxed);
         registry.retired.calls += calls.load(std::memory_order_relaxed);
         registry.retired.interrupted += interrupted.load(std::memory_order_relaxed);
+        registry.retired.every_cell += every_cell.load(std::memory_order_relaxed);
+        registry.retired.byte_cells += byte_cells.load(std::memory_order_relaxed);
         registry.live.erase(std::find(registry.live.begin(), registry.live.end(), this));
     }
     void Reset() {
-        for (auto* counter : {&cells, &nanoseconds, &calls, &interrupted})
+        for (auto* counter : {&cells, &nanoseconds, &calls, &interrupted, &every_cell, &byte_cells})
             counter->store(0, std::memory_order_relaxed);
+        best = 0;  // the pace too: the calls to come may be of another kind
     }
 };
 
@@ -99,10 +104,12 @@ void SetKernelStatsEnabled(bool on) {
     enabled.store(on, std::memory_order_relaxed);
 }
 
-void RecordKernelCall(int64_t cells, int64_t nanoseconds) {
+void RecordKernelCall(int64_t cells, int64_t nanoseconds, int64_t byte_cells) {
     if (cells <= 0) return;
     ThreadCounters& mine = Mine();
     Add(mine.calls, 1);
+    Add(mine.every_cell, cells);
+    Add(mine.byte_cells, byte_cells);
     const double per_cell = static_cast<double>(nanoseconds) / static_cast<double>(cells);
     if (mine.best > 0 && per_cell > kInterruptedFactor * mine.best) {
         Add(mine.interrupted, 1);
@@ -123,6 +130,8 @@ KernelStats KernelStatsTotal() {
         nanoseconds += counters->nanoseconds.load(std::memory_order_relaxed);
         total.calls += counters->calls.load(std::memory_order_relaxed);
         total.interrupted += counters->interrupted.load(std::memory_order_relaxed);
+        total.every_cell += counters->every_cell.load(std::memory_order_relaxed);
+        total.byte_cells += counters->byte_cells.load(std::memory_order_relaxed);
     }
     total.seconds = static_cast<double>(nanoseconds) * 1e-9;
     return total;
@@ -147,8 +156,9 @@ std::string KernelStatsSummary() {
     }
     const double gcups = total.seconds > 0 ? static_cast<double>(total.cells) / total.seconds * 1e-9 : 0.0;
     char line[256];
-    std::snprintf(line, sizeof(line), "Alignment kernel: %lld cells in %.3f s, %.2f GCUPS (%s)",
-                  static_cast<long long>(total.cells), total.seconds, gcups, build.c_str());
+    const double bytes = total.every_cell > 0 ? 100.0 * total.byte_cells / total.every_cell : 0.0;
+    std::snprintf(line, sizeof(line), "Alignment kernel: %lld cells in %.3f s, %.2f GCUPS (%s), %.0f %% in 8-bit lanes",
+                  static_cast<long long>(total.cells), total.seconds, gcups, build.c_str(), bytes);
     std::string summary = line;
     if (total.interrupted > 0) {
         std::snprintf(line, sizeof(line), "; %lld of %lld calls left out as interrupted",

@@ -19,10 +19,10 @@ namespace {
 using Core::kNarrowBlockBytes;
 using Core::kWideBlockBytes;
 
-const SimdKernels kGeneric = {"generic", Core::kGenericBuild, kNarrowBlockBytes};
-const SimdKernels kSse41 = {"sse41", Core::kSse41Build, kNarrowBlockBytes};
-const SimdKernels kAvx2 = {"avx2", Core::kAvx2Build, kNarrowBlockBytes};
-const SimdKernels kAvx512 = {"avx512", Core::kAvx512Build, kWideBlockBytes};
+const SimdKernels kGeneric = {"generic", Core::kGenericBuild, kNarrowBlockBytes, Core::kByteBlockBytes};
+const SimdKernels kSse41 = {"sse41", Core::kSse41Build, kNarrowBlockBytes, Core::kByteBlockBytes};
+const SimdKernels kAvx2 = {"avx2", Core::kAvx2Build, kNarrowBlockBytes, Core::kByteBlockBytes};
+const SimdKernels kAvx512 = {"avx512", Core::kAvx512Build, kWideBlockBytes, Core::kWideByteBlockBytes};
 
 // Widest first: the order in which an unforced choice tries them.
 const SimdKernels* const kBuilds[] = {&kAvx512, &kAvx2, &kSse41, &kGeneric};
@@ -104,15 +104,27 @@ const SimdKernels& GenericKernels() {
     return kGeneric;
 }
 
+namespace {
+
+// Each block width among the builds this processor can run, once.
+std::vector<int> RunnableWidths(int SimdKernels::*width) {
+    const CpuFeatures cpu = ProbeCpuFeatures();
+    std::vector<int> found;
+    for (const SimdKernels* kernels : kBuilds)
+        if (Runs(*kernels, cpu) && std::find(found.begin(), found.end(), kernels->*width) == found.end())
+            found.push_back(kernels->*width);
+    return found;
+}
+
+}  // namespace
+
 const std::vector<int>& RunnableBlockBytes() {
-    static const std::vector<int> widths = [] {
-        const CpuFeatures cpu = ProbeCpuFeatures();
-        std::vector<int> found;
-        for (const SimdKernels* kernels : kBuilds)
-            if (Runs(*kernels, cpu) && std::find(found.begin(), found.end(), kernels->block_bytes) == found.end())
-                found.push_back(kernels->block_bytes);
-        return found;
-    }();
+    static const std::vector<int> widths = RunnableWidths(&SimdKernels::block_bytes);
+    return widths;
+}
+
+const std::vector<int>& RunnableByteBlockBytes() {
+    static const std::vector<int> widths = RunnableWidths(&SimdKernels::block_bytes8);
     return widths;
 }
 

@@ -14,7 +14,8 @@ namespace PairAlignment {
 struct SimdKernels {
     const char* name;  // "generic", "sse41", "avx2" or "avx512"
     const Core::BuildKernels& core;
-    int block_bytes;  // lane block width of the score kernels' profiles and rows
+    int block_bytes;   // lane block width of the score kernels' profiles and rows
+    int block_bytes8;  // the same for the 8-bit kernel
 };
 
 // What the processor offers and the operating system has enabled: a vector
@@ -49,5 +50,7 @@ const SimdKernels& GenericKernels();
 // prepared reference batch holds a profile for each, so it serves whichever
 // build is active.
 const std::vector<int>& RunnableBlockBytes();
+// The same for the 8-bit kernel.
+const std::vector<int>& RunnableByteBlockBytes();
 
 }  // namespace PairAlignment

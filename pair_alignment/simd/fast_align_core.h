@@ -61,7 +61,9 @@ using FillBandFn = int (*)(const BandJob&);
 // Many references of one length l1 against one query, one lane per reference,
 // scores only. Lanes come in blocks of the build's block width: 32 bytes (16
 // lanes of int16_t or 8 of int32_t) for the generic, SSE4.1 and AVX2 builds,
-// 128 bytes (64 or 32 lanes, two registers) for AVX-512. profile holds, per
+// 128 bytes (64 or 32 lanes, two registers) for AVX-512; the 8-bit kernel's
+// blocks are 32 bytes (32 lanes), and 64 (one register) for AVX-512. profile
+// holds, per
 // block, for reference position i and query code b, the block of matrix
 // scores M(reference_lane[i], b) at ((i * n) + b) * lanes. profile and rows
 // start on a 64-byte boundary. The caller guarantees that no score of the band
@@ -75,12 +77,14 @@ struct LaneJob {
     const int* lengths = nullptr;
     const void* profile = nullptr;  // blocks * l1 * n lane blocks
     int blocks = 0;
-    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space
+    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space (8-bit: l2 + 1)
     int* scores = nullptr;  // blocks * lanes results
 };
 using ScoreLanesFn = void (*)(const LaneJob&);
 constexpr int kNarrowBlockBytes = 32;
 constexpr int kWideBlockBytes = 128;
+constexpr int kByteBlockBytes = 32;
+constexpr int kWideByteBlockBytes = 64;
 // The impossible score of each lane type. A kernel may be used only when
 // (l1 + l2 + 1) * (largest |matrix element| or |gap cost|) is at most the
 // limit: then every band score lies within (l1 + l2) * that cost of zero, and
@@ -89,6 +93,10 @@ constexpr int kSentinel16 = -32768;
 constexpr long long kLimit16 = 32000;
 constexpr int kSentinel32 = -1000000000;
 constexpr long long kLimit32 = kMaxScoreRange32;
+// The 8-bit kernel (diff_kernel.h) needs, besides kLimit16, a band over the
+// whole matrix, no start gap dearer than an open one (start1 >= open1 and
+// start2 >= open2 in the negated costs) and every cost within this.
+constexpr int kLimit8Cost = 25;
 
 // One build's kernels. Each build's object defines its table, constant-
 // initialised, so that the dispatcher's own tables are constant too.
@@ -96,6 +104,7 @@ struct BuildKernels {
     FillBandFn fill_band;
     ScoreLanesFn score_lanes16;
     ScoreLanesFn score_lanes32;
+    ScoreLanesFn score_lanes8;  // diff_kernel.h
 };
 extern const BuildKernels kGenericBuild;
 extern const BuildKernels kSse41Build;

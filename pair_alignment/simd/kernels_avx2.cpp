@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "pair_alignment/simd/band_kernel.h"
+#include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
 
 namespace PairAlignment::Core {
@@ -79,11 +80,40 @@ struct Lanes {
     }
 };
 
+// Byte lanes for the 8-bit kernel: one register of 32 lanes; their scores
+// in two 16-bit blocks.
+struct Bytes {
+    using Elem = int8_t;
+    static constexpr int kLanes = kByteBlockBytes;
+    using T = __m256i;
+    using Wide = Lanes<int16_t>;
+    struct W {
+        Wide::T lo, hi;
+    };
+    static T Load(const Elem* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+    static void Store(Elem* p, T a) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a); }
+    static T Add(T a, T b) { return _mm256_add_epi8(a, b); }
+    static T Sub(T a, T b) { return _mm256_sub_epi8(a, b); }
+    static T Max(T a, T b) { return _mm256_max_epi8(a, b); }
+    static T Set1(int x) { return _mm256_set1_epi8(static_cast<char>(x)); }
+    static W Widen(T a) {
+        return {_mm256_cvtepi8_epi16(_mm256_castsi256_si128(a)), _mm256_cvtepi8_epi16(_mm256_extracti128_si256(a, 1))};
+    }
+    static W AddW(const W& a, const W& b) { return {Wide::Add(a.lo, b.lo), Wide::Add(a.hi, b.hi)}; }
+    static W MaxW(const W& a, const W& b) { return {Wide::Max(a.lo, b.lo), Wide::Max(a.hi, b.hi)}; }
+    static W Set1W(int x) { return {Wide::Set1(x), Wide::Set1(x)}; }
+    static void StoreW(int16_t* p, const W& a) {
+        Wide::Store(p, a.lo);
+        Wide::Store(p + Wide::kLanes, a.hi);
+    }
+};
+
 }  // namespace
 
 int FillBandAvx2(const BandJob& job) {
     return FillBandEither<Lanes<int16_t>, Lanes<int32_t>>(job);
 }
-constinit const BuildKernels kAvx2Build = {FillBandAvx2, ScoreLanes<Lanes<int16_t>>, ScoreLanes<Lanes<int32_t>>};
+constinit const BuildKernels kAvx2Build = {FillBandAvx2, ScoreLanes<Lanes<int16_t>>, ScoreLanes<Lanes<int32_t>>,
+                                           ScoreDiffs<Bytes>};
 
 }  // namespace PairAlignment::Core

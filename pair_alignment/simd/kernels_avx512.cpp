@@ -1,4 +1,4 @@
-// AVX-512BW build of the many-reference score kernel. A lane block is two
+// AVX-512BW build of the many-reference score kernels. A lane block is two
 // 512-bit registers (64 lanes of int16_t, 32 of int32_t): each cell's query
 // code, profile address and loop step are then shared by twice as many lanes
 // as with one register. That measured about 20 % faster than one-register
@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
 
 namespace PairAlignment::Core {
@@ -70,9 +71,37 @@ struct WideLanes {
     }
 };
 
+// Byte lanes for the 8-bit kernel: one register of 64 lanes, twice as many
+// per register as the 16-bit blocks above, which hold their scores.
+struct Bytes {
+    using Elem = int8_t;
+    static constexpr int kLanes = kWideByteBlockBytes;
+    using T = __m512i;
+    using Wide = WideLanes<int16_t>;
+    using W = Wide::T;
+    static_assert(Wide::kLanes == kLanes);
+    static T Load(const Elem* p) { return _mm512_loadu_si512(p); }
+    static void Store(Elem* p, T a) { _mm512_storeu_si512(p, a); }
+    static T Add(T a, T b) { return _mm512_add_epi8(a, b); }
+    static T Sub(T a, T b) { return _mm512_sub_epi8(a, b); }
+    static T Max(T a, T b) { return _mm512_max_epi8(a, b); }
+    static T Set1(int x) { return _mm512_set1_epi8(static_cast<char>(x)); }
+    // Zero-masking extracts with every element selected, for the reason given
+    // at Max above.
+    static W Widen(T a) {
+        const __mmask8 all = 0xf;
+        return {{_mm512_cvtepi8_epi16(_mm512_maskz_extracti64x4_epi64(all, a, 0)),
+                 _mm512_cvtepi8_epi16(_mm512_maskz_extracti64x4_epi64(all, a, 1))}};
+    }
+    static W AddW(const W& a, const W& b) { return Wide::Add(a, b); }
+    static W MaxW(const W& a, const W& b) { return Wide::Max(a, b); }
+    static W Set1W(int x) { return Wide::Set1(x); }
+    static void StoreW(int16_t* p, const W& a) { Wide::Store(p, a); }
+};
+
 }  // namespace
 
 constinit const BuildKernels kAvx512Build = {FillBandAvx2, ScoreLanes<WideLanes<int16_t>>,
-                                             ScoreLanes<WideLanes<int32_t>>};
+                                             ScoreLanes<WideLanes<int32_t>>, ScoreDiffs<Bytes>};
 
 }  // namespace PairAlignment::Core

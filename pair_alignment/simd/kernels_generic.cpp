@@ -1,22 +1,24 @@
-// The readable build of the many-reference score kernel: plain loops over the
-// lanes of a block, which the compiler may vectorise with baseline flags.
+// The readable build of the many-reference score kernels: plain loops over
+// the lanes of a block, which the compiler may vectorise with baseline flags.
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
 
+#include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
 
 namespace PairAlignment::Core {
 namespace {
 
-// One narrow block of lanes as a plain array. Adds saturate to the element's
-// range like the vector builds' 16-bit adds, so the sentinel stays at the
-// bottom instead of wrapping; 32-bit jobs never come near the limits.
-template <typename E>
+// One block of lanes as a plain array, 32 bytes unless told otherwise.
+// Arithmetic saturates to the element's range like the vector builds' 16-bit
+// adds, so the sentinel stays at the bottom instead of wrapping; 32-bit and
+// 8-bit jobs never come near the limits.
+template <typename E, int kCount = kNarrowBlockBytes / sizeof(E)>
 struct ScalarLanes {
     using Elem = E;
-    static constexpr int kLanes = kNarrowBlockBytes / sizeof(E);
+    static constexpr int kLanes = kCount;
     struct T {
         E v[kLanes];
     };
@@ -30,33 +32,53 @@ struct ScalarLanes {
         for (int k = 0; k < kLanes; ++k)
             p[k] = a.v[k];
     }
-    static T Add(const T& a, const T& b) {
-        T r;
-        for (int k = 0; k < kLanes; ++k) {
-            const int64_t sum = int64_t{a.v[k]} + b.v[k];
-            r.v[k] =
-                static_cast<E>(std::clamp<int64_t>(sum, std::numeric_limits<E>::min(), std::numeric_limits<E>::max()));
-        }
-        return r;
-    }
-    static T Max(const T& a, const T& b) {
-        T r;
-        for (int k = 0; k < kLanes; ++k)
-            r.v[k] = a.v[k] > b.v[k] ? a.v[k] : b.v[k];
-        return r;
-    }
     static T Set1(int x) {
         T r;
         for (int k = 0; k < kLanes; ++k)
             r.v[k] = static_cast<E>(x);
         return r;
     }
+    // f(a, b) lane by lane, clamped to the element's range.
+    template <class F>
+    static T Each(const T& a, const T& b, F f) {
+        T r;
+        for (int k = 0; k < kLanes; ++k)
+            r.v[k] = static_cast<E>(std::clamp<int64_t>(f(int64_t{a.v[k]}, int64_t{b.v[k]}),
+                                                        std::numeric_limits<E>::min(), std::numeric_limits<E>::max()));
+        return r;
+    }
+    static T Add(const T& a, const T& b) {
+        return Each(a, b, [](int64_t x, int64_t y) { return x + y; });
+    }
+    static T Sub(const T& a, const T& b) {
+        return Each(a, b, [](int64_t x, int64_t y) { return x - y; });
+    }
+    static T Max(const T& a, const T& b) {
+        return Each(a, b, [](int64_t x, int64_t y) { return std::max(x, y); });
+    }
+};
+
+// Byte lanes with the 16-bit lanes of the same count that the 8-bit kernel
+// sums its scores in.
+struct ScalarBytes : ScalarLanes<int8_t> {
+    using Wide = ScalarLanes<int16_t, kLanes>;
+    using W = Wide::T;
+    static W Widen(const T& a) {
+        W r;
+        for (int k = 0; k < kLanes; ++k)
+            r.v[k] = a.v[k];
+        return r;
+    }
+    static W AddW(const W& a, const W& b) { return Wide::Add(a, b); }
+    static W MaxW(const W& a, const W& b) { return Wide::Max(a, b); }
+    static W Set1W(int x) { return Wide::Set1(x); }
+    static void StoreW(int16_t* p, const W& a) { Wide::Store(p, a); }
 };
 
 }  // namespace
 
 // The band routine is the readable one of fast_align_generic.cpp.
 constinit const BuildKernels kGenericBuild = {FillBandGeneric, ScoreLanes<ScalarLanes<int16_t>>,
-                                              ScoreLanes<ScalarLanes<int32_t>>};
+                                              ScoreLanes<ScalarLanes<int32_t>>, ScoreDiffs<ScalarBytes>};
 
 }  // namespace PairAlignment::Core

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "pair_alignment/simd/band_kernel.h"
+#include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
 
 namespace PairAlignment::Core {
@@ -98,9 +99,47 @@ struct Lanes {
     }
 };
 
+// Byte lanes for the 8-bit kernel: two registers of 16 lanes; their scores
+// in two 16-bit blocks.
+struct Bytes {
+    using Elem = int8_t;
+    static constexpr int kLanes = kByteBlockBytes;
+    using Wide = Lanes<int16_t>;
+    struct T {
+        __m128i lo, hi;
+    };
+    struct W {
+        Wide::T lo, hi;
+    };
+    static T Load(const Elem* p) {
+        return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16))};
+    }
+    static void Store(Elem* p, const T& a) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), a.lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 16), a.hi);
+    }
+    static T Add(const T& a, const T& b) { return {_mm_add_epi8(a.lo, b.lo), _mm_add_epi8(a.hi, b.hi)}; }
+    static T Sub(const T& a, const T& b) { return {_mm_sub_epi8(a.lo, b.lo), _mm_sub_epi8(a.hi, b.hi)}; }
+    static T Max(const T& a, const T& b) { return {_mm_max_epi8(a.lo, b.lo), _mm_max_epi8(a.hi, b.hi)}; }
+    static T Set1(int x) {
+        const __m128i v = _mm_set1_epi8(static_cast<char>(x));
+        return {v, v};
+    }
+    static Wide::T Widen(__m128i a) { return {_mm_cvtepi8_epi16(a), _mm_cvtepi8_epi16(_mm_srli_si128(a, 8))}; }
+    static W Widen(const T& a) { return {Widen(a.lo), Widen(a.hi)}; }
+    static W AddW(const W& a, const W& b) { return {Wide::Add(a.lo, b.lo), Wide::Add(a.hi, b.hi)}; }
+    static W MaxW(const W& a, const W& b) { return {Wide::Max(a.lo, b.lo), Wide::Max(a.hi, b.hi)}; }
+    static W Set1W(int x) { return {Wide::Set1(x), Wide::Set1(x)}; }
+    static void StoreW(int16_t* p, const W& a) {
+        Wide::Store(p, a.lo);
+        Wide::Store(p + Wide::kLanes, a.hi);
+    }
+};
+
 }  // namespace
 
 constinit const BuildKernels kSse41Build = {FillBandEither<Lanes<int16_t>, Lanes<int32_t>>, ScoreLanes<Lanes<int16_t>>,
-                                            ScoreLanes<Lanes<int32_t>>};
+                                            ScoreLanes<Lanes<int32_t>>, ScoreDiffs<Bytes>};
 
 }  // namespace PairAlignment::Core

@@ -11,6 +11,7 @@
 
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
+#include "pair_alignment/kernel_stats.h"
 #include "pair_alignment/simd_dispatch.h"
 #include "tests/pair_alignment/sequences.h"
 
@@ -144,7 +145,11 @@ std::vector<std::string> SupportedBuilds() {
 class FastAlignTest : public ::testing::Test {
 protected:
     void SetUp() override { original_ = ActiveSimdBuild(); }
-    void TearDown() override { ForceSimdBuild(original_); }
+    void TearDown() override {
+        ForceSimdBuild(original_);
+        SetKernelStatsEnabled(false);
+        ResetKernelStats();
+    }
     std::string original_;
 };
 
@@ -319,6 +324,71 @@ TEST_F(FastAlignTest, BatchScoresMatchTheFullMatrixProgramForEveryBuild) {
             std::vector<int> scores;
             aligner.ScoreBatch(*batch, View(c.qry), scores);
             ASSERT_EQ(scores, expected) << build << " case " << n << " count " << count << "\n" << Describe(c);
+        }
+    }
+}
+
+// The 8-bit kernel against the full-matrix program, for every build: costs
+// up to its limit (25, the extremes often), equal and unequal opens, free and
+// dear end gaps, up to 70 references (several lane blocks), references of 1000
+// bases and windows of 10000 (with costs small enough for 16-bit scores). And
+// just past each of its conditions (a cost of 26, a start gap dearer than an
+// open one, a band narrower than the matrix), where the wider kernels must
+// give the same scores instead.
+TEST_F(FastAlignTest, ByteLanesMatchTheFullMatrixProgramForEveryBuild) {
+    enum Kind { kBytes, kCostTooLarge, kDearStart, kNarrowBand, kKinds };
+    std::mt19937 rng(2718);
+    const auto builds = SupportedBuilds();
+    SetKernelStatsEnabled(true);
+    for (int n = 0; n < 120; ++n) {
+        const Kind kind = static_cast<Kind>(n % kKinds);
+        const bool huge = n >= 116;  // 1000-base references, windows up to 10000
+        const int limit = kind == kCostTooLarge ? 26 : huge ? 2 : 25;
+        auto value = [&](int lo, int hi) {
+            return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
+        };
+        std::vector<int> matrix(16);
+        for (int& v : matrix)
+            v = value(-limit, limit);
+        if (kind == kCostTooLarge) matrix[rng() % 16] = rng() % 2 ? limit : -limit;
+        const int open1 = value(0, limit), open2 = n % 3 ? value(0, limit) : open1;
+        const int start1 = value(0, open1);
+        const int start2 = kind == kDearStart ? open2 + 1 : value(0, open2);
+        const std::vector<int> gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
+        const std::vector<int> costs = {-gaps[0], -gaps[1], -gaps[2], -gaps[4], -gaps[5], -gaps[6]};
+        const bool narrow = kind == kNarrowBand;
+        const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % 80;
+        const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 1200) : (narrow ? 3 : 1) + rng() % 300;
+        // A band of at most min(l1, l2) cells misses part of the longest diagonals.
+        const int width = narrow ? 1 + 2 * int(rng() % ((std::min(l1, l2) - 1) / 2)) : std::max(l1, l2) + rng() % 3;
+        const std::vector<int> qry = RandomSeq(rng, l2);
+        std::vector<std::vector<int>> refs;  // now and then a second, shorter length
+        for (int k = 0, count = huge ? 2 : 1 + rng() % 70; k < count; ++k)
+            refs.push_back(RandomSeq(rng, k % 9 == 8 && !narrow ? 1 + rng() % l1 : l1));
+        std::vector<int> expected;
+        for (const auto& ref : refs)
+            expected.push_back(Naive(matrix, costs, ref, qry, Band(ref.size(), l2, width)).score);
+
+        for (const auto& build : builds) {
+            ForceSimdBuild(build);
+            FastAlign aligner(MatView<int>(matrix.data(), 4, 4), gaps, width);
+            // A dear start gap scores a batch prepared by an aligner whose
+            // costs take the 8-bit kernel: the scoring aligner's costs decide.
+            std::vector<int> cheap_start = gaps;
+            cheap_start[4] = open2;
+            const auto batch =
+                kind == kDearStart
+                    ? FastAlign(MatView<int>(matrix.data(), 4, 4), cheap_start, width).PrepareReferences(refs)
+                    : aligner.PrepareReferences(refs);
+            std::vector<int> scores;
+            ResetKernelStats();
+            aligner.ScoreBatch(*batch, View(qry), scores);
+            ASSERT_EQ(scores, expected) << build << " case " << n << " kind " << kind;
+            const KernelStats stats = KernelStatsTotal();
+            if (kind == kBytes)
+                ASSERT_EQ(stats.byte_cells, stats.every_cell) << build << " case " << n;
+            else
+                ASSERT_EQ(stats.byte_cells, 0) << build << " case " << n << " kind " << kind;
         }
     }
 }

@@ -56,6 +56,7 @@ TEST_F(KernelStatsTest, ScoreBatchCountsMatrixCellsOfEveryReference) {
     EXPECT_EQ(total.calls, 3);
     const int64_t per_call = (13 * 43 + 7 * 25) * 151;
     EXPECT_EQ(total.cells + total.interrupted * per_call, 3 * per_call);
+    EXPECT_EQ(total.byte_cells, 3 * per_call);  // the shipped costs take the 8-bit kernel
     EXPECT_GT(total.seconds, 0);
 
     SetKernelStatsEnabled(false);
@@ -71,8 +72,8 @@ TEST_F(KernelStatsTest, SumsOverThreadsAndLeavesOutInterruptedCalls) {
         RecordKernelCall(1000, 2000);
         RecordKernelCall(1000, 1000);
         RecordKernelCall(2000, 3900);
-        RecordKernelCall(1000, 2100);  // interrupted
-        RecordKernelCall(0, 500);      // nothing computed: ignored
+        RecordKernelCall(1000, 2100, 400);  // interrupted, still counted in every_cell
+        RecordKernelCall(0, 500);           // nothing computed: ignored
     });
     first.join();
     std::thread second([] { RecordKernelCall(500, 50000); });
@@ -84,6 +85,8 @@ TEST_F(KernelStatsTest, SumsOverThreadsAndLeavesOutInterruptedCalls) {
     EXPECT_EQ(total.interrupted, 1);
     EXPECT_EQ(total.cells, 1000 + 1000 + 2000 + 500 + 300);
     EXPECT_NEAR(total.seconds, (2000 + 1000 + 3900 + 50000 + 600) * 1e-9, 1e-12);
+    EXPECT_EQ(total.every_cell, total.cells + 1000);
+    EXPECT_EQ(total.byte_cells, 400);
 
     ResetKernelStats();
     EXPECT_EQ(KernelStatsTotal().calls, 0);
@@ -91,12 +94,12 @@ TEST_F(KernelStatsTest, SumsOverThreadsAndLeavesOutInterruptedCalls) {
 }
 
 TEST_F(KernelStatsTest, SummaryLine) {
-    std::thread([] { RecordKernelCall(3000000, 1000000); }).join();
-    EXPECT_EQ(KernelStatsSummary(),
-              std::string("Alignment kernel: 3000000 cells in 0.001 s, 3.00 GCUPS (") + ActiveSimdBuild() + ")");
+    std::thread([] { RecordKernelCall(3000000, 1000000, 750000); }).join();
+    EXPECT_EQ(KernelStatsSummary(), std::string("Alignment kernel: 3000000 cells in 0.001 s, 3.00 GCUPS (") +
+                                        ActiveSimdBuild() + "), 25 % in 8-bit lanes");
     std::thread([] {
         RecordKernelCall(1000, 1000);
         RecordKernelCall(1000, 9000);
     }).join();
-    EXPECT_TRUE(KernelStatsSummary().ends_with("); 1 of 3 calls left out as interrupted")) << KernelStatsSummary();
+    EXPECT_TRUE(KernelStatsSummary().ends_with("lanes; 1 of 3 calls left out as interrupted")) << KernelStatsSummary();
 }

@@ -1,0 +1,140 @@
+#pragma once
+// The many-reference score kernel in 8-bit lanes: the same scores as
+// lane_kernel.h, with twice as many lanes per register, for alignments whose
+// band covers the whole matrix and whose costs are small (the caller checks
+// both, see FastAlign::ScoreBatch). Written once over a byte-lane type B,
+// instantiated by each build with its own B.
+//
+// A cell's score grows with the alignment, but the difference between two
+// neighbouring cells stays small whatever the lengths. The kernel keeps, for
+// cell (i, j), x = S(i, j) - S(i, j-1) and y = S(i, j) - S(i-1, j), and with
+// z = S(i, j) - S(i-1, j-1):
+//   z = max(M(ref[i-1], q[j-1]), y(i, j-1) + open1, x(i-1, j) + open2)
+//   x(i, j) = z - y(i, j-1),  y(i, j) = z - x(i-1, j)
+// The first row and column are constant differences (start1 and start2). For
+// 1 <= i < L1 and 1 <= j < L2 only the open costs apply, and there
+//   x in [open1, max(M - min(open2, start2), open1, start1)]
+// and the same for y with the roles swapped, as long as a start gap costs no
+// more than an open one (start >= open in the negated costs): by induction
+// over i (x) and j (y). So with every cost within K = kLimit8Cost the biased
+// values below (X, Y, z) lie within [-2K, 2K] and the sums formed from them
+// (X - c, z + c) within [-4K, 4K]: a byte holds them all, so wrapping and
+// saturating arithmetic agree.
+// The last row and column are different: with a free end gap (end1 = 0), y on
+// row L1 grows with the stretch of window after the reference. They are
+// computed on scores instead, in 16-bit lanes (the caller keeps the whole
+// range within kLimit16): S(L1 - 1, j) and S(i, L2 - 1) are summed up from
+// the differences, S(L1, j) and S(i, L2) follow the plain recurrence.
+//
+// Rows go along j; the differences are kept biased,
+// X = x + open2 and Y = y + open1, so that with w = max(M, X(i-1, j)):
+//   z = max(w, Y(i, j-1)),  Y(i, j) = z - (X(i-1, j) - c),  X(i, j) = (z + c) - Y(i, j-1)
+// where c = open1 + open2: six operations a cell, of which only a max and a
+// subtraction lie on the chain from one cell to the next.
+//
+// B provides: kLanes, Elem (int8_t), T, Load, Store, Add, Sub, Max, Set1, and
+// a 16-bit type W of the same lanes with Widen(T), AddW, MaxW, Set1W and
+// StoreW(int16_t*, W).
+
+#include <cstdint>
+
+#include "pair_alignment/simd/fast_align_core.h"
+
+namespace PairAlignment::Core {
+namespace {
+
+// Cell (i, j) from above = X(i-1, j) and the profile's m = M(ref[i-1],
+// q[j-1]): left holds Y(i, j-1) and becomes Y(i, j); returns X(i, j).
+template <class B>
+__attribute__((always_inline)) inline typename B::T DiffCell(typename B::T m, typename B::T above, typename B::T& left,
+                                                             typename B::T both) {
+    const typename B::T z = B::Max(B::Max(m, above), left);
+    const typename B::T x = B::Sub(B::Add(z, both), left);
+    left = B::Sub(z, B::Sub(above, both));
+    return x;
+}
+
+template <class B>
+void ScoreDiffs(const LaneJob& job) {
+    using T = typename B::T;
+    using W = typename B::W;
+    using Elem = typename B::Elem;
+    constexpr int lanes = B::kLanes;
+    const int l1 = job.l1;
+    const int l2 = job.l2;
+    const int step = job.n * lanes;  // one reference position in a block's profile
+    const Costs& c = job.costs;
+    const int* query = job.query;
+    const T both = B::Set1(c.open1 + c.open2);
+    const T first_x = B::Set1(c.start1 + c.open2);  // row 0
+    const T first_y = B::Set1(c.start2 + c.open1);  // column 0
+    const W open1 = B::Set1W(c.open1), open2 = B::Set1W(c.open2);
+    const W end1 = B::Set1W(c.end1), end2 = B::Set1W(c.end2);
+    const W unbias_x = B::Set1W(-c.open2), unbias_y = B::Set1W(-c.open1);
+    Elem* xs = static_cast<Elem*>(job.rows);  // X(i, j) at slot j, 1 <= j < l2
+    auto match = [query, lanes](const Elem* row, int j) { return B::Load(row + query[j - 1] * lanes); };
+
+    for (int block = 0; block < job.blocks; ++block) {
+        const Elem* profile = static_cast<const Elem*>(job.profile) + static_cast<size_t>(block) * l1 * step;
+        for (int j = 1; j < l2; ++j)
+            B::Store(xs + j * lanes, first_x);
+        // Column L2 on scores: left = S(i, L2 - 1), last = S(i, L2), one row
+        // at a time from y = Y(i, L2 - 1).
+        W left = B::Set1W((l2 - 1) * c.start1);
+        W last = B::Set1W(l2 * c.start1);
+        auto column = [&](const Elem* row, T y) {
+            // S(i, L2) = max(S(i-1, L2-1) + M, S(i, L2-1) + open1, S(i-1, L2) + end2)
+            const W next_left = B::AddW(B::AddW(left, B::Widen(y)), unbias_y);
+            last = B::MaxW(B::MaxW(B::AddW(left, B::Widen(match(row, l2))), B::AddW(next_left, open1)),
+                           B::AddW(last, end2));
+            left = next_left;
+        };
+        // Rows two at a time, the second one cell behind: cell (i + 1, j - 1)
+        // takes X(i, j - 1) from the step before, and the two chains from
+        // cell to cell overlap.
+        int i = 1;
+        for (; i + 1 < l1; i += 2) {
+            const Elem* row = profile + (i - 1) * step;
+            const Elem* next_row = row + step;
+            T y = first_y, next_y = first_y;
+            if (l2 > 1) {
+                T x = DiffCell<B>(match(row, 1), B::Load(xs + lanes), y, both);
+                for (int j = 2; j < l2; ++j) {
+                    const T here = DiffCell<B>(match(row, j), B::Load(xs + j * lanes), y, both);
+                    B::Store(xs + (j - 1) * lanes, DiffCell<B>(match(next_row, j - 1), x, next_y, both));
+                    x = here;
+                }
+                B::Store(xs + (l2 - 1) * lanes, DiffCell<B>(match(next_row, l2 - 1), x, next_y, both));
+            }
+            column(row, y);
+            column(next_row, next_y);
+        }
+        if (i < l1) {
+            const Elem* row = profile + (i - 1) * step;
+            T y = first_y;
+            for (int j = 1; j < l2; ++j)
+                B::Store(xs + j * lanes, DiffCell<B>(match(row, j), B::Load(xs + j * lanes), y, both));
+            column(row, y);
+        }
+        // Row L1 on scores: above = S(L1 - 1, j - 1), here = S(L1, j).
+        // S(L1, j) = max(S(L1-1, j-1) + M, S(L1, j-1) + end1, S(L1-1, j) + gap2(j))
+        const Elem* row = profile + (l1 - 1) * step;
+        W above = B::Set1W((l1 - 1) * c.start2);
+        W here = B::Set1W(l1 * c.start2);
+        for (int j = 1; j < l2; ++j) {
+            const W next_above = B::AddW(B::AddW(above, B::Widen(B::Load(xs + j * lanes))), unbias_x);
+            here = B::MaxW(B::MaxW(B::AddW(above, B::Widen(match(row, j))), B::AddW(here, end1)),
+                           B::AddW(next_above, open2));
+            above = next_above;
+        }
+        // (L1, L2): the cell above it is S(L1 - 1, L2), the column's last.
+        here = B::MaxW(B::MaxW(B::AddW(above, B::Widen(match(row, l2))), B::AddW(here, end1)), B::AddW(last, end2));
+        alignas(64) int16_t scores[lanes];
+        B::StoreW(scores, here);
+        for (int k = 0; k < lanes; ++k)
+            job.scores[block * lanes + k] = scores[k];
+    }
+}
+
+}  // namespace
+}  // namespace PairAlignment::Core
