@@ -17,6 +17,7 @@
 #include "apps/ordered_pipeline.h"
 #include "apps/output_policy.h"
 #include "apps/read_batch.h"
+#include "apps/read_parts.h"
 #include "apps/summary_row.h"
 #include "barcoding/barcode_manager.h"
 #include "barcoding/barcode_scorer.h"
@@ -146,6 +147,23 @@ void Barcoder::AddApplicationOptions() {
         "for classified reads).",
         &unclassified_reason_column, kSwitchOrKey);
 
+    AddOption<std::string>(
+        "internal_barcodes",
+        "What to do with a read holding barcode constructs away from its ends (molecules ligated end to end): "
+        "'ignore' (default: only the ends are looked at), 'reject' (leave it unclassified, reason 'internal "
+        "barcode') or 'split' (cut it into its molecules, each classified and written as a read of its own, "
+        "with the id <read id>_<k> and the tag parent_read_id).",
+        &o.internal_barcodes, kValue);
+    AddOption<int>("min_part_length",
+                   "With --internal_barcodes split: parts shorter than this are not written (they are counted). "
+                   "Default 100.",
+                   &o.min_part_length, kValue);
+    AddOption<bool>(
+        "internal_count_column",
+        "Add a last column 'barcode_internal_count' to the summary: the barcode constructs found inside the read "
+        "(for a part of a split read, inside the read it was cut from). Needs --internal_barcodes reject or split.",
+        &internal_count_column, kSwitchOrKey);
+
     AddOption<int>("records_per_fastq,q",
                    "Maximum number of records per fastq file, 0 means use a "
                    "single file (per run id).",
@@ -257,6 +275,11 @@ void Barcoder::PrepareConfiguration() {
             throw std::runtime_error("Unknown output format '" + output_format + "': use fastq or bam");
         }
         bam_output = output_format == "bam";
+        if (internal_count_column && scorer_options.internal_mode == Barcoding::InternalBarcodes::kIgnore)
+            throw std::runtime_error(
+                "--internal_count_column needs --internal_barcodes reject or split: with ignore no read is "
+                "searched for internal barcodes");
+        tally.internal.searched = scorer_options.internal_mode != Barcoding::InternalBarcodes::kIgnore;
         manager = std::make_shared<Barcoding::BarcodeManager>(
             Barcoding::BarcodeManager::SplitArrangementFiles(scorer_options.arrangements_files), data_path);
         // Selecting once up front turns an unknown kit into a run error rather
@@ -280,6 +303,7 @@ void Barcoder::PrepareConfiguration() {
     output_policy.sample_sheet = sample_sheet ? &*sample_sheet : nullptr;
     output_policy.reason_column = unclassified_reason_column;
     output_policy.quality_columns = quality_columns;
+    output_policy.internal_count_column = internal_count_column;
 }
 
 void Barcoder::LogSettings() {
@@ -329,7 +353,7 @@ void Barcoder::CheckBothEndsRequirement() {
 void Barcoder::PrepareRun() {
     if (!append_summary)
         summary_file.Write(SummaryHeader(scorer_options.trim_barcodes, sample_sheet.has_value(),
-                                         unclassified_reason_column, quality_columns));
+                                         unclassified_reason_column, quality_columns, internal_count_column));
     Common::FastqWriterOptions options;
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);
@@ -351,6 +375,8 @@ void Barcoder::PrepareRun() {
     settings.compress = compress_fastq || bam_output;
     settings.bam = bam_output;
     settings.keep_text = settings.compress && records_per_fastq > 0;
+    settings.internal = scorer_options.internal_mode;
+    settings.min_part_length = scorer_options.min_part_length;
     try {
         for (auto& scorer : scorers) {
             workers.push_back(std::make_unique<BarcoderWorker>(*this, *pipeline, scorer, settings));
@@ -644,11 +670,11 @@ void Barcoder::OnWatchIdle() {
 }
 
 void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                            ReadBatch& batch) {
+                            ReadBatch& batch, const ReadExtras& extras) {
     // Per worker thread: its strings keep their capacity from read to read.
     thread_local ReadOutput out;
     // Decided before anything of the read is in the batch: it may refuse the read.
-    DecideOutput(record, results, output_policy, out);
+    DecideOutput(record, results, output_policy, out, extras);
 
     if (verbose_logger.Enabled(Common::Severity::verbose)) {
         std::string text = "first 10 results of front & rear barcode detection: ";

@@ -12,6 +12,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -71,7 +72,7 @@ public:
     // text or a BAM record, and its counts. Called by the workers; nothing is
     // written here. Throws when the read cannot be written as asked.
     void WriteResults(const std::vector<Barcoding::ArrangementDetectResult>& results, Common::FastQRecord& record,
-                      ReadBatch& batch);
+                      ReadBatch& batch, const ReadExtras& extras = {});
 
     // A worker could not process a batch at all: the run stops with message.
     void FailPipeline(const std::string& message);
@@ -123,6 +124,7 @@ private:
     bool print_kits = false;
     bool unclassified_reason_column = false;
     QualityColumns quality_columns;
+    bool internal_count_column = false;
     std::string device;
     bool resume = false;
 

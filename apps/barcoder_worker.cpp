@@ -7,7 +7,10 @@
 #include <utility>
 
 #include "apps/barcoder.h"
+#include "apps/read_parts.h"
 #include "barcoding/barcode_scorer.h"
+#include "barcoding/molecule_parts.h"
+#include "common/bam_record.h"
 #include "common/fastq_record.h"
 #include "common/logger.h"
 #include "common/string_utils.h"
@@ -100,14 +103,57 @@ void BarcoderWorker::ProcessOne(Common::FastQRecord& record, ReadBatch& batch) {
             return;
         }
         CheckRunId(record.RunId());
-        const auto results = scorer_->Score(record.sequence, settings_.detailed_results);
-        owner_.WriteResults(results, record, batch);
+        auto results = scorer_->Score(record.sequence, settings_.detailed_results);
+        if (settings_.internal == Barcoding::InternalBarcodes::kIgnore) {
+            owner_.WriteResults(results, record, batch);
+        } else {
+            const auto& internal = scorer_->InternalConstructs(record.sequence);
+            ReadExtras extras;
+            extras.internal_count = static_cast<int>(internal.size());
+            if (!internal.empty()) ++batch.tally.internal.reads;
+            if (internal.empty() || settings_.internal == Barcoding::InternalBarcodes::kReject) {
+                if (!internal.empty()) Barcoding::RejectForInternalBarcodes(results);
+                owner_.WriteResults(results, record, batch, extras);
+            } else {
+                WriteParts(record, internal, batch);
+            }
+        }
         VB_LOG(WorkerVerboseLogger(), Common::Severity::verbose) << "Done with read " << record.ReadId();
     } catch (const std::exception& error) {
         VB_LOG(WorkerLogger(), Common::Severity::error) << "Error while processing read " << record.ReadId() << ": "
                                                         << error.what() << ". Continuing with next read.";
         ++batch.tally.failed;
     }
+}
+
+// Cuts a read with internal barcode constructs into its molecules and writes
+// each part long enough as a read of its own, scored by its own ends. The
+// parts are all made (and their names checked) before the first is written,
+// so that a read fails whole or is written whole.
+void BarcoderWorker::WriteParts(const Common::FastQRecord& record,
+                                const std::vector<Barcoding::FoundConstruct>& internal, ReadBatch& batch) {
+    ReadExtras extras;
+    extras.internal_count = static_cast<int>(internal.size());
+    extras.parent_read_id = record.ReadId();
+    std::vector<Common::FastQRecord> parts;
+    uint64_t dropped = 0;
+    for (const auto& part :
+         Barcoding::CutIntoMolecules(static_cast<int>(record.sequence.size()), internal, settings_.min_part_length)) {
+        if (!part.kept) {
+            ++dropped;
+            continue;
+        }
+        parts.push_back(MakeReadPart(record, part.begin, part.end, static_cast<int>(parts.size()) + 1));
+        if (settings_.bam && !Common::ValidBamReadName(parts.back().ReadId()))
+            throw std::runtime_error("the part id '" + std::string(parts.back().ReadId()) +
+                                     "' cannot be a BAM read name");
+    }
+    for (auto& part : parts) {
+        const auto results = scorer_->Score(part.sequence, settings_.detailed_results);
+        owner_.WriteResults(results, part, batch, extras);
+    }
+    batch.tally.internal.parts += parts.size();
+    batch.tally.internal.parts_dropped += dropped;
 }
 
 // A run id names output files, so it must be one harmless file-name

@@ -10,14 +10,17 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "apps/ordered_pipeline.h"
 #include "apps/read_batch.h"
+#include "barcoding/scorer_options.h"
 #include "common/fastq_writer.h"
 
 namespace Barcoding {
 class BarcodeScorer;
-}
+struct FoundConstruct;
+}  // namespace Barcoding
 
 namespace Vorpa {
 
@@ -30,6 +33,8 @@ public:
         bool compress = false;        // make each output chunk a gzip member (BGZF blocks with bam)
         bool bam = false;             // the chunks hold BAM records
         bool keep_text = false;       // keep the text beside the member (the writer may cut it)
+        Barcoding::InternalBarcodes internal = Barcoding::InternalBarcodes::kIgnore;
+        int min_part_length = 100;  // split: shorter parts are dropped
     };
 
     BarcoderWorker(Barcoder& owner, OrderedPipeline<ReadBatch>& pipeline,
@@ -49,6 +54,9 @@ public:
 private:
     int WorkerLoop();
     void ProcessOne(Common::FastQRecord& record, ReadBatch& batch);
+    // Cuts a read at its internal constructs and writes each part as a read.
+    void WriteParts(const Common::FastQRecord& record, const std::vector<Barcoding::FoundConstruct>& internal,
+                    ReadBatch& batch);
     void CheckRunId(std::string_view run_id);
 
     Barcoder& owner_;

@@ -245,9 +245,28 @@ void Unclassified(Page& page, const RunTally& tally) {
 // left out: counts that only some runs make show only where they are made.
 void Events(Page& page, const RunTally& tally) {
     const uint64_t written = tally.Written();
-    page.Section("events", "Mixed barcodes",
-                 "Reads whose two ends name different barcodes (chimeras), classified or not.");
-    page.Table({{"Mixed barcodes", Grouped(tally.mixed) + " (" + Percent(tally.mixed, written) + ")"}});
+    if (!tally.internal.searched) {
+        page.Section("events", "Mixed barcodes",
+                     "Reads whose two ends name different barcodes (chimeras), classified or not.");
+        page.Table({{"Mixed barcodes", Grouped(tally.mixed) + " (" + Percent(tally.mixed, written) + ")"}});
+        page.EndSection();
+        return;
+    }
+    // Reads with internal barcodes are counted before any split, so their
+    // share is of the reads taken in, not of the reads written.
+    const InternalTally& internal = tally.internal;
+    const uint64_t taken = tally.WrittenBeforeSplit();
+    page.Section("events", "Mixed and internal barcodes",
+                 "Reads whose two ends name different barcodes (chimeras), classified or not, and reads with "
+                 "barcode constructs inside them (molecules ligated end to end).");
+    std::vector<std::pair<std::string, std::string>> rows{
+        {"Mixed barcodes", Grouped(tally.mixed) + " (" + Percent(tally.mixed, written) + ")"},
+        {"Internal barcode", Grouped(internal.reads) + " (" + Percent(internal.reads, taken) + " of reads taken)"}};
+    if (internal.parts + internal.parts_dropped > 0) {
+        rows.emplace_back("Parts written as reads of their own", Grouped(internal.parts));
+        rows.emplace_back("Parts shorter than min_part_length (not written)", Grouped(internal.parts_dropped));
+    }
+    page.Table(rows);
     page.EndSection();
 }
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "apps/read_parts.h"
 #include "apps/run_report.h"
 #include "barcoding/barcode_scorer.h"
 #include "common/bam_record.h"
@@ -43,13 +44,18 @@ const Common::Logger& PolicyLog() {
 // read are dropped, with a warning naming the read, rather than written
 // wrong. A read from FASTQ keeps its title's comment (the key=value fields)
 // as the standard comment tag CO, which BAM input reads back into the title.
+// A part of a split read names its parent (pi, replacing an earlier one).
 // Then come the arrangement (ar) and the barcode quality (bq).
-void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::string& tags) {
+void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::string_view parent, std::string& tags) {
     tags.clear();
     if (record.tags) {
         tags = *record.tags;
         const std::string_view our_tags[] = {Common::kArrangementTag, Common::kBarcodeQualityTag};
         Common::RemoveTags(tags, our_tags);
+        if (!parent.empty()) {
+            const std::string_view parent_tag[] = {kParentTag};
+            Common::RemoveTags(tags, parent_tag);
+        }
         if (out.trim.front + out.trim.rear > 0) {
             Common::RemoveTags(tags, Common::kPerBaseTags);
             const std::string problem = Common::TrimModificationTags(
@@ -62,6 +68,7 @@ void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::stri
     } else if (!record.Comment().empty()) {
         Common::AppendTextTag(tags, "CO", record.Comment());
     }
+    if (!parent.empty()) Common::AppendTextTag(tags, kParentTag, parent);
     Common::AppendTextTag(tags, Common::kArrangementTag, out.arrangement);
     Common::AppendIntTag(tags, Common::kBarcodeQualityTag, out.quality);
 }
@@ -69,7 +76,7 @@ void BamTags(const Common::FastQRecord& record, const ReadOutput& out, std::stri
 }  // namespace
 
 void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding::ArrangementDetectResult>& results,
-                  const OutputPolicy& policy, ReadOutput& out) {
+                  const OutputPolicy& policy, ReadOutput& out, const ReadExtras& extras) {
     const std::string_view read_id = record.ReadId();
     if (policy.bam && !Common::ValidBamReadName(read_id))
         throw std::runtime_error("the read id '" + std::string(read_id) + "' cannot be a BAM read name");
@@ -120,15 +127,19 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.title_tag.clear();
     out.bam_tags.clear();
     if (policy.bam) {
-        BamTags(record, out, out.bam_tags);
+        BamTags(record, out, extras.parent_read_id, out.bam_tags);
     } else {
+        if (!extras.parent_read_id.empty())
+            out.title_tag.append(kParentTitleKey).append(1, '=').append(extras.parent_read_id).append(1, ' ');
         out.title_tag.append("barcode=").append(out.arrangement);
     }
 
     out.summary_row.clear();
     const char* reason_column = policy.reason_column ? out.reason : nullptr;
+    const int* count_column = policy.internal_count_column ? &extras.internal_count : nullptr;
     if (results.empty()) {
-        out.summary_row = NoResultRow(read_id, trimming, out.sample, reason_column, policy.quality_columns);
+        out.summary_row =
+            NoResultRow(read_id, trimming, out.sample, reason_column, policy.quality_columns, count_column);
         return;
     }
     const int rear_window = std::min(policy.scorer.rear_window_size, static_cast<int>(record.sequence.size()));
@@ -138,10 +149,10 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         shown.normalised_id = kUnclassified;
         shown.quality = 0;
         AppendSummaryRow(out.summary_row, read_id, shown, rear_window, trim_columns, out.sample, reason_column,
-                         policy.quality_columns);
+                         policy.quality_columns, count_column);
     } else {
         AppendSummaryRow(out.summary_row, read_id, results.front(), rear_window, trim_columns, out.sample,
-                         reason_column, policy.quality_columns);
+                         reason_column, policy.quality_columns, count_column);
     }
 }
 

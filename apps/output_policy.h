@@ -6,6 +6,7 @@
 // without a run.
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "apps/sample_sheet.h"
@@ -23,6 +24,16 @@ struct OutputPolicy {
     const SampleSheet* sample_sheet = nullptr;  // files reads by sample when set
     bool reason_column = false;                 // the summary's barcode_unclassified_reason
     QualityColumns quality_columns;             // the summary's barcode quality and evidence columns
+    bool internal_count_column = false;         // the summary's barcode_internal_count
+};
+
+// What the worker knows of a read beyond its classification, with
+// --internal_barcodes reject or split.
+struct ReadExtras {
+    int internal_count = 0;  // barcode constructs inside it (a part: inside the read it was cut from)
+    // A part of a split read: the id of the read it was cut from, which its
+    // title (parent_read_id=) or BAM record (tag pi) names.
+    std::string_view parent_read_id;
 };
 
 // What becomes of one read.
@@ -54,6 +65,6 @@ struct ReadOutput {
 // filled in place, so that its strings keep their capacity from one read to
 // the next.
 void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding::ArrangementDetectResult>& results,
-                  const OutputPolicy& policy, ReadOutput& out);
+                  const OutputPolicy& policy, ReadOutput& out, const ReadExtras& extras = {});
 
 }  // namespace Vorpa

@@ -155,6 +155,9 @@ std::string FormatResumeState(const ResumeState& state) {
     line({"counts", std::to_string(t.dropped), std::to_string(t.failed), std::to_string(t.mixed),
           std::to_string(t.files_read), std::to_string(t.files_ended_early), std::to_string(t.files_failed),
           std::to_string(t.records_skipped)});
+    if (t.internal.searched)
+        line({"internal", std::to_string(t.internal.reads), std::to_string(t.internal.parts),
+              std::to_string(t.internal.parts_dropped)});
     for (const auto& [name, figures] : t.arrangements)
         line({"arrangement", Escape(name), std::to_string(figures.reads), std::to_string(figures.bases),
               Exact(figures.score_sum), std::to_string(figures.scored), Bins(figures.lengths.counts),
@@ -208,6 +211,12 @@ ResumeState ParseResumeState(const std::string& text, const std::string& name) {
             t.files_ended_early = line.Count(5);
             t.files_failed = line.Count(6);
             t.records_skipped = line.Count(7);
+        } else if (kind == "internal") {
+            line.Expect(4);
+            t.internal.searched = true;
+            t.internal.reads = line.Count(1);
+            t.internal.parts = line.Count(2);
+            t.internal.parts_dropped = line.Count(3);
         } else if (kind == "arrangement") {
             line.Expect(8);
             ArrangementTally& figures = t.arrangements[line.Text(1)];

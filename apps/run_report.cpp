@@ -116,6 +116,13 @@ void ArrangementTally::Add(const ArrangementTally& other) {
     expected_wrong += other.expected_wrong;
 }
 
+void InternalTally::Add(const InternalTally& other) {
+    searched |= other.searched;
+    reads += other.reads;
+    parts += other.parts;
+    parts_dropped += other.parts_dropped;
+}
+
 void RunTally::AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability,
                        int candidate_quality) {
     arrangements[arrangement].Add(bases, score, error_probability);
@@ -131,6 +138,13 @@ uint64_t RunTally::Written() const {
     return written;
 }
 
+// A split read has at least two parts, written or dropped; a read whose parts
+// were all dropped counts too (it was taken in).
+uint64_t RunTally::WrittenBeforeSplit() const {
+    const bool split = internal.parts + internal.parts_dropped > 0;
+    return split ? Written() - internal.parts + internal.reads : Written();
+}
+
 uint64_t RunTally::Unclassified() const {
     const auto found = arrangements.find(kUnclassified);
     return found == arrangements.end() ? 0 : found->second.reads;
@@ -144,6 +158,7 @@ void RunTally::Add(const RunTally& other) {
     dropped += other.dropped;
     failed += other.failed;
     mixed += other.mixed;
+    internal.Add(other.internal);
     files_found += other.files_found;
     files_read += other.files_read;
     files_ended_early += other.files_ended_early;
@@ -175,6 +190,14 @@ std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) 
         if (count > 0) lines.push_back(Common::FormatString("  unclassified, %s: %llu", reason.c_str(), U(count)));
     }
     lines.push_back(Common::FormatString("Mixed barcodes: %llu.", U(tally.mixed)));
+    if (tally.internal.searched) {
+        const InternalTally& internal = tally.internal;
+        lines.push_back(Common::FormatString("Reads with internal barcodes: %llu.", U(internal.reads)));
+        if (internal.parts + internal.parts_dropped > 0)
+            lines.push_back(Common::FormatString(
+                "  split into %llu parts written as reads of their own; %llu shorter than min_part_length dropped.",
+                U(internal.parts), U(internal.parts_dropped)));
+    }
     if (tally.dropped > 0)
         lines.push_back(Common::FormatString("Reads without a run id (not written): %llu.", U(tally.dropped)));
     if (tally.failed > 0)
@@ -223,7 +246,14 @@ std::string FormatJsonReport(const RunTally& tally, const RunInfo& info) {
                         {"records_skipped", JsonInteger(tally.records_skipped)}}) +
             ",\n";
     text += "  \"mixed_barcodes\": " + JsonInteger(tally.mixed) + ",\n";
+    if (tally.internal.searched)
+        text += "  \"internal_barcodes\": " +
+                JsonObject({{"reads", JsonInteger(tally.internal.reads)},
+                            {"parts_written", JsonInteger(tally.internal.parts)},
+                            {"parts_dropped", JsonInteger(tally.internal.parts_dropped)}}) +
+                ",\n";
     std::map<std::string, uint64_t> reasons;
+    if (tally.internal.searched) reasons["internal_barcode"] = 0;
     for (const auto& [reason, count] : tally.unclassified_reasons)
         reasons[ReasonKey(reason)] += count;
     std::vector<std::pair<std::string, std::string>> reason_members;

@@ -33,6 +33,16 @@ struct ArrangementTally {
     void Add(const ArrangementTally& other);
 };
 
+// Barcode constructs inside reads (--internal_barcodes reject or split).
+struct InternalTally {
+    bool searched = false;       // the run looked for them
+    uint64_t reads = 0;          // reads in which some were found
+    uint64_t parts = 0;          // split: parts written, each a read of its own
+    uint64_t parts_dropped = 0;  // split: parts shorter than min_part_length, not written
+
+    void Add(const InternalTally& other);
+};
+
 // Counted where the reads are (per batch) and summed by the writer, so no
 // counter is shared between threads.
 struct RunTally {
@@ -41,11 +51,13 @@ struct RunTally {
     // Scale of the barcode quality histograms: 0 to 60 in steps of 5.
     static constexpr ValueScale kQualityScale{0, 5, 13};
 
-    // Written reads by reported arrangement name, "unclassified" included.
+    // Written reads by reported arrangement name, "unclassified" included;
+    // a read split into parts counts as its parts.
     std::map<std::string, ArrangementTally> arrangements;
     uint64_t dropped = 0;  // reads without a run id: written nowhere
     uint64_t failed = 0;   // reads whose processing failed: written nowhere
     uint64_t mixed = 0;    // reads whose two ends passed for different barcodes
+    InternalTally internal;
     // Unclassified reads by reason text ("no barcode above the minimum", ...).
     std::map<std::string, uint64_t, std::less<>> unclassified_reasons;
     uint64_t files_found = 0;
@@ -66,6 +78,8 @@ struct RunTally {
     void AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability = 0,
                  int candidate_quality = -1);
     uint64_t Written() const;
+    // The reads written, a split read counting once rather than as its parts.
+    uint64_t WrittenBeforeSplit() const;
     uint64_t Unclassified() const;
     void Add(const RunTally& other);
 };
@@ -73,7 +87,8 @@ struct RunTally {
 // The report as lines of text (no newlines): a table of arrangement, reads and
 // percent of written reads (arrangements by name, "unclassified" last), the
 // same by sample when there are samples, the classified and unclassified
-// totals, the unclassified reads by reason, the reads and files lost, the
+// totals, the unclassified reads by reason, the reads with internal barcodes
+// and their parts when those were looked for, the reads and files lost, the
 // records skipped and the throughput over seconds.
 std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds);
 
@@ -90,8 +105,10 @@ struct RunInfo {
 // fraction; arrangements by name with "unclassified" last. Unclassified
 // reasons are keyed by their text in snake case ("no_barcode_above_minimum",
 // "mixed_barcodes", "one_end_only", "low_barcode_quality", always present;
-// "not_in_sample_sheet"
-// with a sample sheet); "samples" is there with a sample sheet only.
+// "not_in_sample_sheet" with a sample sheet, "internal_barcode" when internal
+// barcodes were looked for); "samples" is there with a sample sheet only,
+// "internal_barcodes" (reads with internal barcodes, parts written and
+// dropped) when they were looked for.
 std::string FormatJsonReport(const RunTally& tally, const RunInfo& info);
 
 // text as a JSON string literal, quotes included. Bytes that are not UTF-8

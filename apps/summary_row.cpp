@@ -108,7 +108,8 @@ void AppendEvidence(std::string& out, const Barcoding::EndEvidence& end) {
 // The optional columns of a row, in header order, and its end. best is
 // nullptr for the no-result row.
 void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const std::string* sample, const char* reason,
-                           QualityColumns quality, const Barcoding::ArrangementDetectResult* best) {
+                           QualityColumns quality, const Barcoding::ArrangementDetectResult* best,
+                           const int* internal_count) {
     if (trimmed != nullptr) {
         out += '\t';
         AppendInt(out, trimmed->front);
@@ -132,13 +133,17 @@ void AppendOptionalColumns(std::string& out, const TrimmedBases* trimmed, const 
         out += '\t';
         out += reason;
     }
+    if (internal_count != nullptr) {
+        out += '\t';
+        AppendInt(out, *internal_count);
+    }
     out += '\n';
 }
 
 }  // namespace
 
 std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool with_reason_column,
-                          QualityColumns quality) {
+                          QualityColumns quality, bool with_internal_count_column) {
     const int count = with_trim_columns ? kColumnsWithTrim : kColumnsWithoutTrim;
     std::string header;
     for (int i = 0; i < count; ++i) {
@@ -152,13 +157,14 @@ std::string SummaryHeader(bool with_trim_columns, bool with_sample_column, bool 
                 header.append("\tbarcode_").append(end).append("_").append(column);
     if (with_sample_column) header.append("\t").append(kSampleColumn);
     if (with_reason_column) header += "\tbarcode_unclassified_reason";
+    if (with_internal_count_column) header += "\tbarcode_internal_count";
     header += '\n';
     return header;
 }
 
 void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcoding::ArrangementDetectResult& best,
                       int rear_window, const TrimmedBases* trimmed, const std::string* sample, const char* reason,
-                      QualityColumns quality) {
+                      QualityColumns quality, const int* internal_count) {
     AppendField(out, read_id);
     out += '\t';
     AppendField(out, best.normalised_id);
@@ -176,11 +182,11 @@ void AppendSummaryRow(std::string& out, std::string_view read_id, const Barcodin
     // window start.
     const auto rear_found = static_cast<long long>(best.rear.found_sequence.size());
     AppendEnd(out, best.rear, rear_window - rear_found - best.rear.begin_index);
-    AppendOptionalColumns(out, trimmed, sample, reason, quality, &best);
+    AppendOptionalColumns(out, trimmed, sample, reason, quality, &best, internal_count);
 }
 
 std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const std::string* sample, const char* reason,
-                        QualityColumns quality) {
+                        QualityColumns quality, const int* internal_count) {
     // Columns 3 to 5 are texts (left empty), 6 is the score, then both ends
     // in their no-barcode form.
     std::string row;
@@ -190,7 +196,7 @@ std::string NoResultRow(std::string_view read_id, bool with_trim_columns, const 
     row += '\t';
     row += kNoBarcodeTail;
     const TrimmedBases none;
-    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample, reason, quality, nullptr);
+    AppendOptionalColumns(row, with_trim_columns ? &none : nullptr, sample, reason, quality, nullptr, internal_count);
     return row;
 }
 

@@ -41,6 +41,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -90,6 +91,10 @@ struct BarcodeScorer::End {
     std::vector<int> raw_scores;
     std::vector<float> scores;  // detect scores
     PairAlignment::Path path;
+    // The window's best-fitting reference and where it aligned (read
+    // coordinates), found when an internal construct needs it.
+    bool match_known = false;
+    int match_begin = 0, match_end = 0;
 };
 
 BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager,
@@ -135,6 +140,7 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
     substitution_ = std::max(diagonal / 4 - off_diagonal / 12, 1.0);
     front_ = MakeEnd(front_names, front_uses, true, device);
     rear_ = MakeEnd(rear_names, rear_uses, false, device);
+    if (options_.internal_mode != InternalBarcodes::kIgnore) MakeSearch(matrix_);
     candidates_.reserve(arrangements_->size());
     name_mark_.assign(normalised.size(), 0);
     kit_fit_.assign(kits.size(), kNoRaw);
@@ -198,6 +204,7 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
         count = length - begin;
     }
     end.read = &sequence;
+    end.match_known = false;
     end.window_start = static_cast<size_t>(begin);
     end.window.resize(static_cast<size_t>(count));
     for (int k = 0; k < count; ++k) {
@@ -475,6 +482,111 @@ void BarcodeScorer::FillEvidence(const End& end, const TopTwo& top, size_t arran
     const auto j = static_cast<size_t>(end.front ? front_of_[runner_up] : rear_of_[runner_up]);
     evidence.runner_up_score = top.score[other];
     evidence.runner_up_presence = end.scale->Presence(j, end.raw_scores[j]);
+}
+
+// The references of both ends, each sequence once, and the reverse complement
+// of each where the ends lack it (a front-only kit's barcode read backwards
+// ends a molecule). A reference's role comes from where the arrangements put
+// it: an arrangement's front barcode starts a molecule, its rear barcode ends
+// one, and a reverse complement has the opposite role. The swapped variants
+// (var2) decide only for sequences no other arrangement places, so that a
+// double-barcoded kit's forward barcode starts a molecule.
+void BarcodeScorer::MakeSearch(const std::vector<int>& matrix) {
+    std::vector<SearchReference> references;
+    std::map<std::vector<int>, size_t> index_of;
+    std::vector<int> role;  // per reference: 1 starts, 0 ends, -1 not placed yet
+    auto add = [&](const std::string& name, std::vector<int> codes, std::shared_ptr<const ScoreScale> scale, size_t k) {
+        const auto [slot, added] = index_of.emplace(codes, references.size());
+        if (!added) return slot->second;
+        references.push_back(SearchReference{name, std::move(codes), true, std::move(scale), k});
+        role.push_back(-1);
+        return slot->second;
+    };
+    for (const End* end : {front_.get(), rear_.get()})
+        for (size_t k = 0; k < end->names.size(); ++k) {
+            std::vector<int> codes;
+            for (char c : end->sequences[k])
+                codes.push_back(kCodes[static_cast<unsigned char>(c)]);
+            add(end->names[k], std::move(codes), end->scale, k);
+        }
+    auto codes_of = [&](const End& end, int k) {
+        std::vector<int> codes;
+        for (char c : end.sequences[static_cast<size_t>(k)])
+            codes.push_back(kCodes[static_cast<unsigned char>(c)]);
+        return codes;
+    };
+    for (bool swapped : {false, true})
+        for (size_t a = 0; a < arrangements_->size(); ++a) {
+            if (((*arrangements_)[a].variant == "var2") != swapped) continue;
+            if (front_of_[a] >= 0) {
+                int& r = role[index_of[codes_of(*front_, front_of_[a])]];
+                if (r < 0) r = 1;
+            }
+            if (rear_of_[a] >= 0) {
+                int& r = role[index_of[codes_of(*rear_, rear_of_[a])]];
+                if (r < 0) r = 0;
+            }
+        }
+    const size_t forward = references.size();
+    for (size_t k = 0; k < forward; ++k) {
+        std::vector<int> reverse(references[k].codes.rbegin(), references[k].codes.rend());
+        for (int& c : reverse)
+            c = 3 - c;
+        const size_t r = add(references[k].name + " reverse complement", std::move(reverse), references[k].scale,
+                             references[k].index);
+        if (role[r] < 0) role[r] = role[k] == 1 ? 0 : 1;
+    }
+    for (size_t k = 0; k < references.size(); ++k)
+        references[k].starts_molecule = role[k] != 0;
+    search_ = std::make_unique<ConstructSearch>(std::move(references), matrix, options_.GapVector());
+}
+
+// Whether the construct is the one that end found: it overlaps the read
+// stretch that the end's best-fitting reference aligned to.
+bool BarcodeScorer::AtEnd(End& end, const FoundConstruct& construct) {
+    if (end.names.empty() || end.window.empty()) return false;
+    const int window_begin = static_cast<int>(end.window_start);
+    const int window_end = window_begin + static_cast<int>(end.window.size());
+    if (construct.end <= window_begin || construct.begin >= window_end) return false;
+    if (!end.match_known) {
+        const auto best = std::max_element(end.raw_scores.begin(), end.raw_scores.end()) - end.raw_scores.begin();
+        end.aligner->AlignOne(static_cast<size_t>(best), end.window, end.path);
+        int first = -1, last = -1;
+        for (const auto& [ref, query] : end.path) {
+            if (ref < 0 || query < 0) continue;
+            if (first < 0) first = query;
+            last = query;
+        }
+        end.match_begin = first < 0 ? window_end : window_begin + first;
+        end.match_end = first < 0 ? window_end : window_begin + last + 1;
+        end.match_known = true;
+    }
+    return construct.begin < end.match_end && construct.end > end.match_begin;
+}
+
+const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::string& sequence) {
+    if (!search_) throw std::runtime_error("This barcode scorer was built without the search for internal barcodes");
+    if (front_->read != &sequence ||
+        front_->window.size() != std::min<size_t>(sequence.size(), std::max(options_.front_window_size, 0)))
+        throw std::logic_error("InternalConstructs needs the read last given to Score");
+    ReadCodes(sequence, read_codes_);
+    search_->Find(read_codes_, found_);
+    internal_.clear();
+    for (const auto& construct : found_)
+        if (!AtEnd(*front_, construct) && !AtEnd(*rear_, construct)) internal_.push_back(construct);
+    return internal_;
+}
+
+const std::string& BarcodeScorer::ConstructName(const FoundConstruct& construct) const {
+    return search_->References().at(construct.reference).name;
+}
+
+void RejectForInternalBarcodes(std::vector<ArrangementDetectResult>& results) {
+    if (results.empty()) results.emplace_back();
+    results.resize(1);
+    results.front().normalised_id = "unclassified";
+    results.front().reason = UnclassifiedReason::kInternalBarcode;
+    results.front().quality = 0;
 }
 
 // Scores above 0 are rare (at most one barcode per kit and end), so presence

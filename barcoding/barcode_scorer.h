@@ -14,6 +14,7 @@
 
 #include "barcoding/arrangement.h"
 #include "barcoding/barcode_manager.h"
+#include "barcoding/construct_search.h"
 #include "barcoding/detect_results.h"
 #include "barcoding/scorer_options.h"
 
@@ -62,6 +63,15 @@ public:
     std::vector<BarcodeDetectResult> InspectFront(const std::string& sequence, const std::string& kits);
     std::vector<BarcodeDetectResult> InspectRear(const std::string& sequence, const std::string& kits);
 
+    // The barcode constructs inside the read last given to Score (sequence
+    // must be that same string, unchanged): those found anywhere in it
+    // (ConstructSearch) that overlap neither end's match, the best-fitting
+    // reference in that end's window. In read order. Throws unless the
+    // options ask for internal barcodes (reject or split).
+    const std::vector<FoundConstruct>& InternalConstructs(const std::string& sequence);
+    // The name of a found construct's reference.
+    const std::string& ConstructName(const FoundConstruct& construct) const;
+
 private:
     struct End;
     enum class Combine : uint8_t { kAdd, kMax, kUnknown };
@@ -90,6 +100,8 @@ private:
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
     void TraceEnd(End& end);
+    void MakeSearch(const std::vector<int>& matrix);
+    bool AtEnd(End& end, const FoundConstruct& construct);
 
     ScorerOptions options_;
     std::shared_ptr<BarcodeManager> manager_;
@@ -115,7 +127,16 @@ private:
     uint32_t stamp_ = 0;
     std::vector<int> kit_fit_;  // per kit: best raw fit among its passing arrangements
     TopTwo front_top_, rear_top_;
+    std::unique_ptr<ConstructSearch> search_;  // with internal barcodes only
+    std::vector<uint8_t> read_codes_;
+    std::vector<FoundConstruct> found_;
+    std::vector<FoundConstruct> internal_;
 };
+
+// The result of a read with constructs inside it under --internal_barcodes
+// reject: its best arrangement, renamed "unclassified", with the reason
+// kInternalBarcode; the other results go.
+void RejectForInternalBarcodes(std::vector<ArrangementDetectResult>& results);
 
 // Bases to cut for a result's front (rear) barcode: 0 unless that end scored
 // at least its minimum; otherwise the barcode's extent from the read end plus

@@ -25,19 +25,21 @@ struct BarcodeDetectResult {
 };
 
 // Why a read was left unclassified. When several apply, the first in this
-// order (after kNone) is given: a mixed read rejected by reject_mixed_barcodes,
-// then one end passing where require_barcodes_both_ends asks for both, then no
-// barcode passing at all, then a call below min_barcode_quality.
+// order (after kNone) is given: barcode constructs inside the read rejected by
+// internal_barcodes, a mixed read rejected by reject_mixed_barcodes, then one
+// end passing where require_barcodes_both_ends asks for both, then no barcode
+// passing at all, then a call below min_barcode_quality.
 enum class UnclassifiedReason : uint8_t {
     kNone,
     kNoBarcodeAboveMinimum,
     kMixedBarcodes,
     kOneEndOnly,
-    kLowBarcodeQuality
+    kLowBarcodeQuality,
+    kInternalBarcode
 };
 
 // "no barcode above the minimum", "mixed barcodes", "only one end", "low
-// barcode quality"; empty for kNone.
+// barcode quality", "internal barcode"; empty for kNone.
 inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
     switch (reason) {
         case UnclassifiedReason::kNoBarcodeAboveMinimum:
@@ -48,6 +50,8 @@ inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
             return "only one end";
         case UnclassifiedReason::kLowBarcodeQuality:
             return "low barcode quality";
+        case UnclassifiedReason::kInternalBarcode:
+            return "internal barcode";
         case UnclassifiedReason::kNone:
             break;
     }

@@ -48,6 +48,17 @@ void ValidateScorerOptions(ScorerOptions& options) {
                                      " because it is bigger than the window length, which would mean adding bases!");
     }
     if (options.min_score_rear_override == -1.0f) options.min_score_rear_override = options.min_score;
+    if (options.internal_barcodes == "ignore") {
+        options.internal_mode = InternalBarcodes::kIgnore;
+    } else if (options.internal_barcodes == "reject") {
+        options.internal_mode = InternalBarcodes::kReject;
+    } else if (options.internal_barcodes == "split") {
+        options.internal_mode = InternalBarcodes::kSplit;
+    } else {
+        throw std::runtime_error("Unknown internal_barcodes '" + options.internal_barcodes +
+                                 "': use ignore, reject or split");
+    }
+    Common::RequireInRange("min_part_length", options.min_part_length, 1, kMaxPartLength);
 }
 
 std::string ResolveDataFile(const std::string& name, const std::string& data_path) {

@@ -3,10 +3,16 @@
 // configuration file, their validation, and the data-file lookup shared with
 // the barcode manager.
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace Barcoding {
+
+// What becomes of a read that holds barcode constructs away from its ends
+// (molecules ligated end to end): nothing (the ends decide, no search), the
+// read is left unclassified, or it is cut into its molecules.
+enum class InternalBarcodes : uint8_t { kIgnore, kReject, kSplit };
 
 struct ScorerOptions {
     std::string barcode_kits;  // space separated; empty = every loaded arrangement
@@ -26,6 +32,10 @@ struct ScorerOptions {
     bool reject_mixed_barcodes = false;
     // Leave unclassified a read whose barcode quality is below this.
     int min_barcode_quality = 0;
+    // "ignore", "reject" or "split"; validation sets internal_mode from it.
+    std::string internal_barcodes = "ignore";
+    InternalBarcodes internal_mode = InternalBarcodes::kIgnore;
+    int min_part_length = 100;  // split: shorter parts are dropped (and counted)
 
     // The eight gap costs in aligner order: start1, end1, open1, extend1, start2, ...
     std::vector<int> GapVector() const;
@@ -38,6 +48,7 @@ constexpr int kMaxWindowSize = 10000;       // front_window_size, rear_window_si
 constexpr int kMaxReferenceLength = 1000;   // bases of one barcode (reference) sequence
 constexpr int kMaxExtraTrim = 10000;        // |num_extra_bases_trim|
 constexpr int kMaxArrangementSpan = 10000;  // last_index - first_index + 1 of one arrangement section
+constexpr int kMaxPartLength = 1000000;     // min_part_length
 
 // Throws std::runtime_error, naming the setting and the allowed range, for a
 // gap cost outside 0 .. kMaxScoreMagnitude, a window outside 1 ..
@@ -45,6 +56,8 @@ constexpr int kMaxArrangementSpan = 10000;  // last_index - first_index + 1 of o
 // quality outside 0 .. 60, an extra trim outside
 // +-kMaxExtraTrim, and inconsistent trim settings. Then resolves the rear
 // minimum (min_score_rear_override becomes min_score when it is exactly -1).
+// Also throws for an internal_barcodes other than ignore, reject or split and
+// a min_part_length outside 1 .. kMaxPartLength.
 void ValidateScorerOptions(ScorerOptions& options);
 
 // name itself when it exists or is absolute, otherwise data_path/name (whether

@@ -25,6 +25,8 @@ fi
 echo "== watch memory and report size"
 minutes=${VB_BENCH_WATCH_MINUTES:-5}
 python3 benchmarks/watch_and_report.py "$build" --minutes "$minutes" --files $((minutes * 200 / 30))
+echo "== barcodes inside reads: --internal_barcodes ignore, reject, split"
+bash benchmarks/run_internal.sh "$build"
 if command -v samtools > /dev/null; then
   echo "== BAM against gzip FASTQ"
   bash benchmarks/run_bam.sh "$build"

@@ -10,10 +10,15 @@ the whole read reverse complemented half of the time; front-only kits are read
 from the adapter end, as their chemistry dictates, and keep their orientation.
 
 Kinds of reads (fractions configurable):
-  double   the same arrangement's barcodes at both ends
-  front    only the front construct (the rear adapter was lost or never read)
-  none     no barcode construct; half of them still carry a bare adapter stem
-  chimera  the front barcode of one arrangement, the rear of another
+  double      the same arrangement's barcodes at both ends
+  front       only the front construct (the rear adapter was lost or never read)
+  none        no barcode construct; half of them still carry a bare adapter stem
+  chimera     the front barcode of one arrangement, the rear of another
+  concatemer  two or three whole molecules ligated end to end (off by
+              default): each a double-barcoded molecule of a ligation kit (in
+              either orientation) or a front-barcoded one of a front-only kit,
+              all of one arrangement or (--concatemer-same) each of another
+              than the molecule before it; adapter stems join them
 
 Errors: substitutions, insertions and deletions at the chosen identity, plus
 extra indels in homopolymer runs (runs of 3 or more), the way long-read errors
@@ -26,7 +31,11 @@ Everything (ids, run ids, lengths, errors) comes from --seed. Output is FASTQ
 (gzip when the name ends in .gz, optionally split into several files) plus a
 truth table: read_id, kind, front, rear, orientation, where front and rear are
 the normalised arrangement names of the molecule's ends ("-" for none) and
-orientation is "-" when the read is the molecule's reverse complement.
+orientation is "-" when the read is the molecule's reverse complement. With
+concatemers asked for, a sixth column, molecules, lists every molecule of the
+read in read order as its arrangement name and orientation ("barcode03+");
+"-" for the reads of the other kinds; front and rear are then the read's
+first and last molecule's.
 """
 
 import argparse
@@ -182,9 +191,13 @@ class Simulator:
         return max(a.min_insert, int(a.median_length * math.exp(self.rng.gauss(0.0, a.length_sigma))))
 
     def molecule(self, fixed_length=0):
+        """(read bases, kind, front, rear, orientation, molecules)."""
         a, rng = self.args, self.rng
-        total = a.frac_double + a.frac_front + a.frac_none + a.frac_chimera
+        total = a.frac_double + a.frac_front + a.frac_none + a.frac_chimera + a.frac_concatemer
         r = rng.random() * total
+        if r >= total - a.frac_concatemer:
+            return self.concatemer(fixed_length)
+        total -= a.frac_concatemer
         if not self.ligation:  # every barcoded read of a front-only kit is a front read
             kind = "none" if r >= total - a.frac_none else "front"
         elif r < a.frac_double:
@@ -220,7 +233,41 @@ class Simulator:
         orientation = "+"
         if self.ligation and rng.random() < 0.5:
             mol, orientation = revcomp(mol), "-"
-        return mol, kind, front_id, rear_id, orientation
+        return mol, kind, front_id, rear_id, orientation, "-"
+
+    def concatemer(self, fixed_length=0):
+        """Two or three molecules end to end. Each ligation-kit molecule is
+        stem + front + insert + revcomp(rear) + revcomp(stem), in either
+        orientation; each front-only one stem + front + insert. The read may
+        begin part-way into the first stem; junk lies only at the read's ends."""
+        a, rng = self.args, self.rng
+        count = rng.choice(a.concatemer_molecules)
+        pool = self.double if self.ligation else self.fronted
+        chosen = [rng.choice(pool)]
+        for _ in range(count - 1):
+            others = [x for x in pool if x[0] != chosen[-1][0]]
+            chosen.append(chosen[-1] if rng.random() < a.concatemer_same or not others else rng.choice(others))
+        # A fixed read length (templates for pbsim) is shared out among the inserts.
+        flat = sum(len(self.stem) + len(front) + len(rear) + len(self.stem) for _, front, rear in chosen)
+        share = max(a.min_insert, (fixed_length - flat) // count) if fixed_length else 0
+        pieces, names = [], []
+        for i, (nid, front, rear) in enumerate(chosen):
+            insert = self.random_bases(share or self.insert_length())
+            stem = self.adapter_start() if i == 0 else self.stem
+            if self.ligation:
+                mol = self.stem + front + insert + revcomp(rear) + revcomp(self.stem)
+                orientation = "+"
+                if rng.random() < 0.5:
+                    mol, orientation = revcomp(mol), "-"
+                mol = stem + mol[len(self.stem):]
+            else:
+                mol, orientation = stem + front + insert, "+"
+            pieces.append(mol)
+            names.append(nid + orientation)
+        head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
+        first, last = chosen[0][0], chosen[-1][0]
+        return (head + "".join(pieces) + tail, "concatemer", first, last if self.ligation else "-", "+",
+                ",".join(names))
 
     def read_identity(self):
         a = self.args
@@ -289,13 +336,13 @@ class Simulator:
         return q.decode()
 
     def record(self):
-        mol, kind, front, rear, orientation = self.molecule()
+        mol, kind, front, rear, orientation, molecules = self.molecule()
         identity = self.read_identity()
         read, suspect = self.mutate(mol, identity)
         qual = self.qualities(len(read), identity, suspect)
-        return self.format(read, qual, kind, front, rear, orientation)
+        return self.format(read, qual, kind, front, rear, orientation, molecules)
 
-    def format(self, read, qual, kind, front, rear, orientation):
+    def format(self, read, qual, kind, front, rear, orientation, molecules="-"):
         """FASTQ text and truth row of one read, with a fresh id and header."""
         rng = self.rng
         h = "%032x" % rng.getrandbits(128)
@@ -307,7 +354,10 @@ class Simulator:
         title = (f"@{read_id} runid={runid} sampleid={self.args.sample} read={self.read_number} "
                  f"ch={rng.randint(1, 512)} start_time={start}")
         fastq = f"{title}\n{read}\n+\n{qual}\n"
-        return fastq, f"{read_id}\t{kind}\t{front}\t{rear}\t{orientation}\n"
+        row = f"{read_id}\t{kind}\t{front}\t{rear}\t{orientation}"
+        if self.args.frac_concatemer > 0:
+            row += f"\t{molecules}"
+        return fastq, row + "\n"
 
 
 # ---------------------------------------------------------------- pbsim
@@ -383,7 +433,7 @@ def pbsim_records(sim, args, count):
         if proc.returncode != 0:
             sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
         dropped = 0
-        for i, (mol, kind, front, rear, orientation) in enumerate(molecules):
+        for i, (mol, kind, front, rear, orientation, names) in enumerate(molecules):
             stem = os.path.join(tmp, f"sd_{i + 1:04d}")
             quals = {}
             with open(stem + ".fastq") as f:
@@ -402,7 +452,7 @@ def pbsim_records(sim, args, count):
             if read is None:
                 dropped += 1
                 continue
-            records.append(sim.format(read, qual, kind, front, rear, orientation))
+            records.append(sim.format(read, qual, kind, front, rear, orientation, names))
         if dropped:
             print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
     return records
@@ -444,6 +494,12 @@ def parse_args(argv=None):
     ap.add_argument("--frac-front", type=float, default=0.10)
     ap.add_argument("--frac-none", type=float, default=0.10)
     ap.add_argument("--frac-chimera", type=float, default=0.05)
+    ap.add_argument("--frac-concatemer", type=float, default=0.0,
+                    help="share of reads made of several molecules (adds the truth column molecules)")
+    ap.add_argument("--concatemer-molecules", type=lambda t: [int(x) for x in t.split(",")], default=[2, 3],
+                    help="molecules per concatemer, drawn from this comma-separated list")
+    ap.add_argument("--concatemer-same", type=float, default=0.5,
+                    help="chance that a molecule has the arrangement of the one before it")
     ap.add_argument("--sample", default="vb_sim")
     ap.add_argument("--error-model", choices=["builtin", "pbsim"], default="builtin",
                     help="builtin: this script's errors; pbsim: Debian's pbsim (CLR model) on fixed-length templates")
@@ -460,7 +516,7 @@ def main(argv=None):
         os.makedirs(os.path.dirname(path) or ".", exist_ok=True)
     outs = [open_out(p) for p in names]
     with open(truth, "w") as t:
-        t.write("read_id\tkind\tfront\trear\torientation\n")
+        t.write("read_id\tkind\tfront\trear\torientation" + ("\tmolecules" if args.frac_concatemer > 0 else "") + "\n")
         per_file = -(-args.reads // len(outs))
         if args.error_model == "pbsim":
             records = pbsim_records(sim, args, args.reads)

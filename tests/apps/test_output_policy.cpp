@@ -341,5 +341,48 @@ TEST(OutputPolicy, BamModificationTagsFollowTheCut) {
     }
 }
 
+// With --internal_barcodes: the count column comes last, after the reason;
+// a part names the read it was cut from in its title tag or as BAM tag pi,
+// replacing a pi the input record had.
+TEST(OutputPolicy, InternalCountAndParts) {
+    OutputPolicy policy = Policy();
+    policy.reason_column = true;
+    policy.internal_count_column = true;
+    ReadOutput out;
+    ReadExtras rejected;
+    rejected.internal_count = 2;
+    DecideOutput(Read("@r1 runid=RUN7", 200), {Unclassified(UnclassifiedReason::kInternalBarcode)}, policy, out,
+                 rejected);
+    auto columns = Columns(out.summary_row);
+    ASSERT_EQ(columns.size(), 20u) << out.summary_row;
+    EXPECT_EQ(columns[18], "internal barcode");
+    EXPECT_EQ(columns[19], "2");
+    EXPECT_EQ(out.title_tag, "barcode=unclassified");
+    DecideOutput(Read("@r1 runid=RUN7", 200), {}, policy, out, rejected);
+    EXPECT_EQ(Columns(out.summary_row).back(), "2") << "a read without results has the column too";
+
+    ReadExtras part;
+    part.internal_count = 1;
+    part.parent_read_id = "r1";
+    DecideOutput(Read("@r1_2 runid=RUN7", 200), {Barcode03()}, policy, out, part);
+    EXPECT_EQ(out.title_tag, "parent_read_id=r1 barcode=barcode03");
+    EXPECT_EQ(Columns(out.summary_row)[0], "r1_2");
+
+    policy.bam = true;
+    Common::FastQRecord record = Read("@r1_2 runid=RUN7", 200);
+    record.tags.emplace();
+    Common::AppendTextTag(*record.tags, "pi", "older");
+    Common::AppendTextTag(*record.tags, "xq", "kept");
+    DecideOutput(record, {Barcode03()}, policy, out, part);
+    std::string want;
+    Common::AppendTextTag(want, "xq", "kept");
+    Common::AppendTextTag(want, "pi", "r1");
+    Common::AppendTextTag(want, "ar", "barcode03");
+    // The barcode quality tag follows.
+    EXPECT_EQ(out.bam_tags.substr(0, want.size()), want);
+    EXPECT_EQ(out.bam_tags.substr(want.size(), 2), "bq");
+    EXPECT_TRUE(out.title_tag.empty());
+}
+
 }  // namespace
 }  // namespace Vorpa

@@ -1,0 +1,167 @@
+// Why three stages. Aligning every reference along a whole read costs the
+// number of references times the read's length times the reference's length:
+// hundreds of times the two end windows. The seed scan costs a table lookup
+// per read base and finds nearly every copy that the presence bar accepts
+// (docs/internal_barcodes.md measures how nearly); but on random sequence it
+// also proposes spots, dozens per 10 kb with the larger kits. The edit count
+// throws out nearly all of those at a few operations per window base, and it
+// is exact in one direction: an alignment of raw score s holds at most
+// (self - s) / MinEditCost edits, so a spot whose best stretch needs more
+// edits than the bar's raw score allows cannot reach the bar, and nothing the
+// aligner would accept is lost there. Only the spots left are aligned.
+//
+// The presence of a reference at a spot is that of its end's scale, measured
+// on windows of the end's size. The bar (kInternalPresence) accounts for the
+// many stretches of a long read; the window of the alignment does not change
+// the scale.
+
+#include "barcoding/construct_search.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <stdexcept>
+
+#include "barcoding/reference_aligner.h"
+#include "barcoding/score_scale.h"
+#include "common/data_wrappers.h"
+#include "pair_alignment/score_limits.h"
+
+namespace Barcoding {
+
+namespace {
+
+std::array<int8_t, 256> MakeReadCodeTable() {
+    std::array<int8_t, 256> table;
+    table.fill(-1);
+    const char* bases[4] = {"Aa", "Cc", "Gg", "TtUu"};
+    for (int code = 0; code < 4; ++code)
+        for (const char* c = bases[code]; *c != '\0'; ++c)
+            table[static_cast<unsigned char>(*c)] = static_cast<int8_t>(code);
+    return table;
+}
+const std::array<int8_t, 256> kReadCodes = MakeReadCodeTable();
+
+std::vector<std::vector<int>> CodesOf(const std::vector<SearchReference>& references) {
+    std::vector<std::vector<int>> codes;
+    for (const auto& reference : references)
+        codes.push_back(reference.codes);
+    return codes;
+}
+
+// The longest stretch one spot can span, which the aligner's band must cover
+// so that each spot is aligned in full.
+int LongestSpot(const std::vector<SearchReference>& references) {
+    size_t longest = 1;
+    for (const auto& reference : references)
+        longest = std::max(longest, reference.codes.size());
+    return static_cast<int>(3 * longest + 16);
+}
+
+}  // namespace
+
+void ReadCodes(const std::string& sequence, std::vector<uint8_t>& codes) {
+    codes.resize(sequence.size());
+    for (size_t i = 0; i < sequence.size(); ++i) {
+        const int8_t code = kReadCodes[static_cast<unsigned char>(sequence[i])];
+        if (code < 0)
+            throw std::runtime_error("Read sequence contains the character '" + std::string(1, sequence[i]) +
+                                     "', which is not one of A, C, G, T or U.");
+        codes[i] = static_cast<uint8_t>(code);
+    }
+}
+
+ConstructSearch::ConstructSearch(std::vector<SearchReference> references, const std::vector<int>& matrix,
+                                 const std::vector<int>& gaps, float min_presence)
+    : references_(std::move(references)), min_presence_(min_presence), scan_(CodesOf(references_)) {
+    if (matrix.size() != 16) throw std::runtime_error("ConstructSearch needs a 4 x 4 mismatch matrix");
+    const int edit_cost = PairAlignment::MinEditCost(matrix, gaps);
+    for (const auto& reference : references_) {
+        if (reference.codes.empty() || !reference.scale)
+            throw std::runtime_error("ConstructSearch: reference '" + reference.name + "' is empty or has no scale");
+        edits_.emplace_back(reference.codes);
+        int self = 0;
+        for (int c : reference.codes)
+            self += matrix[static_cast<size_t>(5 * c)];
+        // The least raw score at the bar: presence rises with the raw score.
+        int low = -PairAlignment::kMaxScoreMagnitude * static_cast<int>(3 * reference.codes.size() + 2), high = self;
+        if (!(reference.scale->Presence(reference.index, high) >= min_presence_)) {
+            min_raw_.push_back(std::numeric_limits<int>::max());  // never reaches the bar
+            max_edits_.push_back(0);
+            continue;
+        }
+        while (low < high) {
+            const int middle = low + (high - low) / 2;
+            if (reference.scale->Presence(reference.index, middle) >= min_presence_)
+                high = middle;
+            else
+                low = middle + 1;
+        }
+        min_raw_.push_back(high);
+        max_edits_.push_back(edit_cost > 0 ? (self - high) / edit_cost : -1);
+    }
+    const brim::data_wrappers::MatView<int> view(const_cast<int*>(matrix.data()), 4, 4);
+    aligner_ = MakeCpuReferenceAligner(view, gaps, LongestSpot(references_), CodesOf(references_));
+}
+
+ConstructSearch::~ConstructSearch() = default;
+
+void ConstructSearch::Find(const std::vector<uint8_t>& read, std::vector<FoundConstruct>& found) {
+    found.clear();
+    candidates_.clear();
+    scan_.Find(read.data(), read.size(), spots_, scan_work_);
+    const int longest = LongestSpot(references_);
+    for (const auto& spot : spots_) {
+        for (uint32_t reference : scan_.Members(spot.target)) {
+            // A merged spot longer than the band is aligned in overlapping pieces.
+            const int piece = longest, step = longest - static_cast<int>(references_[reference].codes.size()) - 8;
+            for (int begin = spot.begin; begin < spot.end; begin += std::max(step, 1)) {
+                FoundConstruct construct;
+                if (Verify(reference, read, begin, std::min(spot.end, begin + piece), construct))
+                    candidates_.push_back(construct);
+                if (begin + piece >= spot.end) break;
+            }
+        }
+    }
+    // Best first; a construct overlapping a better one by more than half the
+    // shorter of the two is the same construct.
+    std::sort(candidates_.begin(), candidates_.end(), [](const FoundConstruct& x, const FoundConstruct& y) {
+        if (x.presence != y.presence) return x.presence > y.presence;
+        if (x.begin != y.begin) return x.begin < y.begin;
+        return x.reference < y.reference;
+    });
+    for (const auto& candidate : candidates_) {
+        const bool taken = std::any_of(found.begin(), found.end(), [&](const FoundConstruct& kept) {
+            const int overlap = std::min(kept.end, candidate.end) - std::max(kept.begin, candidate.begin);
+            const int shorter = std::min(kept.end - kept.begin, candidate.end - candidate.begin);
+            return 2 * overlap > shorter;
+        });
+        if (!taken) found.push_back(candidate);
+    }
+    std::sort(found.begin(), found.end(),
+              [](const FoundConstruct& x, const FoundConstruct& y) { return x.begin < y.begin; });
+}
+
+bool ConstructSearch::Verify(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end,
+                             FoundConstruct& out) {
+    if (min_raw_[reference] == std::numeric_limits<int>::max() || end <= begin) return false;
+    const uint8_t* stretch = read.data() + begin;
+    const size_t length = static_cast<size_t>(end - begin);
+    if (max_edits_[reference] >= 0 && edits_[reference].Best(stretch, length) > max_edits_[reference]) return false;
+    window_.assign(stretch, stretch + length);
+    const int raw = aligner_->AlignOne(reference, window_, path_);
+    if (raw < min_raw_[reference]) return false;
+    int first = -1, last = -1;
+    for (const auto& [ref, query] : path_) {
+        if (ref < 0 || query < 0) continue;
+        if (first < 0) first = query;
+        last = query;
+    }
+    if (first < 0) return false;
+    const SearchReference& r = references_[reference];
+    out =
+        FoundConstruct{begin + first, begin + last + 1, reference, r.scale->Presence(r.index, raw), r.starts_molecule};
+    return true;
+}
+
+}  // namespace Barcoding

@@ -1,0 +1,40 @@
+#pragma once
+// The fewest unit-cost edits (substitutions, insertions, deletions) that turn
+// a whole pattern into some stretch of a text, the text bases around that
+// stretch being free: Myers' bit-parallel search, in blocks of 64 pattern
+// bases. A few operations per text base and block, far cheaper than a scored
+// alignment, and a lower bound for one: every edit of a scored alignment
+// costs at least the cheapest edit's points (MinEditCost).
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace PairAlignment {
+
+class PatternEdits {
+public:
+    // pattern: base codes 0..3, at least one base.
+    explicit PatternEdits(const std::vector<int>& pattern);
+
+    // text: base codes 0..3. The pattern's length when the text is empty.
+    int Best(const uint8_t* text, size_t length) const;
+
+    size_t Length() const { return length_; }
+
+private:
+    size_t length_;
+    size_t blocks_;
+    std::vector<uint64_t> match_;  // per base code, per block: the pattern positions holding it
+};
+
+// The fewest points an edit costs an alignment of a whole reference under
+// this 4 x 4 matrix (row-major, reference code then query code) and these
+// gap costs (ScorerOptions::GapVector order: start1, end1, open1, extend1,
+// start2, end2, open2, extend2): a substitution loses the match and gains the
+// mismatch, a read base inside the reference costs open1, a reference base
+// left out loses its match and costs open2 (start2 or end2 at the ends).
+// 0 or less when edits can be free, and then edits bound nothing.
+int MinEditCost(const std::vector<int>& matrix, const std::vector<int>& gaps);
+
+}  // namespace PairAlignment

@@ -1,0 +1,267 @@
+// The k-mers of every reference sit in a table indexed by the k-mer's 2-bit
+// code: one presence bit per k-mer, which the scan tests at every sequence
+// position, and for the k-mers present, their (target, offset) entries. A
+// k-mer found at the same offset in kFamilyShare or more references of one
+// family has one entry for the family instead of one per reference.
+//
+// A seed at sequence position p of a k-mer at reference offset o lies on
+// diagonal p - o: where the reference would start if the copy had no indels
+// before it. The seeds are bucketed by target, keeping sequence order. A
+// reference's seeds, merged with its family's, are then walked in order: each
+// seed joins the earlier seeds within the reference's reach behind it and
+// within twice its drift of its diagonal, and the group's cover is the number
+// of sequence bases its seeds span (a run of r matching bases gives r - k + 1
+// overlapping seeds covering r bases): cover rather than the number of seeds,
+// so that one long exact match, which random sequence produces far more often
+// than two separate ones, does not count many times. A family's seeds alone
+// are walked the same way.
+//
+// Thresholds (MinCover, Drift, the seed length) were measured on planted
+// copies of references of 16 to 120 bases at 85 to 100 % identity and on
+// random sequence: docs/internal_barcodes.md.
+
+#include "pair_alignment/seed_scan.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+
+namespace PairAlignment {
+
+namespace {
+
+// A k-mer at one offset in this many references makes them a family.
+constexpr size_t kFamilyShare = 3;
+
+// How far a copy's diagonal may wander: about one indel per eight bases,
+// beyond what long reads at 85 % identity show.
+int DriftFor(int length) {
+    return 2 + length / 8;
+}
+
+// Sequence bases a group's seeds must cover: three more than one seed, and a
+// quarter of a long reference.
+int MinCoverFor(int length, int k) {
+    return std::min(length, std::max(k + 3, length / 4));
+}
+
+// The table holds a seed at no more than one position in this many of random sequence.
+constexpr double kSeedDensity = 0.5;
+
+}  // namespace
+
+SeedScan::SeedScan(const std::vector<std::vector<int>>& references, int k) : references_(references.size()) {
+    if (k != 0) {
+        if (k < 4 || k > kMaxSeedLength)
+            throw std::runtime_error("Seed length must be between 4 and " + std::to_string(kMaxSeedLength));
+        Build(references, k);
+        return;
+    }
+    for (k = 5;; ++k) {
+        Build(references, k);
+        const double density = static_cast<double>(entries_.size()) / static_cast<double>(size_t{1} << (2 * k));
+        if (density <= kSeedDensity || k == kMaxSeedLength) return;
+    }
+}
+
+void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
+    k_ = k;
+    length_.clear();
+    members_.clear();
+    drift_.clear();
+    min_cover_.clear();
+    entries_.clear();
+    const size_t kmers = size_t{1} << (2 * k);
+    mask_ = static_cast<uint32_t>(kmers - 1);
+
+    // Every (k-mer, offset, reference), sorted so that equal (k-mer, offset) pairs are together.
+    struct Occurrence {
+        uint32_t kmer, offset, reference;
+    };
+    std::vector<Occurrence> all;
+    for (size_t r = 0; r < references.size(); ++r) {
+        uint32_t kmer = 0;
+        const auto& reference = references[r];
+        for (size_t i = 0; i < reference.size(); ++i) {
+            const int code = reference[i];
+            if (code < 0 || code > 3) throw std::runtime_error("SeedScan: reference bases must be codes 0..3");
+            kmer = ((kmer << 2) | static_cast<uint32_t>(code)) & mask_;
+            if (i + 1 >= static_cast<size_t>(k))
+                all.push_back({kmer, static_cast<uint32_t>(i + 1 - static_cast<size_t>(k)), static_cast<uint32_t>(r)});
+        }
+    }
+    std::sort(all.begin(), all.end(), [](const Occurrence& x, const Occurrence& y) {
+        if (x.kmer != y.kmer) return x.kmer < y.kmer;
+        if (x.offset != y.offset) return x.offset < y.offset;
+        return x.reference < y.reference;
+    });
+    auto same_place = [](const Occurrence& x, const Occurrence& y) { return x.kmer == y.kmer && x.offset == y.offset; };
+
+    // Families: references joined by a k-mer they share at one offset.
+    std::vector<uint32_t> parent(references.size());
+    std::iota(parent.begin(), parent.end(), 0u);
+    auto root = [&parent](uint32_t x) {
+        while (parent[x] != x)
+            x = parent[x] = parent[parent[x]];
+        return x;
+    };
+    for (size_t a = 0; a < all.size();) {
+        size_t b = a;
+        while (b < all.size() && same_place(all[a], all[b]))
+            ++b;
+        if (b - a >= kFamilyShare)
+            for (size_t i = a + 1; i < b; ++i)
+                parent[root(all[i].reference)] = root(all[a].reference);
+        a = b;
+    }
+    for (size_t r = 0; r < references.size(); ++r) {
+        length_.push_back(static_cast<int>(references[r].size()));
+        members_.push_back({static_cast<uint32_t>(r)});
+    }
+    family_of_.assign(references.size(), -1);
+    std::vector<int64_t> family_of_root(references.size(), -1);
+    for (size_t r = 0; r < references.size(); ++r) {
+        const uint32_t top = root(static_cast<uint32_t>(r));
+        bool alone = true;
+        for (size_t other = 0; other < references.size() && alone; ++other)
+            alone = other == r || root(static_cast<uint32_t>(other)) != top;
+        if (alone) continue;
+        if (family_of_root[top] < 0) {
+            family_of_root[top] = static_cast<int64_t>(members_.size());
+            members_.emplace_back();
+            length_.push_back(0);
+        }
+        const auto family = static_cast<size_t>(family_of_root[top]);
+        family_of_[r] = family_of_root[top];
+        members_[family].push_back(static_cast<uint32_t>(r));
+        length_[family] = std::max(length_[family], length_[r]);
+    }
+    for (size_t t = 0; t < length_.size(); ++t) {
+        drift_.push_back(DriftFor(length_[t]));
+        min_cover_.push_back(MinCoverFor(length_[t], k));
+    }
+
+    // Entries: a k-mer shared at one offset by enough members of a family is
+    // one family seed; any other occurrence is a seed of its reference.
+    std::vector<std::pair<uint32_t, Entry>> entries;
+    for (size_t a = 0; a < all.size();) {
+        size_t b = a;
+        while (b < all.size() && same_place(all[a], all[b]))
+            ++b;
+        const int64_t family = family_of_[all[a].reference];
+        // Shared by most of one family: constant sequence such as a flank.
+        bool one_family = family >= 0 && 2 * (b - a) >= members_[static_cast<size_t>(family)].size();
+        for (size_t i = a; i < b && one_family; ++i)
+            one_family = family_of_[all[i].reference] == family;
+        if (one_family) {
+            entries.emplace_back(all[a].kmer, Entry{static_cast<uint32_t>(family), all[a].offset});
+        } else {
+            for (size_t i = a; i < b; ++i)
+                entries.emplace_back(all[i].kmer, Entry{all[i].reference, all[i].offset});
+        }
+        a = b;
+    }
+    present_.assign((kmers + 63) / 64, 0);
+    start_.assign(kmers + 1, 0);
+    entries_.reserve(entries.size());
+    for (const auto& [kmer, entry] : entries) {  // still in k-mer order
+        present_[kmer / 64] |= uint64_t{1} << (kmer % 64);
+        ++start_[kmer + 1];
+        entries_.push_back(entry);
+    }
+    for (size_t x = 0; x < kmers; ++x)
+        start_[x + 1] += start_[x];
+}
+
+void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& spots, Work& work) const {
+    spots.clear();
+    auto& hits = work.hits;
+    hits.clear();
+    uint32_t kmer = 0;
+    const size_t k = static_cast<size_t>(k_);
+    for (size_t i = 0; i < length; ++i) {
+        kmer = ((kmer << 2) | sequence[i]) & mask_;
+        if (i + 1 < k || !((present_[kmer / 64] >> (kmer % 64)) & 1)) continue;
+        const auto position = static_cast<int32_t>(i + 1 - k);
+        for (uint32_t e = start_[kmer]; e < start_[kmer + 1]; ++e)
+            hits.push_back({entries_[e].target, position - static_cast<int32_t>(entries_[e].offset), position});
+    }
+    if (hits.empty()) return;
+
+    // Bucket by target, keeping sequence order within each.
+    const size_t targets = length_.size();
+    auto& first = work.first;
+    first.assign(targets + 1, 0);
+    for (const auto& hit : hits)
+        ++first[hit.target + 1];
+    for (size_t t = 0; t < targets; ++t)
+        first[t + 1] += first[t];
+    work.sorted.resize(hits.size());
+    work.next.assign(first.begin(), first.end() - 1);
+    for (const auto& hit : hits)
+        work.sorted[work.next[hit.target]++] = hit;
+    const Work::Hit* sorted = work.sorted.data();
+    for (size_t t = references_; t < targets; ++t)
+        if (first[t] < first[t + 1])
+            Group(sorted + first[t], sorted + first[t + 1], static_cast<uint32_t>(t), length, spots, work);
+    for (size_t r = 0; r < references_; ++r) {
+        if (first[r] == first[r + 1]) continue;
+        const int64_t family = family_of_[r];
+        if (family < 0 || first[static_cast<size_t>(family)] == first[static_cast<size_t>(family) + 1]) {
+            Group(sorted + first[r], sorted + first[r + 1], static_cast<uint32_t>(r), length, spots, work);
+            continue;
+        }
+        const auto f = static_cast<size_t>(family);
+        work.merged.resize((first[r + 1] - first[r]) + (first[f + 1] - first[f]));
+        std::merge(sorted + first[r], sorted + first[r + 1], sorted + first[f], sorted + first[f + 1],
+                   work.merged.begin(), [](const Work::Hit& x, const Work::Hit& y) { return x.position < y.position; });
+        Group(work.merged.data(), work.merged.data() + work.merged.size(), static_cast<uint32_t>(r), length, spots,
+              work);
+    }
+    std::stable_sort(spots.begin(), spots.end(), [](const Spot& x, const Spot& y) { return x.begin < y.begin; });
+}
+
+// The seeds of one target, in sequence order.
+void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t target, size_t length,
+                     std::vector<Spot>& spots, Work& /*work*/) const {
+    const int drift = drift_[target];
+    const int reach = length_[target] + 2 * drift;
+    const int need = min_cover_[target];
+    const size_t spots_before = spots.size();
+    const Work::Hit* behind = first;
+    for (const Work::Hit* hit = first; hit < last; ++hit) {
+        while (behind->position < hit->position - reach)
+            ++behind;
+        int cover = 0;
+        int32_t covered_to = std::numeric_limits<int32_t>::min();
+        int32_t low = hit->diagonal, high = hit->diagonal;
+        // A reference's group needs a seed of its own: its family's seeds
+        // alone are the family's spot.
+        bool own = false;
+        for (const Work::Hit* seed = behind; seed <= hit; ++seed) {
+            if (std::abs(seed->diagonal - hit->diagonal) > 2 * drift) continue;
+            own |= seed->target == target;
+            cover += seed->position + k_ - std::max(seed->position, covered_to);
+            covered_to = seed->position + k_;
+            low = std::min(low, seed->diagonal);
+            high = std::max(high, seed->diagonal);
+        }
+        if (cover < need || !own) continue;
+        const int begin = std::max(0, low - drift);
+        const int end =
+            static_cast<int>(std::min<int64_t>(static_cast<int64_t>(length), int64_t{high} + length_[target] + drift));
+        if (spots.size() > spots_before && spots.back().end >= begin) {
+            Spot& spot = spots.back();
+            spot.begin = std::min(spot.begin, begin);
+            spot.end = std::max(spot.end, end);
+            spot.cover = std::max(spot.cover, cover);
+        } else {
+            spots.push_back({target, begin, end, cover});
+        }
+    }
+}
+
+}  // namespace PairAlignment
