@@ -72,7 +72,7 @@ void ScoreDiffs(const LaneJob& job) {
     const W end1 = B::Set1W(c.end1), end2 = B::Set1W(c.end2);
     const W unbias_x = B::Set1W(-c.open2), unbias_y = B::Set1W(-c.open1);
     Elem* xs = static_cast<Elem*>(job.rows);  // X(i, j) at slot j, 1 <= j < l2
-    auto match = [query, lanes](const Elem* row, int j) { return B::Load(row + query[j - 1] * lanes); };
+    auto match = [query](const Elem* row, int j) { return B::Load(row + query[j - 1] * B::kLanes); };
 
     for (int block = 0; block < job.blocks; ++block) {
         const Elem* profile = static_cast<const Elem*>(job.profile) + static_cast<size_t>(block) * l1 * step;
