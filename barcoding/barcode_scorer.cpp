@@ -46,6 +46,7 @@
 #include <stdexcept>
 
 #include "barcoding/barcode_quality.h"
+#include "barcoding/base_codes.h"
 #include "barcoding/reference_aligner.h"
 #include "barcoding/score_scale.h"
 #include "common/logger.h"
@@ -61,18 +62,6 @@ const Common::Logger& ScorerLog() {
     static const Common::Logger logger("barcode_scorer");
     return logger;
 }
-
-// Base codes in matrix order A, C, G, T; U counts as T; -1 = not a base.
-std::array<int8_t, 256> MakeCodeTable() {
-    std::array<int8_t, 256> table;
-    table.fill(-1);
-    const char* bases[4] = {"Aa", "Cc", "Gg", "TtUu"};
-    for (int code = 0; code < 4; ++code)
-        for (const char* c = bases[code]; *c != '\0'; ++c)
-            table[static_cast<unsigned char>(*c)] = static_cast<int8_t>(code);
-    return table;
-}
-const std::array<int8_t, 256> kCodes = MakeCodeTable();
 
 }  // namespace
 
@@ -162,7 +151,7 @@ std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std
         std::vector<int> codes;
         int self_score = 0;
         for (char c : sequence) {
-            const int code = kCodes[static_cast<unsigned char>(c)];
+            const int code = kBaseCodes[static_cast<unsigned char>(c)];
             if (code < 0)
                 throw std::runtime_error("Barcode '" + name + "' contains the character '" + std::string(1, c) +
                                          "', which is not one of A, C, G, T or U.");
@@ -209,7 +198,7 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     end.window.resize(static_cast<size_t>(count));
     for (int k = 0; k < count; ++k) {
         const char c = sequence[static_cast<size_t>(begin + k)];
-        const int code = kCodes[static_cast<unsigned char>(c)];
+        const int code = kBaseCodes[static_cast<unsigned char>(c)];
         if (code < 0)
             throw std::runtime_error("Read sequence contains the character '" + std::string(1, c) +
                                      "', which is not one of A, C, G, T or U.");
@@ -506,13 +495,13 @@ void BarcodeScorer::MakeSearch(const std::vector<int>& matrix) {
         for (size_t k = 0; k < end->names.size(); ++k) {
             std::vector<int> codes;
             for (char c : end->sequences[k])
-                codes.push_back(kCodes[static_cast<unsigned char>(c)]);
+                codes.push_back(kBaseCodes[static_cast<unsigned char>(c)]);
             add(end->names[k], std::move(codes), end->scale, k);
         }
     auto codes_of = [&](const End& end, int k) {
         std::vector<int> codes;
         for (char c : end.sequences[static_cast<size_t>(k)])
-            codes.push_back(kCodes[static_cast<unsigned char>(c)]);
+            codes.push_back(kBaseCodes[static_cast<unsigned char>(c)]);
         return codes;
     };
     for (bool swapped : {false, true})

@@ -22,6 +22,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "barcoding/base_codes.h"
 #include "barcoding/reference_aligner.h"
 #include "barcoding/score_scale.h"
 #include "common/data_wrappers.h"
@@ -30,17 +31,6 @@
 namespace Barcoding {
 
 namespace {
-
-std::array<int8_t, 256> MakeReadCodeTable() {
-    std::array<int8_t, 256> table;
-    table.fill(-1);
-    const char* bases[4] = {"Aa", "Cc", "Gg", "TtUu"};
-    for (int code = 0; code < 4; ++code)
-        for (const char* c = bases[code]; *c != '\0'; ++c)
-            table[static_cast<unsigned char>(*c)] = static_cast<int8_t>(code);
-    return table;
-}
-const std::array<int8_t, 256> kReadCodes = MakeReadCodeTable();
 
 std::vector<std::vector<int>> CodesOf(const std::vector<SearchReference>& references) {
     std::vector<std::vector<int>> codes;
@@ -63,7 +53,7 @@ int LongestSpot(const std::vector<SearchReference>& references) {
 void ReadCodes(const std::string& sequence, std::vector<uint8_t>& codes) {
     codes.resize(sequence.size());
     for (size_t i = 0; i < sequence.size(); ++i) {
-        const int8_t code = kReadCodes[static_cast<unsigned char>(sequence[i])];
+        const int8_t code = kBaseCodes[static_cast<unsigned char>(sequence[i])];
         if (code < 0)
             throw std::runtime_error("Read sequence contains the character '" + std::string(1, sequence[i]) +
                                      "', which is not one of A, C, G, T or U.");
