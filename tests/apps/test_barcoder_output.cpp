@@ -14,8 +14,11 @@
 
 #include "apps/run_report.h"
 #include "apps/summary_row.h"
+#include "tests/support/random_bases.h"
 
 namespace {
+
+using TestSupport::RandomBases;
 
 std::vector<std::string> SplitRow(const std::string& row) {
     EXPECT_FALSE(row.empty());
@@ -39,13 +42,6 @@ std::string SummaryRow(const std::string& read_id, const Barcoding::ArrangementD
     std::string row;
     Vorpa::AppendSummaryRow(row, read_id, best, rear_window, trimmed, sample);
     return row;
-}
-
-std::string RandomBases(std::mt19937& rng, int length) {
-    std::string bases;
-    for (int i = 0; i < length; ++i)
-        bases += "ACGT"[rng() % 4];
-    return bases;
 }
 
 Barcoding::BarcodeDetectResult RandomEnd(std::mt19937& rng, const std::string& id) {

@@ -16,6 +16,7 @@
 #include "common/logger.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
+#include "tests/support/random_bases.h"
 #include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
 
@@ -24,8 +25,9 @@ namespace {
 
 using TestSupport::TempFolder;
 
-// Match 5, mismatch -4; reference bases may float inside the window for free.
-const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
+using TestSupport::RandomBases;
+using TestSupport::ReverseComplement;
+const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 
 ScorerOptions Options(const std::string& kits) {
     ScorerOptions options;
@@ -37,20 +39,6 @@ ScorerOptions Options(const std::string& kits) {
     options.rear_window_size = 60;
     ValidateScorerOptions(options);
     return options;
-}
-
-std::string RandomBases(std::mt19937& random, size_t length) {
-    std::string bases;
-    for (size_t k = 0; k < length; ++k)
-        bases += "ACGT"[random() % 4];
-    return bases;
-}
-
-std::string ReverseComplement(const std::string& sequence) {
-    std::string result(sequence.rbegin(), sequence.rend());
-    for (char& c : result)
-        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
-    return result;
 }
 
 // Barcodes BC01..BC05 of 24 random bases, kit "DK" with the same barcode at

@@ -10,11 +10,12 @@
 #include "barcoding/reference_aligner.h"
 #include "barcoding/score_scale.h"
 #include "barcoding/scorer_options.h"
+#include "tests/support/random_bases.h"
 
 namespace Barcoding {
 namespace {
 
-const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
+const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 
 std::vector<int> Gaps() {
     ScorerOptions options;

@@ -8,6 +8,7 @@
 
 #include "barcoding/barcode_scorer.h"
 #include "barcoding/score_scale.h"
+#include "tests/support/random_bases.h"
 #include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
 
@@ -16,41 +17,10 @@ namespace {
 
 using TestSupport::TempFolder;
 
-const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
-
-std::string RandomBases(std::mt19937& random, size_t length) {
-    std::string bases;
-    for (size_t k = 0; k < length; ++k)
-        bases += "ACGT"[random() % 4];
-    return bases;
-}
-
-std::string ReverseComplement(const std::string& sequence) {
-    std::string result(sequence.rbegin(), sequence.rend());
-    for (char& c : result)
-        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
-    return result;
-}
-
-// Substitutions, deletions and insertions, each at rate / 3 per base.
-std::string Mutate(std::mt19937& random, const std::string& sequence, double rate) {
-    std::uniform_real_distribution<double> uniform(0, 1);
-    std::string out;
-    for (char c : sequence) {
-        const double r = uniform(random);
-        if (r < rate / 3) {
-            out += "ACGT"[random() % 4];
-        } else if (r < 2 * rate / 3) {
-            continue;
-        } else if (r < rate) {
-            out += "ACGT"[random() % 4];
-            out += c;
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
+using TestSupport::Mutate;
+using TestSupport::RandomBases;
+using TestSupport::ReverseComplement;
+const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 
 ScorerOptions Options(const std::string& kits) {
     ScorerOptions options;

@@ -11,6 +11,7 @@
 #include "common/bam_reader.h"
 #include "common/bam_record.h"
 #include "tests/common/htslib_files.h"
+#include "tests/support/random_bases.h"
 #include "tests/support/temp_folder.h"
 
 namespace Common {
@@ -26,13 +27,6 @@ struct Read {
     std::string title, bases, qualities, tags;
     std::string fields;  // "read id|comment|run id" as the record found them
 };
-
-std::string RevComp(const std::string& bases) {
-    std::string out(bases.rbegin(), bases.rend());
-    for (char& c : out)
-        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
-    return out;
-}
 
 std::string Unaligned(const std::string& name, const std::string& bases, const std::string& qualities,
                       const std::string& tags = "") {
@@ -128,7 +122,7 @@ TEST_F(BamReaderTest, MappedRecordsComeBackInReadOrientation) {
         }
         const bool reverse = rng() % 2 == 0;
         const std::string name = "m" + std::to_string(k);
-        const std::string stored = reverse ? RevComp(bases) : bases;
+        const std::string stored = reverse ? TestSupport::ReverseComplement(bases) : bases;
         const std::string stored_q = reverse ? std::string(qualities.rbegin(), qualities.rend()) : qualities;
         records += name + "\t" + (reverse ? "16" : "0") + "\tchr1\t" + std::to_string(100 + k) + "\t60\t" +
                    std::to_string(length) + "M\t*\t0\t0\t" + stored + "\t" + stored_q + "\tNM:i:0\tOQ:Z:" + stored_q +

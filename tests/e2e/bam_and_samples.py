@@ -10,21 +10,19 @@ Usage: bam_and_samples.py --binary BIN --source REPO --work DIR --case NAME
 """
 
 import collections
-import gzip
 import os
 import shutil
 import signal
-import struct
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import bam_file  # noqa: E402
 from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, interrupt_when_written,  # noqa: E402
                         main, many_reads, many_run_ids, output_reads, read_fastq, read_id, read_summary,
                         run_with_few_descriptors, split_into_files, tree_bytes, write_fastq)
 
-BGZF_EOF = bytes.fromhex("1f8b08040000000000ff0600424302001b0003000000000000000000")
-BASES = "=ACMGRSVTWYHKDBN"
 COMPLEMENT = str.maketrans("ACGT", "TGCA")
 
 
@@ -35,62 +33,10 @@ def need_samtools():
 
 # ---------------------------------------------------------------- BAM reading
 
-def parse_tags(data):
-    """Raw aux bytes -> list of (tag, type, value); B arrays as (subtype, tuple)."""
-    sizes = {"c": "b", "C": "B", "s": "h", "S": "H", "i": "i", "I": "I", "f": "f"}
-    tags, at = [], 0
-    while at < len(data):
-        tag, kind = data[at:at + 2].decode(), chr(data[at + 2])
-        at += 3
-        if kind == "A":
-            value, at = chr(data[at]), at + 1
-        elif kind in sizes:
-            fmt = "<" + sizes[kind]
-            value, at = struct.unpack_from(fmt, data, at)[0], at + struct.calcsize(fmt)
-        elif kind in "ZH":
-            end = data.index(b"\0", at)
-            value, at = data[at:end].decode(), end + 1
-        elif kind == "B":
-            sub, count = chr(data[at]), struct.unpack_from("<I", data, at + 1)[0]
-            fmt = "<%d%s" % (count, sizes[sub])
-            value, at = (sub, struct.unpack_from(fmt, data, at + 5)), at + 5 + struct.calcsize(fmt)
-        else:
-            raise Failure(f"unknown tag type {kind!r}")
-        tags.append((tag, kind, value))
-    return tags
-
-
 def read_bam(path):
-    """(header text, records) of a BAM file, after checking that it is whole;
-    a record is a dict of name, flag, seq, qual and tags."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    check(data.endswith(BGZF_EOF), f"{path} does not end with the BGZF end-of-file block")
-    check(data.find(BGZF_EOF) == len(data) - len(BGZF_EOF), f"{path} has an end-of-file block inside")
-    raw = gzip.decompress(data)
-    check(raw[:4] == b"BAM\1", f"{path} is not BAM")
-    text_length = struct.unpack_from("<i", raw, 4)[0]
-    header = raw[8:8 + text_length].decode()
-    at = 8 + text_length
-    for _ in range(struct.unpack_from("<i", raw, at)[0]):
-        at += 4 + struct.unpack_from("<i", raw, at + 4)[0] + 4
-    at += 4
-    records = []
-    while at < len(raw):
-        size = struct.unpack_from("<i", raw, at)[0]
-        end = at + 4 + size
-        (_, _, name_length, _, _, cigar_ops, flag, length, _, _, _) = struct.unpack_from("<iiBBHHHIiii", raw, at + 4)
-        p = at + 36
-        name = raw[p:p + name_length - 1].decode()
-        p += name_length + 4 * cigar_ops
-        packed = raw[p:p + (length + 1) // 2]
-        seq = "".join(BASES[packed[i // 2] >> 4 if i % 2 == 0 else packed[i // 2] & 15] for i in range(length))
-        p += (length + 1) // 2
-        qual = "".join(chr(q + 33) for q in raw[p:p + length]) if length and raw[p] != 0xff else ""
-        p += length
-        records.append({"name": name, "flag": flag, "seq": seq, "qual": qual, "tags": parse_tags(raw[p:end])})
-        at = end
-    return header, records
+    """(header text, records as dicts of name, flag, seq, qual and tags) of a whole BAM file."""
+    header, _, records = bam_file.read_bam(path, Failure)
+    return header, [bam_file.decode(record) for record in records]
 
 
 def output_bam_reads(save):
@@ -292,33 +238,35 @@ def case_bam_input_kinds(ctx):
                                           f"{' (reverse strand)' if rid in reverse else ''}")
 
 
-def same_command_runs(ctx, threads_list, extra):
-    """Output trees of runs that differ only in the worker threads, set in the
-    configuration file so that the command line (and so the BAM header) is the same."""
-    with open(os.path.join(ctx.source, "data", "barcoding", "configuration.cfg")) as handle:
-        base = handle.read()
-    trees = {}
-    for threads in threads_list:
-        with open(ctx.path("threads.cfg"), "w") as handle:
-            handle.write(base + f"\nworker_threads = {threads}\n")
-        shutil.rmtree(ctx.path("out"), ignore_errors=True)
-        ctx.run(["-c", "./threads.cfg"] + barcoder_args("in", "out", "--output_format", "bam", *extra))
-        trees[threads] = tree_bytes(ctx.path("out"))
-    return trees
-
-
-def case_bam_thread_count_invariance(ctx):
-    records = many_reads(ctx, "bamthreads", 23)
+def case_thread_count_invariance(ctx):
+    """Output bytes do not depend on the number of worker threads, for FASTQ
+    (plain, compressed, trimmed) and BAM. Enough reads for several batches, in
+    files of uneven sizes, so that batches start and end inside files and span
+    file boundaries. The threads are set in a configuration file so that the
+    command line (and so the BAM header) stays the same."""
+    records = many_reads(ctx, "threads", 20)
     os.makedirs(ctx.path("in"))
     bounds = [0, 700, 701, 4500, 6000, len(records)]
     for k in range(len(bounds) - 1):
         write_fastq(ctx.path("in", f"part{k}.fastq" + (".gz" if k % 2 else "")), records[bounds[k]:bounds[k + 1]])
-    for extra in ([], ["-q", "250", "--trim_barcodes"]):
-        trees = same_command_runs(ctx, ("1", "4"), extra)
-        check(trees["1"] == trees["4"], f"BAM output bytes depend on the number of worker threads ({extra})")
-        written = output_bam_reads(ctx.path("out"))
-        _, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(trim=bool(extra)))
-        check(len(written) == len(records) and set(written) == set(rows), "reads lost or added")
+    with open(os.path.join(ctx.source, "data", "barcoding", "configuration.cfg")) as handle:
+        base = handle.read()
+    bam = ["--output_format", "bam"]
+    few, many = ("1", "4"), ("1", "2", "8")
+    for extra, threads_list in (([], many), (["--compress_fastq", "-q", "250"], many), (["--trim_barcodes"], many),
+                                (bam, few), (bam + ["-q", "250", "--trim_barcodes"], few)):
+        trees = []
+        for threads in threads_list:
+            with open(ctx.path("threads.cfg"), "w") as handle:
+                handle.write(base + f"\nworker_threads = {threads}\n")
+            shutil.rmtree(ctx.path("out"), ignore_errors=True)
+            ctx.run(["-c", "./threads.cfg"] + barcoder_args("in", "out", *extra))
+            trees.append(tree_bytes(ctx.path("out")))
+        check(all(tree == trees[0] for tree in trees), f"output bytes depend on the number of worker threads {extra}")
+        written = (output_bam_reads if "bam" in extra else output_reads)(ctx.path("out"))
+        _, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(trim="--trim_barcodes" in extra))
+        check(len(written) == len(records) and set(written) == set(rows),
+              f"{len(records)} reads in, {len(rows)} summary rows, {len(written)} records written")
 
 
 def case_bam_rotation_and_few_files(ctx):
@@ -559,38 +507,6 @@ def case_sample_sheet(ctx):
     check(rows == earlier, "the configuration file's sample sheet is not used")
     for rid, (folder, _, record) in output_bam_reads(ctx.path("from_cfg")).items():
         check(folder == rows[rid][-1] and tag(record, "ar") == rows[rid][1], f"{rid} in {folder}")
-
-
-def case_sample_sheet_errors(ctx):
-    records, _ = ctx.simulate("sheeterr", 10, 75)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
-    os.makedirs(ctx.path("out"))
-    with open(ctx.path("out", SUMMARY), "w") as handle:
-        handle.write("earlier run\n")
-    # Each check's message is pinned by the unit tests; here: the status, the
-    # file and line named on both channels, nothing written.
-    head = "arrangement\tsample\n"
-    cases = [(head + "barcode01\tA\nbarcode01\tB\n",
-              "Sample sheet 'bad.tsv', line 3: the arrangement 'barcode01' is already listed on line 2.")]
-    for text, message in cases:
-        write_sheet(ctx, "bad.tsv", text)
-        result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "bad.tsv"), expect=255)
-        check(message in result.stdout, f"expected {message!r}:\n{result.stdout[-1500:]}")
-        result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "bad.tsv", "-z"), expect=255)
-        check(message in result.stderr and result.stdout == "", "a quiet run must say why on standard error")
-    # A sheet naming VB-NB24 barcodes is refused for a kit without them.
-    write_sheet(ctx, "bad.tsv", head + "barcode13\tA\n")
-    result = ctx.run(["-i", "in", "-s", "out", "--barcode_kits", "VB-RB12", "--sample_sheet", "bad.tsv"],
-                     expect=255)
-    check("'barcode13' is not an arrangement of the selected kits" in result.stdout, result.stdout[-1500:])
-    result = ctx.run(barcoder_args("in", "out", "--sample_sheet", "missing.tsv"), expect=255)
-    check("Could not open the sample sheet 'missing.tsv'" in result.stdout, result.stdout[-1500:])
-    result = ctx.run(barcoder_args("in", "out", "--output_format", "sam"), expect=255)
-    check("Unknown output format 'sam': use fastq or bam" in result.stdout, result.stdout[-1500:])
-    with open(ctx.path("out", SUMMARY)) as handle:
-        check(handle.read() == "earlier run\n", "a refused run must leave the earlier summary alone")
-    check(all(name == SUMMARY or name.endswith(".log") for name in os.listdir(ctx.path("out"))),
-          f"a refused run wrote output: {os.listdir(ctx.path('out'))}")
 
 
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}

@@ -250,21 +250,6 @@ def case_save_next_to_input(ctx):
     check(len(output_reads(ctx.path("data"))) == len(records), "FASTQ output next to the input is incomplete")
 
 
-def case_recursive_discovery(ctx):
-    records, _ = ctx.simulate("rec", 60, 17)
-    os.makedirs(ctx.path("in", "sub"))
-    write_fastq(ctx.path("in", "top.fastq"), records[:20])
-    write_fastq(ctx.path("in", "sub", "nested.fastq.gz"), records[20:40])
-    write_fastq(ctx.path("in", "ignored.fq"), records[40:])
-    ids = [read_id(r[0]) for r in records]
-    ctx.run(barcoder_args("in", "flat"))
-    _, flat = read_summary(ctx.path("flat", SUMMARY), 18)
-    check(set(flat) == set(ids[:20]), "without --recursive only the top folder's .fastq files count")
-    ctx.run(barcoder_args("in", "deep", "--recursive"))
-    _, deep = read_summary(ctx.path("deep", SUMMARY), 18)
-    check(set(deep) == set(ids[:40]), "with --recursive the nested .fastq.gz counts and .fq never does")
-
-
 def case_reads_without_run_id(ctx):
     records, _ = ctx.simulate("norun", 40, 18)
     stripped = []
@@ -310,31 +295,6 @@ def many_reads(ctx, name, seed, reads=9000, median=300, scalable=True):
                     "--kit", KIT, "-n", str(reads), "--seed", str(seed), "--median-length", str(median)],
                    check=True, capture_output=True, text=True)
     return read_fastq(fastq)
-
-
-def case_thread_count_invariance(ctx):
-    # Enough reads for several batches, in files of uneven sizes, so that
-    # batches start and end inside files and span file boundaries.
-    records = many_reads(ctx, "threads", 20)
-    os.makedirs(ctx.path("in"))
-    bounds = [0, 700, 701, 4500, 6000, len(records)]
-    for k in range(len(bounds) - 1):
-        name = f"part{k}.fastq" + (".gz" if k % 2 else "")
-        write_fastq(ctx.path("in", name), records[bounds[k]:bounds[k + 1]])
-    for extra in ([], ["--compress_fastq", "-q", "250"], ["--trim_barcodes"]):
-        trees = {}
-        for threads in ("1", "2", "8"):
-            save = "out" + threads
-            shutil.rmtree(ctx.path(save), ignore_errors=True)
-            ctx.run(barcoder_args("in", save, "-t", threads, *extra))
-            trees[threads] = tree_bytes(ctx.path(save))
-        check(trees["1"] == trees["2"] == trees["8"],
-              f"output bytes depend on the number of worker threads ({' '.join(extra)})")
-        written = output_reads(ctx.path("out2"))
-        columns = 20 if "--trim_barcodes" in extra else 18
-        _, rows = read_summary(ctx.path("out2", SUMMARY), columns)
-        check(len(written) == len(records) and set(written) == set(rows),
-              f"{len(records)} reads in, {len(rows)} summary rows, {len(written)} FASTQ records")
 
 
 def case_compressed_equals_plain(ctx):
@@ -663,9 +623,9 @@ def check_refused(ctx, args, message, stdin_text=None):
 
 
 def case_refused_runs(ctx):
-    """Settings and paths the program refuses: the run names the fault (on
-    standard error alone with --quiet) and leaves an earlier run's output as
-    it was, creating no save folder either."""
+    """Settings, kit files and paths the program refuses: the run names the
+    fault (on standard error alone with --quiet) and leaves an earlier run's
+    output as it was, creating no save folder either."""
     prepare_earlier_run(ctx)
     a_file = ctx.path("in", "a.fastq")
     refused = [
@@ -677,7 +637,16 @@ def case_refused_runs(ctx):
          "Invalid value 2147483647 for 'num_extra_bases_trim': must be between -10000 and 10000."),
         (["--num_extra_bases_trim", "3"], "Must specify trim_barcodes flag when altering num_extra_bases_trim."),
         (["--score_matrix_filename", "no_such_matrix.txt"], "no_such_matrix.txt"),
+        (["--output_format", "sam"], "Unknown output format 'sam': use fastq or bam"),
+        # Sample sheets: the unit tests pin every fault's message; here one
+        # fault of the sheet, one against the selected kits, a missing sheet.
+        (["--sample_sheet", "twice.tsv"],
+         "Sample sheet 'twice.tsv', line 3: the arrangement 'barcode01' is already listed on line 2."),
+        (["--sample_sheet", "missing.tsv"], "Could not open the sample sheet 'missing.tsv'"),
     ]
+    for name, text in (("twice.tsv", "barcode01\tA\nbarcode01\tB\n"), ("rapid.tsv", "barcode13\tA\n")):
+        with open(ctx.path(name), "w") as handle:
+            handle.write("arrangement\tsample\n" + text)
     for extra, message in refused:
         check_refused(ctx, barcoder_args("in", "out", *extra), message)
     for args, message in ((["-i", "in", "-s", "out", "--barcode_kits", "NOPE"],
@@ -685,66 +654,27 @@ def case_refused_runs(ctx):
                            'configurations.'),
                           (["-i", "in"], "Missing required option 'save_path'."),
                           (barcoder_args("absent", "out"), "Input path 'absent' does not exist"),
-                          (barcoder_args(a_file, "out"), f"Input path '{a_file}' is not a folder")):
+                          (barcoder_args(a_file, "out"), f"Input path '{a_file}' is not a folder"),
+                          (barcoder_args("in", a_file), f"Save path '{a_file}' exists and is not a folder"),
+                          (["-i", "in", "-s", "out", "--barcode_kits", "VB-RB12", "--sample_sheet", "rapid.tsv"],
+                           "'barcode13' is not an arrangement of the selected kits")):
         check_refused(ctx, args, message)
+    # A kit file fault (the unit tests pin each one's message): an arrangement
+    # name that would lead out of the save folder.
+    source = os.path.join(ctx.source, "data", "barcoding")
+    shutil.copy(os.path.join(source, "vb_rapid_barcodes.fasta"), ctx.path("vb_rapid_barcodes.fasta"))
+    with open(os.path.join(source, "vb_rb12.ini")) as handle, open(ctx.path("escape.ini"), "w") as escape:
+        escape.write(handle.read().replace("normalised_id = barcode%02i", "normalised_id = ../x%02i"))
+    check_refused(ctx, ["-i", "in", "-s", "out", "--arrangements_files", ctx.path("escape.ini")],
+                  "normalised_id '../x01' in section [RB12_barcode%02i] of escape.ini cannot be used as a folder name")
+    check(not os.path.exists(ctx.path("x01")), "a read was written outside the save folder")
     # Refused before and after logging is set up, --quiet still says why, on standard error.
-    for args in (barcoder_args("in", "out", "--open_gap1", "-3"), ["-i", "in", "-s", "out", "--barcode_kits", "NOPE"]):
+    for args in (barcoder_args("in", "out", "--open_gap1", "-3"), ["-i", "in", "-s", "out", "--barcode_kits", "NOPE"],
+                 barcoder_args("in", "out", "--sample_sheet", "twice.tsv")):
         result = check_refused(ctx, args + ["--quiet"], "")
         check(result.stdout == "" and result.stderr != "", f"{args}: message expected on stderr only")
     ctx.run(barcoder_args("absent", "fresh"), expect=255)
     check(not os.path.exists(ctx.path("fresh")), "a refused run created its save folder")
-
-
-def case_refused_kit_files(ctx):
-    prepare_earlier_run(ctx)
-    source = os.path.join(ctx.source, "data", "barcoding")
-    kit = os.path.join(source, "vb_rb12.ini")
-    with open(kit) as handle:
-        text = handle.read()
-    shutil.copy(os.path.join(source, "vb_rapid_barcodes.fasta"), ctx.path("vb_rapid_barcodes.fasta"))
-
-    def variant(name, old, new):
-        check(old in text, f"{old!r} not in the shipped kit")
-        with open(ctx.path(name), "w") as handle:
-            handle.write(text.replace(old, new))
-        return ctx.path(name)
-
-    def kit_args(path, *extra):
-        return ["-i", "in", "-s", "out", "--arrangements_files", path] + list(extra)
-
-    huge = variant("huge_range.ini", "last_index = 12", "last_index = 2000000000")
-    check_refused(ctx, kit_args(huge), "Section [RB12_barcode%02i] of huge_range.ini spans first_index 1 to "
-                  "last_index 2000000000; at most 10000 arrangements per section are allowed")
-    escape = variant("escape.ini", "normalised_id = barcode%02i", "normalised_id = ../x%02i")
-    check_refused(ctx, kit_args(escape), "normalised_id '../x01' in section [RB12_barcode%02i] of escape.ini cannot "
-                  "be used as a folder name")
-    check(not os.path.exists(ctx.path("x01")), "a read was written outside the save folder")
-
-    # A double-barcode kit with a scoring function that is neither ADD nor MAX.
-    nb24 = os.path.join(source, "vb_nb24.ini")
-    with open(nb24) as handle:
-        double = handle.read()
-    check("scoring_function = MAX" in double, "the shipped kit changed")
-    with open(ctx.path("sum.ini"), "w") as handle:
-        handle.write(double.replace("scoring_function = MAX", "scoring_function = SUM"))
-    shutil.copy(os.path.join(source, "vb_barcodes.fasta"), ctx.path("vb_barcodes.fasta"))
-    check_refused(ctx, kit_args(ctx.path("sum.ini")), "Scoring function can only have values ADD or MAX (found "
-                  "'SUM' in section [NB24_barcode01] of sum.ini)")
-
-    # A 100 kb barcode.
-    with open(ctx.path("long.fasta"), "w") as handle:
-        handle.write(">VR01\n" + "ACGT" * 25000 + "\n")
-    long_kit = variant("long.ini", "barcodes_filename = vb_rapid_barcodes.fasta", "barcodes_filename = long.fasta")
-    result = check_refused(ctx, kit_args(long_kit), "is 100000 bases long; at most 1000 are allowed")
-    check("Barcode 'VR01' in 'long.fasta'" in result.stdout, "the barcode and its file must be named")
-
-    # Score matrices: a value near INT_MAX, and one past the bound.
-    for value, message in (("2147483000", "is outside the allowed range -1000 to 1000."),
-                           ("-1001", "is outside the allowed range -1000 to 1000.")):
-        with open(ctx.path("matrix.tsv"), "w") as handle:
-            handle.write(f"A\tC\tG\tT\n{value}\t-4\t-4\t-4\n-4\t5\t-4\t-4\n-4\t-4\t5\t-4\n-4\t-4\t-4\t5\n")
-        check_refused(ctx, barcoder_args("in", "out", "--score_matrix_filename", ctx.path("matrix.tsv")),
-                      f"Value {value} in column A of score matrix \"{ctx.path('matrix.tsv')}\" {message}")
 
 
 # ---------------------------------------------------------------- paths and discovery
@@ -761,25 +691,6 @@ def ordinary_user(ctx, what):
     if subprocess.run(["ls", ctx.path("in")], user=NOBODY, capture_output=True).returncode != 0:
         raise Skip(f"running as root and an ordinary user cannot reach the work folder, so {what} cannot be checked")
     return NOBODY
-
-
-def case_unusable_save_path(ctx):
-    records, _ = ctx.simulate("save", 10, 31)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
-    with open(ctx.path("taken"), "w") as handle:
-        handle.write("a file\n")
-    result = ctx.run(barcoder_args("in", "taken"), expect=255)
-    check("Save path 'taken' exists and is not a folder" in result.stdout, f"message missing:\n{result.stdout}")
-    with open(ctx.path("taken")) as handle:
-        check(handle.read() == "a file\n", "the file given as save path was changed")
-    # A read-only folder; root ignores its mode, so then an ordinary user runs.
-    os.makedirs(ctx.path("read_only"))
-    os.chmod(ctx.path("read_only"), 0o555)
-    user = ordinary_user(ctx, "a read-only folder")
-    result = ctx.run(barcoder_args("in", "read_only"), expect=255, user=user)
-    check("Cannot write into save folder 'read_only': Permission denied" in result.stdout,
-          f"message missing:\n{result.stdout}")
-    check(os.listdir(ctx.path("read_only")) == [], "the refused run left files behind")
 
 
 def case_discovery_unreadable_folder(ctx):
@@ -813,7 +724,8 @@ def case_discovery_unreadable_folder(ctx):
 def case_discovery(ctx):
     """Links to nowhere or to themselves are named and passed over; output
     below the input folder is never read back in, also by a second run; the
-    input folder as save folder has its subfolders left unsearched."""
+    input folder as save folder has its subfolders left unsearched, as has
+    every run without -r. (Which names count: the unit tests.)"""
     records, _ = ctx.simulate("entries", 60, 32)
     split_into_files(ctx.path("in"), records[:40], [f"f{k:02d}.fastq" for k in range(20)])
     split_into_files(ctx.path("in", "sub"), records[40:], ["b.fastq"])
@@ -829,6 +741,8 @@ def case_discovery(ctx):
             check(set(rows) == {read_id(r[0]) for r in reads}, f"{save}: the summary does not hold the input reads")
     check("Not searching the subfolders of 'in': it is also the save folder" in result.stdout,
           "no warning that the subfolders were not searched")
+    result = ctx.run(barcoder_args("in", "flat"))
+    check("Found 20 fastq files." in result.stdout, f"without -r subfolders were searched:\n{result.stdout}")
 
 
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}

@@ -11,8 +11,10 @@ import json
 import math
 import os
 import re
-import struct
-import zlib
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import bam_file  # noqa: E402
 
 SUMMARY = "barcoding_summary.txt"
 REPORT = "barcoding_report.json"
@@ -44,31 +46,9 @@ def read_records(path):
 
 
 def read_bam(path):
-    """(header text, records as bytes) of a BAM file whose blocks are whole,
-    with exactly one end-of-file marker (an empty block), the last."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    raw, empty, offset = bytearray(), [], 0
-    while offset < len(data):
-        check(data[offset:offset + 4] == b"\x1f\x8b\x08\x04" and offset + 18 <= len(data),
-              f"{path}: no BGZF block at byte {offset}")
-        size = struct.unpack_from("<H", data, offset + 16)[0] + 1
-        piece = zlib.decompress(data[offset + 18:offset + size - 8], -15)
-        if not piece:
-            empty.append(offset)
-        raw += piece
-        offset += size
-    check(offset == len(data) and empty == [len(data) - 28], f"{path}: empty blocks at {empty} of {len(data)} bytes")
-    check(raw[:4] == b"BAM\x01", f"{path}: no BAM magic")
-    text_length = struct.unpack_from("<i", raw, 4)[0]
-    text = bytes(raw[8:8 + text_length]).decode()
-    check(struct.unpack_from("<i", raw, 8 + text_length)[0] == 0, f"{path}: reference sequences in the header")
-    records, offset = [], 12 + text_length
-    while offset < len(raw):
-        size = 4 + struct.unpack_from("<i", raw, offset)[0]
-        check(offset + size <= len(raw), f"{path}: record cut off")
-        records.append(bytes(raw[offset:offset + size]))
-        offset += size
+    """(header text, records as bytes) of a whole BAM file without reference sequences."""
+    text, references, records = bam_file.read_bam(path, Mismatch)
+    check(references == 0, f"{path}: reference sequences in the header")
     return text, records
 
 

@@ -15,9 +15,7 @@ run inside tests/workflow/with_slurm.sh, which starts the cluster.
 Usage: slurm_driver.py --barcoder BIN --source REPO --work DIR --snakemake PATH --case NAME
 """
 
-import argparse
 import os
-import shutil
 import signal
 import stat
 import subprocess
@@ -26,8 +24,8 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from save_folder import Mismatch, check, compare_save_folders  # noqa: E402
-from workflow_driver import Context, limit_of  # noqa: E402
+from save_folder import check, compare_save_folders  # noqa: E402
+from workflow_driver import limit_of, main  # noqa: E402
 
 ACCOUNT_AND_PARTITION = ["--default-resources", "slurm_account=vbtest", "slurm_partition=debug"]
 # Snakemake runs with USER unset, as under some batch systems and containers.
@@ -204,25 +202,5 @@ def case_large(ctx):
 CASES = {"readme": case_readme, "large": case_large}
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--barcoder", required=True)
-    parser.add_argument("--source", required=True)
-    parser.add_argument("--work", required=True)
-    parser.add_argument("--snakemake", required=True)
-    parser.add_argument("--case", required=True, choices=sorted(CASES))
-    args = parser.parse_args()
-    work = os.path.join(os.path.abspath(args.work), "slurm_" + args.case)
-    shutil.rmtree(work, ignore_errors=True)
-    os.makedirs(work)
-    try:
-        CASES[args.case](Context(args, work))
-    except Mismatch as failure:
-        print(f"FAIL slurm {args.case}: {failure}")
-        return 1
-    print(f"ok slurm {args.case}")
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(CASES, "slurm_"))

@@ -263,25 +263,28 @@ def case_test_data(ctx):
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
 
 
-def main():
+def main(cases, prefix=""):
+    """Runs one case of `cases` (name -> function of a Context), given by the
+    command line, in a fresh folder named prefix + case; returns the exit
+    status. The Slurm driver calls it with its own cases."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--barcoder", required=True)
     parser.add_argument("--source", required=True)
     parser.add_argument("--work", required=True)
     parser.add_argument("--snakemake")
-    parser.add_argument("--case", required=True, choices=sorted(CASES))
+    parser.add_argument("--case", required=True, choices=sorted(cases))
     args = parser.parse_args()
-    work = os.path.join(os.path.abspath(args.work), args.case)
+    work = os.path.join(os.path.abspath(args.work), prefix + args.case)
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     try:
-        CASES[args.case](Context(args, work))
+        cases[args.case](Context(args, work))
     except Mismatch as failure:
-        print(f"FAIL {args.case}: {failure}")
+        print(f"FAIL {prefix}{args.case}: {failure}")
         return 1
-    print(f"ok {args.case}")
+    print(f"ok {prefix}{args.case}")
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(CASES))
