@@ -290,7 +290,8 @@ void Barcoder::PrepareConfiguration() {
         const auto matrix = PairAlignment::LoadMismatchMatrix(
             Barcoding::ResolveDataFile(scorer_options.score_matrix_filename, data_path));
         for (int i = 0; i < worker_threads; ++i) {
-            scorers.push_back(std::make_shared<Barcoding::BarcodeScorer>(scorer_options, manager, matrix, device));
+            scorers.push_back(
+                std::make_shared<Barcoding::BarcodeScorer>(scorer_options, manager, matrix, device, pair_design));
         }
     } catch (const std::exception& error) {
         FailRun(error.what());
@@ -318,13 +319,26 @@ void Barcoder::LogSettings() {
 }
 
 // Reads go to folders named by sample; the sheet may only name arrangements
-// the selected kits can report.
+// the selected kits can report, or pairs of their single-barcode ones.
 void Barcoder::LoadSamples() {
     if (sample_sheet_path.empty()) return;
+    const auto& selected = manager->GetArrangements(scorer_options.barcode_kits);
     std::set<std::string> known;
-    for (const auto& arrangement : manager->GetArrangements(scorer_options.barcode_kits))
+    for (const auto& arrangement : selected)
         known.insert(arrangement.normalised_id);
-    sample_sheet = LoadSampleSheet(sample_sheet_path, known, {kUnclassified, GetSummaryFileName()});
+    const auto pair_names = Barcoding::PairBarcodeNames(selected);
+    sample_sheet = LoadSampleSheet(sample_sheet_path, known, {kUnclassified, GetSummaryFileName()},
+                                   {pair_names.begin(), pair_names.end()});
+    if (!sample_sheet->pairs.empty()) {
+        pair_design = std::make_shared<Barcoding::PairDesign>(selected, *manager, sample_sheet->pairs);
+        tally.unclassified_reasons.emplace(
+            Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kPairNotInSheet), 0);
+        if (scorer_options.reject_mixed_barcodes)
+            VB_LOG(logger, Common::Severity::warning)
+                << "A sample sheet of pairs expects different barcodes at the two ends of a read: "
+                   "'reject_mixed_barcodes' does not apply to it.";
+    }
+    cross_talk_design = MakeCrossTalkDesign(*sample_sheet, {known.begin(), known.end()});
     // Every sample shows in the report, also one that gets no reads.
     for (const auto& sample : sample_sheet->samples)
         tally.samples[sample] = 0;
@@ -713,6 +727,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     // Bases as written: after trimming.
     tally.AddRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
     if (out.sample != nullptr) ++tally.samples[*out.sample];
+    if (!out.unlisted.empty()) ++tally.unlisted[out.unlisted];
 }
 
 // The report goes to the log (and the console unless quiet). What stopped a
@@ -720,7 +735,8 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
 // run must not lose reads without a word.
 void Barcoder::ReportRun(double seconds) {
     tally.files_found = input_files_found;
-    for (const auto& line : FormatRunReport(tally, seconds))
+    const auto cross_talk = EstimateCrossTalk(tally);
+    for (const auto& line : FormatRunReport(tally, seconds, cross_talk ? &*cross_talk : nullptr))
         VB_LOG(logger, Common::Severity::info) << line;
     const unsigned long long written = tally.Written();
     std::string alarm;
@@ -749,10 +765,19 @@ void Barcoder::ReportRun(double seconds) {
     }
 }
 
+std::optional<CrossTalkEstimate> Barcoder::EstimateCrossTalk(const RunTally& figures) const {
+    if (!cross_talk_design) return std::nullopt;
+    std::map<std::string, uint64_t> listed;
+    for (const auto& [name, counts] : figures.arrangements)
+        if (name != kUnclassified) listed[name] = counts.reads;
+    return Vorpa::EstimateCrossTalk(*cross_talk_design, listed, figures.unlisted);
+}
+
 // The pages for people and for MultiQC first; the JSON report last, once
 // every output file is closed, and only for a run that finished: its presence
 // tells a workflow that the save folder is complete.
-void Barcoder::WriteReports(const RunTally& figures, const RunInfo& info) const {
+void Barcoder::WriteReports(const RunTally& figures, RunInfo info) const {
+    info.cross_talk = EstimateCrossTalk(figures);
     const std::filesystem::path folder(save_path);
     WriteFileAtomically((folder / kHtmlReportFileName).string(), FormatHtmlReport(figures, info));
     WriteFileAtomically((folder / kMultiqcReadsFileName).string(), FormatMultiqcReads(figures));

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "apps/cross_talk.h"
 #include "apps/output_policy.h"
 #include "apps/read_processor.h"
 #include "apps/resume_state.h"
@@ -106,8 +107,10 @@ private:
     void StopThreads();
     void ReportRun(double seconds);
     // Writes the HTML page and the MultiQC files, and barcoding_report.json
-    // when info.finished. Throws std::runtime_error naming the file.
-    void WriteReports(const RunTally& figures, const RunInfo& info) const;
+    // when info.finished; adds the cross-talk estimate to info with a sample
+    // sheet. Throws std::runtime_error naming the file.
+    void WriteReports(const RunTally& figures, RunInfo info) const;
+    std::optional<CrossTalkEstimate> EstimateCrossTalk(const RunTally& figures) const;
     // --resume: takes over an earlier run's state before anything is written.
     void PrepareResume();
     // After a batch is written: notes how far the inputs got and, after a
@@ -134,7 +137,9 @@ private:
     size_t detailed_results = 1;
     bool bam_output = false;
     std::optional<SampleSheet> sample_sheet;
-    OutputPolicy output_policy;  // what WriteResults does with each read
+    OutputPolicy output_policy;                                // what WriteResults does with each read
+    std::shared_ptr<const Barcoding::PairDesign> pair_design;  // a sheet of pairs
+    std::optional<CrossTalkDesign> cross_talk_design;          // with a sample sheet
 
     // The pipeline. Only the reading thread touches pending.
     std::unique_ptr<OrderedPipeline<ReadBatch>> pipeline;

@@ -89,6 +89,7 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.quality = 0;
     out.error_probability = 0;
     out.candidate_quality = -1;
+    out.unlisted.clear();
     // The scorer always returns a result; an empty list counts as nothing found.
     out.reason = Barcoding::UnclassifiedReasonText(Barcoding::UnclassifiedReason::kNoBarcodeAboveMinimum);
     if (!results.empty()) {
@@ -100,6 +101,7 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         out.quality = best.quality;
         out.error_probability = best.error_probability;
         out.candidate_quality = best.candidate_quality;
+        if (best.reason == Barcoding::UnclassifiedReason::kPairNotInSheet) out.unlisted = best.id;
         if (trimming) out.trim = TrimAmounts(best, policy.scorer, record.sequence.size());
     }
     // With a sample sheet, a read whose arrangement the sheet does not list
@@ -110,6 +112,7 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         out.sample = policy.sample_sheet->SampleOf(out.arrangement);
         if (out.sample == nullptr) {
             unlisted = true;
+            out.unlisted = out.arrangement;
             out.arrangement = kUnclassified;
             out.reason = kNotInSampleSheet;
         }

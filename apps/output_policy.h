@@ -56,6 +56,10 @@ struct ReadOutput {
     // no wrong call to expect).
     double error_probability = 0;
     int candidate_quality = -1;  // the best candidate's quality, made or not; -1 without one
+    // With a sample sheet: the arrangement (or pair) the read was called to
+    // that the sheet does not list, which only misassignment explains; empty
+    // otherwise. The cross-talk estimate counts these.
+    std::string unlisted;
 };
 
 // Decides for a read that has a run id; results are the scorer's, best

@@ -166,6 +166,8 @@ std::string FormatResumeState(const ResumeState& state) {
         line({"reason", Escape(reason), std::to_string(count)});
     for (const auto& [sample, count] : t.samples)
         line({"sample", Escape(sample), std::to_string(count)});
+    for (const auto& [name, count] : t.unlisted)
+        line({"unlisted", Escape(name), std::to_string(count)});
     for (const auto& [name, split] : Splits(t))
         line({"split", name, Bins(split->classified.counts), Bins(split->unclassified.counts)});
     for (const auto& output : state.outputs)
@@ -232,6 +234,9 @@ ResumeState ParseResumeState(const std::string& text, const std::string& name) {
         } else if (kind == "sample") {
             line.Expect(3);
             t.samples[line.Text(1)] = line.Count(2);
+        } else if (kind == "unlisted") {
+            line.Expect(3);
+            t.unlisted[line.Text(1)] = line.Count(2);
         } else if (kind == "split") {
             line.Expect(4);
             bool known = false;

@@ -84,6 +84,52 @@ std::string ReasonKey(const std::string& reason) {
     return key;
 }
 
+// The run's estimate and the sample that has the most of it.
+void AddCrossTalkLines(std::vector<std::string>& lines, const CrossTalkEstimate& estimate) {
+    if (!estimate.measurable) {
+        lines.push_back("Cross-talk: not measurable (" + estimate.not_measurable + ").");
+        return;
+    }
+    auto figure = [](const CrossTalkFigure& f) {
+        return Common::FormatString("%.3f%% (95%% interval %.3f-%.3f%%)", 100 * f.share, 100 * f.low, 100 * f.high);
+    };
+    lines.push_back(Common::FormatString(
+        "Cross-talk, reads from other samples: %s of %llu assigned reads, from "
+        "%llu reads of %s.",
+        figure(estimate.run), U(estimate.run.reads), U(estimate.unlisted_reads), std::string(estimate.method)));
+    const std::pair<const std::string, CrossTalkFigure>* most = nullptr;
+    for (const auto& sample : estimate.samples)
+        if (most == nullptr || sample.second.share > most->second.share) most = &sample;
+    if (most != nullptr && estimate.samples.size() > 1)
+        lines.push_back("  most in sample " + most->first + ": " + figure(most->second) + ".");
+}
+
+std::string CrossTalkFigureJson(const CrossTalkFigure& figure) {
+    return JsonObject({{"reads", JsonInteger(figure.reads)},
+                       {"foreign_reads", JsonNumber(figure.foreign)},
+                       {"share", JsonNumber(figure.share)},
+                       {"low", JsonNumber(figure.low)},
+                       {"high", JsonNumber(figure.high)}});
+}
+
+// "cross_talk": the method, whether it could be measured (and why not), the
+// unlisted reads it rests on, the run's figure and one per sample.
+std::string CrossTalkJson(const CrossTalkEstimate& estimate) {
+    std::string text = "{\n    \"method\": " + JsonString(estimate.method) + ",\n";
+    text += "    \"measurable\": " + std::string(estimate.measurable ? "true" : "false") + ",\n";
+    if (!estimate.measurable) return text + "    \"reason\": " + JsonString(estimate.not_measurable) + "\n  }";
+    text += "    \"unlisted_reads\": " + JsonInteger(estimate.unlisted_reads) + ",\n";
+    text += "    \"run\": " + CrossTalkFigureJson(estimate.run) + ",\n";
+    text += "    \"samples\": {";
+    bool first = true;
+    for (const auto& [sample, figure] : estimate.samples) {
+        text += first ? "\n" : ",\n";
+        text += "      " + JsonString(sample) + ": " + CrossTalkFigureJson(figure);
+        first = false;
+    }
+    return text + (first ? "}\n  }" : "\n    }\n  }");
+}
+
 std::string ArrangementJson(const ArrangementTally& figures) {
     const double mean_length = figures.reads == 0 ? 0.0 : static_cast<double>(figures.bases) / figures.reads;
     const double mean_score = figures.scored == 0 ? 0.0 : figures.score_sum / figures.scored;
@@ -166,11 +212,13 @@ void RunTally::Add(const RunTally& other) {
     records_skipped += other.records_skipped;
     for (const auto& [sample, reads] : other.samples)
         samples[sample] += reads;
+    for (const auto& [name, reads] : other.unlisted)
+        unlisted[name] += reads;
     scores.Add(other.scores);
     quality.Add(other.quality);
 }
 
-std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) {
+std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds, const CrossTalkEstimate* cross_talk) {
     const uint64_t written = tally.Written();
     const uint64_t unclassified = tally.Unclassified();
     std::vector<std::string> lines;
@@ -198,6 +246,7 @@ std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds) 
                 "  split into %llu parts written as reads of their own; %llu shorter than min_part_length dropped.",
                 U(internal.parts), U(internal.parts_dropped)));
     }
+    if (cross_talk != nullptr) AddCrossTalkLines(lines, *cross_talk);
     if (tally.dropped > 0)
         lines.push_back(Common::FormatString("Reads without a run id (not written): %llu.", U(tally.dropped)));
     if (tally.failed > 0)
@@ -270,6 +319,7 @@ std::string FormatJsonReport(const RunTally& tally, const RunInfo& info) {
             samples.emplace_back(sample, JsonInteger(reads));
         text += "  \"samples\": " + JsonObject(samples) + ",\n";
     }
+    if (info.cross_talk) text += "  \"cross_talk\": " + CrossTalkJson(*info.cross_talk) + ",\n";
     text += "  \"arrangements\": {";
     // Arrangements by name, "unclassified" last.
     std::vector<std::pair<std::string, const ArrangementTally*>> order;

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "apps/cross_talk.h"
 #include "apps/histogram.h"
 
 namespace Vorpa {
@@ -67,6 +69,10 @@ struct RunTally {
     uint64_t records_skipped = 0;    // secondary and supplementary BAM records: not reads of their own
     // With a sample sheet: written reads by sample ("unclassified" included).
     std::map<std::string, uint64_t> samples;
+    // With a sample sheet: unclassified reads whose best arrangement (or
+    // pair) the sheet does not list, by its name; the cross-talk estimate
+    // rests on them.
+    std::map<std::string, uint64_t> unlisted;
     // Barcode scores of the best candidate, classified against unclassified.
     ClassifiedSplit scores{kScoreScale, {}, {}};
     // Barcode quality of the best candidate's call (made or not), likewise.
@@ -88,9 +94,11 @@ struct RunTally {
 // percent of written reads (arrangements by name, "unclassified" last), the
 // same by sample when there are samples, the classified and unclassified
 // totals, the unclassified reads by reason, the reads with internal barcodes
-// and their parts when those were looked for, the reads and files lost, the
-// records skipped and the throughput over seconds.
-std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds);
+// and their parts when those were looked for, the cross-talk estimate when
+// given, the reads and files lost, the records skipped and the throughput
+// over seconds.
+std::vector<std::string> FormatRunReport(const RunTally& tally, double seconds,
+                                         const CrossTalkEstimate* cross_talk = nullptr);
 
 // What the JSON report says about the run besides the tally.
 struct RunInfo {
@@ -98,6 +106,7 @@ struct RunInfo {
     std::vector<std::pair<std::string, std::string>> options;  // name and value text, in declaration order
     double wall_time_s = 0;
     bool finished = true;  // false for the pages written while a watching run goes on
+    std::optional<CrossTalkEstimate> cross_talk = std::nullopt;  // with a sample sheet
 };
 
 // The text of barcoding_report.json (ends in a newline). Keys keep a fixed
@@ -105,8 +114,9 @@ struct RunInfo {
 // fraction; arrangements by name with "unclassified" last. Unclassified
 // reasons are keyed by their text in snake case ("no_barcode_above_minimum",
 // "mixed_barcodes", "one_end_only", "low_barcode_quality", always present;
-// "not_in_sample_sheet" with a sample sheet, "internal_barcode" when internal
-// barcodes were looked for); "samples" is there with a sample sheet only,
+// "not_in_sample_sheet" with a sample sheet, "pair_not_in_sample_sheet" with
+// a sheet of pairs, "internal_barcode" when internal barcodes were looked
+// for); "samples" and "cross_talk" are there with a sample sheet only,
 // "internal_barcodes" (reads with internal barcodes, parts written and
 // dropped) when they were looked for.
 std::string FormatJsonReport(const RunTally& tally, const RunInfo& info);

@@ -56,24 +56,30 @@ const std::string* SampleSheet::SampleOf(const std::string& arrangement) const {
 }
 
 SampleSheet LoadSampleSheet(const std::string& path, const std::set<std::string>& known_arrangements,
-                            const std::vector<std::string>& reserved_names) {
+                            const std::vector<std::string>& reserved_names,
+                            const std::set<std::string>& pair_barcodes) {
     std::ifstream in(path);
     if (!in.is_open()) throw std::runtime_error("Could not open the sample sheet '" + path + "'");
-    return ParseSampleSheet(in, path, known_arrangements, reserved_names);
+    return ParseSampleSheet(in, path, known_arrangements, reserved_names, pair_barcodes);
 }
 
 SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const std::set<std::string>& known_arrangements,
-                             const std::vector<std::string>& reserved_names) {
+                             const std::vector<std::string>& reserved_names,
+                             const std::set<std::string>& pair_barcodes) {
     SampleSheet sheet;
-    std::optional<size_t> arrangement_column, sample_column;
+    std::optional<size_t> arrangement_column, front_column, rear_column, sample_column;
     size_t columns = 0;
-    std::map<std::string, size_t> arrangement_line;                   // where each arrangement was listed
+    bool pairs = false;
+    // Where each arrangement (or pair, by its reported name) was listed.
+    std::map<std::string, std::pair<Barcoding::BarcodePair, size_t>> listed_at;
+    std::map<std::pair<std::string, std::string>, size_t> pair_line;  // (front, rear) -> line
     std::map<std::string, std::pair<std::string, size_t>> folder_of;  // lower-case name -> (name, line)
     std::string line;
     size_t number = 0;
     auto fail = [&](const std::string& what) {
         throw std::runtime_error("Sample sheet '" + name + "', line " + std::to_string(number) + ": " + what + ".");
     };
+    auto at_line = [](size_t line_number) { return " on line " + std::to_string(line_number); };
     while (std::getline(in, line)) {
         ++number;
         const std::string trimmed = Trim(line);
@@ -83,28 +89,63 @@ SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const st
             columns = fields.size();
             for (size_t i = 0; i < fields.size(); ++i) {
                 std::optional<size_t>* column = fields[i] == "arrangement" ? &arrangement_column
+                                                : fields[i] == "front"     ? &front_column
+                                                : fields[i] == "rear"      ? &rear_column
                                                 : fields[i] == "sample"    ? &sample_column
                                                                            : nullptr;
                 if (column == nullptr) continue;
                 if (*column) fail("the column '" + fields[i] + "' is named twice");
                 *column = i;
             }
-            if (!arrangement_column || !sample_column)
+            pairs = front_column || rear_column;
+            if (pairs && arrangement_column)
+                fail("the header names 'arrangement' and '" + std::string(front_column ? "front" : "rear") +
+                     "': a sheet lists either arrangements or pairs of a front and a rear barcode");
+            if (pairs && !(front_column && rear_column && sample_column))
+                fail("the header must name the columns 'front', 'rear' and 'sample' for pairs (tab separated)");
+            if (!pairs && !(arrangement_column && sample_column))
                 fail("the header must name the columns 'arrangement' and 'sample' (tab separated)");
             continue;
         }
         if (fields.size() > columns)
             fail(std::to_string(fields.size()) + " fields, but the header names " + std::to_string(columns) +
                  " columns");
-        if (std::max(*arrangement_column, *sample_column) >= fields.size())
-            fail("no " + std::string(*arrangement_column >= fields.size() ? "arrangement" : "sample") + " field");
-        const std::string& arrangement = fields[*arrangement_column];
+        const std::pair<const char*, std::optional<size_t>> needed[] = {{"arrangement", arrangement_column},
+                                                                        {"front", front_column},
+                                                                        {"rear", rear_column},
+                                                                        {"sample", sample_column}};
+        for (const auto& [what, column] : needed)
+            if (column && *column >= fields.size()) fail("no " + std::string(what) + " field");
         const std::string& sample = fields[*sample_column];
-        if (arrangement.empty()) fail("the arrangement is empty");
-        if (known_arrangements.count(arrangement) == 0)
-            fail("'" + arrangement + "' is not an arrangement of the selected kits");
-        if (const auto [earlier, added] = arrangement_line.emplace(arrangement, number); !added)
-            fail("the arrangement '" + arrangement + "' is already listed on line " + std::to_string(earlier->second));
+        std::string item;  // the name the sample's reads are reported by
+        Barcoding::BarcodePair pair;
+        if (pairs) {
+            pair = {fields[*front_column], fields[*rear_column]};
+            for (const auto& [what, barcode] : {std::pair{"front", &pair.front}, std::pair{"rear", &pair.rear}}) {
+                if (barcode->empty()) fail("the " + std::string(what) + " barcode is empty");
+                if (pair_barcodes.count(*barcode) == 0)
+                    fail("the " + std::string(what) + " barcode '" + *barcode +
+                         "' is not a single-barcode arrangement of the selected kits");
+            }
+            item = Barcoding::PairName(pair.front, pair.rear);
+            const std::string shown = pair.front + " + " + pair.rear;
+            if (const auto earlier = pair_line.find({pair.front, pair.rear}); earlier != pair_line.end())
+                fail("the pair " + shown + " is already listed" + at_line(earlier->second));
+            if (const auto earlier = pair_line.find({pair.rear, pair.front}); earlier != pair_line.end())
+                fail("the pair " + shown + " is the pair " + pair.rear + " + " + pair.front + at_line(earlier->second) +
+                     " read from the other strand");
+            if (const auto earlier = listed_at.find(item); earlier != listed_at.end())
+                fail("the pair " + shown + " would be reported as '" + item + "', as is the pair " +
+                     earlier->second.first.front + " + " + earlier->second.first.rear +
+                     at_line(earlier->second.second));
+            pair_line.emplace(std::make_pair(pair.front, pair.rear), number);
+        } else {
+            item = fields[*arrangement_column];
+            if (item.empty()) fail("the arrangement is empty");
+            if (known_arrangements.count(item) == 0) fail("'" + item + "' is not an arrangement of the selected kits");
+            if (const auto earlier = listed_at.find(item); earlier != listed_at.end())
+                fail("the arrangement '" + item + "' is already listed" + at_line(earlier->second.second));
+        }
         if (const std::string problem = FolderNameProblem(sample, reserved_names); !problem.empty()) fail(problem);
         const auto [other, first] = folder_of.emplace(Lower(sample), std::make_pair(sample, number));
         if (!first && other->second.first != sample)
@@ -112,7 +153,9 @@ SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const st
                  std::to_string(other->second.second) +
                  ") only in letter case; they would share a folder on some file systems");
         if (first) sheet.samples.push_back(sample);
-        sheet.sample_of.emplace(arrangement, sample);
+        listed_at.emplace(item, std::make_pair(pair, number));
+        if (pairs) sheet.pairs.push_back(pair);
+        sheet.sample_of.emplace(item, sample);
     }
     if (columns == 0) throw std::runtime_error("Sample sheet '" + name + "' is empty: it needs a header line.");
     if (sheet.samples.empty()) throw std::runtime_error("Sample sheet '" + name + "' lists no samples.");

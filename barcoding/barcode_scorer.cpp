@@ -87,17 +87,23 @@ struct BarcodeScorer::End {
 };
 
 BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager,
-                             const std::vector<int>& matrix, const std::string& device)
-    : options_(options), manager_(std::move(manager)), matrix_(matrix) {
+                             const std::vector<int>& matrix, const std::string& device,
+                             std::shared_ptr<const PairDesign> pairs)
+    : options_(options), manager_(std::move(manager)), pairs_(std::move(pairs)), matrix_(matrix) {
     if (!manager_) throw std::runtime_error("BarcodeScorer needs a barcode manager");
     if (matrix_.size() != 16) throw std::runtime_error("BarcodeScorer needs a 4 x 4 mismatch matrix");
-    arrangements_ = &manager_->GetArrangements(options_.barcode_kits);
+    if (pairs_) {
+        MakePairArrangements();
+        arrangements_ = &pair_arrangements_;
+    } else {
+        arrangements_ = &manager_->GetArrangements(options_.barcode_kits);
+    }
 
     std::vector<std::string> front_names, rear_names;
     // Per reference: (kit, normalised id) of the arrangements that use it at that end.
     std::vector<Uses> front_uses, rear_uses;
-    auto index_of = [](std::vector<std::string>& names, std::vector<Uses>& uses, const std::string& name,
-                       const Arrangement& a) {
+    auto index_of = [this](std::vector<std::string>& names, std::vector<Uses>& uses, const std::string& name,
+                           const Arrangement& a) {
         if (name.empty()) return -1;
         auto found = std::find(names.begin(), names.end(), name);
         if (found == names.end()) {
@@ -105,7 +111,9 @@ BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<Barco
             uses.emplace_back();
         }
         auto& its_uses = uses[static_cast<size_t>(found - names.begin())];
-        const std::pair<std::string, std::string> use{a.kit, a.normalised_id};
+        // Any pair barcode can be at either end of a read, whatever its kit:
+        // at each end they all compete with each other.
+        const std::pair<std::string, std::string> use{pairs_ ? std::string() : a.kit, a.normalised_id};
         if (std::find(its_uses.begin(), its_uses.end(), use) == its_uses.end()) its_uses.push_back(use);
         return static_cast<int>(found - names.begin());
     };
@@ -147,7 +155,7 @@ std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std
     std::vector<ScaleReference> scale_references;
     for (size_t k = 0; k < names.size(); ++k) {
         const std::string& name = names[k];
-        std::string sequence = manager_->GetBarcodeSequence(name);
+        std::string sequence = pairs_ ? pair_sequences_.at(name) : manager_->GetBarcodeSequence(name);
         std::vector<int> codes;
         int self_score = 0;
         for (char c : sequence) {
@@ -292,6 +300,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     if (trace) ScorerLog().Write(Common::Severity::trace, "Entering BarcodeDetector::InspectRear()");
     AlignWindow(*rear_, sequence);
     if (trace) TraceEnd(*rear_);
+    if (pairs_) return ScorePair(detailed);
 
     const float min_front = options_.min_score;
     const float min_rear = options_.min_score_rear_override;
@@ -576,6 +585,82 @@ void RejectForInternalBarcodes(std::vector<ArrangementDetectResult>& results) {
     results.front().normalised_id = "unclassified";
     results.front().reason = UnclassifiedReason::kInternalBarcode;
     results.front().quality = 0;
+}
+
+// Every pair barcode, once at each end: arrangement 2k holds barcode k's
+// start reference, 2k + 1 its end reference, so that the ends, the scale and
+// the detail work as for a kit's arrangements.
+void BarcodeScorer::MakePairArrangements() {
+    for (const auto& barcode : pairs_->Barcodes()) {
+        Arrangement a;
+        a.id = barcode.name;
+        a.normalised_id = barcode.name;
+        a.kit = barcode.kit;
+        a.scoring_function = "MAX";
+        a.variant = "n/a";
+        Arrangement start = a, end = a;
+        start.barcode1 = barcode.start_reference;
+        end.barcode2 = barcode.end_reference;
+        pair_arrangements_.push_back(std::move(start));
+        pair_arrangements_.push_back(std::move(end));
+        pair_sequences_[barcode.start_reference] = barcode.start_sequence;
+        pair_sequences_[barcode.end_reference] = barcode.end_sequence;
+    }
+}
+
+// The best barcode at each end (the first of equals), then the pair table.
+// Both ends must pass: the pair names the sample, and either end alone could
+// belong to many.
+std::vector<ArrangementDetectResult> BarcodeScorer::ScorePair(size_t detailed) {
+    const auto& barcodes = pairs_->Barcodes();
+    uint32_t start = 0, end = 0;
+    float start_score = kNoScore, end_score = kNoScore;
+    for (uint32_t k = 0; k < barcodes.size(); ++k) {
+        const float at_start = front_->scores[static_cast<size_t>(front_of_[2 * k])];
+        const float at_end = rear_->scores[static_cast<size_t>(rear_of_[2 * k + 1])];
+        if (k == 0 || at_start > start_score) {
+            start = k;
+            start_score = at_start;
+        }
+        if (k == 0 || at_end > end_score) {
+            end = k;
+            end_score = at_end;
+        }
+    }
+    std::vector<ArrangementDetectResult> results(1);
+    ArrangementDetectResult& result = results.front();
+    if (barcodes.empty()) {
+        result.normalised_id = "unclassified";
+        result.reason = UnclassifiedReason::kNoBarcodeAboveMinimum;
+        return results;
+    }
+    const PairCall call = pairs_->Find(start, end);
+    result.id = call.listed >= 0 ? pairs_->ListedName(static_cast<size_t>(call.listed))
+                                 : PairName(barcodes[call.front].name, barcodes[call.rear].name);
+    result.normalised_id = result.id;
+    result.kit = barcodes[call.front].kit;
+    result.variant = call.reverse ? "rev" : "fwd";
+    result.score = std::min(start_score, end_score);
+    const auto start_reference = static_cast<size_t>(front_of_[2 * start]);
+    const auto end_reference = static_cast<size_t>(rear_of_[2 * end + 1]);
+    if (detailed > 0) {
+        Detail(*front_, start_reference, result.front);
+        Detail(*rear_, end_reference, result.rear);
+    } else {
+        Summarise(*front_, start_reference, result.front);
+        Summarise(*rear_, end_reference, result.rear);
+    }
+    const bool start_ok = start_score >= options_.min_score;
+    const bool end_ok = end_score >= options_.min_score_rear_override;
+    if (!start_ok && !end_ok) {
+        result.reason = UnclassifiedReason::kNoBarcodeAboveMinimum;
+    } else if (!start_ok || !end_ok) {
+        result.reason = UnclassifiedReason::kOneEndOnly;
+    } else if (call.listed < 0) {
+        result.reason = UnclassifiedReason::kPairNotInSheet;
+    }
+    if (result.reason != UnclassifiedReason::kNone) result.normalised_id = "unclassified";
+    return results;
 }
 
 // Scores above 0 are rare (at most one barcode per kit and end), so presence

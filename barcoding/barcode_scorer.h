@@ -7,6 +7,7 @@
 // kits and settings share the scale's tables.
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "barcoding/barcode_manager.h"
 #include "barcoding/construct_search.h"
 #include "barcoding/detect_results.h"
+#include "barcoding/pair_design.h"
 #include "barcoding/scorer_options.h"
 
 namespace Barcoding {
@@ -40,9 +42,10 @@ public:
     // mismatch matrix, row-major (reference code, read code). The kit
     // selection, the reference lists and the aligners (CPU when device is
     // empty) are built here, once. Throws for a reference holding a character
-    // that is not a base.
+    // that is not a base. With pairs, reads are called as the pairs of the
+    // design (pair_design.h) instead of the kits' arrangements.
     BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager, const std::vector<int>& matrix,
-                  const std::string& device = "");
+                  const std::string& device = "", std::shared_ptr<const PairDesign> pairs = nullptr);
     ~BarcodeScorer();
     BarcodeScorer(const BarcodeScorer&) = delete;
     BarcodeScorer& operator=(const BarcodeScorer&) = delete;
@@ -56,6 +59,11 @@ public:
     // reason (a call below min_barcode_quality as that call); the first result
     // says whether the read is mixed (see kMixedEvidencePresence) and carries
     // the evidence for its call and, when classified, its quality.
+    // With pairs: one result, the pair of the barcodes found at the two ends
+    // (id and normalised id "<front>_<rear>", variant "fwd", or "rev" for a
+    // read of the other strand, score the weaker end's), or unclassified when
+    // an end or both fall short of their minimum or the sheet does not list
+    // the pair; a pair read is never mixed.
     std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
 
     // Every front (rear) reference of the scorer's kits against the read's
@@ -92,6 +100,8 @@ private:
     using Uses = std::vector<std::pair<std::string, std::string>>;  // (kit, normalised id) per arrangement
     std::unique_ptr<End> MakeEnd(const std::vector<std::string>& names, const std::vector<Uses>& uses, bool front,
                                  const std::string& device);
+    void MakePairArrangements();
+    std::vector<ArrangementDetectResult> ScorePair(size_t detailed);
     bool IsMixed();
     static bool IsEvidence(const End& end, int reference, float score);
     void AlignWindow(End& end, const std::string& sequence);
@@ -105,6 +115,11 @@ private:
 
     ScorerOptions options_;
     std::shared_ptr<BarcodeManager> manager_;
+    // With pairs: per pair barcode k, arrangement 2k holds its start
+    // reference and 2k + 1 its end reference.
+    std::shared_ptr<const PairDesign> pairs_;
+    std::vector<Arrangement> pair_arrangements_;
+    std::map<std::string, std::string> pair_sequences_;  // reference name -> sequence
     std::vector<int> matrix_;
     double substitution_ = 1;  // raw points one substitution costs: mean match minus mean mismatch
     const std::vector<Arrangement>* arrangements_;

@@ -27,19 +27,23 @@ struct BarcodeDetectResult {
 // Why a read was left unclassified. When several apply, the first in this
 // order (after kNone) is given: barcode constructs inside the read rejected by
 // internal_barcodes, a mixed read rejected by reject_mixed_barcodes, then one
-// end passing where require_barcodes_both_ends asks for both, then no barcode
-// passing at all, then a call below min_barcode_quality.
+// end passing where require_barcodes_both_ends (or a pair) asks for both, then
+// no barcode passing at all, then a call below min_barcode_quality. A pair
+// call has one more: both ends pass, but the sample sheet does not list their
+// pair.
 enum class UnclassifiedReason : uint8_t {
     kNone,
     kNoBarcodeAboveMinimum,
     kMixedBarcodes,
     kOneEndOnly,
     kLowBarcodeQuality,
-    kInternalBarcode
+    kInternalBarcode,
+    kPairNotInSheet
 };
 
 // "no barcode above the minimum", "mixed barcodes", "only one end", "low
-// barcode quality", "internal barcode"; empty for kNone.
+// barcode quality", "internal barcode", "pair not in sample sheet"; empty for
+// kNone.
 inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
     switch (reason) {
         case UnclassifiedReason::kNoBarcodeAboveMinimum:
@@ -52,6 +56,8 @@ inline const char* UnclassifiedReasonText(UnclassifiedReason reason) {
             return "low barcode quality";
         case UnclassifiedReason::kInternalBarcode:
             return "internal barcode";
+        case UnclassifiedReason::kPairNotInSheet:
+            return "pair not in sample sheet";
         case UnclassifiedReason::kNone:
             break;
     }

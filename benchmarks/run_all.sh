@@ -27,6 +27,11 @@ minutes=${VB_BENCH_WATCH_MINUTES:-5}
 python3 benchmarks/watch_and_report.py "$build" --minutes "$minutes" --files $((minutes * 200 / 30))
 echo "== barcodes inside reads: --internal_barcodes ignore, reject, split"
 bash benchmarks/run_internal.sh "$build"
+# Pairs of a front and a rear barcode: accuracy on simulated 12 x 8 and
+# 24 x 24 designs, the cross-talk estimate against the truth, and a 96 x 96
+# sheet against the kit's barcodes as plain arrangements.
+echo "== pairs of barcodes and cross-talk"
+python3 benchmarks/pairs_bench.py "$build"
 if command -v samtools > /dev/null; then
   echo "== BAM against gzip FASTQ"
   bash benchmarks/run_bam.sh "$build"

@@ -336,6 +336,57 @@ def write_family(out, seed=20261122, designs=None, config=None):
     return designs
 
 
+# ---------------------------------------------------------------- pair kits
+#
+# A pair kit multiplexes front x rear samples: one set of barcodes for the
+# start of a read, another for its end, each behind flanks of its own (the two
+# primers of a dual-barcoded amplicon). The arrangement file uses no syntax of
+# its own: a front-only section for the front barcodes and a rear-only one for
+# the rear barcodes; the sample sheet's front and rear columns name the pairs.
+
+
+def write_pair_kit(folder, kit, fronts, rears, length=24, flank=12, min_distance=None, seed=20261201, config=None):
+    """A data folder for a pair kit of fronts x rears barcodes: <kit>.fasta
+    (F01.., R01..), <kit>.ini, configuration.cfg (the shipped settings with
+    this kit as the only arrangement file) and the shipped vb_matrix.tsv.
+    Returns the file name stem."""
+    config = config or os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "barcoding",
+                                    "configuration.cfg")
+    distance = min_distance or {16: 7, 24: 11, 40: 19}.get(length, max(3, length // 2 - 1))
+    barcodes, _ = design_barcodes(random.Random(f"pair-barcodes-{seed}-{length}"), [(fronts + rears, distance)],
+                                  max_tries=2_000_000, length=length)
+    flanks = design_flanks(random.Random(f"pair-flanks-{seed}-{flank}-{length}"), [flank] * 4, barcodes,
+                           max(3, length // 4), max_tries=20_000) if flank else [""] * 4
+    stem = kit.lower().replace("-", "_")
+    os.makedirs(folder, exist_ok=True)
+    records = [(f"F{i + 1:02d}", flanks[0] + bc + flanks[1]) for i, bc in enumerate(barcodes[:fronts])]
+    records += [(f"R{i + 1:02d}", flanks[2] + bc + flanks[3]) for i, bc in enumerate(barcodes[fronts:])]
+    write_fasta(os.path.join(folder, f"{stem}.fasta"), records)
+    with open(os.path.join(folder, f"{stem}.ini"), "w") as f:
+        f.write(f"; {kit}: {fronts} front x {rears} rear barcodes; the sample sheet names the pairs.\n")
+        f.write("[loading_options]\n")
+        f.write(f"barcodes_filename = {stem}.fasta\n")
+        f.write("double_barcodes_revcmpl = true\n")
+        f.write("double_variants_frontrear = true\n")
+        f.write("append_indicator_fwdbwd = true\n")
+        for section, key, count in (("F", "barcode1", fronts), ("R", "barcode2", rears)):
+            f.write(f"\n[{section}%02i]\n")
+            f.write(f"normalised_id = {section}%02i\n")
+            f.write(f"kit = {kit}\n")
+            f.write(f"{key} = {section}%02i\n")
+            f.write("scoring_function = MAX\n")
+            f.write(f"compatible_kits = {kit}\n")
+            f.write("first_index = 1\n")
+            f.write(f"last_index = {count}\n")
+    shutil.copy(os.path.join(os.path.dirname(config), "vb_matrix.tsv"), folder)
+    with open(config) as f, open(os.path.join(folder, "configuration.cfg"), "w") as out:
+        for line in f:
+            if line.split("=")[0].strip() == "arrangements_files":
+                line = f"arrangements_files = {stem}.ini\n"
+            out.write(line)
+    return stem
+
+
 def main(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--out", default=os.path.join(os.path.dirname(__file__), "..", "data", "barcoding"))
@@ -355,7 +406,20 @@ def main(argv=None):
                     help="also write vb_matrix.tsv (normally written by tools/calibrate.py --write-config)")
     ap.add_argument("--family", metavar="DIR",
                     help="write the calibration family of kit designs into DIR instead (one folder per design)")
+    ap.add_argument("--pairs", metavar="DIR",
+                    help="write a pair kit (front-only and rear-only sections) into DIR instead; see --pair-*")
+    ap.add_argument("--pair-kit", default="PAIR", help="kit name of --pairs")
+    ap.add_argument("--pair-size", default="12x8", help="front x rear barcodes of --pairs")
+    ap.add_argument("--pair-length", type=int, default=24, help="barcode length of --pairs")
+    ap.add_argument("--pair-flank", type=int, default=12, help="flank bases on each side of a --pairs barcode")
     args = ap.parse_args(argv)
+
+    if args.pairs:
+        fronts, rears = (int(x) for x in args.pair_size.split("x"))
+        stem = write_pair_kit(args.pairs, args.pair_kit, fronts, rears, args.pair_length, args.pair_flank,
+                              seed=args.seed)
+        print(f"{args.pair_kit}: {fronts} x {rears} barcodes in {os.path.join(args.pairs, stem)}.ini")
+        return
 
     if args.family:
         designs = write_family(args.family)

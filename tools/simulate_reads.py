@@ -27,6 +27,26 @@ flanks have none), so the read as a whole is a little less accurate:
 conservative for calibration. Qualities are Phred+33 around a per-read mean that
 follows the identity, low at the erroneous bases.
 
+With --sample-sheet the molecules come from the samples it lists, and the
+truth table gains a last column, sample: the sample the molecule was made for
+("-" for none). A sheet with an arrangement column draws the listed
+arrangements only; --frac-swap of them carry the barcodes of another
+arrangement of the kit, drawn uniformly (cross-contaminated barcodes: kind
+"swapped"). A sheet with front and rear columns simulates pairs: a pair kit's
+barcodes combined, a front barcode at the start and a rear barcode, reverse
+complemented, at the end, and the whole read reverse complemented half of the
+time. Its kinds:
+  pair      a listed pair at both ends
+  front     the front barcode only (one end missing)
+  rear      the rear barcode only
+  unlisted  a pair of the sheet's front and rear barcodes that it does not list
+  chimera   the front barcode of one listed pair and the rear barcode of
+            another (drawn over the reads, so by abundance): its sample is
+            the front molecule's
+  none      no barcode construct
+with --frac-double, --frac-front (half front, half rear), --frac-unlisted,
+--frac-chimera and --frac-none.
+
 Everything (ids, run ids, lengths, errors) comes from --seed. Output is FASTQ
 (gzip when the name ends in .gz, optionally split into several files) plus a
 truth table: read_id, kind, front, rear, orientation, where front and rear are
@@ -146,17 +166,44 @@ def load_kit(kit, data=DEFAULT_DATA):
     sys.exit(f"kit {kit!r} not found in {data} (kits there: {', '.join(sorted(known)) or 'none'})")
 
 
+def read_sample_sheet(path):
+    """(rows, pairs): rows as dicts of the sheet's columns (blank lines and
+    '#' comments skipped); pairs is True for a sheet with front and rear
+    columns."""
+    rows, header = [], None
+    with open(path) as f:
+        for line in f:
+            fields = [x.strip() for x in line.rstrip("\r\n").split("\t")]
+            if not "".join(fields) or fields[0].startswith("#"):
+                continue
+            if header is None:
+                header = fields
+                continue
+            rows.append(dict(zip(header, fields)))
+    if header is None or "sample" not in header:
+        sys.exit(f"{path}: no header with a sample column")
+    pairs = "front" in header and "rear" in header
+    if not pairs and "arrangement" not in header:
+        sys.exit(f"{path}: the header names neither 'arrangement' nor 'front' and 'rear'")
+    return rows, pairs
+
+
 # ---------------------------------------------------------------- sequences
 
 
 class Simulator:
-    def __init__(self, args, arrangements):
+    def __init__(self, args, arrangements, sheet=None):
         self.args = args
         self.rng = random.Random(args.seed)
         self.arr = arrangements
         self.ligation = any(rear for _, _, rear in arrangements)
         self.double = [a for a in arrangements if a[1] and a[2]]
         self.fronted = [a for a in arrangements if a[1]]
+        self.sheet = sheet  # (rows, pairs) or None
+        self.sample_of = {}
+        self.pairs = None
+        if sheet is not None:
+            self.use_sheet(*sheet)
         # The stem is the part of the adapter upstream of the reference; it is
         # ours, drawn from a fixed seed so that every run shares it.
         stem_rng = random.Random("vb-adapter-stem")
@@ -164,6 +211,37 @@ class Simulator:
         self.quality_tables = {}
         self.runids = ["%040x" % self.rng.getrandbits(160) for _ in range(2)]
         self.read_number = 0
+
+    def use_sheet(self, rows, pairs):
+        by_name = {nid: (front, rear) for nid, front, rear in self.arr}
+        if not pairs:
+            self.sample_of = {row["arrangement"]: row["sample"] for row in rows}
+            self.all_double = self.double
+            self.double = [a for a in self.double if a[0] in self.sample_of]
+            self.fronted = [a for a in self.fronted if a[0] in self.sample_of]
+            if not self.double and not self.fronted:
+                sys.exit("the sample sheet lists no arrangement of the kit")
+            return
+        # A pair barcode reads at the start of a read as the sequence of its
+        # front reference, or the reverse complement of its rear reference.
+        self.ligation = True
+        self.start_seq = {}
+        for nid, (front, rear) in by_name.items():
+            if bool(front) != bool(rear):
+                self.start_seq[nid] = front or rear
+        listed = []
+        for row in rows:
+            for column in ("front", "rear"):
+                if row[column] not in self.start_seq:
+                    sys.exit(f"{row[column]} is not a single-barcode arrangement of the kit")
+            listed.append((row["front"], row["rear"]))
+            self.sample_of[row["front"], row["rear"]] = row["sample"]
+        self.pairs = listed
+        fronts = sorted({f for f, _ in listed})
+        rears = sorted({r for _, r in listed})
+        self.unlisted = [(f, r) for f in fronts for r in rears if (f, r) not in self.sample_of]
+        if self.args.frac_unlisted > 0 and not self.unlisted:
+            sys.exit("the sample sheet lists every pair of its barcodes: there are no unlisted pairs to simulate")
 
     def random_bases(self, n):
         return self.rng.randbytes(n).translate(BASES_FROM_BYTE).decode()
@@ -190,8 +268,53 @@ class Simulator:
         a = self.args
         return max(a.min_insert, int(a.median_length * math.exp(self.rng.gauss(0.0, a.length_sigma))))
 
+    def pair_molecule(self, fixed_length=0):
+        """(molecule, kind, front, rear, orientation, molecules, sample) of a
+        pair read."""
+        a, rng = self.args, self.rng
+        shares = [("pair", a.frac_double), ("front", a.frac_front / 2), ("rear", a.frac_front / 2),
+                  ("unlisted", a.frac_unlisted), ("chimera", a.frac_chimera), ("none", a.frac_none)]
+        r = rng.random() * sum(share for _, share in shares)
+        for kind, share in shares:
+            if r < share:
+                break
+            r -= share
+        insert = "" if fixed_length else self.random_bases(self.insert_length())
+        head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
+        front = rear = sample = "-"
+        if kind == "unlisted":
+            front, rear = rng.choice(self.unlisted)
+        elif kind != "none":
+            front, rear = rng.choice(self.pairs)
+            sample = self.sample_of[front, rear]
+            if kind == "chimera":
+                rear = rng.choice(self.pairs)[1]
+        left, right = head, tail
+        if kind == "none" and rng.random() < 0.5:
+            left += self.adapter_start()
+        if kind == "front":
+            rear = "-"
+        if kind == "rear":
+            front = "-"
+        if front != "-":
+            left += self.adapter_start() + self.start_seq[front]
+        if rear != "-":
+            right = revcomp(self.start_seq[rear]) + revcomp(self.stem) + tail
+        if fixed_length:
+            insert = self.random_bases(max(a.min_insert, fixed_length - len(left) - len(right)))
+        mol, orientation = left + insert + right, "+"
+        if rng.random() < 0.5:
+            mol, orientation = revcomp(mol), "-"
+        return mol, kind, front, rear, orientation, "-", sample
+
     def molecule(self, fixed_length=0):
-        """(read bases, kind, front, rear, orientation, molecules)."""
+        """(read bases, kind, front, rear, orientation, molecules, sample);
+        sample is "-" without a sample sheet."""
+        if self.pairs is not None:
+            return self.pair_molecule(fixed_length)
+        return self.plain_molecule(fixed_length)
+
+    def plain_molecule(self, fixed_length=0):
         a, rng = self.args, self.rng
         total = a.frac_double + a.frac_front + a.frac_none + a.frac_chimera + a.frac_concatemer
         r = rng.random() * total
@@ -212,17 +335,24 @@ class Simulator:
         # otherwise it is drawn first, which keeps the seeded reads as they were.
         insert = "" if fixed_length else self.random_bases(self.insert_length())
         head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
-        front_id = rear_id = "-"
+        front_id = rear_id = sample = "-"
         if kind == "none":
             stem = self.adapter_start() if rng.random() < 0.5 else ""
             left, right = head + stem, tail
         elif kind == "front":
             nid, front, _ = rng.choice(self.fronted)
-            front_id = nid
+            front_id = sample = nid
+            if self.swapped():
+                kind = "swapped"
+                front_id, front, _ = rng.choice([x for x in self.arr if x[1] and x[0] != nid])
             left, right = head + self.adapter_start() + front, tail
         else:
             nid, front, rear = rng.choice(self.double)
-            front_id = rear_id = nid
+            front_id = rear_id = sample = nid
+            if kind == "double" and self.swapped():
+                kind = "swapped"
+                front_id, front, rear = rng.choice([x for x in self.all_double if x[0] != nid])
+                rear_id = front_id
             if kind == "chimera":
                 others = [x for x in self.double if x[0] != nid]
                 rear_id, _, rear = rng.choice(others)
@@ -233,7 +363,7 @@ class Simulator:
         orientation = "+"
         if self.ligation and rng.random() < 0.5:
             mol, orientation = revcomp(mol), "-"
-        return mol, kind, front_id, rear_id, orientation, "-"
+        return mol, kind, front_id, rear_id, orientation, "-", self.sample_of.get(sample, "-")
 
     def concatemer(self, fixed_length=0):
         """Two or three molecules end to end. Each ligation-kit molecule is
@@ -267,7 +397,13 @@ class Simulator:
         head, tail = self.junk(a.junk_mean), self.junk(a.junk_mean / 2)
         first, last = chosen[0][0], chosen[-1][0]
         return (head + "".join(pieces) + tail, "concatemer", first, last if self.ligation else "-", "+",
-                ",".join(names))
+                ",".join(names), self.sample_of.get(first, "-"))
+
+    def swapped(self):
+        """Whether this molecule carries another arrangement's barcodes (a
+        cross-contaminated barcode); drawn only with a sample sheet, so reads
+        simulated without one stay as they were."""
+        return self.sheet is not None and self.rng.random() < self.args.frac_swap
 
     def read_identity(self):
         a = self.args
@@ -336,13 +472,17 @@ class Simulator:
         return q.decode()
 
     def record(self):
-        mol, kind, front, rear, orientation, molecules = self.molecule()
+        mol, *truth = self.molecule()
         identity = self.read_identity()
         read, suspect = self.mutate(mol, identity)
         qual = self.qualities(len(read), identity, suspect)
-        return self.format(read, qual, kind, front, rear, orientation, molecules)
+        return self.format(read, qual, *truth)
 
-    def format(self, read, qual, kind, front, rear, orientation, molecules="-"):
+    def truth_header(self):
+        return ("read_id\tkind\tfront\trear\torientation" + ("\tmolecules" if self.args.frac_concatemer > 0 else "") +
+                ("\tsample" if self.sheet else "") + "\n")
+
+    def format(self, read, qual, kind, front, rear, orientation, molecules="-", sample="-"):
         """FASTQ text and truth row of one read, with a fresh id and header."""
         rng = self.rng
         h = "%032x" % rng.getrandbits(128)
@@ -357,6 +497,8 @@ class Simulator:
         row = f"{read_id}\t{kind}\t{front}\t{rear}\t{orientation}"
         if self.args.frac_concatemer > 0:
             row += f"\t{molecules}"
+        if self.sheet:
+            row += f"\t{sample}"
         return fastq, row + "\n"
 
 
@@ -433,7 +575,7 @@ def pbsim_records(sim, args, count):
         if proc.returncode != 0:
             sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
         dropped = 0
-        for i, (mol, kind, front, rear, orientation, names) in enumerate(molecules):
+        for i, (mol, *truth) in enumerate(molecules):
             stem = os.path.join(tmp, f"sd_{i + 1:04d}")
             quals = {}
             with open(stem + ".fastq") as f:
@@ -452,7 +594,7 @@ def pbsim_records(sim, args, count):
             if read is None:
                 dropped += 1
                 continue
-            records.append(sim.format(read, qual, kind, front, rear, orientation, names))
+            records.append(sim.format(read, qual, *truth))
         if dropped:
             print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
     return records
@@ -500,6 +642,10 @@ def parse_args(argv=None):
                     help="molecules per concatemer, drawn from this comma-separated list")
     ap.add_argument("--concatemer-same", type=float, default=0.5,
                     help="chance that a molecule has the arrangement of the one before it")
+    ap.add_argument("--frac-unlisted", type=float, default=0.05, help="pairs the sample sheet does not list")
+    ap.add_argument("--frac-swap", type=float, default=0.0,
+                    help="with an arrangement sample sheet: molecules carrying another arrangement's barcodes")
+    ap.add_argument("--sample-sheet", help="simulate the samples of this sheet (arrangements, or front and rear pairs)")
     ap.add_argument("--sample", default="vb_sim")
     ap.add_argument("--error-model", choices=["builtin", "pbsim"], default="builtin",
                     help="builtin: this script's errors; pbsim: Debian's pbsim (CLR model) on fixed-length templates")
@@ -509,14 +655,15 @@ def parse_args(argv=None):
 
 def main(argv=None):
     args = parse_args(argv)
-    sim = Simulator(args, load_kit(args.kit, args.data))
+    sheet = read_sample_sheet(args.sample_sheet) if args.sample_sheet else None
+    sim = Simulator(args, load_kit(args.kit, args.data), sheet)
     truth = args.truth or re.sub(r"(\.fastq|\.fq)?(\.gz)?$", "", args.output) + ".truth.tsv"
     names = output_names(args.output, args.split)
     for path in names + [truth]:
         os.makedirs(os.path.dirname(path) or ".", exist_ok=True)
     outs = [open_out(p) for p in names]
     with open(truth, "w") as t:
-        t.write("read_id\tkind\tfront\trear\torientation" + ("\tmolecules" if args.frac_concatemer > 0 else "") + "\n")
+        t.write(sim.truth_header())
         per_file = -(-args.reads // len(outs))
         if args.error_model == "pbsim":
             records = pbsim_records(sim, args, args.reads)

@@ -86,4 +86,52 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
     }
 }
 
+// Pairs: a front and a rear column instead of the arrangement column.
+const std::set<std::string> kPairBarcodes = {"F01", "F02", "R01", "R02"};
+
+std::string PairErrorOf(const std::string& text) {
+    std::istringstream in(text);
+    try {
+        Vorpa::ParseSampleSheet(in, "pairs.tsv", kKnown, kReserved, kPairBarcodes);
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "(accepted)";
+}
+
+TEST(SampleSheet, PairsAreReportedAsFrontUnderscoreRear) {
+    std::istringstream in("sample\trear\tfront\nA\tR01\tF01\nB\tR02\tF01\nA\tR01\tF02\n");
+    const auto sheet = Vorpa::ParseSampleSheet(in, "pairs.tsv", kKnown, kReserved, kPairBarcodes);
+    EXPECT_EQ(sheet.samples, (std::vector<std::string>{"A", "B"}));
+    ASSERT_EQ(sheet.pairs.size(), 3u);
+    EXPECT_EQ(sheet.pairs[1].front, "F01");
+    EXPECT_EQ(sheet.pairs[1].rear, "R02");
+    EXPECT_EQ(*sheet.SampleOf("F01_R02"), "B");
+    EXPECT_EQ(*sheet.SampleOf("F02_R01"), "A");
+    EXPECT_EQ(sheet.SampleOf("F02_R02"), nullptr);
+    EXPECT_EQ(sheet.SampleOf("F01"), nullptr);
+}
+
+TEST(SampleSheet, PairFaultsNameTheLine) {
+    const std::string head = "front\trear\tsample\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
+         "Sample sheet 'pairs.tsv', line 1: the header names 'arrangement' and 'front': a sheet lists either "
+         "arrangements or pairs of a front and a rear barcode."},
+        {"front\tsample\nF01\tA\n", "line 1: the header must name the columns 'front', 'rear' and 'sample'"},
+        {head + "F01\tR01\tA\nF01\tR01\tB\n", "line 3: the pair F01 + R01 is already listed on line 2."},
+        {head + "F01\tR02\tA\nR02\tF01\tB\n",
+         "line 3: the pair R02 + F01 is the pair F01 + R02 on line 2 read from the other strand."},
+        {head + "F01\tR09\tA\n", "line 2: the rear barcode 'R09' is not a single-barcode arrangement"},
+        {head + "barcode01\tR01\tA\n", "line 2: the front barcode 'barcode01' is not a single-barcode"},
+        {head + "\tR01\tA\n", "line 2: the front barcode is empty."},
+        {head + "F01\n", "line 2: no rear field."},
+        {head + "F01\tR01\tunclassified\n", "line 2: the sample name 'unclassified' is reserved"},
+    };
+    for (const auto& [text, message] : cases) {
+        const std::string error = PairErrorOf(text);
+        EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
+    }
+}
+
 }  // namespace

@@ -10,6 +10,7 @@ Usage: bam_and_samples.py --binary BIN --source REPO --work DIR --case NAME
 """
 
 import collections
+import json
 import os
 import shutil
 import signal
@@ -507,6 +508,89 @@ def case_sample_sheet(ctx):
     check(rows == earlier, "the configuration file's sample sheet is not used")
     for rid, (folder, _, record) in output_bam_reads(ctx.path("from_cfg")).items():
         check(folder == rows[rid][-1] and tag(record, "ar") == rows[rid][1], f"{rid} in {folder}")
+
+
+def pair_kit(ctx, fronts, rears):
+    """A pair kit of our own design (fronts x rears barcodes) in ctx/kit, and
+    the arguments that select it."""
+    subprocess.run([sys.executable, os.path.join(ctx.source, "tools", "design_kit.py"), "--pairs", ctx.path("kit"),
+                    "--pair-kit", "PK", "--pair-size", f"{fronts}x{rears}"], check=True, capture_output=True)
+    return ["-c", os.path.join("kit", "configuration.cfg"), "-d", "kit", "--barcode_kits", "PK"]
+
+
+def case_sample_sheet_pairs(ctx):
+    kit = pair_kit(ctx, 4, 3)
+    # Every pair but F04 + R01 and F02 + R03; F02 + R02 is sample B's as well.
+    listed = [(f, r) for f in range(1, 5) for r in range(1, 4) if (f, r) not in ((4, 1), (2, 3))]
+    samples = {f"F{f:02d}_R{r:02d}": "B" if (f, r) == (2, 2) else f"S{f}{r}" for f, r in listed}
+    write_sheet(ctx, "pairs.tsv", "sample\tfront\trear\n" + "".join(
+        f"{samples[f'F{f:02d}_R{r:02d}']}\tF{f:02d}\tR{r:02d}\n" for f, r in listed))
+    subprocess.run([sys.executable, os.path.join(ctx.source, "tools", "simulate_reads.py"), "-o",
+                    ctx.path("in", "reads.fastq"), "--truth", ctx.path("truth.tsv"), "--kit", "PK", "--data",
+                    ctx.path("kit"), "--sample-sheet", ctx.path("pairs.tsv"), "-n", "700", "--seed", "81",
+                    "--frac-unlisted", "0.15", "--frac-front", "0.15", "--median-length", "400"],
+                   check=True, capture_output=True)
+    kinds = {}
+    with open(ctx.path("truth.tsv")) as handle:
+        columns = handle.readline().rstrip("\n").split("\t")
+        for line in handle:
+            row = dict(zip(columns, line.rstrip("\n").split("\t")))
+            kinds[row["read_id"]] = row
+    result = ctx.run(kit + ["-i", "in", "-s", "out", "--sample_sheet", "pairs.tsv", "--unclassified_reason_column"])
+    header, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(sample=True) + 1)
+    check(header[-2:] == ["sample", "barcode_unclassified_reason"], f"header {header}")
+    check(set(rows) == set(kinds), "reads lost")
+    found = {}
+    for rid, row in rows.items():
+        truth = kinds[rid]
+        carried = f"{truth['front']}_{truth['rear']}"
+        outcome = "called" if row[1] == carried else row[-1] if row[1] == "unclassified" else "wrong"
+        found.setdefault((truth["kind"], truth["orientation"]), []).append(outcome)
+        if row[1] != "unclassified":
+            check(row[-2] == samples[row[1]] and row[-1] == "", f"{rid}: {row[1]} in {row[-2]}")
+    for orientation in "+-":
+        pairs = found[("pair", orientation)]
+        check(pairs.count("called") >= 0.97 * len(pairs) and len(pairs) > 150,
+              f"reads of listed pairs, strand {orientation}: {pairs.count('called')} of {len(pairs)} called")
+    one_end = found[("front", "+")] + found[("front", "-")] + found[("rear", "+")] + found[("rear", "-")]
+    check(one_end.count("only one end") >= 0.95 * len(one_end) and "wrong" not in one_end,
+          f"one end missing: {sorted(set(one_end))}, {one_end.count('only one end')} of {len(one_end)}")
+    unlisted = found[("unlisted", "+")] + found[("unlisted", "-")]
+    check(unlisted.count("pair not in sample sheet") >= len(unlisted) - 1 and len(unlisted) > 50,
+          f"unlisted pairs: {unlisted.count('pair not in sample sheet')} of {len(unlisted)}")
+    wrong = sum(outcomes.count("wrong") for outcomes in found.values())
+    check(wrong <= 1, f"{wrong} reads called to a pair they do not carry")
+
+    # The report adds up: samples, reasons, folders.
+    with open(ctx.path("out", "barcoding_report.json")) as handle:
+        report = json.load(handle)
+    reads = report["reads"]
+    check(sum(report["samples"].values()) == reads["written"] == len(kinds), f"samples {report['samples']}")
+    check(sum(report["unclassified_reasons"].values()) == reads["unclassified"] == report["samples"]["unclassified"],
+          f"reasons {report['unclassified_reasons']}, {reads}")
+    check(report["unclassified_reasons"]["pair_not_in_sample_sheet"] >= len(unlisted) - 1, "unlisted not counted")
+    cross_talk = report["cross_talk"]
+    check(cross_talk["method"] == "unlisted pairs" and cross_talk["measurable"] and
+          cross_talk["unlisted_reads"] == report["unclassified_reasons"]["pair_not_in_sample_sheet"] and
+          set(cross_talk["samples"]) == set(samples.values()), f"cross_talk {cross_talk}")
+    check("Cross-talk, reads from other samples:" in result.stdout, result.stdout[-2000:])
+    folders = sorted(d for d in os.listdir(ctx.path("out")) if os.path.isdir(ctx.path("out", d)))
+    check(set(folders) <= set(samples.values()) | {"unclassified"} and "B" in folders, f"folders {folders}")
+
+    # A faulty sheet is refused, naming the line; the plain kit sections
+    # still serve a sheet of arrangements.
+    cases = [
+        ("arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
+         "Sample sheet 'bad.tsv', line 1: the header names 'arrangement' and 'front'"),
+        ("front\trear\tsample\nF01\tR01\tA\nF02\tR01\tB\nF01\tR01\tC\n",
+         "Sample sheet 'bad.tsv', line 4: the pair F01 + R01 is already listed on line 2."),
+        ("front\trear\tsample\nF01\tR07\tA\n",
+         "Sample sheet 'bad.tsv', line 2: the rear barcode 'R07' is not a single-barcode arrangement"),
+    ]
+    for text, message in cases:
+        write_sheet(ctx, "bad.tsv", text)
+        result = ctx.run(kit + ["-i", "in", "-s", "refused", "--sample_sheet", "bad.tsv"], expect=255)
+        check(message in result.stdout, f"expected {message!r}:\n{result.stdout[-1500:]}")
 
 
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}

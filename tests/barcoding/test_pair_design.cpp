@@ -1,0 +1,172 @@
+// Pairs of a front and a rear barcode: reads from either strand, with one end
+// missing, or of a pair the sheet does not list, called by the scorer against
+// a naive expectation written here.
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "barcoding/barcode_scorer.h"
+#include "barcoding/pair_design.h"
+#include "tests/support/temp_folder.h"
+
+namespace Barcoding {
+namespace {
+
+const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
+
+std::string RandomBases(std::mt19937& random, size_t length) {
+    std::string bases;
+    for (size_t k = 0; k < length; ++k)
+        bases += "ACGT"[random() % 4];
+    return bases;
+}
+
+std::string ReverseComplement(const std::string& sequence) {
+    std::string result(sequence.rbegin(), sequence.rend());
+    for (char& c : result)
+        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
+    return result;
+}
+
+// A few substitutions, so that the ends are not perfect copies.
+void Mutate(std::mt19937& random, std::string& bases, int count) {
+    for (int k = 0; k < count; ++k)
+        bases[random() % bases.size()] = "ACGT"[random() % 4];
+}
+
+ScorerOptions Options() {
+    ScorerOptions options;
+    options.barcode_kits = "PK";
+    options.open_gap1 = options.extend_gap1 = options.open_gap2 = options.extend_gap2 = 8;
+    options.start_gap2 = options.end_gap2 = 9;
+    options.min_score = 60;
+    options.front_window_size = 70;
+    options.rear_window_size = 70;
+    ValidateScorerOptions(options);
+    return options;
+}
+
+// Kit PK: fronts F01..F04, rears R01..R03, the arrangement file written as a
+// user would (one front-only and one rear-only section, variants on).
+class PairTest : public ::testing::Test {
+protected:
+    PairTest() {
+        std::mt19937 random(21);
+        std::string fasta;
+        for (int i = 1; i <= 4; ++i) {
+            fronts_.push_back(RandomBases(random, 24));
+            fasta += ">F0" + std::to_string(i) + "\n" + fronts_.back() + "\n";
+        }
+        for (int i = 1; i <= 3; ++i) {
+            rears_.push_back(RandomBases(random, 24));
+            fasta += ">R0" + std::to_string(i) + "\n" + rears_.back() + "\n";
+        }
+        dir_.Write("pk.fasta", fasta);
+        const std::string file =
+            dir_.Write("pk.ini",
+                       "[loading_options]\nbarcodes_filename = pk.fasta\n"
+                       "[F%02i]\nkit = PK\nbarcode1 = F%02i\nscoring_function = MAX\ncompatible_kits = PK\n"
+                       "first_index = 1\nlast_index = 4\n"
+                       "[R%02i]\nkit = PK\nbarcode2 = R%02i\nscoring_function = MAX\ncompatible_kits = PK\n"
+                       "first_index = 1\nlast_index = 3\n");
+        manager_ = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
+    }
+
+    TestSupport::TempFolder dir_;
+    std::vector<std::string> fronts_, rears_;
+    std::shared_ptr<BarcodeManager> manager_;
+};
+
+TEST_F(PairTest, BarcodeNamesAndTheTableInBothOrders) {
+    const auto& selected = manager_->GetArrangements("PK");
+    EXPECT_EQ(PairBarcodeNames(selected), (std::vector<std::string>{"F01", "F02", "F03", "F04", "R01", "R02", "R03"}));
+    const PairDesign design(selected, *manager_, {{"F01", "R02"}, {"F03", "R01"}});
+    ASSERT_EQ(design.Barcodes().size(), 7u);
+    EXPECT_EQ(design.Barcodes()[0].start_sequence, fronts_[0]);
+    // A rear barcode reads as written at the start of a read of the other strand.
+    EXPECT_EQ(design.Barcodes()[4].start_sequence, rears_[0]);
+    EXPECT_EQ(design.Barcodes()[4].end_sequence, ReverseComplement(rears_[0]));
+
+    const auto forward = design.Find(0, 5);
+    EXPECT_EQ(forward.listed, 0);
+    EXPECT_FALSE(forward.reverse);
+    const auto reverse = design.Find(4, 2);
+    EXPECT_EQ(reverse.listed, 1);
+    EXPECT_TRUE(reverse.reverse);
+    EXPECT_EQ(reverse.front, 2u);
+    // Unlisted: put in sheet order where the columns say which is which.
+    const auto unlisted = design.Find(5, 2);
+    EXPECT_EQ(unlisted.listed, -1);
+    EXPECT_TRUE(unlisted.reverse);
+    EXPECT_EQ(unlisted.front, 2u);
+
+    EXPECT_THROW(PairDesign(selected, *manager_, {{"F01", "R09"}}), std::runtime_error);
+    EXPECT_THROW(PairDesign(selected, *manager_, {{"F01", "R01"}, {"F01", "R01"}}), std::runtime_error);
+}
+
+// Random reads of every kind against what a reader of the design expects.
+TEST_F(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
+    const std::vector<BarcodePair> listed = {
+        {"F01", "R01"}, {"F01", "R02"}, {"F02", "R03"}, {"F03", "R01"}, {"F04", "R02"}};
+    const std::set<std::pair<int, int>> listed_cells = {{0, 0}, {0, 1}, {1, 2}, {2, 0}, {3, 1}};
+    auto design = std::make_shared<PairDesign>(manager_->GetArrangements("PK"), *manager_, listed);
+    BarcodeScorer scorer(Options(), manager_, kMatrix, "", design);
+
+    std::mt19937 random(5);
+    std::map<std::string, int> kinds;
+    for (int n = 0; n < 400; ++n) {
+        const int f = static_cast<int>(random() % 4), r = static_cast<int>(random() % 3);
+        const int kind = static_cast<int>(random() % 4);  // 0, 1: both ends; 2: front only; 3: rear only
+        const bool has_front = kind != 3, has_rear = kind != 2;
+        std::string front = fronts_[f], rear = rears_[r];
+        Mutate(random, front, 1);
+        Mutate(random, rear, 1);
+        std::string read = RandomBases(random, 5 + random() % 20);
+        read += has_front ? front : RandomBases(random, 24);
+        read += RandomBases(random, 200 + random() % 200);
+        read += has_rear ? ReverseComplement(rear) : RandomBases(random, 24);
+        read += RandomBases(random, 5 + random() % 20);
+        const bool reversed = random() % 2 == 1;
+        if (reversed) read = ReverseComplement(read);
+
+        const std::string name = "F0" + std::to_string(f + 1) + "_R0" + std::to_string(r + 1);
+        const auto results = scorer.Score(read);
+        ASSERT_EQ(results.size(), 1u);
+        const auto& call = results[0];
+        SCOPED_TRACE(name + " kind " + std::to_string(kind) + (reversed ? " reversed" : ""));
+        EXPECT_FALSE(call.mixed);
+        if (has_front && has_rear && listed_cells.count({f, r})) {
+            EXPECT_EQ(call.normalised_id, name);
+            EXPECT_EQ(call.reason, UnclassifiedReason::kNone);
+            EXPECT_EQ(call.variant, reversed ? "rev" : "fwd");
+            EXPECT_GT(call.score, 60);
+            kinds["listed"]++;
+        } else if (has_front && has_rear) {
+            EXPECT_EQ(call.normalised_id, "unclassified");
+            EXPECT_EQ(call.reason, UnclassifiedReason::kPairNotInSheet);
+            EXPECT_EQ(call.id, name);
+            kinds["unlisted"]++;
+        } else {
+            EXPECT_EQ(call.normalised_id, "unclassified");
+            EXPECT_EQ(call.reason, UnclassifiedReason::kOneEndOnly);
+            kinds["one end"]++;
+        }
+    }
+    EXPECT_GT(kinds["listed"], 50);
+    EXPECT_GT(kinds["unlisted"], 50);
+    EXPECT_GT(kinds["one end"], 100);
+
+    // Nothing at either end.
+    const auto none = scorer.Score(RandomBases(random, 400))[0];
+    EXPECT_EQ(none.reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
+    EXPECT_EQ(none.normalised_id, "unclassified");
+}
+
+}  // namespace
+}  // namespace Barcoding
