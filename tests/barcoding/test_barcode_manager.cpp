@@ -239,18 +239,5 @@ TEST(BarcodeManager, KitSelection) {
     EXPECT_EQ(std::count(listing.begin(), listing.end(), '\n'), 4);
 }
 
-TEST(BarcodeManager, Printing) {
-    ArrangementDetectResult r;
-    r.id = "id1";
-    r.normalised_id = "unclassified";
-    r.score = 87.5f;
-    r.front.id = "F_FWD";
-    r.front.score = 87.5f;
-    r.front.begin_index = 3;
-    EXPECT_EQ(ToString(r.front), "F_FWD scored 87.5, begin index: 3");
-    EXPECT_EQ(ToString(r.rear), "[none]");
-    EXPECT_NE(ToString(r).find("normalised ID:  unclassified\n"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace Barcoding

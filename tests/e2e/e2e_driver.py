@@ -241,15 +241,6 @@ def case_stdin_file_list(ctx):
     check(len(rows) == len(records), f"{len(rows)} rows from the listed files, expected {len(records)}")
 
 
-def case_save_next_to_input(ctx):
-    records, _ = ctx.simulate("inplace", 30, 16)
-    split_into_files(ctx.path("data"), records, ["a.fastq"])
-    ctx.run(barcoder_args("data", "INPUT_PATH"))
-    _, rows = read_summary(ctx.path("data", SUMMARY), 18)
-    check(len(rows) == len(records), "summary next to the input is incomplete")
-    check(len(output_reads(ctx.path("data"))) == len(records), "FASTQ output next to the input is incomplete")
-
-
 def case_reads_without_run_id(ctx):
     records, _ = ctx.simulate("norun", 40, 18)
     stripped = []

@@ -36,93 +36,41 @@ CUresult Call(Entry CudaDriver::*entry, Args... args) {
 
 }  // namespace
 
-#define VB_EXPORT extern "C" __attribute__((visibility("default"))) CUresult
+// Each entry point forwards its arguments to the fake under the lock.
+#define VB_FORWARD(name, signature, ...)                                        \
+    extern "C" __attribute__((visibility("default"))) CUresult name signature { \
+        return Call(&CudaDriver::name, __VA_ARGS__);                            \
+    }
 
-VB_EXPORT cuInit(unsigned f) {
-    return Call(&CudaDriver::cuInit, f);
-}
-VB_EXPORT cuDeviceGetCount(int* n) {
-    return Call(&CudaDriver::cuDeviceGetCount, n);
-}
-VB_EXPORT cuDeviceGet(CUdevice* d, int i) {
-    return Call(&CudaDriver::cuDeviceGet, d, i);
-}
-VB_EXPORT cuDeviceGetAttribute(int* v, int a, CUdevice d) {
-    return Call(&CudaDriver::cuDeviceGetAttribute, v, a, d);
-}
-VB_EXPORT cuCtxCreate_v2(CUcontext* c, unsigned f, CUdevice d) {
-    return Call(&CudaDriver::cuCtxCreate_v2, c, f, d);
-}
-VB_EXPORT cuCtxDestroy_v2(CUcontext c) {
-    return Call(&CudaDriver::cuCtxDestroy_v2, c);
-}
-VB_EXPORT cuCtxPushCurrent_v2(CUcontext c) {
-    return Call(&CudaDriver::cuCtxPushCurrent_v2, c);
-}
-VB_EXPORT cuCtxPopCurrent_v2(CUcontext* c) {
-    return Call(&CudaDriver::cuCtxPopCurrent_v2, c);
-}
-VB_EXPORT cuStreamCreate(CUstream* s, unsigned f) {
-    return Call(&CudaDriver::cuStreamCreate, s, f);
-}
-VB_EXPORT cuStreamDestroy_v2(CUstream s) {
-    return Call(&CudaDriver::cuStreamDestroy_v2, s);
-}
-VB_EXPORT cuStreamSynchronize(CUstream s) {
-    return Call(&CudaDriver::cuStreamSynchronize, s);
-}
-VB_EXPORT cuStreamWaitEvent(CUstream s, CUevent e, unsigned f) {
-    return Call(&CudaDriver::cuStreamWaitEvent, s, e, f);
-}
-VB_EXPORT cuEventCreate(CUevent* e, unsigned f) {
-    return Call(&CudaDriver::cuEventCreate, e, f);
-}
-VB_EXPORT cuEventRecord(CUevent e, CUstream s) {
-    return Call(&CudaDriver::cuEventRecord, e, s);
-}
-VB_EXPORT cuEventQuery(CUevent e) {
-    return Call(&CudaDriver::cuEventQuery, e);
-}
-VB_EXPORT cuEventDestroy_v2(CUevent e) {
-    return Call(&CudaDriver::cuEventDestroy_v2, e);
-}
-VB_EXPORT cuMemGetInfo_v2(size_t* f, size_t* t) {
-    return Call(&CudaDriver::cuMemGetInfo_v2, f, t);
-}
-VB_EXPORT cuMemAlloc_v2(CUdeviceptr* p, size_t b) {
-    return Call(&CudaDriver::cuMemAlloc_v2, p, b);
-}
-VB_EXPORT cuMemAllocHost_v2(void** p, size_t b) {
-    return Call(&CudaDriver::cuMemAllocHost_v2, p, b);
-}
-VB_EXPORT cuMemAllocManaged(CUdeviceptr* p, size_t b, unsigned f) {
-    return Call(&CudaDriver::cuMemAllocManaged, p, b, f);
-}
-VB_EXPORT cuMemFree_v2(CUdeviceptr p) {
-    return Call(&CudaDriver::cuMemFree_v2, p);
-}
-VB_EXPORT cuMemFreeHost(void* p) {
-    return Call(&CudaDriver::cuMemFreeHost, p);
-}
-VB_EXPORT cuMemcpyHtoDAsync_v2(CUdeviceptr d, const void* s, size_t b, CUstream st) {
-    return Call(&CudaDriver::cuMemcpyHtoDAsync_v2, d, s, b, st);
-}
-VB_EXPORT cuMemcpyDtoHAsync_v2(void* d, CUdeviceptr s, size_t b, CUstream st) {
-    return Call(&CudaDriver::cuMemcpyDtoHAsync_v2, d, s, b, st);
-}
-VB_EXPORT cuModuleLoadData(CUmodule* m, const void* image) {
-    return Call(&CudaDriver::cuModuleLoadData, m, image);
-}
-VB_EXPORT cuModuleGetFunction(CUfunction* f, CUmodule m, const char* name) {
-    return Call(&CudaDriver::cuModuleGetFunction, f, m, name);
-}
-VB_EXPORT cuModuleUnload(CUmodule m) {
-    return Call(&CudaDriver::cuModuleUnload, m);
-}
-VB_EXPORT cuLaunchKernel(CUfunction f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by, unsigned bz,
-                         unsigned shared, CUstream s, void** parameters, void** extra) {
-    return Call(&CudaDriver::cuLaunchKernel, f, gx, gy, gz, bx, by, bz, shared, s, parameters, extra);
-}
-VB_EXPORT cuGetErrorName(CUresult r, const char** name) {
-    return Call(&CudaDriver::cuGetErrorName, r, name);
-}
+VB_FORWARD(cuInit, (unsigned f), f)
+VB_FORWARD(cuDeviceGetCount, (int* n), n)
+VB_FORWARD(cuDeviceGet, (CUdevice * d, int i), d, i)
+VB_FORWARD(cuDeviceGetAttribute, (int* v, int a, CUdevice d), v, a, d)
+VB_FORWARD(cuCtxCreate_v2, (CUcontext * c, unsigned f, CUdevice d), c, f, d)
+VB_FORWARD(cuCtxDestroy_v2, (CUcontext c), c)
+VB_FORWARD(cuCtxPushCurrent_v2, (CUcontext c), c)
+VB_FORWARD(cuCtxPopCurrent_v2, (CUcontext * c), c)
+VB_FORWARD(cuStreamCreate, (CUstream * s, unsigned f), s, f)
+VB_FORWARD(cuStreamDestroy_v2, (CUstream s), s)
+VB_FORWARD(cuStreamSynchronize, (CUstream s), s)
+VB_FORWARD(cuStreamWaitEvent, (CUstream s, CUevent e, unsigned f), s, e, f)
+VB_FORWARD(cuEventCreate, (CUevent * e, unsigned f), e, f)
+VB_FORWARD(cuEventRecord, (CUevent e, CUstream s), e, s)
+VB_FORWARD(cuEventQuery, (CUevent e), e)
+VB_FORWARD(cuEventDestroy_v2, (CUevent e), e)
+VB_FORWARD(cuMemGetInfo_v2, (size_t * f, size_t* t), f, t)
+VB_FORWARD(cuMemAlloc_v2, (CUdeviceptr * p, size_t b), p, b)
+VB_FORWARD(cuMemAllocHost_v2, (void** p, size_t b), p, b)
+VB_FORWARD(cuMemAllocManaged, (CUdeviceptr * p, size_t b, unsigned f), p, b, f)
+VB_FORWARD(cuMemFree_v2, (CUdeviceptr p), p)
+VB_FORWARD(cuMemFreeHost, (void* p), p)
+VB_FORWARD(cuMemcpyHtoDAsync_v2, (CUdeviceptr d, const void* s, size_t b, CUstream st), d, s, b, st)
+VB_FORWARD(cuMemcpyDtoHAsync_v2, (void* d, CUdeviceptr s, size_t b, CUstream st), d, s, b, st)
+VB_FORWARD(cuModuleLoadData, (CUmodule * m, const void* image), m, image)
+VB_FORWARD(cuModuleGetFunction, (CUfunction * f, CUmodule m, const char* name), f, m, name)
+VB_FORWARD(cuModuleUnload, (CUmodule m), m)
+VB_FORWARD(cuLaunchKernel,
+           (CUfunction f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by, unsigned bz, unsigned shared,
+            CUstream s, void** parameters, void** extra),
+           f, gx, gy, gz, bx, by, bz, shared, s, parameters, extra)
+VB_FORWARD(cuGetErrorName, (CUresult r, const char** name), r, name)
