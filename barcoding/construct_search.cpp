@@ -100,19 +100,9 @@ void ConstructSearch::Find(const std::vector<uint8_t>& read, std::vector<FoundCo
     found.clear();
     candidates_.clear();
     scan_.Find(read.data(), read.size(), spots_, scan_work_);
-    const int longest = LongestSpot(references_);
-    for (const auto& spot : spots_) {
-        for (uint32_t reference : scan_.Members(spot.target)) {
-            // A merged spot longer than the band is aligned in overlapping pieces.
-            const int piece = longest, step = longest - static_cast<int>(references_[reference].codes.size()) - 8;
-            for (int begin = spot.begin; begin < spot.end; begin += std::max(step, 1)) {
-                FoundConstruct construct;
-                if (Verify(reference, read, begin, std::min(spot.end, begin + piece), construct))
-                    candidates_.push_back(construct);
-                if (begin + piece >= spot.end) break;
-            }
-        }
-    }
+    for (const auto& spot : spots_)
+        for (uint32_t reference : scan_.Members(spot.target))
+            Bound(reference, read, spot.begin, spot.end);
     // Best first; a construct overlapping a better one by more than half the
     // shorter of the two is the same construct.
     std::sort(candidates_.begin(), candidates_.end(), [](const FoundConstruct& x, const FoundConstruct& y) {
@@ -132,13 +122,48 @@ void ConstructSearch::Find(const std::vector<uint8_t>& read, std::vector<FoundCo
               [](const FoundConstruct& x, const FoundConstruct& y) { return x.begin < y.begin; });
 }
 
+// An alignment that reaches the bar holds at most MaxEdits edits, so it ends
+// at a base where the edit count allows that, and starts at most the
+// reference's length plus MaxEdits bases before. Only the stretches around
+// such ends are aligned; everything else in the spot cannot reach the bar.
+void ConstructSearch::Bound(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end) {
+    if (min_raw_[reference] == std::numeric_limits<int>::max() || end <= begin) return;
+    const int most = max_edits_[reference];
+    if (most < 0) {
+        Align(reference, read, begin, end);
+        return;
+    }
+    edits_[reference].Ends(read.data() + begin, static_cast<size_t>(end - begin), most, ends_);
+    const int reach = static_cast<int>(references_[reference].codes.size()) + most;
+    int from = -1, to = -1;  // the stretch gathered so far
+    for (const int j : ends_) {
+        const int first = std::max(begin, begin + j + 1 - reach), last = begin + j + 1;
+        if (from >= 0 && first <= to) {
+            to = last;
+            continue;
+        }
+        if (from >= 0) Align(reference, read, from, to);
+        from = first;
+        to = last;
+    }
+    if (from >= 0) Align(reference, read, from, to);
+}
+
+// A stretch longer than the aligner's band is aligned in overlapping pieces.
+void ConstructSearch::Align(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end) {
+    const int piece = LongestSpot(references_);
+    const int step = std::max(1, piece - static_cast<int>(references_[reference].codes.size()) - 8);
+    for (int from = begin; from < end; from += step) {
+        FoundConstruct construct;
+        if (Verify(reference, read, from, std::min(end, from + piece), construct)) candidates_.push_back(construct);
+        if (from + piece >= end) break;
+    }
+}
+
 bool ConstructSearch::Verify(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end,
                              FoundConstruct& out) {
-    if (min_raw_[reference] == std::numeric_limits<int>::max() || end <= begin) return false;
     const uint8_t* stretch = read.data() + begin;
-    const size_t length = static_cast<size_t>(end - begin);
-    if (max_edits_[reference] >= 0 && edits_[reference].Best(stretch, length) > max_edits_[reference]) return false;
-    window_.assign(stretch, stretch + length);
+    window_.assign(stretch, stretch + (end - begin));
     const int raw = aligner_->AlignOne(reference, window_, path_);
     if (raw < min_raw_[reference]) return false;
     int first = -1, last = -1;

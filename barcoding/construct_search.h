@@ -72,6 +72,8 @@ public:
     int MaxEdits(size_t reference) const { return max_edits_[reference]; }
 
 private:
+    void Bound(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end);
+    void Align(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end);
     bool Verify(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end, FoundConstruct& out);
 
     std::vector<SearchReference> references_;
@@ -84,6 +86,7 @@ private:
     // Reused per read.
     PairAlignment::SeedScan::Work scan_work_;
     std::vector<PairAlignment::SeedScan::Spot> spots_;
+    std::vector<int> ends_;
     std::vector<int> window_;
     std::vector<std::pair<int, int>> path_;
     std::vector<FoundConstruct> candidates_;

@@ -25,14 +25,34 @@ PatternEdits::PatternEdits(const std::vector<int>& pattern)
     }
 }
 
-int PatternEdits::Best(const uint8_t* text, size_t length) const {
+void PatternEdits::Ends(const uint8_t* text, size_t length, int most, std::vector<int>& ends) const {
+    ends.clear();
+    int score = static_cast<int>(length_);
+
+    if (blocks_ == 1) {  // references up to 64 bases: no carries between blocks
+        const uint64_t last_bit = uint64_t{1} << (length_ - 1);
+        uint64_t pv = ~uint64_t{0}, mv = 0;
+        for (size_t j = 0; j < length; ++j) {
+            const uint64_t eq = match_[text[j] & 3];
+            const uint64_t xv = eq | mv;
+            const uint64_t xh = (((eq & pv) + pv) ^ pv) | eq;
+            uint64_t ph = mv | ~(xh | pv);
+            uint64_t mh = pv & xh;
+            score += static_cast<int>((ph & last_bit) != 0) - static_cast<int>((mh & last_bit) != 0);
+            ph <<= 1;
+            mh <<= 1;
+            pv = mh | ~(xv | ph);
+            mv = ph & xv;
+            if (score <= most) ends.push_back(static_cast<int>(j));
+        }
+        return;
+    }
     constexpr size_t kMaxBlocks = 16;  // references of up to 1000 bases
     uint64_t pv[kMaxBlocks], mv[kMaxBlocks];
     if (blocks_ > kMaxBlocks) throw std::runtime_error("PatternEdits: pattern too long");
     std::fill(pv, pv + blocks_, ~uint64_t{0});
     std::fill(mv, mv + blocks_, uint64_t{0});
     const uint64_t last_bit = uint64_t{1} << ((length_ - 1) % 64);
-    int score = static_cast<int>(length_), best = score;
     for (size_t j = 0; j < length; ++j) {
         const uint64_t* match = match_.data() + static_cast<size_t>(text[j] & 3) * blocks_;
         int carry = 0;  // horizontal difference entering the block from above
@@ -57,9 +77,8 @@ int PatternEdits::Best(const uint8_t* text, size_t length) const {
             carry = out;
         }
         score += carry;
-        best = std::min(best, score);
+        if (score <= most) ends.push_back(static_cast<int>(j));
     }
-    return best;
 }
 
 int MinEditCost(const std::vector<int>& matrix, const std::vector<int>& gaps) {

@@ -17,8 +17,9 @@ public:
     // pattern: base codes 0..3, at least one base.
     explicit PatternEdits(const std::vector<int>& pattern);
 
-    // text: base codes 0..3. The pattern's length when the text is empty.
-    int Best(const uint8_t* text, size_t length) const;
+    // text: base codes 0..3. The text bases j, in order, that end a stretch
+    // the whole pattern turns into with at most `most` edits.
+    void Ends(const uint8_t* text, size_t length, int most, std::vector<int>& ends) const;
 
     size_t Length() const { return length_; }
 

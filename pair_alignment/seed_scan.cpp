@@ -232,7 +232,11 @@ void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t tar
     const int need = min_cover_[target];
     const size_t spots_before = spots.size();
     const Work::Hit* behind = first;
+    int32_t own_at = std::numeric_limits<int32_t>::min() / 2;  // the latest seed of the target itself
     for (const Work::Hit* hit = first; hit < last; ++hit) {
+        if (hit->target == target) own_at = hit->position;
+        // A group needs a seed of its own (below): none within reach, no group.
+        if (own_at < hit->position - reach) continue;
         while (behind->position < hit->position - reach)
             ++behind;
         int cover = 0;
