@@ -16,21 +16,25 @@
 //   x in [open1, max(M - min(open2, start2), open1, start1)]
 // and the same for y with the roles swapped, as long as a start gap costs no
 // more than an open one (start >= open in the negated costs): by induction
-// over i (x) and j (y). So with every cost within K = kLimit8Cost the biased
-// values below (X, Y, z) lie within [-2K, 2K] and the sums formed from them
-// (X - c, z + c) within [-4K, 4K]: a byte holds them all, so wrapping and
-// saturating arithmetic agree.
+// over i (x) and j (y). So with every cost within K = kLimit8Cost, x and y
+// lie within [-K, 2K], and the shifted values below fit a byte.
 // The last row and column are different: with a free end gap (end1 = 0), y on
 // row L1 grows with the stretch of window after the reference. They are
 // computed on scores instead, in 16-bit lanes (the caller keeps the whole
 // range within kLimit16): S(L1 - 1, j) and S(i, L2 - 1) are summed up from
 // the differences, S(L1, j) and S(i, L2) follow the plain recurrence.
 //
-// Rows go along j; the differences are kept biased,
-// X = x + open2 and Y = y + open1, so that with w = max(M, X(i-1, j)):
-//   z = max(w, Y(i, j-1)),  Y(i, j) = z - (X(i-1, j) - c),  X(i, j) = (z + c) - Y(i, j-1)
-// where c = open1 + open2: six operations a cell, of which only a max and a
-// subtraction lie on the chain from one cell to the next.
+// Rows go along j. The differences are kept shifted so that a cell costs
+// four operations, two maxima and two subtractions: with c = open1 + open2,
+//   A = x - open1,  Yt = y - open2,  zt = z - c,  Mt = M - c
+// the recurrence above becomes
+//   zt = max(Mt, A(i-1, j), Yt(i, j-1)),  A(i, j) = zt - Yt(i, j-1),  Yt(i, j) = zt - A(i-1, j)
+// and only a max and a subtraction lie on the chain from one cell to the
+// next. By the bounds above A and Yt lie within [0, 3K] and Mt within
+// [-3K, 3K], so zt lies within [0, 3K] and both differences within
+// [-3K, 3K]: a byte holds every value, so wrapping and saturating arithmetic
+// agree. Mt is the block's profile less c, made once per block in the work
+// space after the row (rows holds l2 + 1 + l1 * n lane blocks).
 //
 // B provides: kLanes, Elem (int8_t), T, Load, Store, Add, Sub, Max, Set1, and
 // a 16-bit type W of the same lanes with Widen(T), AddW, MaxW, Set1W and
@@ -43,14 +47,14 @@
 namespace PairAlignment::Core {
 namespace {
 
-// Cell (i, j) from above = X(i-1, j) and the profile's m = M(ref[i-1],
-// q[j-1]): left holds Y(i, j-1) and becomes Y(i, j); returns X(i, j).
+// Cell (i, j) from above = A(i-1, j) and the shifted profile's m = Mt(ref[i-1],
+// q[j-1]): left holds Yt(i, j-1) and becomes Yt(i, j); returns A(i, j).
 template <class B>
-__attribute__((always_inline)) inline typename B::T DiffCell(typename B::T m, typename B::T above, typename B::T& left,
-                                                             typename B::T both) {
+__attribute__((always_inline)) inline typename B::T DiffCell(typename B::T m, typename B::T above,
+                                                             typename B::T& left) {
     const typename B::T z = B::Max(B::Max(m, above), left);
-    const typename B::T x = B::Sub(B::Add(z, both), left);
-    left = B::Sub(z, B::Sub(above, both));
+    const typename B::T x = B::Sub(z, left);
+    left = B::Sub(z, above);
     return x;
 }
 
@@ -66,20 +70,23 @@ void ScoreDiffs(const LaneJob& job) {
     const Costs& c = job.costs;
     const int* query = job.query;
     const T both = B::Set1(c.open1 + c.open2);
-    const T first_x = B::Set1(c.start1 + c.open2);  // row 0
-    const T first_y = B::Set1(c.start2 + c.open1);  // column 0
+    const T first_x = B::Set1(c.start1 - c.open1);  // row 0: A with x = start1
+    const T first_y = B::Set1(c.start2 - c.open2);  // column 0: Yt with y = start2
     const W open1 = B::Set1W(c.open1), open2 = B::Set1W(c.open2);
     const W end1 = B::Set1W(c.end1), end2 = B::Set1W(c.end2);
-    const W unbias_x = B::Set1W(-c.open2), unbias_y = B::Set1W(-c.open1);
-    Elem* xs = static_cast<Elem*>(job.rows);  // X(i, j) at slot j, 1 <= j < l2
+    const W unbias_x = B::Set1W(c.open1), unbias_y = B::Set1W(c.open2);
+    Elem* xs = static_cast<Elem*>(job.rows);                   // A(i, j) at slot j, 1 <= j < l2
+    Elem* shifted = xs + static_cast<size_t>(l2 + 1) * lanes;  // Mt of the block, the profile's layout
     auto match = [query](const Elem* row, int j) { return B::Load(row + query[j - 1] * B::kLanes); };
 
     for (int block = 0; block < job.blocks; ++block) {
         const Elem* profile = static_cast<const Elem*>(job.profile) + static_cast<size_t>(block) * l1 * step;
+        for (int k = 0; k < l1 * job.n; ++k)
+            B::Store(shifted + k * lanes, B::Sub(B::Load(profile + k * lanes), both));
         for (int j = 1; j < l2; ++j)
             B::Store(xs + j * lanes, first_x);
         // Column L2 on scores: left = S(i, L2 - 1), last = S(i, L2), one row
-        // at a time from y = Y(i, L2 - 1).
+        // at a time from Yt(i, L2 - 1).
         W left = B::Set1W((l2 - 1) * c.start1);
         W last = B::Set1W(l2 * c.start1);
         auto column = [&](const Elem* row, T y) {
@@ -90,30 +97,33 @@ void ScoreDiffs(const LaneJob& job) {
             left = next_left;
         };
         // Rows two at a time, the second one cell behind: cell (i + 1, j - 1)
-        // takes X(i, j - 1) from the step before, and the two chains from
+        // takes A(i, j - 1) from the step before, and the two chains from
         // cell to cell overlap.
         int i = 1;
         for (; i + 1 < l1; i += 2) {
             const Elem* row = profile + (i - 1) * step;
             const Elem* next_row = row + step;
+            const Elem* cells = shifted + (i - 1) * step;
+            const Elem* next_cells = cells + step;
             T y = first_y, next_y = first_y;
             if (l2 > 1) {
-                T x = DiffCell<B>(match(row, 1), B::Load(xs + lanes), y, both);
+                T x = DiffCell<B>(match(cells, 1), B::Load(xs + lanes), y);
                 for (int j = 2; j < l2; ++j) {
-                    const T here = DiffCell<B>(match(row, j), B::Load(xs + j * lanes), y, both);
-                    B::Store(xs + (j - 1) * lanes, DiffCell<B>(match(next_row, j - 1), x, next_y, both));
+                    const T here = DiffCell<B>(match(cells, j), B::Load(xs + j * lanes), y);
+                    B::Store(xs + (j - 1) * lanes, DiffCell<B>(match(next_cells, j - 1), x, next_y));
                     x = here;
                 }
-                B::Store(xs + (l2 - 1) * lanes, DiffCell<B>(match(next_row, l2 - 1), x, next_y, both));
+                B::Store(xs + (l2 - 1) * lanes, DiffCell<B>(match(next_cells, l2 - 1), x, next_y));
             }
             column(row, y);
             column(next_row, next_y);
         }
         if (i < l1) {
             const Elem* row = profile + (i - 1) * step;
+            const Elem* cells = shifted + (i - 1) * step;
             T y = first_y;
             for (int j = 1; j < l2; ++j)
-                B::Store(xs + j * lanes, DiffCell<B>(match(row, j), B::Load(xs + j * lanes), y, both));
+                B::Store(xs + j * lanes, DiffCell<B>(match(cells, j), B::Load(xs + j * lanes), y));
             column(row, y);
         }
         // Row L1 on scores: above = S(L1 - 1, j - 1), here = S(L1, j).

@@ -77,7 +77,7 @@ struct LaneJob {
     const int* lengths = nullptr;
     const void* profile = nullptr;  // blocks * l1 * n lane blocks
     int blocks = 0;
-    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space (8-bit: l2 + 1)
+    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space (8-bit: l2 + 1 + l1 * n)
     int* scores = nullptr;  // blocks * lanes results
 };
 using ScoreLanesFn = void (*)(const LaneJob&);
