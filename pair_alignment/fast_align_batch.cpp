@@ -161,6 +161,8 @@ void FastAlign::ScoreBatch(const ReferenceBatch& batch, const brim::data_wrapper
         const auto* profile8 = FindProfile(group.profiles8, kernels.block_bytes8);
         const size_t row_blocks = 4 * (static_cast<size_t>(l2) + 3);
         if (use16 && costs_fit8_ && profile8 != nullptr && w.band_covers_matrix) {
+            w.query_offsets8.resize(static_cast<size_t>(l2));
+            job.query_offsets = w.query_offsets8.data();
             run(*profile8, w.lane_rows8, static_cast<size_t>(l2) + 1 + static_cast<size_t>(l1) * n_,
                 kernels.core.score_lanes8);
             byte_cells += GroupCells(group, l2);

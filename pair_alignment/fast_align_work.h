@@ -31,6 +31,7 @@ struct FastAlign::Work {
     AlignedVector<int32_t> lane_rows32;
     AlignedVector<int8_t> lane_rows8;
     std::vector<int> lane_scores;
+    std::vector<int> query_offsets8;  // the 8-bit kernel's work space
     Path scratch_path;
 };
 

@@ -77,7 +77,12 @@ void ScoreDiffs(const LaneJob& job) {
     const W unbias_x = B::Set1W(c.open1), unbias_y = B::Set1W(c.open2);
     Elem* xs = static_cast<Elem*>(job.rows);                   // A(i, j) at slot j, 1 <= j < l2
     Elem* shifted = xs + static_cast<size_t>(l2 + 1) * lanes;  // Mt of the block, the profile's layout
-    auto match = [query](const Elem* row, int j) { return B::Load(row + query[j - 1] * B::kLanes); };
+    // Query code times the lane count, once per call: a cell's profile
+    // address is then one load and an add away.
+    int* at = job.query_offsets;
+    for (int j = 0; j < l2; ++j)
+        at[j] = query[j] * lanes;
+    auto match = [at](const Elem* row, int j) { return B::Load(row + at[j - 1]); };
 
     for (int block = 0; block < job.blocks; ++block) {
         const Elem* profile = static_cast<const Elem*>(job.profile) + static_cast<size_t>(block) * l1 * step;
@@ -108,6 +113,7 @@ void ScoreDiffs(const LaneJob& job) {
             T y = first_y, next_y = first_y;
             if (l2 > 1) {
                 T x = DiffCell<B>(match(cells, 1), B::Load(xs + lanes), y);
+#pragma GCC unroll 2
                 for (int j = 2; j < l2; ++j) {
                     const T here = DiffCell<B>(match(cells, j), B::Load(xs + j * lanes), y);
                     B::Store(xs + (j - 1) * lanes, DiffCell<B>(match(next_cells, j - 1), x, next_y));

@@ -77,8 +77,9 @@ struct LaneJob {
     const int* lengths = nullptr;
     const void* profile = nullptr;  // blocks * l1 * n lane blocks
     int blocks = 0;
-    void* rows = nullptr;   // 4 * (l2 + 3) lane blocks of work space (8-bit: l2 + 1 + l1 * n)
-    int* scores = nullptr;  // blocks * lanes results
+    void* rows = nullptr;          // 4 * (l2 + 3) lane blocks of work space (8-bit: l2 + 1 + l1 * n)
+    int* scores = nullptr;         // blocks * lanes results
+    int* query_offsets = nullptr;  // 8-bit kernel: l2 ints of work space
 };
 using ScoreLanesFn = void (*)(const LaneJob&);
 constexpr int kNarrowBlockBytes = 32;
