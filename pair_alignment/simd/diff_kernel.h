@@ -53,8 +53,11 @@ template <class B>
 __attribute__((always_inline)) inline typename B::T DiffCell(typename B::T m, typename B::T above,
                                                              typename B::T& left) {
     const typename B::T z = B::Max(B::Max(m, above), left);
-    const typename B::T x = B::Sub(z, left);
+    typename B::T x = B::Sub(z, left);
     left = B::Sub(z, above);
+    // Where B offers it, an empty barrier: without it GCC rewrites the next
+    // row's z - x as (z - z') + y and forms both, seven operations for four.
+    if constexpr (requires { B::Opaque(x); }) B::Opaque(x);
     return x;
 }
 
@@ -101,30 +104,27 @@ void ScoreDiffs(const LaneJob& job) {
                            B::AddW(last, end2));
             left = next_left;
         };
-        // Rows two at a time, the second one cell behind: cell (i + 1, j - 1)
-        // takes A(i, j - 1) from the step before, and the two chains from
-        // cell to cell overlap.
+        // Rows four at a time, column by column: the four cells of a column
+        // share the query code and the load and store of A, and the four
+        // chains from cell to cell (one per row) overlap.
         int i = 1;
-        for (; i + 1 < l1; i += 2) {
-            const Elem* row = profile + (i - 1) * step;
-            const Elem* next_row = row + step;
+        for (; i + 3 < l1; i += 4) {
             const Elem* cells = shifted + (i - 1) * step;
-            const Elem* next_cells = cells + step;
-            T y = first_y, next_y = first_y;
-            if (l2 > 1) {
-                T x = DiffCell<B>(match(cells, 1), B::Load(xs + lanes), y);
-#pragma GCC unroll 2
-                for (int j = 2; j < l2; ++j) {
-                    const T here = DiffCell<B>(match(cells, j), B::Load(xs + j * lanes), y);
-                    B::Store(xs + (j - 1) * lanes, DiffCell<B>(match(next_cells, j - 1), x, next_y));
-                    x = here;
-                }
-                B::Store(xs + (l2 - 1) * lanes, DiffCell<B>(match(next_cells, l2 - 1), x, next_y));
+            T y0 = first_y, y1 = first_y, y2 = first_y, y3 = first_y;
+            for (int j = 1; j < l2; ++j) {
+                const int at_j = at[j - 1];
+                T x = DiffCell<B>(B::Load(cells + at_j), B::Load(xs + j * lanes), y0);
+                x = DiffCell<B>(B::Load(cells + step + at_j), x, y1);
+                x = DiffCell<B>(B::Load(cells + 2 * step + at_j), x, y2);
+                B::Store(xs + j * lanes, DiffCell<B>(B::Load(cells + 3 * step + at_j), x, y3));
             }
-            column(row, y);
-            column(next_row, next_y);
+            const Elem* row = profile + (i - 1) * step;
+            column(row, y0);
+            column(row + step, y1);
+            column(row + 2 * step, y2);
+            column(row + 3 * step, y3);
         }
-        if (i < l1) {
+        for (; i < l1; ++i) {
             const Elem* row = profile + (i - 1) * step;
             const Elem* cells = shifted + (i - 1) * step;
             T y = first_y;

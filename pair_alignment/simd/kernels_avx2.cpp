@@ -96,6 +96,7 @@ struct Bytes {
     static T Sub(T a, T b) { return _mm256_sub_epi8(a, b); }
     static T Max(T a, T b) { return _mm256_max_epi8(a, b); }
     static T Set1(int x) { return _mm256_set1_epi8(static_cast<char>(x)); }
+    static void Opaque(T& a) { asm("" : "+x"(a)); }  // diff_kernel.h
     static W Widen(T a) {
         return {_mm256_cvtepi8_epi16(_mm256_castsi256_si128(a)), _mm256_cvtepi8_epi16(_mm256_extracti128_si256(a, 1))};
     }

@@ -86,6 +86,7 @@ struct Bytes {
     static T Sub(T a, T b) { return _mm512_sub_epi8(a, b); }
     static T Max(T a, T b) { return _mm512_max_epi8(a, b); }
     static T Set1(int x) { return _mm512_set1_epi8(static_cast<char>(x)); }
+    static void Opaque(T& a) { asm("" : "+v"(a)); }  // diff_kernel.h
     // Zero-masking extracts with every element selected, for the reason given
     // at Max above.
     static W Widen(T a) {
