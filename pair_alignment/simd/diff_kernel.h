@@ -41,6 +41,7 @@
 // StoreW(int16_t*, W).
 
 #include <cstdint>
+#include <type_traits>
 
 #include "pair_alignment/simd/fast_align_core.h"
 
@@ -104,34 +105,35 @@ void ScoreDiffs(const LaneJob& job) {
                            B::AddW(last, end2));
             left = next_left;
         };
-        // Rows four at a time, column by column: the four cells of a column
-        // share the query code and the load and store of A, and the four
-        // chains from cell to cell (one per row) overlap.
-        int i = 1;
-        for (; i + 3 < l1; i += 4) {
+        // Rows R at a time, column by column: the R cells of a column share
+        // the query offset and one load and store of A, and the R chains from
+        // cell to cell (one per row) overlap. Eight rows, then four, then one.
+        auto rows = [&](auto count, int i) {
+            constexpr int R = decltype(count)::value;
             const Elem* cells = shifted + (i - 1) * step;
-            T y0 = first_y, y1 = first_y, y2 = first_y, y3 = first_y;
+            T y[R];
+#pragma GCC unroll 8
+            for (int r = 0; r < R; ++r)
+                y[r] = first_y;
             for (int j = 1; j < l2; ++j) {
                 const int at_j = at[j - 1];
-                T x = DiffCell<B>(B::Load(cells + at_j), B::Load(xs + j * lanes), y0);
-                x = DiffCell<B>(B::Load(cells + step + at_j), x, y1);
-                x = DiffCell<B>(B::Load(cells + 2 * step + at_j), x, y2);
-                B::Store(xs + j * lanes, DiffCell<B>(B::Load(cells + 3 * step + at_j), x, y3));
+                T x = B::Load(xs + j * lanes);
+#pragma GCC unroll 8
+                for (int r = 0; r < R; ++r)
+                    x = DiffCell<B>(B::Load(cells + r * step + at_j), x, y[r]);
+                B::Store(xs + j * lanes, x);
             }
-            const Elem* row = profile + (i - 1) * step;
-            column(row, y0);
-            column(row + step, y1);
-            column(row + 2 * step, y2);
-            column(row + 3 * step, y3);
-        }
-        for (; i < l1; ++i) {
-            const Elem* row = profile + (i - 1) * step;
-            const Elem* cells = shifted + (i - 1) * step;
-            T y = first_y;
-            for (int j = 1; j < l2; ++j)
-                B::Store(xs + j * lanes, DiffCell<B>(match(cells, j), B::Load(xs + j * lanes), y));
-            column(row, y);
-        }
+#pragma GCC unroll 8
+            for (int r = 0; r < R; ++r)
+                column(profile + (i - 1 + r) * step, y[r]);
+        };
+        int i = 1;
+        for (; i + 7 < l1; i += 8)
+            rows(std::integral_constant<int, 8>{}, i);
+        for (; i + 3 < l1; i += 4)
+            rows(std::integral_constant<int, 4>{}, i);
+        for (; i < l1; ++i)
+            rows(std::integral_constant<int, 1>{}, i);
         // Row L1 on scores: above = S(L1 - 1, j - 1), here = S(L1, j).
         // S(L1, j) = max(S(L1-1, j-1) + M, S(L1, j-1) + end1, S(L1-1, j) + gap2(j))
         const Elem* row = profile + (l1 - 1) * step;
