@@ -125,8 +125,7 @@ def case_bam_round_trip(ctx):
     """FASTQ and the same reads as BAM give the same calls; BAM output keeps
     every input tag, adds the arrangement, and trims like FASTQ output."""
     need_samtools()
-    records, _ = ctx.simulate("rt", 240, 71)
-    split_into_files(ctx.path("fq"), records, ["a.fastq", "b.fastq.gz"])
+    records, _ = ctx.simulate("rt", 240, 71, ["a.fastq", "b.fastq.gz"], folder="fq")
     first, second = by_run_id(records)
     os.makedirs(ctx.path("bam"))
     run_a = title_fields(first[0][0])["runid"]
@@ -323,8 +322,7 @@ def case_bam_run_id_from_read_group(ctx):
     calls, files and reads as the FASTQ with runid= in the titles. A read
     group with PU alone files its reads under the PU, with one warning."""
     need_samtools()
-    records, _ = ctx.simulate("rg", 240, 76)
-    split_into_files(ctx.path("fq"), records, ["a.fastq"])
+    records, _ = ctx.simulate("rg", 240, 76, ["a.fastq"], folder="fq")
     groups = by_run_id(records)
     check(len(groups) >= 2, "the case needs the reads of two runs")
     lines = ["@HD\tVN:1.6\tSO:unsorted"]
@@ -459,8 +457,7 @@ def write_sheet(ctx, name, text):
 
 
 def case_sample_sheet(ctx):
-    records, _ = ctx.simulate("samples", 300, 74)
-    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    records, _ = ctx.simulate("samples", 300, 74, ["a.fastq", "b.fastq.gz"])
     ctx.run(barcoder_args("in", "plain"))
     _, plain = read_summary(ctx.path("plain", SUMMARY), 18)
     sheet = write_sheet(ctx, "sheet.tsv", "# plate 1\nsample\tarrangement\tdescription\n"
@@ -577,20 +574,12 @@ def case_sample_sheet_pairs(ctx):
     folders = sorted(d for d in os.listdir(ctx.path("out")) if os.path.isdir(ctx.path("out", d)))
     check(set(folders) <= set(samples.values()) | {"unclassified"} and "B" in folders, f"folders {folders}")
 
-    # A faulty sheet is refused, naming the line; the plain kit sections
-    # still serve a sheet of arrangements.
-    cases = [
-        ("arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
-         "Sample sheet 'bad.tsv', line 1: the header names 'arrangement' and 'front'"),
-        ("front\trear\tsample\nF01\tR01\tA\nF02\tR01\tB\nF01\tR01\tC\n",
-         "Sample sheet 'bad.tsv', line 4: the pair F01 + R01 is already listed on line 2."),
-        ("front\trear\tsample\nF01\tR07\tA\n",
-         "Sample sheet 'bad.tsv', line 2: the rear barcode 'R07' is not a single-barcode arrangement"),
-    ]
-    for text, message in cases:
-        write_sheet(ctx, "bad.tsv", text)
-        result = ctx.run(kit + ["-i", "in", "-s", "refused", "--sample_sheet", "bad.tsv"], expect=255)
-        check(message in result.stdout, f"expected {message!r}:\n{result.stdout[-1500:]}")
+    # A sheet naming a barcode the kit does not have is refused, naming the
+    # line (the unit tests pin every fault's message).
+    write_sheet(ctx, "bad.tsv", "front\trear\tsample\nF01\tR07\tA\n")
+    result = ctx.run(kit + ["-i", "in", "-s", "refused", "--sample_sheet", "bad.tsv"], expect=255)
+    check("Sample sheet 'bad.tsv', line 2: the rear barcode 'R07' is not a single-barcode arrangement" in result.stdout,
+          result.stdout[-1500:])
 
 
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}

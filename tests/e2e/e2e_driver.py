@@ -60,18 +60,23 @@ class Context:
                           f"stdout:\n{result.stdout[-3000:]}\nstderr:\n{result.stderr[-3000:]}")
         return result
 
-    def simulate(self, name, reads, seed):
+    def simulate(self, name, reads, seed, files=(), folder="in"):
         """Simulated reads as a list of (title, sequence, quality), and the
         expected arrangement per read id: the barcode of a read that carries
-        one at its front, "unclassified" for one without, None for chimeras."""
-        folder = self.path("sim_" + name)
-        os.makedirs(folder, exist_ok=True)
-        fastq = os.path.join(folder, "reads.fastq")
-        truth = os.path.join(folder, "truth.tsv")
+        one at its front, "unclassified" for one without, None for chimeras.
+        With files, the reads are also written round-robin into those files
+        of folder."""
+        scratch = self.path("sim_" + name)
+        os.makedirs(scratch, exist_ok=True)
+        fastq = os.path.join(scratch, "reads.fastq")
+        truth = os.path.join(scratch, "truth.tsv")
         subprocess.run([sys.executable, os.path.join(self.source, "tools", "simulate_reads.py"), "-o", fastq,
                         "--truth", truth, "--kit", KIT, "-n", str(reads), "--seed", str(seed)],
                        check=True, capture_output=True, text=True)
-        return read_fastq(fastq), read_truth(truth)
+        records = read_fastq(fastq)
+        if files:
+            split_into_files(self.path(folder), records, files)
+        return records, read_truth(truth)
 
 
 # ---------------------------------------------------------------- file helpers
@@ -167,8 +172,7 @@ def barcoder_args(inputs, save, *extra):
 # ---------------------------------------------------------------- cases
 
 def case_classification(ctx):
-    records, truth = ctx.simulate("cls", 240, 11)
-    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz", "c.fastq"])
+    records, truth = ctx.simulate("cls", 240, 11, ["a.fastq", "b.fastq.gz", "c.fastq"])
     result = ctx.run(barcoder_args("in", "out", "-t", "2", "-q", "4"))
     _, rows = read_summary(ctx.path("out", SUMMARY), 18)
     check(set(rows) == {read_id(r[0]) for r in records}, "summary rows do not match the input reads")
@@ -203,8 +207,7 @@ def case_classification(ctx):
 
 
 def case_trimming(ctx):
-    records, _ = ctx.simulate("trim", 120, 12)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    records, _ = ctx.simulate("trim", 120, 12, ["a.fastq"])
     ctx.run(barcoder_args("in", "out", "--trim_barcodes"))
     header, rows = read_summary(ctx.path("out", SUMMARY), 20)
     check(header[18:] == ["barcode_front_total_trimmed", "barcode_rear_total_trimmed"], f"header {header}")
@@ -230,15 +233,6 @@ def case_trimming(ctx):
         for column in (18, 19):
             if int(row[column]) > 4:
                 check(int(less[rid][column]) == int(row[column]) - 4, f"{rid}: extra trim not applied")
-
-
-def case_stdin_file_list(ctx):
-    records, _ = ctx.simulate("stdin", 40, 15)
-    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
-    listing = "".join(ctx.path("in", name) + "\n" for name in ("a.fastq", "b.fastq.gz"))
-    ctx.run(barcoder_args("", "out"), stdin_text=listing)
-    _, rows = read_summary(ctx.path("out", SUMMARY), 18)
-    check(len(rows) == len(records), f"{len(rows)} rows from the listed files, expected {len(records)}")
 
 
 def case_reads_without_run_id(ctx):
@@ -454,8 +448,7 @@ def case_few_file_descriptors(ctx):
 
 
 def case_both_ends_required(ctx):
-    records, truth = ctx.simulate("both", 120, 22)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    records, truth = ctx.simulate("both", 120, 22, ["a.fastq"])
     ctx.run(barcoder_args("in", "out", "--require_barcodes_both_ends", "--min_score", "50"))
     _, rows = read_summary(ctx.path("out", SUMMARY), 18)
     classified = [row for row in rows.values() if row[1] != "unclassified"]
@@ -508,8 +501,7 @@ def case_barcode_quality(ctx):
     only those, to unclassified with their reason; the report counts them and
     gives each arrangement's expected wrong calls within the rounding of the
     qualities."""
-    records, _ = ctx.simulate("quality", 600, 41)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    records, _ = ctx.simulate("quality", 600, 41, ["a.fastq"])
     columns = ["--barcode_quality_column", "--unclassified_reason_column"]
     ctx.run(barcoder_args("in", "plain", *columns))
     header, plain = read_summary(ctx.path("plain", SUMMARY), 20)
@@ -555,8 +547,7 @@ def case_barcode_quality(ctx):
 
 
 def case_simd_builds_agree(ctx):
-    records, _ = ctx.simulate("simd", 300, 24)
-    split_into_files(ctx.path("in"), records, ["a.fastq", "b.fastq.gz"])
+    records, _ = ctx.simulate("simd", 300, 24, ["a.fastq", "b.fastq.gz"])
     with open("/proc/cpuinfo") as handle:
         flags = handle.read()
     builds = ["generic", "sse41", "avx2"] + (["avx512"] if " avx512bw" in flags and " avx512vl" in flags else [])
@@ -592,8 +583,7 @@ EARLIER = "earlier run\n"
 def prepare_earlier_run(ctx, reads=10, seed=30):
     """An input folder and a save folder holding an earlier run's summary and
     one FASTQ file, which a refused run must leave exactly as they are."""
-    records, _ = ctx.simulate("refused", reads, seed)
-    split_into_files(ctx.path("in"), records, ["a.fastq"])
+    records, _ = ctx.simulate("refused", reads, seed, ["a.fastq"])
     os.makedirs(ctx.path("out", "barcode01"), exist_ok=True)
     with open(ctx.path("out", SUMMARY), "w") as handle:
         handle.write(EARLIER)
@@ -716,7 +706,8 @@ def case_discovery(ctx):
     """Links to nowhere or to themselves are named and passed over; output
     below the input folder is never read back in, also by a second run; the
     input folder as save folder has its subfolders left unsearched, as has
-    every run without -r. (Which names count: the unit tests.)"""
+    every run without -r; without -i the files listed on standard input are
+    read. (Which names count: the unit tests.)"""
     records, _ = ctx.simulate("entries", 60, 32)
     split_into_files(ctx.path("in"), records[:40], [f"f{k:02d}.fastq" for k in range(20)])
     split_into_files(ctx.path("in", "sub"), records[40:], ["b.fastq"])
@@ -734,6 +725,11 @@ def case_discovery(ctx):
           "no warning that the subfolders were not searched")
     result = ctx.run(barcoder_args("in", "flat"))
     check("Found 20 fastq files." in result.stdout, f"without -r subfolders were searched:\n{result.stdout}")
+    # Without -i the files are those listed on standard input.
+    listing = "".join(ctx.path("in", name) + "\n" for name in ("f00.fastq", "f01.fastq", "sub/b.fastq"))
+    ctx.run(barcoder_args("", "listed"), stdin_text=listing)
+    _, rows = read_summary(ctx.path("listed", SUMMARY), 18)
+    check(set(rows) == {read_id(r[0]) for r in records[0:40:20] + records[1:40:20] + records[40:]}, "listed files")
 
 
 CASES = {name[len("case_"):]: fn for name, fn in globals().items() if name.startswith("case_")}
