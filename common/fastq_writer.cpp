@@ -131,12 +131,15 @@ FastqWriter::Series& FastqWriter::FindSeries(const Key& key, const std::string& 
 }
 
 void FastqWriter::CloseLeastRecentlyUsed() {
-    Series* oldest = nullptr;
-    for (auto& [key, series] : series_) {
-        if (series->file.IsOpen() && (oldest == nullptr || series->last_use < oldest->last_use)) oldest = series.get();
-    }
-    if (oldest == nullptr) return;
-    CloseSeriesFile(*oldest);
+    if (open_by_use_.empty()) return;
+    CloseSeriesFile(*open_by_use_.begin()->second);
+}
+
+// Every open file is in open_by_use_ under its last use, so that the least
+// recently used one is found at once however many series there are.
+void FastqWriter::NoteClosed(Series& series) {
+    open_by_use_.erase(series.last_use);
+    --open_count_;
 }
 
 // The trailer goes on before the file closes; the descriptor is released even
@@ -153,10 +156,10 @@ void FastqWriter::CloseSeriesFile(Series& series) {
             series.file.Close();
         } catch (const OutputError&) {
         }
-        --open_count_;
+        NoteClosed(series);
         throw;
     }
-    --open_count_;
+    NoteClosed(series);
     series.trailer_on_disk = !file_trailer_.empty();
     series.file.Close();
 }
@@ -175,8 +178,12 @@ void FastqWriter::NoteUndo(Series& series, const std::string& path, uint64_t siz
 // same name is replaced) and writes the header; a reopen after an eviction
 // cuts the trailer off and appends.
 void FastqWriter::EnsureOpen(Series& series) {
-    series.last_use = ++use_clock_;
-    if (series.file.IsOpen()) return;
+    if (series.file.IsOpen()) {
+        open_by_use_.erase(series.last_use);
+        series.last_use = ++use_clock_;
+        open_by_use_.emplace(series.last_use, &series);
+        return;
+    }
     while (open_count_ >= max_open_)
         CloseLeastRecentlyUsed();
     const std::string path = series.Path(options_);
@@ -211,6 +218,8 @@ void FastqWriter::EnsureOpen(Series& series) {
         }
     }
     ++open_count_;
+    series.last_use = ++use_clock_;
+    open_by_use_.emplace(series.last_use, &series);
     if (series.created) return;
     series.created = true;
     NoteUndo(series, path, 0, series.created_batch == batch_id_);
@@ -306,7 +315,7 @@ void FastqWriter::RollbackBatch() {
             series.file.Close();
         } catch (const OutputError&) {
         }
-        --open_count_;
+        NoteClosed(series);
     }
     for (const auto& [path, size, created, series] : undo) {
         try {
@@ -444,6 +453,7 @@ void FastqWriter::Finalise() {
         }
     }
     open_count_ = 0;
+    open_by_use_.clear();
     series_.clear();
     if (!failures.empty()) throw OutputError(failures);
 }

@@ -143,6 +143,7 @@ private:
     void EnsureOpen(Series& series);
     void CloseSeriesFile(Series& series);
     void CloseLeastRecentlyUsed();
+    void NoteClosed(Series& series);
     void NoteUndo(Series& series, const std::string& path, uint64_t size, bool created);
 
     std::vector<std::string> save_paths_;
@@ -154,6 +155,7 @@ private:
     std::map<Key, std::unique_ptr<Series>> series_;
     size_t open_count_ = 0;
     uint64_t use_clock_ = 0;
+    std::map<uint64_t, Series*> open_by_use_;  // the open files by last use, oldest first
     bool in_batch_ = false;
     uint64_t batch_id_ = 0;
     struct Undo {
