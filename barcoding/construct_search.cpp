@@ -99,6 +99,7 @@ ConstructSearch::~ConstructSearch() = default;
 void ConstructSearch::Find(const std::vector<uint8_t>& read, std::vector<FoundConstruct>& found) {
     found.clear();
     candidates_.clear();
+    aligned_.clear();
     scan_.Find(read.data(), read.size(), spots_, scan_work_);
     for (const auto& spot : spots_)
         for (uint32_t reference : scan_.Members(spot.target))
@@ -154,9 +155,16 @@ void ConstructSearch::Align(uint32_t reference, const std::vector<uint8_t>& read
     const int piece = LongestSpot(references_);
     const int step = std::max(1, piece - static_cast<int>(references_[reference].codes.size()) - 8);
     for (int from = begin; from < end; from += step) {
-        FoundConstruct construct;
-        if (Verify(reference, read, from, std::min(end, from + piece), construct)) candidates_.push_back(construct);
-        if (from + piece >= end) break;
+        // A construct in both its reference's spot and its family's is
+        // bounded to the same stretch twice: the second alignment could only
+        // add a copy of the first candidate, which the overlap rule drops.
+        const std::array<int, 3> stretch = {static_cast<int>(reference), from, std::min(end, from + piece)};
+        if (std::find(aligned_.begin(), aligned_.end(), stretch) == aligned_.end()) {
+            aligned_.push_back(stretch);
+            FoundConstruct construct;
+            if (Verify(reference, read, from, stretch[2], construct)) candidates_.push_back(construct);
+        }
+        if (stretch[2] >= end) break;
     }
 }
 

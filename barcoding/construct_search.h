@@ -8,6 +8,7 @@
 // left are aligned, and a construct counts when its presence (ScoreScale::
 // Presence: how far it fits better than random sequence) reaches the bar.
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -90,6 +91,7 @@ private:
     std::vector<int> window_;
     std::vector<std::pair<int, int>> path_;
     std::vector<FoundConstruct> candidates_;
+    std::vector<std::array<int, 3>> aligned_;  // (reference, begin, end) of every stretch aligned
 };
 
 // The read's bases as codes 0..3 (U as T). Throws for any other character.

@@ -23,22 +23,28 @@ PatternEdits::PatternEdits(const std::vector<int>& pattern)
         if (code < 0 || code > 3) throw std::runtime_error("PatternEdits: pattern bases must be codes 0..3");
         match_[static_cast<size_t>(code) * blocks_ + i / 64] |= uint64_t{1} << (i % 64);
     }
+    if (blocks_ > 1) return;
+    // One block: the pattern moves to the word's top bits, so that its last
+    // base is bit 63, and the rows below it match any base. Such rows stay 0
+    // in every column, as the free top row does.
+    const size_t free_rows = 64 - length_;
+    for (auto& word : match_)
+        word = free_rows == 0 ? word : (word << free_rows) | ((uint64_t{1} << free_rows) - 1);
 }
 
 void PatternEdits::Ends(const uint8_t* text, size_t length, int most, std::vector<int>& ends) const {
     ends.clear();
     int score = static_cast<int>(length_);
 
-    if (blocks_ == 1) {  // references up to 64 bases: no carries between blocks
-        const uint64_t last_bit = uint64_t{1} << (length_ - 1);
-        uint64_t pv = ~uint64_t{0}, mv = 0;
+    if (blocks_ == 1) {                                        // references up to 64 bases: no carries between blocks
+        uint64_t pv = ~uint64_t{0} << (64 - length_), mv = 0;  // the free rows start at 0, the pattern's at 1 each
         for (size_t j = 0; j < length; ++j) {
             const uint64_t eq = match_[text[j] & 3];
             const uint64_t xv = eq | mv;
             const uint64_t xh = (((eq & pv) + pv) ^ pv) | eq;
             uint64_t ph = mv | ~(xh | pv);
             uint64_t mh = pv & xh;
-            score += static_cast<int>((ph & last_bit) != 0) - static_cast<int>((mh & last_bit) != 0);
+            score += static_cast<int>(ph >> 63) - static_cast<int>(mh >> 63);
             ph <<= 1;
             mh <<= 1;
             pv = mh | ~(xv | ph);
