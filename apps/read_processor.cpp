@@ -401,18 +401,17 @@ int ReadProcessor::ProcessFastqFileAsync(const std::string& path) {
                 continue;
             }
             FastQRecord& record = reads.Record();
-            // The record moves on; its successor is read into strings of the
-            // same capacity, so reading does not regrow them line by line.
-            const size_t title = record.title.size(), bases = record.sequence.size();
+            // The record moves on; its successor is read into empty strings,
+            // each allocated once at the size of its line (a line is cut whole
+            // from the read buffer but for the rare one across a refill).
+            // Reserving the last read's sizes instead would reallocate for
+            // every longer read and keep slack in every batch.
             bool refused = false;
             GuardRead(record, [&] { refused = SubmitRead(std::move(record)) == 0; });
             if (refused) {
                 end.cut_short = true;
                 break;
             }
-            record.title.reserve(title);
-            record.sequence.reserve(bases);
-            record.qstring.reserve(bases);
             ++count;
         }
         return count;
