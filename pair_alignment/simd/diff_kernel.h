@@ -38,7 +38,7 @@
 //
 // B provides: kLanes, Elem (int8_t), T, Load, Store, Add, Sub, Max, Set1, and
 // a 16-bit type W of the same lanes with Widen(T), AddW, MaxW, Set1W and
-// StoreW(int16_t*, W).
+// StoreW(int16_t*, W); all but Widen come from OneWide or TwoWide below.
 
 #include <cstdint>
 #include <type_traits>
@@ -47,6 +47,34 @@
 
 namespace PairAlignment::Core {
 namespace {
+
+// The 16-bit side of a byte type whose lanes fit one register of the 16-bit
+// lane type Wide (the scalar build, AVX-512)...
+template <class Wide_>
+struct OneWide {
+    using Wide = Wide_;
+    using W = typename Wide::T;
+    static W AddW(const W& a, const W& b) { return Wide::Add(a, b); }
+    static W MaxW(const W& a, const W& b) { return Wide::Max(a, b); }
+    static W Set1W(int x) { return Wide::Set1(x); }
+    static void StoreW(int16_t* p, const W& a) { Wide::Store(p, a); }
+};
+
+// ... or need two of them, a low and a high half (SSE4.1, AVX2).
+template <class Wide_>
+struct TwoWide {
+    using Wide = Wide_;
+    struct W {
+        typename Wide::T lo, hi;
+    };
+    static W AddW(const W& a, const W& b) { return {Wide::Add(a.lo, b.lo), Wide::Add(a.hi, b.hi)}; }
+    static W MaxW(const W& a, const W& b) { return {Wide::Max(a.lo, b.lo), Wide::Max(a.hi, b.hi)}; }
+    static W Set1W(int x) { return {Wide::Set1(x), Wide::Set1(x)}; }
+    static void StoreW(int16_t* p, const W& a) {
+        Wide::Store(p, a.lo);
+        Wide::Store(p + Wide::kLanes, a.hi);
+    }
+};
 
 // Cell (i, j) from above = A(i-1, j) and the shifted profile's m = Mt(ref[i-1],
 // q[j-1]): left holds Yt(i, j-1) and becomes Yt(i, j); returns A(i, j).

@@ -82,14 +82,10 @@ struct Lanes {
 
 // Byte lanes for the 8-bit kernel: one register of 32 lanes; their scores
 // in two 16-bit blocks.
-struct Bytes {
+struct Bytes : TwoWide<Lanes<int16_t>> {
     using Elem = int8_t;
     static constexpr int kLanes = kByteBlockBytes;
     using T = __m256i;
-    using Wide = Lanes<int16_t>;
-    struct W {
-        Wide::T lo, hi;
-    };
     static T Load(const Elem* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
     static void Store(Elem* p, T a) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a); }
     static T Add(T a, T b) { return _mm256_add_epi8(a, b); }
@@ -99,13 +95,6 @@ struct Bytes {
     static void Opaque(T& a) { asm("" : "+x"(a)); }  // diff_kernel.h
     static W Widen(T a) {
         return {_mm256_cvtepi8_epi16(_mm256_castsi256_si128(a)), _mm256_cvtepi8_epi16(_mm256_extracti128_si256(a, 1))};
-    }
-    static W AddW(const W& a, const W& b) { return {Wide::Add(a.lo, b.lo), Wide::Add(a.hi, b.hi)}; }
-    static W MaxW(const W& a, const W& b) { return {Wide::Max(a.lo, b.lo), Wide::Max(a.hi, b.hi)}; }
-    static W Set1W(int x) { return {Wide::Set1(x), Wide::Set1(x)}; }
-    static void StoreW(int16_t* p, const W& a) {
-        Wide::Store(p, a.lo);
-        Wide::Store(p + Wide::kLanes, a.hi);
     }
 };
 

@@ -73,12 +73,10 @@ struct WideLanes {
 
 // Byte lanes for the 8-bit kernel: one register of 64 lanes, twice as many
 // per register as the 16-bit blocks above, which hold their scores.
-struct Bytes {
+struct Bytes : OneWide<WideLanes<int16_t>> {
     using Elem = int8_t;
     static constexpr int kLanes = kWideByteBlockBytes;
     using T = __m512i;
-    using Wide = WideLanes<int16_t>;
-    using W = Wide::T;
     static_assert(Wide::kLanes == kLanes);
     static T Load(const Elem* p) { return _mm512_loadu_si512(p); }
     static void Store(Elem* p, T a) { _mm512_storeu_si512(p, a); }
@@ -94,10 +92,6 @@ struct Bytes {
         return {{_mm512_cvtepi8_epi16(_mm512_maskz_extracti64x4_epi64(all, a, 0)),
                  _mm512_cvtepi8_epi16(_mm512_maskz_extracti64x4_epi64(all, a, 1))}};
     }
-    static W AddW(const W& a, const W& b) { return Wide::Add(a, b); }
-    static W MaxW(const W& a, const W& b) { return Wide::Max(a, b); }
-    static W Set1W(int x) { return Wide::Set1(x); }
-    static void StoreW(int16_t* p, const W& a) { Wide::Store(p, a); }
 };
 
 }  // namespace

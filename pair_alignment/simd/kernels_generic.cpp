@@ -60,19 +60,13 @@ struct ScalarLanes {
 
 // Byte lanes with the 16-bit lanes of the same count that the 8-bit kernel
 // sums its scores in.
-struct ScalarBytes : ScalarLanes<int8_t> {
-    using Wide = ScalarLanes<int16_t, kLanes>;
-    using W = Wide::T;
+struct ScalarBytes : ScalarLanes<int8_t>, OneWide<ScalarLanes<int16_t, ScalarLanes<int8_t>::kLanes>> {
     static W Widen(const T& a) {
         W r;
         for (int k = 0; k < kLanes; ++k)
             r.v[k] = a.v[k];
         return r;
     }
-    static W AddW(const W& a, const W& b) { return Wide::Add(a, b); }
-    static W MaxW(const W& a, const W& b) { return Wide::Max(a, b); }
-    static W Set1W(int x) { return Wide::Set1(x); }
-    static void StoreW(int16_t* p, const W& a) { Wide::Store(p, a); }
 };
 
 }  // namespace

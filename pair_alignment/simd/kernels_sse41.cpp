@@ -101,15 +101,11 @@ struct Lanes {
 
 // Byte lanes for the 8-bit kernel: two registers of 16 lanes; their scores
 // in two 16-bit blocks.
-struct Bytes {
+struct Bytes : TwoWide<Lanes<int16_t>> {
     using Elem = int8_t;
     static constexpr int kLanes = kByteBlockBytes;
-    using Wide = Lanes<int16_t>;
     struct T {
         __m128i lo, hi;
-    };
-    struct W {
-        Wide::T lo, hi;
     };
     static T Load(const Elem* p) {
         return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
@@ -128,13 +124,6 @@ struct Bytes {
     }
     static Wide::T Widen(__m128i a) { return {_mm_cvtepi8_epi16(a), _mm_cvtepi8_epi16(_mm_srli_si128(a, 8))}; }
     static W Widen(const T& a) { return {Widen(a.lo), Widen(a.hi)}; }
-    static W AddW(const W& a, const W& b) { return {Wide::Add(a.lo, b.lo), Wide::Add(a.hi, b.hi)}; }
-    static W MaxW(const W& a, const W& b) { return {Wide::Max(a.lo, b.lo), Wide::Max(a.hi, b.hi)}; }
-    static W Set1W(int x) { return {Wide::Set1(x), Wide::Set1(x)}; }
-    static void StoreW(int16_t* p, const W& a) {
-        Wide::Store(p, a.lo);
-        Wide::Store(p + Wide::kLanes, a.hi);
-    }
 };
 
 }  // namespace
