@@ -54,8 +54,24 @@ std::string Named(const char* prefix, int k) {
     return name;
 }
 
+// How often the estimate lands within 2x of the true count of moved reads and
+// its interval covers it, over runs with enough of them to judge.
 struct Coverage {
     int runs = 0, covered = 0, within_two = 0;
+
+    void Add(const CrossTalkEstimate& estimate, uint64_t assigned, uint64_t foreign) {
+        const double truth = static_cast<double>(foreign);
+        if (truth < 20) return;
+        ++runs;
+        const double estimated = estimate.run.share * static_cast<double>(assigned);
+        within_two += estimated <= 2 * truth && estimated >= truth / 2;
+        covered += estimate.run.low * assigned <= truth && truth <= estimate.run.high * assigned;
+    }
+    // The estimate rests on a count of its own: a rare run misses by more.
+    void Check() const {
+        EXPECT_GE(within_two, runs * 97 / 100) << within_two << " of " << runs;
+        EXPECT_GE(covered, runs * 9 / 10) << covered << " of " << runs;
+    }
 };
 
 // Arrangements: a misassigned read lands on any other arrangement of the kit
@@ -97,17 +113,10 @@ TEST(CrossTalk, ArrangementEstimateFindsASimulatedRate) {
         EXPECT_EQ(estimate.run.reads, assigned);
         // Reads that moved between listed arrangements (also two of one
         // sample's): what the estimate aims at.
-        const double truth = static_cast<double>(foreign);
-        if (truth < 20) continue;
-        ++run.runs;
-        const double estimated = estimate.run.share * static_cast<double>(assigned);
-        run.within_two += estimated <= 2 * truth && estimated >= truth / 2;
-        run.covered += estimate.run.low * assigned <= truth && truth <= estimate.run.high * assigned;
+        run.Add(estimate, assigned, foreign);
     }
     EXPECT_GT(run.runs, 100);
-    // The estimate rests on a count of its own: a rare run misses by more.
-    EXPECT_GE(run.within_two, run.runs * 97 / 100) << run.within_two << " of " << run.runs;
-    EXPECT_GE(run.covered, run.runs * 9 / 10) << run.covered << " of " << run.runs;
+    run.Check();
 }
 
 // Pairs: one end of a misassigned read carries the barcode of another read,
@@ -149,17 +158,10 @@ TEST(CrossTalk, PairEstimateFindsASimulatedRate) {
         uint64_t assigned = 0;
         for (const auto& [cell, count] : called)
             assigned += count;
-        const double truth = static_cast<double>(foreign);
-        if (truth < 20) continue;
-        ++run.runs;
-        const double estimated = estimate.run.share * static_cast<double>(assigned);
-        run.within_two += estimated <= 2 * truth && estimated >= truth / 2;
-        run.covered += estimate.run.low * assigned <= truth && truth <= estimate.run.high * assigned;
+        run.Add(estimate, assigned, foreign);
     }
     EXPECT_GT(run.runs, 80);
-    // The estimate rests on a count of its own: a rare run misses by more.
-    EXPECT_GE(run.within_two, run.runs * 97 / 100) << run.within_two << " of " << run.runs;
-    EXPECT_GE(run.covered, run.runs * 9 / 10) << run.covered << " of " << run.runs;
+    run.Check();
 }
 
 TEST(CrossTalk, NotMeasurableSaysWhy) {
