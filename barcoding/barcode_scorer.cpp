@@ -84,6 +84,10 @@ struct BarcodeScorer::End {
     // coordinates), found when an internal construct needs it.
     bool match_known = false;
     int match_begin = 0, match_end = 0;
+    // The reference last aligned with its path on this window (-1 = none),
+    // and the window bases [first, last] the path pairs with it.
+    int traced = -1;
+    int traced_first = -1, traced_last = -1;
 };
 
 BarcodeScorer::BarcodeScorer(const ScorerOptions& options, std::shared_ptr<BarcodeManager> manager,
@@ -202,6 +206,7 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     }
     end.read = &sequence;
     end.match_known = false;
+    end.traced = -1;
     end.window_start = static_cast<size_t>(begin);
     end.window.resize(static_cast<size_t>(count));
     for (int k = 0; k < count; ++k) {
@@ -218,6 +223,25 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     end.scale->Apply(end.raw_scores, end.scores, end.scale_work);
 }
 
+// The window bases [first, last] that the reference's path pairs with a
+// reference base (-1, -1: none). The call's detail and the search for
+// internal constructs both ask for the best reference's path: it is aligned
+// once per window.
+std::pair<int, int> BarcodeScorer::Trace(End& end, size_t reference) {
+    if (end.traced == static_cast<int>(reference)) return {end.traced_first, end.traced_last};
+    end.aligner->AlignOne(reference, end.window, end.path);
+    int first = -1, last = -1;
+    for (const auto& [ref, query] : end.path) {
+        if (ref < 0 || query < 0) continue;
+        if (first < 0) first = query;
+        last = query;
+    }
+    end.traced = static_cast<int>(reference);
+    end.traced_first = first;
+    end.traced_last = last;
+    return {first, last};
+}
+
 // Name, score and presence of one reference on the current window.
 void BarcodeScorer::Summarise(const End& end, size_t reference, BarcodeDetectResult& result) {
     result.id = end.names[reference];
@@ -231,13 +255,7 @@ void BarcodeScorer::Summarise(const End& end, size_t reference, BarcodeDetectRes
 void BarcodeScorer::Detail(End& end, size_t reference, BarcodeDetectResult& result) {
     Summarise(end, reference, result);
     result.reference_sequence = end.sequences[reference];
-    end.aligner->AlignOne(reference, end.window, end.path);
-    int first = -1, last = -1;
-    for (const auto& [ref, query] : end.path) {
-        if (ref < 0 || query < 0) continue;
-        if (first < 0) first = query;
-        last = query;
-    }
+    const auto [first, last] = Trace(end, reference);
     if (first < 0) {
         result.found_sequence.clear();
         result.begin_index = 0;
@@ -539,27 +557,20 @@ void BarcodeScorer::MakeSearch(const std::vector<int>& matrix) {
     search_ = std::make_unique<ConstructSearch>(std::move(references), matrix, options_.GapVector());
 }
 
-// Whether the construct is the one that end found: it overlaps the read
-// stretch that the end's best-fitting reference aligned to.
-bool BarcodeScorer::AtEnd(End& end, const FoundConstruct& construct) {
-    if (end.names.empty() || end.window.empty()) return false;
-    const int window_begin = static_cast<int>(end.window_start);
-    const int window_end = window_begin + static_cast<int>(end.window.size());
-    if (construct.end <= window_begin || construct.begin >= window_end) return false;
+// The read stretch [begin, end) that the end's best-fitting reference aligned
+// to; empty for an end without a window or references.
+std::pair<int, int> BarcodeScorer::EndMatch(End& end) {
+    if (end.names.empty() || end.window.empty()) return {0, 0};
     if (!end.match_known) {
+        const int window_begin = static_cast<int>(end.window_start);
+        const int window_end = window_begin + static_cast<int>(end.window.size());
         const auto best = std::max_element(end.raw_scores.begin(), end.raw_scores.end()) - end.raw_scores.begin();
-        end.aligner->AlignOne(static_cast<size_t>(best), end.window, end.path);
-        int first = -1, last = -1;
-        for (const auto& [ref, query] : end.path) {
-            if (ref < 0 || query < 0) continue;
-            if (first < 0) first = query;
-            last = query;
-        }
+        const auto [first, last] = Trace(end, static_cast<size_t>(best));
         end.match_begin = first < 0 ? window_end : window_begin + first;
         end.match_end = first < 0 ? window_end : window_begin + last + 1;
         end.match_known = true;
     }
-    return construct.begin < end.match_end && construct.end > end.match_begin;
+    return {end.match_begin, end.match_end};
 }
 
 const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::string& sequence) {
@@ -568,10 +579,21 @@ const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::
         front_->window.size() != std::min<size_t>(sequence.size(), std::max(options_.front_window_size, 0)))
         throw std::logic_error("InternalConstructs needs the read last given to Score");
     ReadCodes(sequence, read_codes_);
-    search_->Find(read_codes_, found_);
-    internal_.clear();
-    for (const auto& construct : found_)
-        if (!AtEnd(*front_, construct) && !AtEnd(*rear_, construct)) internal_.push_back(construct);
+    // A construct overlapping an end's match is that end's barcode, not an
+    // internal one. The search skips both matches: every read holds them,
+    // and with a flanked kit each would bring every barcode behind those
+    // flanks to the edit bound and the aligner.
+    std::array<std::pair<int, int>, 2> matches = {EndMatch(*front_), EndMatch(*rear_)};
+    if (matches[0].first > matches[1].first) std::swap(matches[0], matches[1]);
+    within_.clear();
+    int from = 0;
+    for (const auto& [begin, end] : matches) {
+        if (end <= begin) continue;
+        if (begin > from) within_.emplace_back(from, begin);
+        from = std::max(from, end);
+    }
+    if (static_cast<int>(sequence.size()) > from) within_.emplace_back(from, static_cast<int>(sequence.size()));
+    search_->Find(read_codes_, within_, internal_);
     return internal_;
 }
 

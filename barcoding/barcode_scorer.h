@@ -111,7 +111,8 @@ private:
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
     void TraceEnd(End& end);
     void MakeSearch(const std::vector<int>& matrix);
-    bool AtEnd(End& end, const FoundConstruct& construct);
+    std::pair<int, int> EndMatch(End& end);
+    static std::pair<int, int> Trace(End& end, size_t reference);
 
     ScorerOptions options_;
     std::shared_ptr<BarcodeManager> manager_;
@@ -144,7 +145,7 @@ private:
     TopTwo front_top_, rear_top_;
     std::unique_ptr<ConstructSearch> search_;  // with internal barcodes only
     std::vector<uint8_t> read_codes_;
-    std::vector<FoundConstruct> found_;
+    std::vector<std::pair<int, int>> within_;  // read stretches searched
     std::vector<FoundConstruct> internal_;
 };
 

@@ -97,13 +97,22 @@ ConstructSearch::ConstructSearch(std::vector<SearchReference> references, const 
 ConstructSearch::~ConstructSearch() = default;
 
 void ConstructSearch::Find(const std::vector<uint8_t>& read, std::vector<FoundConstruct>& found) {
+    Find(read, {{0, static_cast<int>(read.size())}}, found);
+}
+
+void ConstructSearch::Find(const std::vector<uint8_t>& read, const std::vector<std::pair<int, int>>& within,
+                           std::vector<FoundConstruct>& found) {
     found.clear();
     candidates_.clear();
     aligned_.clear();
-    scan_.Find(read.data(), read.size(), spots_, scan_work_);
-    for (const auto& spot : spots_)
-        for (uint32_t reference : scan_.Members(spot.target))
-            Bound(reference, read, spot.begin, spot.end);
+    for (const auto& [begin, end] : within) {
+        if (begin < 0 || end > static_cast<int>(read.size()) || end < begin)
+            throw std::logic_error("ConstructSearch: stretch outside the read");
+        scan_.Find(read.data() + begin, static_cast<size_t>(end - begin), spots_, scan_work_);
+        for (const auto& spot : spots_)
+            for (uint32_t reference : scan_.Members(spot.target))
+                Bound(reference, read, begin + spot.begin, begin + spot.end);
+    }
     // Best first; a construct overlapping a better one by more than half the
     // shorter of the two is the same construct.
     std::sort(candidates_.begin(), candidates_.end(), [](const FoundConstruct& x, const FoundConstruct& y) {

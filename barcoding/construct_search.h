@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pair_alignment/pattern_edits.h"
@@ -64,6 +65,10 @@ public:
     // constructs overlapping by more than half the shorter, the one of
     // higher presence.
     void Find(const std::vector<uint8_t>& read, std::vector<FoundConstruct>& found);
+    // The same, of constructs lying wholly inside one of the read stretches
+    // [begin, end) given (in read order, not overlapping).
+    void Find(const std::vector<uint8_t>& read, const std::vector<std::pair<int, int>>& within,
+              std::vector<FoundConstruct>& found);
 
     const std::vector<SearchReference>& References() const { return references_; }
     const PairAlignment::SeedScan& Scan() const { return scan_; }

@@ -182,6 +182,54 @@ TEST(ConstructSearchTest, RandomSequenceHoldsNone) {
     }
 }
 
+// Searching within read stretches finds the constructs that lie wholly in
+// one of them, and nothing that reaches outside.
+TEST(ConstructSearchTest, SearchesOnlyWithinTheStretchesGiven) {
+    std::mt19937 random(1803);
+    const auto references = Kit(random, 12, 20);
+    ConstructSearch search(references, kMatrix, Gaps());
+    std::vector<int> read = RandomCodes(random, 300);
+    std::vector<Span> planted;
+    for (int c = 0; c < 3; ++c) {
+        const auto& copy = references[random() % references.size()].codes;
+        planted.push_back({static_cast<int>(read.size()), static_cast<int>(read.size() + copy.size())});
+        read.insert(read.end(), copy.begin(), copy.end());
+        const auto spacer = RandomCodes(random, 300);
+        read.insert(read.end(), spacer.begin(), spacer.end());
+    }
+    const std::vector<uint8_t> bytes(read.begin(), read.end());
+    const int length = static_cast<int>(bytes.size());
+    std::vector<FoundConstruct> whole, found;
+    search.Find(bytes, whole);
+    ASSERT_EQ(whole.size(), 3u);
+    search.Find(bytes, {{0, length}}, found);
+    EXPECT_EQ(found.size(), 3u) << "the whole read as one stretch";
+    struct Case {
+        const char* name;
+        std::vector<std::pair<int, int>> within;
+        std::vector<int> expected;  // planted copies found
+    };
+    const std::vector<Case> cases = {
+        {"middle copy left out", {{0, planted[1].begin}, {planted[1].end, length}}, {0, 2}},
+        {"middle copy cut in half", {{0, (planted[1].begin + planted[1].end) / 2}}, {0}},
+        {"only the middle copy", {{planted[1].begin, planted[1].end}}, {1}},
+        {"nothing", {}, {}},
+    };
+    for (const auto& c : cases) {
+        search.Find(bytes, c.within, found);
+        std::vector<int> got;
+        for (const auto& construct : found) {
+            EXPECT_TRUE(
+                std::any_of(c.within.begin(), c.within.end(),
+                            [&](const auto& w) { return construct.begin >= w.first && construct.end <= w.second; }))
+                << c.name << ": " << construct.begin << ".." << construct.end << " reaches outside";
+            for (size_t p = 0; p < planted.size(); ++p)
+                if (Overlaps(planted[p], {construct})) got.push_back(static_cast<int>(p));
+        }
+        EXPECT_EQ(got, c.expected) << c.name;
+    }
+}
+
 FoundConstruct At(int begin, int end, bool starts) {
     FoundConstruct construct;
     construct.begin = begin;
