@@ -101,7 +101,11 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         out.quality = best.quality;
         out.error_probability = best.error_probability;
         out.candidate_quality = best.candidate_quality;
-        if (best.reason == Barcoding::UnclassifiedReason::kPairNotInSheet) out.unlisted = best.id;
+        // The cross-talk estimate scales unlisted pairs to listed calls, so it
+        // counts only those called as firmly: both ends passing.
+        if (best.reason == Barcoding::UnclassifiedReason::kPairNotInSheet &&
+            best.front.score >= policy.scorer.min_score && best.rear.score >= policy.scorer.min_score_rear_override)
+            out.unlisted = best.id;
         if (trimming) out.trim = TrimAmounts(best, policy.scorer, record.sequence.size());
     }
     // With a sample sheet, a read whose arrangement the sheet does not list

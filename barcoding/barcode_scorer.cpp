@@ -674,12 +674,17 @@ std::vector<ArrangementDetectResult> BarcodeScorer::ScorePair(size_t detailed) {
     }
     const bool start_ok = start_score >= options_.min_score;
     const bool end_ok = end_score >= options_.min_score_rear_override;
+    // An end below the minimum but above kPairEndSeenShare of it still shows
+    // which barcode it carries: too weakly to name a sample, enough to tell a
+    // read of a pair the sheet lacks from a read with one barcode.
+    const bool start_seen = start_ok || start_score >= kPairEndSeenShare * options_.min_score;
+    const bool end_seen = end_ok || end_score >= kPairEndSeenShare * options_.min_score_rear_override;
     if (!start_ok && !end_ok) {
         result.reason = UnclassifiedReason::kNoBarcodeAboveMinimum;
+    } else if (call.listed < 0 && start_seen && end_seen) {
+        result.reason = UnclassifiedReason::kPairNotInSheet;
     } else if (!start_ok || !end_ok) {
         result.reason = UnclassifiedReason::kOneEndOnly;
-    } else if (call.listed < 0) {
-        result.reason = UnclassifiedReason::kPairNotInSheet;
     }
     if (result.reason != UnclassifiedReason::kNone) result.normalised_id = "unclassified";
     return results;

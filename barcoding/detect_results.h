@@ -29,8 +29,9 @@ struct BarcodeDetectResult {
 // internal_barcodes, a mixed read rejected by reject_mixed_barcodes, then one
 // end passing where require_barcodes_both_ends (or a pair) asks for both, then
 // no barcode passing at all, then a call below min_barcode_quality. A pair
-// call has one more: both ends pass, but the sample sheet does not list their
-// pair.
+// call has one more, before "one end": the sample sheet does not list the
+// pair of its two ends (both passing, or one passing and the other close,
+// kPairEndSeenShare in barcode_scorer.h).
 enum class UnclassifiedReason : uint8_t {
     kNone,
     kNoBarcodeAboveMinimum,
