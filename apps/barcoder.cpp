@@ -710,7 +710,12 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
         chunk.record_ends.push_back(chunk.text.size());
     } else {
         record.title.append(1, ' ').append(out.title_tag);
-        chunk.AddRecord(record);
+        // Written from the record itself unless a worker compresses the text.
+        if (compress_fastq) {
+            chunk.AddRecord(record);
+        } else {
+            chunk.AddRecordView(record);
+        }
     }
     batch.summary += out.summary_row;
 

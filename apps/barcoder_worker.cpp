@@ -80,9 +80,11 @@ int BarcoderWorker::WorkerLoop() {
 void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
     for (auto& record : batch.reads)
         ProcessOne(record, batch);
-    // The input is no longer needed; free it before the batch waits for the writer.
-    std::vector<Common::FastQRecord>().swap(batch.reads);
+    // Plain FASTQ chunks point into the reads, which go to the writer with them.
     if (!compressor_) return;
+    // Else the input is no longer needed; free it before the batch waits for the writer.
+    std::vector<Common::FastQRecord>().swap(batch.reads);
+    std::vector<std::vector<Common::FastQRecord>>().swap(batch.parts);
     for (auto& chunk : batch.chunks) {
         compressor_->Append(chunk.text, chunk.gzip);
         if (!settings_.keep_text) std::string().swap(chunk.text);
@@ -148,11 +150,12 @@ void BarcoderWorker::WriteParts(const Common::FastQRecord& record,
             throw std::runtime_error("the part id '" + std::string(parts.back().ReadId()) +
                                      "' cannot be a BAM read name");
     }
-    for (auto& part : parts) {
+    // Kept with the batch: its chunks may point into them.
+    for (auto& part : batch.parts.emplace_back(std::move(parts))) {
         const auto results = scorer_->Score(part.sequence, settings_.detailed_results);
         owner_.WriteResults(results, part, batch, extras);
     }
-    batch.tally.internal.parts += parts.size();
+    batch.tally.internal.parts += batch.parts.back().size();
     batch.tally.internal.parts_dropped += dropped;
 }
 

@@ -31,6 +31,9 @@ struct ReadBatch {
     // From the worker, in read order.
     std::string summary;                     // summary rows
     std::vector<Common::FastqChunk> chunks;  // one per output series, by first appearance
+    // Reads cut into parts: the parts, which the chunks may point into like
+    // the reads (moving a vector keeps its elements where they are).
+    std::vector<std::vector<Common::FastQRecord>> parts;
     RunTally tally;
 
     // The chunk of (folder, run id), added at the end when new.

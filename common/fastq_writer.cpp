@@ -82,6 +82,13 @@ void FastqChunk::AddRecord(const FastQRecord& record) {
     record_ends.push_back(text.size());
 }
 
+// The same bytes as AppendTo, in place.
+void FastqChunk::AddRecordView(const FastQRecord& record) {
+    pieces.insert(pieces.end(), {record.title, "\n", record.sequence, "\n+\n", record.qstring, "\n"});
+    const size_t before = record_ends.empty() ? 0 : record_ends.back();
+    record_ends.push_back(before + record.title.size() + record.sequence.size() + record.qstring.size() + 5);
+}
+
 struct FastqWriter::Series {
     std::string folder;
     std::string relative_folder;  // below its save path
@@ -232,6 +239,12 @@ void FastqWriter::WriteToSeries(Series& series, std::string_view bytes) {
     series.file.Write(bytes);
 }
 
+void FastqWriter::WriteToSeries(Series& series, std::span<const std::string_view> pieces) {
+    EnsureOpen(series);
+    NoteUndo(series, series.file.Path(), series.file.Size(), series.created_batch == batch_id_);
+    series.file.Write(pieces);
+}
+
 void FastqWriter::startNewFile(const Key& key) {
     Series& series = FindSeries(key, "");
     CloseSeriesFile(series);
@@ -255,19 +268,26 @@ std::string FastqWriter::CompressPiece(std::string_view text) {
 void FastqWriter::Append(const FastqChunk& chunk) {
     if (finalised_) throw std::runtime_error("Attempted to write record after finalizing the writer.");
     if (chunk.Records() == 0) return;
+    if (Compressed() && !chunk.pieces.empty())
+        throw std::logic_error("A compressed output takes the chunk's text, not its records in place.");
     const uint64_t limit = options_.records_per_fastq;
     for (const auto& root : save_paths_) {
         const Key key((fs::path(root) / chunk.folder).string(), chunk.run_id);
         Series& series = FindSeries(key, chunk.folder);
         if (limit > 0 && series.records >= limit) startNewFile(key);
+        const bool by_pieces = !Compressed() && !chunk.pieces.empty();
         if (limit == 0 || series.records + chunk.Records() <= limit) {
-            WriteToSeries(series, Compressed() ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
+            if (by_pieces) {
+                WriteToSeries(series, chunk.pieces);
+            } else {
+                WriteToSeries(series, Compressed() ? std::string_view(chunk.gzip) : std::string_view(chunk.text));
+            }
             series.records += chunk.Records();
             continue;
         }
         // The chunk straddles one or more file boundaries: cut it at record
         // ends, filling the current file first.
-        if (chunk.text.size() != chunk.record_ends.back())
+        if (!by_pieces && chunk.text.size() != chunk.record_ends.back())
             throw std::logic_error("An output chunk crossing a file boundary must carry its text.");
         size_t done = 0;
         while (done < chunk.Records()) {
@@ -275,11 +295,14 @@ void FastqWriter::Append(const FastqChunk& chunk) {
             const size_t take = std::min<size_t>(chunk.Records() - done, limit - series.records);
             const size_t begin = done == 0 ? 0 : chunk.record_ends[done - 1];
             const size_t end = chunk.record_ends[done + take - 1];
-            const std::string_view piece(chunk.text.data() + begin, end - begin);
-            if (Compressed()) {
-                WriteToSeries(series, CompressPiece(piece));
+            if (by_pieces) {
+                WriteToSeries(series,
+                              std::span(chunk.pieces)
+                                  .subspan(done * FastqChunk::kPiecesPerRecord, take * FastqChunk::kPiecesPerRecord));
+            } else if (Compressed()) {
+                WriteToSeries(series, CompressPiece(std::string_view(chunk.text.data() + begin, end - begin)));
             } else {
-                WriteToSeries(series, piece);
+                WriteToSeries(series, std::string_view(chunk.text.data() + begin, end - begin));
             }
             series.records += take;
             done += take;

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -59,15 +60,24 @@ struct FastqWriterOptions {
 };
 
 // The records of one series in one batch, in input order.
+//
+// Plain FASTQ may point at its records instead of copying them (AddRecordView):
+// pieces then holds each record's bytes in kPiecesPerRecord parts, written by
+// one gathering write, and text stays empty. Such a chunk is only valid while
+// its records live unchanged, i.e. until it has been written.
 struct FastqChunk {
+    static constexpr size_t kPiecesPerRecord = 6;
+
     std::string folder;  // relative to the save path; "" = the save path itself
     std::string run_id;
-    std::string text;                 // FASTQ text or BAM records; may be empty when gzip holds it all
-    std::vector<size_t> record_ends;  // end offset in text of each record
-    std::string gzip;                 // compressed text: one gzip member, or BGZF blocks for BAM
+    std::string text;                      // FASTQ text or BAM records; may be empty when gzip holds it all
+    std::vector<size_t> record_ends;       // end offset of each record in the chunk's bytes (text or pieces)
+    std::string gzip;                      // compressed text: one gzip member, or BGZF blocks for BAM
+    std::vector<std::string_view> pieces;  // plain FASTQ by reference; empty otherwise
 
     size_t Records() const { return record_ends.size(); }
     void AddRecord(const FastQRecord& record);
+    void AddRecordView(const FastQRecord& record);
 };
 
 // Where one series stood, for a later run to carry on from (--resume).
@@ -92,7 +102,8 @@ public:
     // Appends the chunk's records to their series under every root. With
     // compression (and always for BAM), chunk.gzip is written as it is when
     // the records all go to one file; a chunk that straddles a file boundary
-    // needs chunk.text.
+    // needs chunk.text. Without compression a chunk of pieces is written
+    // from its pieces.
     // Throws OutputError (output_file.h) when a file cannot be opened or written.
     void Append(const FastqChunk& chunk);
     // The bytes every new file starts with (BAM: the compressed header). Set
@@ -140,6 +151,7 @@ protected:
 private:
     Series& FindSeries(const Key& key, const std::string& relative_folder);
     void WriteToSeries(Series& series, std::string_view bytes);
+    void WriteToSeries(Series& series, std::span<const std::string_view> pieces);
     void EnsureOpen(Series& series);
     void CloseSeriesFile(Series& series);
     void CloseLeastRecentlyUsed();

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -63,6 +64,42 @@ void OutputFile::Write(std::string_view data) {
         // write then reports why.
         data.remove_prefix(static_cast<size_t>(written));
         size_ += static_cast<uint64_t>(written);
+    }
+}
+
+// As many pieces as one call takes (at most IOV_MAX, 1024 on Linux); a short
+// write carries on from the byte where it stopped.
+void OutputFile::Write(std::span<const std::string_view> pieces) {
+    if (fd_ < 0) throw OutputError("Attempted to write to '" + path_ + "', which is not open.");
+    constexpr size_t kMaxPieces = 1024;
+    iovec vectors[kMaxPieces];
+    size_t next = 0;    // first piece not yet written whole
+    size_t offset = 0;  // bytes of it already written
+    while (true) {
+        size_t count = 0;
+        for (size_t k = next; k < pieces.size() && count < kMaxPieces; ++k) {
+            const size_t skip = k == next ? offset : 0;
+            if (pieces[k].size() == skip) continue;
+            vectors[count++] = {const_cast<char*>(pieces[k].data() + skip), pieces[k].size() - skip};
+        }
+        if (count == 0) return;
+        const ssize_t written = ::writev(fd_, vectors, static_cast<int>(count));
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            const int error = errno;
+            throw OutputError(WriteFailureText(path_, error), error);
+        }
+        size_ += static_cast<uint64_t>(written);
+        for (size_t left = static_cast<size_t>(written); left > 0;) {
+            const size_t rest = pieces[next].size() - offset;
+            if (left < rest) {
+                offset += left;
+                break;
+            }
+            left -= rest;
+            ++next;
+            offset = 0;
+        }
     }
 }
 

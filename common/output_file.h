@@ -4,6 +4,7 @@
 // Nothing is buffered here: callers hand over whole batches, one write each.
 
 #include <cstdint>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -37,6 +38,9 @@ public:
     void Open(const std::string& path, bool truncate);
     // Writes all of data (retrying short writes). Throws OutputError.
     void Write(std::string_view data);
+    // Writes the pieces one after another, gathered by the system (no copy
+    // into one buffer first). Throws OutputError.
+    void Write(std::span<const std::string_view> pieces);
     // Throws OutputError when the system reports a failure on close.
     void Close();
 

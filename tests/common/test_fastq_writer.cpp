@@ -341,6 +341,53 @@ TEST_F(FastqWriterTest, ResumedWriterEndsWithTheBytesOfAnUninterruptedOne) {
 
 // A snapshot that claims more than a file holds (the file was changed
 // since) is refused rather than patched over.
+// Chunks that point at their records (plain FASTQ from a worker) against
+// chunks of copied text, for random records (empty ones too) and series: the
+// same files byte for byte, with rotation cutting chunks and files closed and
+// reopened, and chunks of more pieces than one gathering write takes.
+TEST_F(FastqWriterTest, ChunksOfRecordViewsWriteTheBytesOfTextChunks) {
+    std::mt19937 rng(4242);
+    auto bases = [&](size_t length) {
+        std::string text(length, 'A');
+        for (auto& base : text)
+            base = "ACGT"[rng() % 4];
+        return text;
+    };
+    for (unsigned limit : {0u, 1u, 3u, 200u}) {
+        std::vector<FastQRecord> records;  // addresses stay: reserved up front
+        records.reserve(4000);
+        std::vector<FastqChunk> texts, views;
+        for (int c = 0; c < 24 && records.size() < 3600; ++c) {
+            FastqChunk text, view;
+            text.folder = view.folder = "bc" + std::to_string(rng() % 3);
+            text.run_id = view.run_id = "run" + std::to_string(rng() % 2);
+            const size_t count = rng() % 4 == 0 ? 150 + rng() % 250 : rng() % 5;
+            for (size_t k = 0; k < count; ++k) {
+                const size_t length = rng() % 5 == 0 ? 0 : rng() % 300;
+                records.emplace_back("@r" + std::to_string(records.size()) + " x=" + bases(rng() % 20), bases(length),
+                                     std::string(length, static_cast<char>('!' + rng() % 40)));
+                text.AddRecord(records.back());
+                view.AddRecordView(records.back());
+            }
+            texts.push_back(std::move(text));
+            views.push_back(std::move(view));
+        }
+        for (unsigned open_files : {1u, 2u}) {
+            for (auto* chunks : {&texts, &views}) {
+                auto writer = Writer(root_ / (chunks == &texts ? "text" : "view"), Options(kPlain, limit, open_files));
+                for (const auto& chunk : *chunks) {
+                    writer->BeginBatch();
+                    writer->Append(chunk);
+                    writer->CommitBatch();
+                }
+                writer->Finalise();
+            }
+            EXPECT_TRUE(Tree(root_ / "view") == Tree(root_ / "text")) << "limit " << limit << ", open " << open_files;
+            fs::remove_all(root_);
+        }
+    }
+}
+
 TEST_F(FastqWriterTest, ResumeRefusesAFileShorterThanItsSnapshot) {
     std::vector<SeriesState> snapshot;
     {
