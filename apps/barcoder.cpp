@@ -46,9 +46,9 @@ namespace {
 constexpr uint64_t kBatchBases = 1u << 20;
 constexpr size_t kBatchReads = 4096;
 // Batches in flight (queued, being processed, or waiting for the writer): each
-// worker can hold one and a few more wait on either side.
+// worker can hold one, and two more wait on either side.
 size_t BatchesInFlight(size_t workers) {
-    return 2 * workers + 2;
+    return workers + 2;
 }
 
 const char* SignalName(int sig) {
