@@ -761,7 +761,7 @@ void Barcoder::ReportRun(double seconds) {
     }
     if (!failure.empty() || Common::StopSignal() != 0) return;
     try {
-        WriteReports(tally, RunInfo{VB_VERSION, OptionValues(), earlier_wall_time_s + seconds, true});
+        WriteReports(tally, RunInfo{VB_VERSION, OptionValues(), earlier_wall_time_s + seconds, true, cross_talk});
     } catch (const std::exception& error) {
         // Every read is written, but a workflow waiting for the report would
         // take the run for unfinished: say so, and end with the output status.
@@ -782,7 +782,7 @@ std::optional<CrossTalkEstimate> Barcoder::EstimateCrossTalk(const RunTally& fig
 // every output file is closed, and only for a run that finished: its presence
 // tells a workflow that the save folder is complete.
 void Barcoder::WriteReports(const RunTally& figures, RunInfo info) const {
-    info.cross_talk = EstimateCrossTalk(figures);
+    if (!info.cross_talk) info.cross_talk = EstimateCrossTalk(figures);
     const std::filesystem::path folder(save_path);
     WriteFileAtomically((folder / kHtmlReportFileName).string(), FormatHtmlReport(figures, info));
     WriteFileAtomically((folder / kMultiqcReadsFileName).string(), FormatMultiqcReads(figures));

@@ -4,6 +4,7 @@
 #include "apps/svg_plot.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 
 #include "common/string_utils.h"
@@ -33,9 +34,29 @@ std::string ShortNumber(double value) {
     return Number(value);
 }
 
+// printf's "%.1f" without parsing a format: both round the exact binary
+// value, so the text is the same. A chart of thousands of rows (a sample per
+// pair of a 96 x 96 sheet) writes several of these per row.
+void AppendFixed1(std::string& out, double value) {
+    char buffer[320];  // the longest double in fixed notation fits
+    const auto written = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 1);
+    out.append(buffer, written.ptr);
+}
+
+void AppendText(std::string& svg, double x, double y, const std::string& text, const char* anchor = "start",
+                const char* extra = "") {
+    svg += "<text x=\"";
+    AppendFixed1(svg, x);
+    svg += "\" y=\"";
+    AppendFixed1(svg, y);
+    svg.append("\" text-anchor=\"").append(anchor).append(1, '"').append(extra).append(1, '>');
+    svg.append(XmlEscape(text)).append("</text>");
+}
+
 std::string Text(double x, double y, const std::string& text, const char* anchor = "start", const char* extra = "") {
-    return FormatString("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"%s\"%s>%s</text>", x, y, anchor, extra,
-                        XmlEscape(text));
+    std::string svg;
+    AppendText(svg, x, y, text, anchor, extra);
+    return svg;
 }
 
 std::string Line(double x1, double y1, double x2, double y2, const char* style) {
@@ -126,23 +147,30 @@ std::string BarChartSvg(const BarChart& chart) {
             svg += Line(x, top - 4, x, height - 8, "stroke=\"#ddd\"");
             svg += Text(x, top - 8, ShortNumber(tick), "middle", " fill=\"#555\"");
         }
+        const std::string colour = SeriesColour(p);
+        const std::string title = XmlEscape(panel.title);
         for (size_t i = 0; i < chart.labels.size() && i < panel.values.size(); ++i) {
             const double y = top + kRowHeight * static_cast<double>(i);
             const bool muted = i < chart.muted.size() && chart.muted[i];
             const std::string text = i < panel.texts.size() ? panel.texts[i] : Number(panel.values[i]);
-            svg += FormatString(
-                "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"%s\"><title>%s: %s "
-                "%s</title></rect>",
-                left, y + 2, std::max(0.0, panel.values[i] * scale), kRowHeight - 4,
-                muted ? "#9e9e9e" : SeriesColour(p).c_str(), XmlEscape(chart.labels[i]), XmlEscape(text),
-                XmlEscape(panel.title));
-            svg += Text(left + std::max(0.0, panel.values[i] * scale) + 4, y + kRowHeight - 4, text, "start",
-                        " fill=\"#333\"");
+            const double bar = std::max(0.0, panel.values[i] * scale);
+            svg += "<rect x=\"";
+            AppendFixed1(svg, left);
+            svg += "\" y=\"";
+            AppendFixed1(svg, y + 2);
+            svg += "\" width=\"";
+            AppendFixed1(svg, bar);
+            svg += "\" height=\"";
+            AppendFixed1(svg, kRowHeight - 4);
+            svg.append("\" fill=\"").append(muted ? "#9e9e9e" : colour).append("\"><title>");
+            svg.append(XmlEscape(chart.labels[i])).append(": ").append(XmlEscape(text)).append(1, ' ');
+            svg.append(title).append("</title></rect>");
+            AppendText(svg, left + bar + 4, y + kRowHeight - 4, text, "start", " fill=\"#333\"");
         }
     }
     for (size_t i = 0; i < chart.labels.size(); ++i) {
         const double y = top + kRowHeight * static_cast<double>(i) + kRowHeight - 4;
-        svg += Text(label_width - 6, y, chart.labels[i], "end");
+        AppendText(svg, label_width - 6, y, chart.labels[i], "end");
     }
     return svg + "</svg>";
 }

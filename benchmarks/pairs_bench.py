@@ -15,9 +15,13 @@ cross-talk: the same kits, no reads of unlisted pairs simulated; chimeras
 scale:      a 96 x 96 kit with all 9,216 pairs listed against the same reads
             with the kit's 192 barcodes as plain arrangements: wall time
             (median of interleaved runs), peak memory, user and system CPU
-            time and the output folders written of each.
+            time and the output folders written of each; at the simulated
+            depth (about two reads per sample) and again on those reads
+            --deep-copies times over (about twenty per sample), where the
+            folder and file of each sample are paid for once for many reads.
 
-Usage: pairs_bench.py BUILD [--reads 4000] [--scale-reads 20000] [--rounds 3] [--only accuracy,cross-talk,scale]
+Usage: pairs_bench.py BUILD [--reads 4000] [--scale-reads 20000] [--rounds 3] [--deep-copies 10]
+                      [--only accuracy,cross-talk,scale]
 Standard library only; reads come from tools/simulate_reads.py, kits from
 tools/design_kit.py --pairs.
 """
@@ -175,15 +179,44 @@ def peak_memory_of(cmd):
     return tuple(float(x) for x in out.split())
 
 
-def scale(binary, work, reads, rounds):
+def deepen(source, target, copies):
+    """The reads of source copies times over, each copy's read ids given a suffix."""
+    os.makedirs(target, exist_ok=True)
+    with open(os.path.join(source, "reads.fastq")) as handle:
+        lines = handle.readlines()
+    with open(os.path.join(target, "reads.fastq"), "w") as out:
+        for copy in range(copies):
+            for k, line in enumerate(lines):
+                if k % 4 == 0:
+                    name, _, rest = line.partition(" ")
+                    line = f"{name.rstrip(chr(10))}-{copy}" + (" " + rest if rest else "\n")
+                out.write(line)
+
+
+def scale(binary, work, reads, rounds, copies):
     data = os.path.join(work, "kit96x96")
     kit = design(data, 96, 96)
     sheet = os.path.join(work, "sheet96x96.tsv")
     write_sheet(sheet, 96, 96, skip_every=0)
     folder = os.path.join(work, "scale")
     simulate(folder, kit, data, sheet, reads, 300, 0.92, "builtin", ["--frac-unlisted", "0", "--median-length", "800"])
-    base = [binary, "-c", os.path.join(data, "configuration.cfg"), "-d", data, "--barcode_kits", kit, "-i",
-            os.path.join(folder, "in"), "-t", "2"]
+    compare(binary, data, kit, sheet, folder, os.path.join(folder, "in"), rounds,
+            f"{reads} reads, ~{reads / 9216:.1f} per sample")
+    if copies > 1:
+        # A lab's run puts thousands of reads on each sample, not two: the
+        # folder and file of each sample are then paid once for many reads.
+        deep = os.path.join(folder, "deep")
+        deepen(os.path.join(folder, "in"), deep, copies)
+        compare(binary, data, kit, sheet, folder, deep, rounds,
+                f"{reads * copies} reads (the {reads} {copies} times, new read ids), ~{reads * copies / 9216:.1f} "
+                f"per sample")
+        shutil.rmtree(deep)
+
+
+def compare(binary, data, kit, sheet, folder, inputs, rounds, title):
+    print(f"   {title}:", flush=True)
+    base = [binary, "-c", os.path.join(data, "configuration.cfg"), "-d", data, "--barcode_kits", kit, "-i", inputs,
+            "-t", "2"]
     runs = {"plain arrangements": [], "9,216 listed pairs": []}
     memory = {name: 0.0 for name in runs}
     cpu = {name: [] for name in runs}
@@ -218,6 +251,7 @@ def main(argv=None):
     ap.add_argument("--reads", type=int, default=4000)
     ap.add_argument("--scale-reads", type=int, default=20000)
     ap.add_argument("--rounds", type=int, default=3)
+    ap.add_argument("--deep-copies", type=int, default=10, help="the scale row again on its reads this many times")
     ap.add_argument("--only", default="accuracy,cross-talk,scale")
     args = ap.parse_args(argv)
     binary = os.path.abspath(os.path.join(args.build, "bin", "vorpa_barcoder"))
@@ -239,7 +273,7 @@ def main(argv=None):
             cross_talk(binary, work, kits, args.reads)
         if "scale" in parts:
             print(f"-- pairs: 96 x 96 kit, {args.scale_reads} reads")
-            scale(binary, work, args.scale_reads, args.rounds)
+            scale(binary, work, args.scale_reads, args.rounds, args.deep_copies)
 
 
 if __name__ == "__main__":

@@ -40,11 +40,15 @@ const Logger& WriterLog() {
 }
 
 // Half of the open-file limit, leaving the rest to inputs, logs and the
-// summary; never fewer than a handful.
+// summary; never fewer than a handful. A sheet of thousands of samples keeps
+// every sample's file open where the limit allows: with fewer open than
+// samples, nearly every batch closes one file to reopen another.
+constexpr rlim_t kMostOpenFiles = 32768;
+
 unsigned DefaultMaxOpenFiles() {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 1024;
-    return static_cast<unsigned>(std::clamp<rlim_t>(limit.rlim_cur / 2, 4, 1024));
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMostOpenFiles;
+    return static_cast<unsigned>(std::clamp<rlim_t>(limit.rlim_cur / 2, 4, kMostOpenFiles));
 }
 
 bool OutOfDescriptors(const OutputError& error) {
