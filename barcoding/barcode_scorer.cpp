@@ -637,9 +637,13 @@ std::vector<ArrangementDetectResult> BarcodeScorer::ScorePair(size_t detailed) {
     const auto& barcodes = pairs_->Barcodes();
     uint32_t start = 0, end = 0;
     float start_score = kNoScore, end_score = kNoScore;
+    front_top_.Clear();
+    rear_top_.Clear();
     for (uint32_t k = 0; k < barcodes.size(); ++k) {
         const float at_start = front_->scores[static_cast<size_t>(front_of_[2 * k])];
         const float at_end = rear_->scores[static_cast<size_t>(rear_of_[2 * k + 1])];
+        front_top_.Add(name_of_[2 * k], 2 * k, at_start);
+        rear_top_.Add(name_of_[2 * k + 1], 2 * k + 1, at_end);
         if (k == 0 || at_start > start_score) {
             start = k;
             start_score = at_start;
@@ -686,7 +690,20 @@ std::vector<ArrangementDetectResult> BarcodeScorer::ScorePair(size_t detailed) {
     } else if (!start_ok || !end_ok) {
         result.reason = UnclassifiedReason::kOneEndOnly;
     }
-    if (result.reason != UnclassifiedReason::kNone) result.normalised_id = "unclassified";
+    // The quality of the call each end makes, as for a kit's arrangement with
+    // a barcode at both ends; every other barcode of the design is a rival.
+    FillEvidence(*front_, front_top_, 2 * start, result.inputs.front);
+    FillEvidence(*rear_, rear_top_, 2 * end + 1, result.inputs.rear);
+    result.error_probability = WrongCallProbability(ShippedQualityModel(), result.inputs);
+    result.quality = PhredQuality(result.error_probability);
+    result.candidate_quality = result.quality;
+    if (result.reason == UnclassifiedReason::kNone && result.quality < options_.min_barcode_quality)
+        result.reason = UnclassifiedReason::kLowBarcodeQuality;
+    if (result.reason != UnclassifiedReason::kNone) {
+        result.normalised_id = "unclassified";
+        result.error_probability = 1;
+        result.quality = 0;
+    }
     return results;
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "barcoding/barcode_quality.h"
 #include "barcoding/barcode_scorer.h"
 #include "barcoding/pair_design.h"
 #include "tests/support/temp_folder.h"
@@ -165,9 +166,13 @@ TEST_F(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
             EXPECT_EQ(call.reason, UnclassifiedReason::kNone);
             EXPECT_EQ(call.variant, reversed ? "rev" : "fwd");
             EXPECT_GT(call.score, 60);
+            EXPECT_GT(call.quality, 0);
+            EXPECT_EQ(call.candidate_quality, call.quality);
             kinds["listed"]++;
         } else if (has_front && has_rear) {
             EXPECT_EQ(call.normalised_id, "unclassified");
+            EXPECT_EQ(call.quality, 0);
+            EXPECT_GE(call.candidate_quality, 0);
             EXPECT_EQ(call.reason, UnclassifiedReason::kPairNotInSheet);
             EXPECT_EQ(call.id, name);
             kinds["unlisted"]++;
@@ -191,6 +196,47 @@ TEST_F(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
     const auto none = scorer.Score(RandomBases(random, 400))[0];
     EXPECT_EQ(none.reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
     EXPECT_EQ(none.normalised_id, "unclassified");
+}
+
+// Pair calls carry a barcode quality, and min_barcode_quality applies to them:
+// with the bar at its top only the surest calls stay, the rest go to "low
+// barcode quality"; every other outcome is the same. (Barcodes this far apart
+// give the top quality even to an end scoring just above the minimum.)
+TEST_F(PairTest, QualityOfPairCallsAgainstTheBar) {
+    auto design =
+        std::make_shared<PairDesign>(manager_->GetArrangements("PK"), *manager_,
+                                     std::vector<BarcodePair>{{"F01", "R01"}, {"F02", "R02"}, {"F03", "R03"}});
+    ScorerOptions options = Options();
+    options.min_score = options.min_score_rear_override = 30;
+    BarcodeScorer loose(options, manager_, kMatrix, "", design);
+    options.min_barcode_quality = kMaxBarcodeQuality;
+    BarcodeScorer strict(options, manager_, kMatrix, "", design);
+
+    std::mt19937 random(17);
+    int classified = 0;
+    for (int n = 0; n < 300; ++n) {
+        const int k = static_cast<int>(random() % 3);
+        std::string front = fronts_[k], rear = rears_[k];
+        Mutate(random, random() % 2 == 0 ? front : rear, static_cast<int>(random() % 8));
+        const std::string read = RandomBases(random, 10) + front + RandomBases(random, 300) + ReverseComplement(rear) +
+                                 RandomBases(random, 10);
+        const auto call = loose.Score(read)[0];
+        const auto strict_call = strict.Score(read)[0];
+        if (call.reason != UnclassifiedReason::kNone) {
+            EXPECT_EQ(call.quality, 0);
+            EXPECT_EQ(strict_call.reason, call.reason);
+            continue;
+        }
+        ++classified;
+        EXPECT_GT(call.quality, 0);
+        EXPECT_EQ(call.candidate_quality, call.quality);
+        EXPECT_LT(call.error_probability, 1);
+        const bool kept = call.quality >= kMaxBarcodeQuality;
+        EXPECT_EQ(strict_call.reason, kept ? UnclassifiedReason::kNone : UnclassifiedReason::kLowBarcodeQuality);
+        EXPECT_EQ(strict_call.normalised_id, kept ? call.normalised_id : "unclassified");
+        EXPECT_EQ(strict_call.candidate_quality, call.quality);
+    }
+    EXPECT_GT(classified, 100);
 }
 
 }  // namespace
