@@ -283,6 +283,35 @@ void Losses(Page& page, const RunTally& tally) {
     page.EndSection();
 }
 
+// With a sample sheet: the run's cross-talk estimate and the sample with the
+// most of it (the JSON report has every sample's).
+void CrossTalk(Page& page, const RunInfo& info) {
+    if (!info.cross_talk) return;
+    const CrossTalkEstimate& estimate = *info.cross_talk;
+    page.Section("cross_talk", "Cross-talk",
+                 "Reads estimated to belong to another sample, from the reads called to barcodes (or pairs) of the "
+                 "kits that the sample sheet does not list; see the README, \"Cross-talk\".");
+    if (!estimate.measurable) {
+        page.Table({{"Estimate", "not measurable (" + estimate.not_measurable + ")"}});
+        page.EndSection();
+        return;
+    }
+    auto figure = [](const CrossTalkFigure& f) {
+        return FormatString("%.3f %% (95 %% interval %.3f-%.3f %%) of %s assigned reads", 100 * f.share, 100 * f.low,
+                            100 * f.high, Grouped(f.reads));
+    };
+    std::vector<std::pair<std::string, std::string>> rows{
+        {"Reads from other samples, run", figure(estimate.run)},
+        {"Measured on", Grouped(estimate.unlisted_reads) + " reads of " + estimate.method}};
+    const std::pair<const std::string, CrossTalkFigure>* most = nullptr;
+    for (const auto& sample : estimate.samples)
+        if (most == nullptr || sample.second.share > most->second.share) most = &sample;
+    if (most != nullptr && estimate.samples.size() > 1)
+        rows.emplace_back("Most, in sample " + most->first, figure(most->second));
+    page.Table(rows);
+    page.EndSection();
+}
+
 void Settings(Page& page, const RunInfo& info) {
     page.Section("settings", "Settings");
     std::vector<std::pair<std::string, std::string>> rows{{"version", info.version}};
@@ -319,6 +348,7 @@ std::string FormatHtmlReport(const RunTally& tally, const RunInfo& info) {
     Unclassified(page, tally);
     Events(page, tally);
     Losses(page, tally);
+    CrossTalk(page, info);
     Settings(page, info);
     page.html += "</body></html>\n";
     return page.html;

@@ -8,9 +8,12 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
+#include "apps/html_report.h"
 #include "apps/run_report.h"
 
 namespace fs = std::filesystem;
@@ -174,6 +177,38 @@ TEST(JsonReport, FiguresAddUpAndUnclassifiedComesLast) {
 }
 )";
     EXPECT_EQ(text, expected);
+}
+
+// The report page shows the cross-talk estimate only with a sample sheet.
+TEST(HtmlReport, CrossTalkSectionOnlyWithASampleSheet) {
+    Vorpa::RunTally tally;
+    tally.arrangements["F01_R01"].Add(1000, 90.0f);
+    Vorpa::CrossTalkEstimate measured;
+    measured.method = "unlisted pairs";
+    measured.measurable = true;
+    measured.unlisted_reads = 48;
+    measured.run = {15897, 554.8, 0.0349, 0.02535, 0.04674};
+    measured.samples["S1"] = {100, 1, 0.01, 0.001, 0.05};
+    measured.samples["S2"] = {100, 5, 0.05, 0.02, 0.09};
+    Vorpa::CrossTalkEstimate unmeasurable;
+    unmeasurable.not_measurable = "the sample sheet lists every pair";
+    const struct {
+        std::optional<Vorpa::CrossTalkEstimate> estimate;
+        std::vector<std::string> shown;
+    } cases[] = {
+        {std::nullopt, {}},
+        {unmeasurable, {"not measurable (the sample sheet lists every pair)"}},
+        {measured,
+         {"3.490 % (95 % interval 2.535-4.674 %) of 15,897 assigned reads", "48 reads of unlisted pairs",
+          "Most, in sample S2", "5.000 % (95 % interval 2.000-9.000 %) of 100 assigned reads"}},
+    };
+    for (const auto& c : cases) {
+        Vorpa::RunInfo info{"v", {}, 1, true, c.estimate};
+        const std::string page = Vorpa::FormatHtmlReport(tally, info);
+        EXPECT_EQ(page.find("id=\"cross_talk\"") != std::string::npos, c.estimate.has_value());
+        for (const auto& text : c.shown)
+            EXPECT_NE(page.find(text), std::string::npos) << text;
+    }
 }
 
 TEST(WriteFileAtomically, ReplacesTheFileAndLeavesNoTemporary) {
