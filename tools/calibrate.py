@@ -86,9 +86,6 @@ NONE_ONLY = dict(frac_double=0.0, frac_front=0.0, frac_none=1.0, frac_chimera=0.
 THRESHOLDS = [k / 2 for k in range(20, 81)]  # 10 .. 40
 RIVAL_MARGINS = (20, 25, 30, 35, 40)
 EVIDENCE_PRESENCES = (0, 5, 10, 15, 20, 25)
-# The quality is fitted on the calls within this many points below min_score
-# and above: where wrong calls are, without leaving the scores it serves.
-FIT_BELOW = 6.0
 QUALITY_BINS = ((0, 9), (10, 19), (20, 29), (30, 39), (40, 60))
 
 # Targets (percent), per identity, for designs with flanks of TARGET_FLANK or more.
@@ -596,16 +593,18 @@ def choose_mixed_bars(sets, min_score):
 
 def fit_quality(sets, min_score, seed=1):
     """The quality model fitted on the non-chimeric calls of the usual mix
-    scoring at least min_score - FIT_BELOW, and (features, wrong) counts.
-    Calls that are plainly right (margin of 6 substitutions or more and
-    presence 40 or more) are sampled at one in 20 and weighted 20."""
+    that the program makes at min_score, and (features, wrong) counts. Only
+    those: calls just below min_score are wrong more often for the same
+    features, and fitting on them made the quality too cautious where calls
+    are made. Calls that are plainly right (margin of 6 substitutions or more
+    and presence 40 or more) are sampled at one in 20 and weighted 20."""
     rnd = random.Random(seed)
     xs, ys, ws = [], [], []
     for s in sets:
         rows, truth = s.mix
         for rid, (kind, front, rear) in truth.items():
             row = rows[rid]
-            if kind == "chimera" or row.arrangement == "unclassified" or row.score < min_score - FIT_BELOW:
+            if kind == "chimera" or row.arrangement == "unclassified" or not row.score >= min_score:
                 continue
             x = barcode_quality.features(row.front, row.rear)
             wrong = row.arrangement != right_barcode(front, rear)
