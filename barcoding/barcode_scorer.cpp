@@ -3,10 +3,11 @@
 // each deduplicated in first-appearance order). A read costs:
 //   1. one ScoreAll per window: scores of every reference, no traceback;
 //   2. the arrangement combination, from scores alone;
-//   3. one AlignOne per reference whose details are reported (the leading
-//      `detailed` results), to recover the found sequence and its position.
+//   3. one AlignSpan per reference whose details are reported (the leading
+//      `detailed` results), to recover the found sequence and its position
+//      (the span of the path, found without making the path).
 // Scores and paths are exactly those of aligning every reference on its own,
-// because ScoreAll and AlignOne both reproduce FastAlign::Align.
+// because ScoreAll and AlignSpan both reproduce FastAlign::Align.
 //
 // Detect scores are on the scale of score_scale.h: 100 = the reference
 // aligned perfectly, 0 = no better than the closest other reference of the
@@ -79,7 +80,6 @@ struct BarcodeScorer::End {
     std::vector<int> window;  // codes
     std::vector<int> raw_scores;
     std::vector<float> scores;  // detect scores
-    PairAlignment::Path path;
     // The window's best-fitting reference and where it aligned (read
     // coordinates), found when an internal construct needs it.
     bool match_known = false;
@@ -229,17 +229,12 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
 // once per window.
 std::pair<int, int> BarcodeScorer::Trace(End& end, size_t reference) {
     if (end.traced == static_cast<int>(reference)) return {end.traced_first, end.traced_last};
-    end.aligner->AlignOne(reference, end.window, end.path);
-    int first = -1, last = -1;
-    for (const auto& [ref, query] : end.path) {
-        if (ref < 0 || query < 0) continue;
-        if (first < 0) first = query;
-        last = query;
-    }
+    PairAlignment::PairedSpan span;
+    end.aligner->AlignSpan(reference, end.window, span);
     end.traced = static_cast<int>(reference);
-    end.traced_first = first;
-    end.traced_last = last;
-    return {first, last};
+    end.traced_first = span.first;
+    end.traced_last = span.last;
+    return {span.first, span.last};
 }
 
 // Name, score and presence of one reference on the current window.

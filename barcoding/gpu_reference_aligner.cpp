@@ -43,6 +43,12 @@ public:
         return scores_.at(reference);
     }
 
+    int AlignSpan(size_t reference, const std::vector<int>& window, PairAlignment::PairedSpan& span) override {
+        if (!have_results_ || window != window_) Run(window);
+        span = PairAlignment::PairedSpanOf(paths_.at(reference));
+        return scores_.at(reference);
+    }
+
 private:
     void Build(size_t max_query_length) {
         chunks_.clear();

@@ -36,6 +36,11 @@ public:
         return aligner_.Align(View(references_[reference]), View(window), path);
     }
 
+    int AlignSpan(size_t reference, const std::vector<int>& window, PairAlignment::PairedSpan& span) override {
+        if (reference >= references_.size()) throw std::out_of_range("reference index out of range");
+        return aligner_.AlignSpan(View(references_[reference]), View(window), span);
+    }
+
 private:
     PairAlignment::FastAlign aligner_;
     std::vector<std::vector<int>> references_;

@@ -19,6 +19,9 @@ public:
     virtual void ScoreAll(const std::vector<int>& window, std::vector<int>& scores) = 0;
     // Score and path of one reference against window.
     virtual int AlignOne(size_t reference, const std::vector<int>& window, PairAlignment::Path& path) = 0;
+    // Score of AlignOne and the span of its path (PairAlignment::PairedSpanOf),
+    // found without making the path where the aligner can.
+    virtual int AlignSpan(size_t reference, const std::vector<int>& window, PairAlignment::PairedSpan& span) = 0;
 };
 
 // CPU implementation over FastAlign. references are base codes 0..3.

@@ -96,6 +96,30 @@ int FastAlign::Align(const brim::data_wrappers::VecView<int>& seq1, const brim::
     return score;
 }
 
+PairedSpan PairedSpanOf(const Path& path) {
+    PairedSpan span;
+    for (const auto& [ref, query] : path) {
+        if (ref < 0 || query < 0) continue;
+        if (span.first < 0) span.first = query;
+        span.last = query;
+    }
+    return span;
+}
+
+int FastAlign::AlignSpan(const brim::data_wrappers::VecView<int>& seq1, const brim::data_wrappers::VecView<int>& seq2,
+                         PairedSpan& span) {
+    CheckUnitStride(seq1);
+    CheckUnitStride(seq2);
+    span = PairedSpan{};
+    const int l1 = static_cast<int>(seq1.size());
+    const int l2 = static_cast<int>(seq2.size());
+    if (l1 == 0 || l2 == 0) return ZERO_PROB_SCORE;  // a path of gaps only
+    const int width = EffectiveBandWidth(l1, l2, band_width_);
+    const int score = FillTrace(seq1.data(), l1, seq2.data(), l2, width);
+    span = TracebackSpan(l1, l2, width);
+    return score;
+}
+
 namespace {
 
 // Copies values[k] into a buffer readable over [-kPad, count + kPad) and
@@ -205,6 +229,32 @@ void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
     for (; j >= 0; --j)
         path.emplace_back(-1, j);
     std::reverse(path.begin(), path.end());
+}
+
+// Traceback's walk, keeping only the query indices of its diagonal steps:
+// walking backwards, the first one met is the span's last, the final one its
+// first. The steps after one sequence is exhausted are gaps only.
+PairedSpan FastAlign::TracebackSpan(int l1, int l2, int width) const {
+    const Work& w = *work_;
+    PairedSpan span;
+    int i = l1 - 1;
+    int j = l2 - 1;
+    int d = l1 + l2;
+    int position = 0;
+    while (i >= 0 && j >= 0) {
+        const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
+        const int di = code != UP;
+        const int dj = code != RIGHT;
+        if (di && dj) {
+            if (span.last < 0) span.last = j;
+            span.first = j;
+        }
+        i -= di;
+        j -= dj;
+        d -= di + dj;
+        position = j + 1 - w.offsets[d];
+    }
+    return span;
 }
 
 Core::Costs FastAlign::InternalCosts() const {

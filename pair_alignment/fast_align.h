@@ -34,6 +34,15 @@ constexpr int BOTH = 3;
 // end; -1 on the side that has a gap at that step.
 using Path = std::vector<std::pair<int, int>>;
 
+// The first and last query index that an alignment's path pairs with a
+// reference base; both -1 when it pairs none.
+struct PairedSpan {
+    int first = -1;
+    int last = -1;
+    bool operator==(const PairedSpan&) const = default;
+};
+PairedSpan PairedSpanOf(const Path& path);
+
 class Aligner {
 public:
     virtual ~Aligner() = default;
@@ -54,6 +63,9 @@ public:
     // Returns the global alignment score and fills path (cleared first).
     virtual int Align(const brim::data_wrappers::VecView<int>& seq1, const brim::data_wrappers::VecView<int>& seq2,
                       std::vector<std::pair<int, int>>& path);
+    // The score of Align and the span of its path, without making the path.
+    int AlignSpan(const brim::data_wrappers::VecView<int>& seq1, const brim::data_wrappers::VecView<int>& seq2,
+                  PairedSpan& span);
     // Element (i, j) of the matrix; out of range logs to std::clog and gives 0.
     virtual int GetMismatchScore(int i, int j);
 
@@ -78,6 +90,7 @@ private:
     // already there; returns whether its ends step by at most one cell.
     bool PrepareBand(int l1, int l2, int width);
     void Traceback(int l1, int l2, int width, Path& path) const;
+    PairedSpan TracebackSpan(int l1, int l2, int width) const;
     Core::Costs InternalCosts() const;
 
     std::vector<int> matrix_;

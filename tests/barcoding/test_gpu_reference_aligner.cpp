@@ -48,6 +48,9 @@ TEST(GpuReferenceAligner, AgreesWithTheCpuAligner) {
                 PairAlignment::Path gpu_path, cpu_path;
                 EXPECT_EQ(gpu->AlignOne(k, window, gpu_path), cpu->AlignOne(k, window, cpu_path));
                 EXPECT_EQ(gpu_path, cpu_path) << "round " << round << " reference " << k;
+                PairAlignment::PairedSpan gpu_span, cpu_span;
+                EXPECT_EQ(gpu->AlignSpan(k, window, gpu_span), cpu->AlignSpan(k, window, cpu_span));
+                EXPECT_EQ(gpu_span, cpu_span) << "round " << round << " reference " << k;
             }
             EXPECT_EQ(fake.state().launches.size(), launches);  // paths came with the scores
         }

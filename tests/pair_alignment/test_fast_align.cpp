@@ -181,8 +181,19 @@ TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
                 v *= 100;
         }
         const Result expected = Naive(c.matrix, c.costs, c.ref, c.qry, Band(c.ref.size(), c.qry.size(), c.width));
+        // The span of the expected path: first and last query index of a pair.
+        int first = -1, last = -1;
+        for (const auto& [ref, query] : expected.path) {
+            if (ref < 0 || query < 0) continue;
+            if (first < 0) first = query;
+            last = query;
+        }
         for (const auto& build : builds) {
             ASSERT_EQ(RunAlign(c, build), expected) << build << "\n" << Describe(c);
+            FastAlign aligner(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, c.width);
+            PairedSpan span;
+            ASSERT_EQ(aligner.AlignSpan(View(c.ref), View(c.qry), span), expected.score) << build;
+            ASSERT_EQ(span, (PairedSpan{first, last})) << build << "\n" << Describe(c);
         }
     }
 }
