@@ -200,30 +200,43 @@ bool FastAlign::PrepareBand(int l1, int l2, int width) {
     return w.band_steps_by_one;
 }
 
-// Walks the trace from (L1, L2) back to a border, collecting the (reference,
-// query) index pair of every cell passed. A step that leaves one index
-// unchanged aligned the other base against a gap, so that index is marked -1.
-// Marking each pair as its step is taken gives exactly the pairs of the
-// two-pass formulation (collect, then compare each pair with the next): the
-// next pair repeats an index precisely when the step kept it. Once one
-// sequence is exhausted, the rest of the other faces gaps.
-void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
-    const Work& w = *work_;
-    path.reserve(static_cast<size_t>(l1) + l2);
-    int i = l1 - 1;
-    int j = l2 - 1;
-    int d = l1 + l2;
+namespace {
+
+// Walks the trace from (L1, L2) back to a border, calling visit(di, dj) for
+// every step taken from cell (i, j) before moving: di/dj say whether the step
+// consumed a reference/query base. Leaves i and j at the border reached.
+// (Work is deduced, so this stays a private helper of FastAlign's file.)
+template <typename Work, typename Visit>
+void WalkTrace(const Work& w, int width, int& i, int& j, Visit visit) {
+    int d = i + j + 2;
     int position = 0;
     while (i >= 0 && j >= 0) {
         const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
         const int di = code != UP;     // DIAG and RIGHT consume a reference base
         const int dj = code != RIGHT;  // DIAG and UP consume a query base
-        path.emplace_back(di ? i : -1, dj ? j : -1);
+        visit(di, dj, i, j);
         i -= di;
         j -= dj;
         d -= di + dj;
         position = j + 1 - w.offsets[d];
     }
+}
+
+}  // namespace
+
+// Collects the (reference, query) index pair of every cell the walk passes.
+// A step that leaves one index unchanged aligned the other base against a
+// gap, so that index is marked -1. Marking each pair as its step is taken
+// gives exactly the pairs of the two-pass formulation (collect, then compare
+// each pair with the next): the next pair repeats an index precisely when the
+// step kept it. Once one sequence is exhausted, the rest of the other faces
+// gaps.
+void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
+    path.reserve(static_cast<size_t>(l1) + l2);
+    int i = l1 - 1;
+    int j = l2 - 1;
+    WalkTrace(*work_, width, i, j,
+              [&path](int di, int dj, int at_i, int at_j) { path.emplace_back(di ? at_i : -1, dj ? at_j : -1); });
     for (; i >= 0; --i)
         path.emplace_back(i, -1);
     for (; j >= 0; --j)
@@ -231,29 +244,18 @@ void FastAlign::Traceback(int l1, int l2, int width, Path& path) const {
     std::reverse(path.begin(), path.end());
 }
 
-// Traceback's walk, keeping only the query indices of its diagonal steps:
+// The same walk, keeping only the query indices of its diagonal steps:
 // walking backwards, the first one met is the span's last, the final one its
 // first. The steps after one sequence is exhausted are gaps only.
 PairedSpan FastAlign::TracebackSpan(int l1, int l2, int width) const {
-    const Work& w = *work_;
     PairedSpan span;
     int i = l1 - 1;
     int j = l2 - 1;
-    int d = l1 + l2;
-    int position = 0;
-    while (i >= 0 && j >= 0) {
-        const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
-        const int di = code != UP;
-        const int dj = code != RIGHT;
-        if (di && dj) {
-            if (span.last < 0) span.last = j;
-            span.first = j;
-        }
-        i -= di;
-        j -= dj;
-        d -= di + dj;
-        position = j + 1 - w.offsets[d];
-    }
+    WalkTrace(*work_, width, i, j, [&span](int di, int dj, int, int at_j) {
+        if (!(di && dj)) return;
+        if (span.last < 0) span.last = at_j;
+        span.first = at_j;
+    });
     return span;
 }
 
