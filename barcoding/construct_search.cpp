@@ -48,17 +48,34 @@ int LongestSpot(const std::vector<SearchReference>& references) {
     return static_cast<int>(3 * longest + 16);
 }
 
+// 0x80 when c == v, else 0 (byte arithmetic the compiler vectorises).
+unsigned char Equals(unsigned char c, unsigned char v) {
+    return static_cast<unsigned char>(static_cast<unsigned char>((c ^ v) - 1) & ~c & 0x80);
+}
+
 }  // namespace
 
 void ReadCodes(const std::string& sequence, std::vector<uint8_t>& codes) {
     codes.resize(sequence.size());
-    for (size_t i = 0; i < sequence.size(); ++i) {
-        const int8_t code = kBaseCodes[static_cast<unsigned char>(sequence[i])];
-        if (code < 0)
-            throw std::runtime_error("Read sequence contains the character '" + std::string(1, sequence[i]) +
-                                     "', which is not one of A, C, G, T or U.");
-        codes[i] = static_cast<uint8_t>(code);
+    // Every read base goes through here, so one pass without branches or
+    // table lookups: A, C, G, T/U (either case) give ((c >> 1) ^ (c >> 2)) & 3
+    // = 0, 1, 2, 3, and any other character sets the top bit of `bad`.
+    const auto* in = reinterpret_cast<const unsigned char*>(sequence.data());
+    uint8_t* out = codes.data();
+    const size_t length = sequence.size();  // a local, or the loop would not vectorise
+    unsigned char bad = 0;
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = in[i], upper = c & 0xDF;
+        bad |= static_cast<unsigned char>(Equals(upper, 'A') | Equals(upper, 'C') | Equals(upper, 'G') |
+                                          Equals(upper, 'T') | Equals(upper, 'U')) ^
+               0x80;
+        out[i] = static_cast<uint8_t>(((c >> 1) ^ (c >> 2)) & 3);
     }
+    if (bad == 0) return;
+    for (const char c : sequence)
+        if (kBaseCodes[static_cast<unsigned char>(c)] < 0)
+            throw std::runtime_error("Read sequence contains the character '" + std::string(1, c) +
+                                     "', which is not one of A, C, G, T or U.");
 }
 
 ConstructSearch::ConstructSearch(std::vector<SearchReference> references, const std::vector<int>& matrix,

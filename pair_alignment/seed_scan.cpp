@@ -1,5 +1,5 @@
 // The k-mers of every reference sit in a table indexed by the k-mer's 2-bit
-// code: one presence bit per k-mer, which the scan tests at every sequence
+// code: one presence byte per k-mer, which the scan adds up at every sequence
 // position, and for the k-mers present, their (target, offset) entries. A
 // k-mer found at the same offset in kFamilyShare or more references of one
 // family has one entry for the family instead of one per reference.
@@ -176,11 +176,11 @@ void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
         }
         a = b;
     }
-    present_.assign((kmers + 63) / 64, 0);
+    present_.assign(kmers, 0);
     start_.assign(kmers + 1, 0);
     entries_.reserve(entries.size());
     for (const auto& [kmer, entry] : entries) {  // still in k-mer order
-        present_[kmer / 64] |= uint64_t{1} << (kmer % 64);
+        present_[kmer] = 1;
         ++start_[kmer + 1];
         entries_.push_back(entry);
     }
@@ -192,13 +192,29 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
     spots.clear();
     auto& hits = work.hits;
     hits.clear();
-    uint32_t kmer = 0;
     const size_t k = static_cast<size_t>(k_);
-    for (size_t i = 0; i < length; ++i) {
-        kmer = ((kmer << 2) | sequence[i]) & mask_;
-        if (i + 1 < k || !((present_[kmer / 64] >> (kmer % 64)) & 1)) continue;
-        const auto position = static_cast<int32_t>(i + 1 - k);
-        for (uint32_t e = start_[kmer]; e < start_[kmer + 1]; ++e)
+    if (length < k) return;
+    // The k-mers present, as (end position, k-mer): every k-mer is written
+    // and the count moves on only for a present one, so that the loop has no
+    // branch that random sequence would make unpredictable.
+    auto& seeded = work.seeded;
+    if (seeded.size() < length - k + 1) seeded.resize(length - k + 1);
+    uint64_t* out = seeded.data();
+    const uint8_t* present = present_.data();
+    const uint32_t mask = mask_;
+    uint32_t kmer = 0;
+    for (size_t i = 0; i + 1 < k; ++i)
+        kmer = (kmer << 2) | sequence[i];
+    size_t count = 0;
+    for (size_t i = k - 1; i < length; ++i) {
+        kmer = ((kmer << 2) | sequence[i]) & mask;
+        out[count] = (uint64_t{i} << 32) | kmer;
+        count += present[kmer];
+    }
+    for (size_t s = 0; s < count; ++s) {
+        const auto x = static_cast<uint32_t>(seeded[s]);
+        const auto position = static_cast<int32_t>((seeded[s] >> 32) + 1 - k);
+        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e)
             hits.push_back({entries_[e].target, position - static_cast<int32_t>(entries_[e].offset), position});
     }
     if (hits.empty()) return;
@@ -251,6 +267,9 @@ void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t tar
         if (own_at < hit->position - reach) continue;
         while (behind->position < hit->position - reach)
             ++behind;
+        // Each seed covers at most k bases: too few seeds within reach
+        // cannot cover enough.
+        if (static_cast<int>(hit - behind + 1) * k_ < need) continue;
         int cover = 0;
         int32_t covered_to = std::numeric_limits<int32_t>::min();
         int32_t low = hit->diagonal, high = hit->diagonal;

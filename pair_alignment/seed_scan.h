@@ -48,6 +48,7 @@ public:
             int32_t diagonal;
             int32_t position;
         };
+        std::vector<uint64_t> seeded;  // the present k-mers: (last base's position, k-mer)
         std::vector<Hit> hits;
         std::vector<Hit> sorted;      // hits by target, in sequence order within each
         std::vector<uint32_t> first;  // per target: its first index in sorted, then one past the last
@@ -60,6 +61,8 @@ public:
     void Find(const uint8_t* sequence, size_t length, std::vector<Spot>& spots, Work& work) const;
 
     size_t References() const { return references_; }
+    // References, then families.
+    size_t Targets() const { return length_.size(); }
     bool IsFamily(uint32_t target) const { return target >= references_; }
     // The references of a family target; the reference itself otherwise.
     const std::vector<uint32_t>& Members(uint32_t target) const { return members_[target]; }
@@ -77,8 +80,8 @@ private:
     int k_;
     size_t references_;
     uint32_t mask_;
-    std::vector<uint64_t> present_;  // one bit per k-mer: some reference holds it
-    std::vector<uint32_t> start_;    // entries of k-mer x: entries_[start_[x] .. start_[x + 1])
+    std::vector<uint8_t> present_;  // per k-mer: 1 if some reference holds it
+    std::vector<uint32_t> start_;   // entries of k-mer x: entries_[start_[x] .. start_[x + 1])
     std::vector<Entry> entries_;
     // Per target (references, then families).
     std::vector<int> length_;

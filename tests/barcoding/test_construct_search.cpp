@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "barcoding/base_codes.h"
 #include "barcoding/construct_search.h"
 #include "barcoding/molecule_parts.h"
 #include "barcoding/reference_aligner.h"
@@ -227,6 +228,29 @@ TEST(ConstructSearchTest, SearchesOnlyWithinTheStretchesGiven) {
                 if (Overlaps(planted[p], {construct})) got.push_back(static_cast<int>(p));
         }
         EXPECT_EQ(got, c.expected) << c.name;
+    }
+}
+
+// Every character, at every place of a short read and among long runs of
+// bases: codes as the scorer's table gives them, and an error for any
+// character the table does not read as a base.
+TEST(ConstructSearchTest, ReadCodesAgreeWithTheBaseTable) {
+    std::mt19937 random(1804);
+    const std::string bases = "ACGTUacgtu";
+    std::vector<uint8_t> codes;
+    for (int c = 0; c < 256; ++c) {
+        std::string read;
+        for (size_t k = 0, length = 1 + random() % 70; k < length; ++k)
+            read += bases[random() % bases.size()];
+        read.insert(read.begin() + static_cast<long>(random() % (read.size() + 1)), static_cast<char>(c));
+        if (kBaseCodes[static_cast<unsigned char>(c)] < 0) {
+            EXPECT_THROW(ReadCodes(read, codes), std::runtime_error) << "character " << c;
+            continue;
+        }
+        ReadCodes(read, codes);
+        ASSERT_EQ(codes.size(), read.size());
+        for (size_t k = 0; k < read.size(); ++k)
+            ASSERT_EQ(codes[k], kBaseCodes[static_cast<unsigned char>(read[k])]) << "character " << c << " at " << k;
     }
 }
 
