@@ -1,4 +1,5 @@
-// Boost.Log back end of the logging front end in logger.h.
+// Back end of the logging front end in logger.h: a console sink and a dated
+// log file, written under one lock.
 //
 // Filter policy (applied by Logger::Enabled, which Write also honours):
 //   - error, warning, info, message: pass on every channel, except that a
@@ -9,34 +10,37 @@
 //   - trace: passes only on channels named in the trace categories, whatever
 //     the verbose setting.
 //   Records that would reach no sink (quiet and no log folder) do not pass.
-// Before InitLogging and after ShutdownLogging there are no Boost sinks: error
-// to message records go straight to std::clog so that early failures are never
+// Before InitLogging and after ShutdownLogging there are no sinks: error to
+// message records go straight to std::clog so that early failures are never
 // lost, and verbose or trace records are dropped.
 //
 // Enabled is called on hot paths (several times per read), so the filter state
-// lives in plain atomics that InitLogging publishes; it never consults the
-// Boost core. The trace category list is an immutable vector published through
-// an atomic pointer; replaced lists are retired, never freed while running, so
-// a concurrent reader can never see a dangling list.
+// lives in plain atomics that InitLogging publishes; it never takes the lock.
+// The trace category list is an immutable vector published through an atomic
+// pointer; replaced lists are retired, never freed while running, so a
+// concurrent reader can never see a dangling list.
+//
+// Record formats (a newline is added unless the text ends in one):
+//   console: "[info] text"
+//   file:    "[2026-11-21 18:00:00.123456] [0x00007f0123456789] [channel] [info] text"
+//            (local time; the writing thread's id in 16 hex digits)
+// The file is named after the moment its first record is written,
+// "<stem>_log-YYYY-MM-DD_HH-MM-SS.log", and replaces a file of that name. A log
+// file that cannot be opened or written must not take a worker down with it:
+// its records are dropped, and the next record tries a file again.
 
 #include "common/logger.h"
 
+#include <pthread.h>
+#include <sys/time.h>
+
 #include <atomic>
-#include <boost/core/null_deleter.hpp>
-#include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/log/attributes/clock.hpp>
-#include <boost/log/attributes/constant.hpp>
-#include <boost/log/attributes/current_thread_id.hpp>
-#include <boost/log/attributes/value_extraction.hpp>
-#include <boost/log/core.hpp>
-#include <boost/log/expressions.hpp>
-#include <boost/log/sinks/sync_frontend.hpp>
-#include <boost/log/sinks/text_file_backend.hpp>
-#include <boost/log/sinks/text_ostream_backend.hpp>
-#include <boost/log/sources/record_ostream.hpp>
-#include <boost/log/support/date_time.hpp>
-#include <boost/log/utility/exception_handler.hpp>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -46,10 +50,6 @@
 namespace Common {
 
 namespace {
-
-namespace logging = boost::log;
-namespace expr = boost::log::expressions;
-namespace sinks = boost::log::sinks;
 
 const char* const kSeverityNames[] = {"error", "warning", "info", "message", "verbose", "trace"};
 // A literal, not a std::string: loggers may be constructed during static
@@ -63,10 +63,23 @@ std::atomic<bool> g_has_sink{false};
 std::atomic<bool> g_verbose{false};
 std::atomic<const TraceList*> g_trace{nullptr};
 
-// Guards InitLogging/ShutdownLogging and the pre-initialisation console.
-std::mutex& SetupMutex() {
+struct Sinks {
+    bool console = false;
+    std::string folder;  // empty: no log file
+    std::string stem;    // the file name up to "_log-"
+    std::ofstream file;  // opened by the first record
+};
+
+// Guards the sinks (InitLogging, ShutdownLogging, every record) and the
+// pre-initialisation console.
+std::mutex& SinkMutex() {
     static auto* mutex = new std::mutex;
     return *mutex;
+}
+
+Sinks& TheSinks() {
+    static auto* sinks = new Sinks;
+    return *sinks;
 }
 
 // Published trace lists stay alive until exit (they are reachable from here,
@@ -80,21 +93,57 @@ bool EndsWith(std::string_view text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// "vorpa_barcoder.log" -> "vorpa_barcoder_log-%Y-%m-%d_%H-%M-%S.log"
-std::string DatedFilePattern(const std::string& log_file_name) {
+// "vorpa_barcoder.log" -> "vorpa_barcoder"
+std::string FileStem(const std::string& log_file_name) {
     std::string stem = log_file_name;
     if (EndsWith(stem, ".log")) stem.resize(stem.size() - 4);
     if (stem.empty()) stem = "vorpa";
-    return stem + "_log-%Y-%m-%d_%H-%M-%S.log";
+    return stem;
 }
 
-void FormatShort(const logging::record_view& rec, logging::formatting_ostream& out) {
-    auto severity = logging::extract<Severity>("Severity", rec);
-    out << "[" << (severity ? SeverityToString(*severity) : std::string("unknown")) << "] " << rec[expr::smessage];
+std::string FormatLocalTime(std::time_t seconds, const char* format) {
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[64];
+    return std::string(text, std::strftime(text, sizeof text, format, &local));
 }
 
+// "[2026-11-21 18:00:00.123456] [0x00007f0123456789] "
+std::string FilePrefix() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    std::tm local{};
+    std::time_t seconds = now.tv_sec;
+    localtime_r(&seconds, &local);
+    char text[80];
+    std::size_t length = std::strftime(text, sizeof text, "[%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(text + length, sizeof text - length, ".%06ld] [0x%016" PRIxMAX "] ", static_cast<long>(now.tv_usec),
+                  static_cast<std::uintmax_t>(pthread_self()));
+    return text;
+}
+
+// The newline that ends a record of this text, unless the text has one.
+const char* EndOfRecord(const std::string& text) {
+    return !text.empty() && text.back() == '\n' ? "" : "\n";
+}
+
+// The caller holds SinkMutex.
+void WriteToFile(Sinks& sinks, Severity severity, const std::string& channel, const std::string& text) {
+    if (!sinks.file.is_open()) {
+        std::string name = sinks.stem + FormatLocalTime(std::time(nullptr), "_log-%Y-%m-%d_%H-%M-%S.log");
+        sinks.file.open(std::filesystem::path(sinks.folder) / name, std::ios::out | std::ios::trunc);
+        if (!sinks.file.is_open()) return;
+    }
+    sinks.file << FilePrefix() << "[" << channel << "] [" << SeverityToString(severity) << "] " << text
+               << EndOfRecord(text);
+    sinks.file.flush();
+    // A failed write (a full disk) leaves the stream unusable; closed, the
+    // next record tries a new file instead of writing nothing from then on.
+    if (!sinks.file) sinks.file.close();
+}
+
+// The caller holds SinkMutex.
 void ConsoleFallback(Severity severity, const std::string& channel, const std::string& text) {
-    std::lock_guard<std::mutex> lock(SetupMutex());
     std::clog << "[" << SeverityToString(severity) << "] [" << channel << "] " << text << std::endl;
 }
 
@@ -105,7 +154,6 @@ std::string SeverityToString(Severity severity) {
     if (index >= std::size(kSeverityNames)) return "unknown";
     return kSeverityNames[index];
 }
-
 Severity SeverityFromString(const std::string& name) {
     for (unsigned i = 0; i < std::size(kSeverityNames); ++i) {
         if (name == kSeverityNames[i]) return static_cast<Severity>(i);
@@ -114,70 +162,36 @@ Severity SeverityFromString(const std::string& name) {
 }
 
 void InitLogging(const LoggingSettings& settings) {
-    std::lock_guard<std::mutex> lock(SetupMutex());
-    auto core = logging::core::get();
-    core->remove_all_sinks();
+    std::lock_guard<std::mutex> lock(SinkMutex());
+    Sinks& sinks = TheSinks();
     g_initialised = false;
-
-    static bool core_prepared = false;
-    if (!core_prepared) {
-        core->add_global_attribute("TimeStamp", logging::attributes::local_clock());
-        core->add_global_attribute("ThreadID", logging::attributes::current_thread_id());
-        // A log file that cannot be written must not take a worker down with it.
-        core->set_exception_handler(logging::make_exception_suppressor());
-        core_prepared = true;
-    }
-
-    bool has_sink = false;
-    if (!settings.quiet) {
-        auto backend = boost::make_shared<sinks::text_ostream_backend>();
-        backend->add_stream(boost::shared_ptr<std::ostream>(&std::cout, boost::null_deleter()));
-        backend->auto_flush(true);
-        auto sink = boost::make_shared<sinks::synchronous_sink<sinks::text_ostream_backend>>(backend);
-        sink->set_formatter(&FormatShort);
-        core->add_sink(sink);
-        has_sink = true;
-    }
-    if (!settings.folder.empty()) {
-        // The file backend opens its file lazily and does not create folders.
+    sinks.file.close();
+    sinks.console = !settings.quiet;
+    sinks.folder = settings.folder;
+    sinks.stem = FileStem(settings.log_file_name);
+    // The file is opened by its first record, in a folder that exists by then.
+    if (!sinks.folder.empty()) {
         std::error_code ignored;
-        std::filesystem::create_directories(settings.folder, ignored);
-        auto pattern = (std::filesystem::path(settings.folder) / DatedFilePattern(settings.log_file_name)).string();
-        auto backend = boost::make_shared<sinks::text_file_backend>();
-        backend->set_file_name_pattern(pattern);
-        // Records are rare outside trace runs; flushing each keeps the file
-        // complete when the process is ended early.
-        backend->auto_flush(true);
-        auto sink = boost::make_shared<sinks::synchronous_sink<sinks::text_file_backend>>(backend);
-        sink->set_formatter(
-            expr::stream << "[" << expr::format_date_time<boost::posix_time::ptime>("TimeStamp", "%Y-%m-%d %H:%M:%S.%f")
-                         << "] [" << expr::attr<logging::attributes::current_thread_id::value_type>("ThreadID") << "] ["
-                         << expr::attr<std::string>("Channel") << "] ["
-                         << expr::wrap_formatter([](const logging::record_view& rec, logging::formatting_ostream& out) {
-                                auto severity = logging::extract<Severity>("Severity", rec);
-                                out << (severity ? SeverityToString(*severity) : std::string("unknown"));
-                            })
-                         << "] " << expr::smessage);
-        core->add_sink(sink);
-        has_sink = true;
+        std::filesystem::create_directories(sinks.folder, ignored);
     }
 
     auto trace = std::make_unique<TraceList>(settings.trace_categories);
     g_trace = trace.get();
     RetiredTraceLists().push_back(std::move(trace));
     g_verbose = settings.verbose;
-    g_has_sink = has_sink;
+    g_has_sink = sinks.console || !sinks.folder.empty();
     g_initialised = true;
 }
 
 void ShutdownLogging() {
-    std::lock_guard<std::mutex> lock(SetupMutex());
+    std::lock_guard<std::mutex> lock(SinkMutex());
     g_initialised = false;
     g_verbose = false;
     g_trace = nullptr;
-    auto core = logging::core::get();
-    core->flush();
-    core->remove_all_sinks();
+    Sinks& sinks = TheSinks();
+    sinks.file.close();
+    sinks.console = false;
+    sinks.folder.clear();
 }
 
 Logger::Logger(std::string channel)
@@ -210,22 +224,19 @@ bool Logger::Enabled(Severity severity) const {
 
 void Logger::Write(Severity severity, const std::string& text) const {
     if (!Enabled(severity)) return;
+    std::lock_guard<std::mutex> lock(SinkMutex());
     if (!g_initialised.load(std::memory_order_acquire)) {
-        ConsoleFallback(severity, channel_, text);
+        // Also when logging was shut down after Enabled looked: then only
+        // what the pre-initialisation console takes.
+        if (severity <= Severity::message && !verbose_channel_) ConsoleFallback(severity, channel_, text);
         return;
     }
-    logging::attribute_set attributes;
-    attributes.insert("Channel", logging::attributes::constant<std::string>(channel_));
-    attributes.insert("Severity", logging::attributes::constant<Severity>(severity));
-    auto core = logging::core::get();
-    logging::record record = core->open_record(attributes);
-    if (!record) return;
-    {
-        logging::record_ostream stream(record);
-        stream << text;
-        stream.flush();
+    Sinks& sinks = TheSinks();
+    if (sinks.console) {
+        std::cout << "[" << SeverityToString(severity) << "] " << text << EndOfRecord(text);
+        std::cout.flush();
     }
-    core->push_record(std::move(record));
+    if (!sinks.folder.empty()) WriteToFile(sinks, severity, channel_, text);
 }
 
 }  // namespace Common

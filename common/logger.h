@@ -1,7 +1,7 @@
 #pragma once
-// Logging front end. Boost.Log stays inside logger.cpp so that the rest of the
-// code base does not pay for its headers; callers see a light Logger handle and
-// the VB_LOG macro, which tests the filter before anything is formatted.
+// Logging front end: callers see a light Logger handle and the VB_LOG macro,
+// which tests the filter before anything is formatted; the sinks stay inside
+// logger.cpp.
 
 #include <sstream>
 #include <string>

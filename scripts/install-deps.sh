@@ -20,11 +20,10 @@
 set -euo pipefail
 
 # One package for each library the build includes or links: Boost's
-# program_options, Log (which brings the Boost libraries it uses) and headers
-# (property_tree), zlib, ISA-L and htslib.
+# program_options and headers (property_tree), zlib, ISA-L and htslib.
 packages=(
   build-essential cmake pkg-config
-  libboost-dev libboost-program-options-dev libboost-log-dev
+  libboost-dev libboost-program-options-dev
   zlib1g-dev libisal-dev libhts-dev
 )
 for group in "$@"; do

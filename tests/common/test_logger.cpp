@@ -3,8 +3,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "common/logger.h"
 
@@ -122,4 +125,94 @@ TEST(Logger, FileAndConsoleSinksFormatRecords) {
     EXPECT_EQ(file.find(".log\n"), std::string("vorpa_barcoder_log-2026-11-21_18-00-00").size()) << file;
     EXPECT_NE(file.find("] [read_processor] [warning] Found 3 fastq files."), std::string::npos) << file;
     fs::remove_all(folder);
+}
+
+TEST(Logger, FileRecordsStayWholeAcrossThreadsWhateverTheirLineEnds) {
+    fs::path folder = FreshFolder("threads");
+    Common::LoggingSettings settings;
+    settings.folder = folder.string();
+    settings.log_file_name = "threads.log";
+    // Text as given -> the lines the file shows after the record's prefix:
+    // one newline ends every record, a text's own final newline included.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"plain", "plain\n"},
+        {"ends in a newline\n", "ends in a newline\n"},
+        {"first\nsecond", "first\nsecond\n"},
+        {"", "\n"},
+    };
+    constexpr int kThreads = 4, kRounds = 25;
+    std::string console;
+    {
+        StreamCapture capture(std::cout);
+        Common::InitLogging(settings);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([t, &cases] {
+                Logger logger("channel_" + std::to_string(t));
+                for (int round = 0; round < kRounds; ++round) {
+                    for (const auto& [text, shown] : cases)
+                        VB_LOG(logger, Severity::info) << text;
+                }
+            });
+        }
+        for (auto& thread : threads)
+            thread.join();
+        Common::ShutdownLogging();
+        console = capture.Text();
+    }
+    std::string file = ReadSingleLogFile(folder);
+    ASSERT_EQ(file.find("threads_log-"), 0u) << file;
+    file.erase(0, file.find('\n') + 1);
+
+    // Each record: its prefix, then the lines its case shows; records of one
+    // thread in the order written.
+    const std::regex prefix(
+        R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}\] \[(0x[0-9a-f]{16})\] \[channel_(\d)\] \[info\] )");
+    std::vector<int> next_case(kThreads, 0);
+    std::vector<std::string> thread_id(kThreads);
+    std::size_t at = 0;
+    int records = 0;
+    while (at < file.size()) {
+        std::smatch match;
+        std::string rest = file.substr(at);
+        ASSERT_TRUE(std::regex_search(rest, match, prefix, std::regex_constants::match_continuous))
+            << "no record prefix at: " << rest.substr(0, 80);
+        int t = std::stoi(match[2]);
+        if (thread_id[t].empty()) thread_id[t] = match[1];
+        EXPECT_EQ(match[1], thread_id[t]) << "one thread, one id";
+        const std::string& shown = cases[next_case[t]++ % cases.size()].second;
+        ASSERT_EQ(rest.compare(match.length(), shown.size(), shown), 0) << rest.substr(0, 80);
+        at += match.length() + shown.size();
+        ++records;
+    }
+    EXPECT_EQ(records, kThreads * kRounds * static_cast<int>(cases.size()));
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_NE(thread_id[t], thread_id[(t + 1) % kThreads]);
+
+    // The console shows "[info] " and the same lines.
+    std::string expected_console;
+    for (int i = 0; i < kThreads * kRounds; ++i) {
+        for (const auto& [text, shown] : cases)
+            expected_console += "[info] " + shown;
+    }
+    EXPECT_EQ(console.size(), expected_console.size());
+    fs::remove_all(folder);
+}
+
+TEST(Logger, ALogFileThatCannotBeOpenedDropsItsRecordsOnly) {
+    // The log folder is taken by a file: no log file can be made there.
+    fs::path blocked = FreshFolder("blocked");
+    std::ofstream(blocked) << "not a folder";
+    Common::LoggingSettings settings;
+    settings.folder = blocked.string();
+    settings.log_file_name = "blocked.log";
+    Logger logger("read_processor");
+    StreamCapture capture(std::cout);
+    Common::InitLogging(settings);
+    EXPECT_NO_THROW(VB_LOG(logger, Severity::error) << "first");
+    EXPECT_NO_THROW(VB_LOG(logger, Severity::error) << "second");
+    Common::ShutdownLogging();
+    EXPECT_EQ(capture.Text(), "[error] first\n[error] second\n");
+    EXPECT_TRUE(fs::is_regular_file(blocked));
+    fs::remove(blocked);
 }
