@@ -58,6 +58,15 @@ constexpr double kSeedDensity = 0.5;
 // one run of 7 bases but several of 6 (about 1 in 200 at 87 % identity).
 constexpr double kSparseDensity = 0.15;
 constexpr size_t kShortestPerSeed = 6;
+// Where every reference belongs to a family (barcodes between constant
+// flanks), a copy whose barcode is too damaged to keep a longer seed is still
+// proposed through its flanks' seeds (the family's spot), so seeds grow on
+// to a fifth of the shortest reference. On 96 barcodes of 42 bases with
+// flanks, 8-base seeds instead of 7 hit a quarter as many read positions and
+// cut the search's cost on 10 kb reads by more than half, at the price of
+// one molecule in 500 at 87 % identity. Without flanks they would cost a
+// front-only kit of 96 barcodes of 40 bases 4 % of its concatemers there.
+constexpr size_t kShortestPerSeedInFamilies = 5;
 
 }  // namespace
 
@@ -74,7 +83,10 @@ SeedScan::SeedScan(const std::vector<std::vector<int>>& references, int k) : ref
     for (k = 5;; ++k) {
         Build(references, k);
         const double density = static_cast<double>(entries_.size()) / static_cast<double>(size_t{1} << (2 * k));
-        const bool longer_fits = static_cast<size_t>(k + 1) * kShortestPerSeed <= shortest;
+        const bool in_families =
+            std::all_of(family_of_.begin(), family_of_.end(), [](int64_t family) { return family >= 0; });
+        const size_t per_seed = in_families ? kShortestPerSeedInFamilies : kShortestPerSeed;
+        const bool longer_fits = static_cast<size_t>(k + 1) * per_seed <= shortest;
         if (k == kMaxSeedLength || (density <= kSeedDensity && (density <= kSparseDensity || !longer_fits))) return;
     }
 }

@@ -26,8 +26,9 @@ public:
     // 0 takes the shortest from 5 on whose table holds a seed at no more than
     // every other position of random sequence (the fewer the references, the
     // shorter the seeds and the more damaged the copies found), or, while the
-    // seeds stay within a sixth of the shortest reference, at no more than
-    // 15 % of positions. A reference shorter than k is never seeded.
+    // seeds stay within a sixth of the shortest reference (a fifth where
+    // every reference belongs to a family), at no more than 15 % of
+    // positions. A reference shorter than k is never seeded.
     explicit SeedScan(const std::vector<std::vector<int>>& references, int k = 0);
 
     static constexpr int kMaxSeedLength = 10;

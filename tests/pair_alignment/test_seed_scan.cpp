@@ -136,8 +136,10 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
     struct Kit {
         int count;
         size_t flank, barcode;
+        int k;  // the seed length chosen: longer between flanks, whose seeds still find a damaged barcode
     };
-    const std::vector<Kit> kits = {{4, 0, 24}, {12, 0, 56}, {12, 12, 24}, {48, 13, 24}, {96, 0, 40}, {6, 30, 16}};
+    const std::vector<Kit> kits = {{4, 0, 24, 5},  {12, 0, 56, 7}, {12, 12, 24, 7}, {48, 13, 24, 8},
+                                   {96, 9, 24, 8}, {96, 0, 40, 7}, {6, 30, 16, 6}};
     for (const auto& kit : kits) {
         const Codes left = RandomCodes(random, kit.flank), right = RandomCodes(random, kit.flank);
         std::vector<Codes> references;
@@ -152,6 +154,7 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
                 c = 3 - c;
         }
         const SeedScan scan(references);
+        EXPECT_EQ(scan.SeedLength(), kit.k) << "kit of " << kit.count << " (flank " << kit.flank << ")";
         SeedScan::Work work;
         std::vector<SeedScan::Spot> spots;
         size_t total = 0;
