@@ -98,9 +98,11 @@ struct FastqWriter::Series {
     std::string relative_folder;  // below its save path
     std::string run_id;
     unsigned index = 0;
-    uint64_t records = 0;  // in the current file
-    bool created = false;  // the current file was created (emptied) by this run
-    uint64_t last_use = 0;
+    uint64_t records = 0;     // in the current file
+    bool created = false;     // the current file was created (emptied) by this run
+    Series* older = nullptr;  // neighbours in the list of open files by last use
+    Series* newer = nullptr;
+    bool listed = false;
     uint64_t undo_batch = 0;  // the batch whose undo record holds this file's earlier size
     std::string undo_path;
     uint64_t created_batch = 0;    // the batch that created the current file
@@ -141,15 +143,45 @@ FastqWriter::Series& FastqWriter::FindSeries(const Key& key, const std::string& 
     return *series_.emplace(key, std::move(series)).first->second;
 }
 
-void FastqWriter::CloseLeastRecentlyUsed() {
-    if (open_by_use_.empty()) return;
-    CloseSeriesFile(*open_by_use_.begin()->second);
+FastqWriter::Series& FastqWriter::SeriesOf(size_t root, const FastqChunk& chunk) {
+    chunk_key_.assign(reinterpret_cast<const char*>(&root), sizeof root);
+    chunk_key_ += chunk.folder;
+    chunk_key_ += '\0';
+    chunk_key_ += chunk.run_id;
+    const auto found = chunk_series_.find(chunk_key_);
+    if (found != chunk_series_.end()) return *found->second;
+    Series& series = FindSeries(Key((fs::path(save_paths_[root]) / chunk.folder).string(), chunk.run_id), chunk.folder);
+    chunk_series_.emplace(chunk_key_, &series);
+    return series;
 }
 
-// Every open file is in open_by_use_ under its last use, so that the least
-// recently used one is found at once however many series there are.
+void FastqWriter::CloseLeastRecentlyUsed() {
+    if (oldest_ != nullptr) CloseSeriesFile(*oldest_);
+}
+
+// Every open file is in a list by last use, so that the least recently used
+// one is found, and a use noted, at once however many series there are.
+void FastqWriter::MarkUsed(Series& series) {
+    if (newest_ == &series) return;
+    Unlist(series);
+    series.older = newest_;
+    series.newer = nullptr;
+    if (newest_ != nullptr) newest_->newer = &series;
+    newest_ = &series;
+    if (oldest_ == nullptr) oldest_ = &series;
+    series.listed = true;
+}
+
+void FastqWriter::Unlist(Series& series) {
+    if (!series.listed) return;
+    (series.older != nullptr ? series.older->newer : oldest_) = series.newer;
+    (series.newer != nullptr ? series.newer->older : newest_) = series.older;
+    series.older = series.newer = nullptr;
+    series.listed = false;
+}
+
 void FastqWriter::NoteClosed(Series& series) {
-    open_by_use_.erase(series.last_use);
+    Unlist(series);
     --open_count_;
 }
 
@@ -190,9 +222,7 @@ void FastqWriter::NoteUndo(Series& series, const std::string& path, uint64_t siz
 // cuts the trailer off and appends.
 void FastqWriter::EnsureOpen(Series& series) {
     if (series.file.IsOpen()) {
-        open_by_use_.erase(series.last_use);
-        series.last_use = ++use_clock_;
-        open_by_use_.emplace(series.last_use, &series);
+        MarkUsed(series);
         return;
     }
     while (open_count_ >= max_open_)
@@ -229,8 +259,7 @@ void FastqWriter::EnsureOpen(Series& series) {
         }
     }
     ++open_count_;
-    series.last_use = ++use_clock_;
-    open_by_use_.emplace(series.last_use, &series);
+    MarkUsed(series);
     if (series.created) return;
     series.created = true;
     NoteUndo(series, path, 0, series.created_batch == batch_id_);
@@ -249,8 +278,7 @@ void FastqWriter::WriteToSeries(Series& series, std::span<const std::string_view
     series.file.Write(pieces);
 }
 
-void FastqWriter::startNewFile(const Key& key) {
-    Series& series = FindSeries(key, "");
+void FastqWriter::startNewFile(Series& series) {
     CloseSeriesFile(series);
     ++series.index;
     series.records = 0;
@@ -275,10 +303,9 @@ void FastqWriter::Append(const FastqChunk& chunk) {
     if (Compressed() && !chunk.pieces.empty())
         throw std::logic_error("A compressed output takes the chunk's text, not its records in place.");
     const uint64_t limit = options_.records_per_fastq;
-    for (const auto& root : save_paths_) {
-        const Key key((fs::path(root) / chunk.folder).string(), chunk.run_id);
-        Series& series = FindSeries(key, chunk.folder);
-        if (limit > 0 && series.records >= limit) startNewFile(key);
+    for (size_t root = 0; root < save_paths_.size(); ++root) {
+        Series& series = SeriesOf(root, chunk);
+        if (limit > 0 && series.records >= limit) startNewFile(series);
         const bool by_pieces = !Compressed() && !chunk.pieces.empty();
         if (limit == 0 || series.records + chunk.Records() <= limit) {
             if (by_pieces) {
@@ -295,7 +322,7 @@ void FastqWriter::Append(const FastqChunk& chunk) {
             throw std::logic_error("An output chunk crossing a file boundary must carry its text.");
         size_t done = 0;
         while (done < chunk.Records()) {
-            if (series.records >= limit) startNewFile(key);
+            if (series.records >= limit) startNewFile(series);
             const size_t take = std::min<size_t>(chunk.Records() - done, limit - series.records);
             const size_t begin = done == 0 ? 0 : chunk.record_ends[done - 1];
             const size_t end = chunk.record_ends[done + take - 1];
@@ -480,7 +507,8 @@ void FastqWriter::Finalise() {
         }
     }
     open_count_ = 0;
-    open_by_use_.clear();
+    oldest_ = newest_ = nullptr;
+    chunk_series_.clear();
     series_.clear();
     if (!failures.empty()) throw OutputError(failures);
 }

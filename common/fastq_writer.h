@@ -21,6 +21,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -142,7 +143,7 @@ protected:
     using Key = std::pair<std::string, std::string>;  // (full folder path, run id)
 
     // Closes the series' current file and moves on to the next index.
-    void startNewFile(const Key& key);
+    void startNewFile(Series& series);
     // Whether files hold compressed bytes (gzip, or BAM's BGZF), and the
     // compressed form of text.
     bool Compressed() const;
@@ -150,6 +151,12 @@ protected:
 
 private:
     Series& FindSeries(const Key& key, const std::string& relative_folder);
+    // The series of a chunk below save path number root, found without
+    // building its full path (a lookup per chunk, thousands of series).
+    Series& SeriesOf(size_t root, const FastqChunk& chunk);
+    // The open files form a list by last use, oldest first.
+    void MarkUsed(Series& series);
+    void Unlist(Series& series);
     void WriteToSeries(Series& series, std::string_view bytes);
     void WriteToSeries(Series& series, std::span<const std::string_view> pieces);
     void EnsureOpen(Series& series);
@@ -165,9 +172,11 @@ private:
     unsigned max_open_;
     bool finalised_ = false;
     std::map<Key, std::unique_ptr<Series>> series_;
+    std::unordered_map<std::string, Series*> chunk_series_;  // by root number, folder and run id
+    std::string chunk_key_;                                  // reused: no allocation per lookup
     size_t open_count_ = 0;
-    uint64_t use_clock_ = 0;
-    std::map<uint64_t, Series*> open_by_use_;  // the open files by last use, oldest first
+    Series* oldest_ = nullptr;  // open files by last use: oldest_ ... newest_
+    Series* newest_ = nullptr;
     bool in_batch_ = false;
     uint64_t batch_id_ = 0;
     struct Undo {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "common/bam_header.h"
@@ -240,6 +241,34 @@ TEST_F(FastqWriterTest, SeriesLandInOrderAcrossEvictionsAndRotation) {
                 EXPECT_EQ(Files().size(), files_expected) << format << " " << limit << " " << open_files;
             }
         }
+    }
+}
+
+// The files kept open are always the most recently used ones (a naive list
+// of uses as the reference), so that a series written every batch is never
+// the one closed to make room; random uses of many series, for several caps.
+TEST_F(FastqWriterTest, KeepsTheMostRecentlyUsedFilesOpen) {
+    std::mt19937 rng(99);
+    for (unsigned cap : {1u, 2u, 5u}) {
+        fs::remove_all(root_);
+        auto writer = Writer(root_, Options(kPlain, 0, cap));
+        std::vector<std::string> uses;  // series by last use, newest last
+        for (int c = 0; c < 120; ++c) {
+            const std::string folder = "s" + std::to_string(rng() % 2 == 0 ? rng() % 3 : rng() % 12);
+            writer->Append(Chunk(kPlain, folder, "R1", c, 1));
+            std::erase(uses, folder);
+            uses.push_back(folder);
+            std::set<std::string> expected(uses.end() - std::min<size_t>(cap, uses.size()), uses.end());
+            std::set<std::string> open;
+            for (fs::directory_iterator it("/proc/self/fd"), end; it != end; ++it) {
+                std::error_code error;
+                const fs::path target = fs::read_symlink(it->path(), error);
+                if (!error && target.string().rfind(root_.string() + "/", 0) == 0)
+                    open.insert(target.parent_path().filename().string());
+            }
+            ASSERT_EQ(open, expected) << "cap " << cap << ", chunk " << c;
+        }
+        writer->Finalise();
     }
 }
 
