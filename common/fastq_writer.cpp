@@ -15,6 +15,7 @@
 #include "common/fastq_writer.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -49,6 +50,23 @@ unsigned DefaultMaxOpenFiles() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMostOpenFiles;
     return static_cast<unsigned>(std::clamp<rlim_t>(limit.rlim_cur / 2, 4, kMostOpenFiles));
+}
+
+// Creates the folder (and its parents): true when this call made it, so that
+// it cannot hold an older run's file yet, false when it was there. One system
+// call for a new folder rather than three looks first: a sheet of thousands
+// of samples makes a folder for each.
+bool MakeFolder(const std::string& folder) {
+    if (::mkdir(folder.c_str(), 0777) == 0) return true;
+    const int reason = errno;
+    std::error_code error;
+    if (reason == EEXIST && fs::is_directory(folder, error)) return false;
+    if (reason == ENOENT) fs::create_directories(folder, error);
+    if (reason != ENOENT || error) {
+        const std::string why = reason == ENOENT ? error.message() : std::generic_category().message(reason);
+        throw OutputError("Failed to create folder '" + folder + "': " + why + ".");
+    }
+    return true;
 }
 
 bool OutOfDescriptors(const OutputError& error) {
@@ -230,11 +248,8 @@ void FastqWriter::EnsureOpen(Series& series) {
     const std::string path = series.Path(options_);
     if (!series.created) {
         std::error_code error;
-        if (!series.folder.empty() && !fs::is_directory(series.folder, error)) {
-            fs::create_directories(series.folder, error);
-            if (error) throw OutputError("Failed to create folder '" + series.folder + "': " + error.message() + ".");
-        }
-        if (fs::exists(path, error))
+        const bool new_folder = !series.folder.empty() && MakeFolder(series.folder);
+        if (!new_folder && fs::exists(path, error))
             VB_LOG(WriterLog(), Severity::warning) << "The output file '" << path << "' will be overwitten.";
         series.created_batch = in_batch_ ? batch_id_ : 0;
     } else if (series.trailer_on_disk) {
