@@ -218,11 +218,20 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
     for (size_t i = 0; i + 1 < k; ++i)
         kmer = (kmer << 2) | sequence[i];
     size_t count = 0;
-    for (size_t i = k - 1; i < length; ++i) {
-        kmer = ((kmer << 2) | sequence[i]) & mask;
-        out[count] = (uint64_t{i} << 32) | kmer;
+    auto step = [&](size_t j) {
+        kmer = ((kmer << 2) | sequence[j]) & mask;
+        out[count] = (uint64_t{j} << 32) | kmer;
         count += present[kmer];
+    };
+    size_t i = k - 1;
+    for (; i + 4 <= length; i += 4) {  // four bases a round: less loop control per base
+        step(i);
+        step(i + 1);
+        step(i + 2);
+        step(i + 3);
     }
+    for (; i < length; ++i)
+        step(i);
     for (size_t s = 0; s < count; ++s) {
         const auto x = static_cast<uint32_t>(seeded[s]);
         const auto position = static_cast<int32_t>((seeded[s] >> 32) + 1 - k);

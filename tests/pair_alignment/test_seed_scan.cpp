@@ -166,6 +166,10 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
                 const Codes spacer = RandomCodes(random, random() % 200);
                 read.insert(read.end(), spacer.begin(), spacer.end());
             }
+            if (r % 2 == 0) {  // a whole copy as the read's last bases: its last seed ends the read
+                const Codes& last = references[random() % references.size()];
+                read.insert(read.end(), last.begin(), last.end());
+            }
             const std::vector<uint8_t> bytes(read.begin(), read.end());
             scan.Find(bytes.data(), bytes.size(), spots, work);
             std::vector<NaiveSpot> got;
