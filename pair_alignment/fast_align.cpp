@@ -167,13 +167,24 @@ int FastAlign::FillTrace(const int* ref, int l1, const int* query, int l2, int w
     const int64_t range = (static_cast<int64_t>(l1) + l2 + 1) * max_abs_cost_;
     const bool vector_safe = n_ == 4 && range <= Core::kLimit32 && band_steps_by_one;
     const SimdKernels& kernels = vector_safe ? ActiveKernels() : GenericKernels();
-    if (&kernels == &GenericKernels()) return kernels.core.fill_band(job);
+    // The 8-bit kernel where its conditions hold (band_diff_kernel.h): the
+    // costs of the many-reference 8-bit kernel and a band over the whole
+    // matrix; its last row and column are on ints, so any range within
+    // kLimit32 will do. Every build has it, the readable one included.
+    const bool bytes =
+        vector_safe && costs_fit8_ && w.band_covers_matrix && std::min(l1, l2) <= Core::kBandBytesMaxLength;
+    if (!bytes && &kernels == &GenericKernels()) return kernels.core.fill_band(job);
 
+    job.ref_rev8 = Padded<uint8_t>(w.ref_rev8, l1, 0, [&](int k) { return ref[l1 - 1 - k]; });
+    job.query8 = Padded<uint8_t>(w.query8, l2, 0, [&](int j) { return query[j]; });
+    if (bytes) {
+        w.band_diffs.resize(2 * (static_cast<size_t>(l1) + l2));
+        job.diffs = w.band_diffs.data();
+        return kernels.core.fill_band8(job);
+    }
     const Core::Costs& c = job.costs;
     auto up_cost = [&](int k) { return k == l1 ? c.start1 : k == 0 ? c.end1 : c.open1; };  // i = l1 - k
     auto right_cost = [&](int j) { return j == 0 ? c.start2 : j == l2 ? c.end2 : c.open2; };
-    job.ref_rev8 = Padded<uint8_t>(w.ref_rev8, l1, 0, [&](int k) { return ref[l1 - 1 - k]; });
-    job.query8 = Padded<uint8_t>(w.query8, l2, 0, [&](int j) { return query[j]; });
     job.lanes16 = range <= Core::kLimit16;
     if (job.lanes16) {
         job.up_cost16 = Padded<int16_t>(w.up_cost16, l1 + 1, 0, up_cost);

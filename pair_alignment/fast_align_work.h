@@ -27,6 +27,7 @@ struct FastAlign::Work {
     std::vector<int> right_cost;
     std::vector<int16_t> up_cost16;
     std::vector<int16_t> right_cost16;
+    std::vector<int8_t> band_diffs;      // the 8-bit band kernel's work space
     AlignedVector<int16_t> lane_rows16;  // batch kernels' score rows
     AlignedVector<int32_t> lane_rows32;
     AlignedVector<int8_t> lane_rows8;

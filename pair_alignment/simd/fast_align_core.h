@@ -55,6 +55,8 @@ struct BandJob {
     const int16_t* up_cost16 = nullptr;  // the same in 16 bits, when lanes16
     const int16_t* right_cost16 = nullptr;
     bool lanes16 = false;  // scores fit 16-bit lanes (within kLimit16)
+    // For the 8-bit band kernel (band_diff_kernel.h) only:
+    int8_t* diffs = nullptr;  // 2 * (l1 + l2) bytes of work space
 };
 using FillBandFn = int (*)(const BandJob&);
 
@@ -98,6 +100,9 @@ constexpr long long kLimit32 = kMaxScoreRange32;
 // whole matrix, no start gap dearer than an open one (start1 >= open1 and
 // start2 >= open2 in the negated costs) and every cost within this.
 constexpr int kLimit8Cost = 25;
+// The 8-bit band kernel (band_diff_kernel.h) holds a diagonal in at most three
+// byte blocks of registers: it takes the shorter sequence up to this length.
+constexpr int kBandBytesMaxLength = 3 * kByteBlockBytes + 1;
 
 // One build's kernels. Each build's object defines its table, constant-
 // initialised, so that the dispatcher's own tables are constant too.
@@ -106,15 +111,17 @@ struct BuildKernels {
     ScoreLanesFn score_lanes16;
     ScoreLanesFn score_lanes32;
     ScoreLanesFn score_lanes8;  // diff_kernel.h
+    FillBandFn fill_band8;      // band_diff_kernel.h
 };
 extern const BuildKernels kGenericBuild;
 extern const BuildKernels kSse41Build;
 extern const BuildKernels kAvx2Build;
 // Single alignments gain nothing from 512-bit registers at barcode lengths, so
-// the AVX-512 build's band routine is the AVX2 one (every AVX-512BW processor
-// has AVX2).
+// the AVX-512 build's band routines are the AVX2 ones (every AVX-512BW
+// processor has AVX2).
 extern const BuildKernels kAvx512Build;
 int FillBandGeneric(const BandJob& job);
 int FillBandAvx2(const BandJob& job);
+int FillBandDiffsAvx2(const BandJob& job);
 
 }  // namespace PairAlignment::Core

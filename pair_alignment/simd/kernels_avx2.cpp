@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "pair_alignment/simd/band_diff_kernel.h"
 #include "pair_alignment/simd/band_kernel.h"
 #include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
@@ -91,8 +92,30 @@ struct Bytes : TwoWide<Lanes<int16_t>> {
     static T Add(T a, T b) { return _mm256_add_epi8(a, b); }
     static T Sub(T a, T b) { return _mm256_sub_epi8(a, b); }
     static T Max(T a, T b) { return _mm256_max_epi8(a, b); }
+    static T CmpGt(T a, T b) { return _mm256_cmpgt_epi8(a, b); }
+    static T And(T a, T b) { return _mm256_and_si256(a, b); }
     static T Set1(int x) { return _mm256_set1_epi8(static_cast<char>(x)); }
     static void Opaque(T& a) { asm("" : "+x"(a)); }  // diff_kernel.h
+    // band_diff_kernel.h: the 16 entries in both halves, as byte shuffles
+    // look up within each half.
+    struct Table {
+        __m256i entries;
+        explicit Table(const uint8_t* values)
+            : entries(_mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values)))) {}
+    };
+    static T Lookup(const Table& table, const uint8_t* ref, const uint8_t* query) {
+        // Index r * 4 + q (codes < 4, so the 16-bit shift never carries into
+        // the neighbouring byte).
+        const __m256i index = _mm256_or_si256(_mm256_slli_epi16(Load(reinterpret_cast<const Elem*>(ref)), 2),
+                                              Load(reinterpret_cast<const Elem*>(query)));
+        return _mm256_shuffle_epi8(table.entries, index);
+    }
+    static T Blend(T a, T b, T mask) { return _mm256_blendv_epi8(a, b, mask); }
+    static int Lane0(T a) { return static_cast<int8_t>(_mm_cvtsi128_si32(_mm256_castsi256_si128(a))); }
+    // Lane 0 from prev's last lane, lane k from cur's lane k - 1 ...
+    static T ShiftUp(T prev, T cur) { return _mm256_alignr_epi8(cur, _mm256_permute2x128_si256(prev, cur, 0x21), 15); }
+    // ... and lane k from cur's lane k + 1, the last from next's lane 0.
+    static T ShiftDown(T cur, T next) { return _mm256_alignr_epi8(_mm256_permute2x128_si256(cur, next, 0x21), cur, 1); }
     static W Widen(T a) {
         return {_mm256_cvtepi8_epi16(_mm256_castsi256_si128(a)), _mm256_cvtepi8_epi16(_mm256_extracti128_si256(a, 1))};
     }
@@ -103,7 +126,10 @@ struct Bytes : TwoWide<Lanes<int16_t>> {
 int FillBandAvx2(const BandJob& job) {
     return FillBandEither<Lanes<int16_t>, Lanes<int32_t>>(job);
 }
+int FillBandDiffsAvx2(const BandJob& job) {
+    return FillBandDiffs<Bytes>(job);
+}
 constinit const BuildKernels kAvx2Build = {FillBandAvx2, ScoreLanes<Lanes<int16_t>>, ScoreLanes<Lanes<int32_t>>,
-                                           ScoreDiffs<Bytes>};
+                                           ScoreDiffs<Bytes>, FillBandDiffsAvx2};
 
 }  // namespace PairAlignment::Core

@@ -97,6 +97,6 @@ struct Bytes : OneWide<WideLanes<int16_t>> {
 }  // namespace
 
 constinit const BuildKernels kAvx512Build = {FillBandAvx2, ScoreLanes<WideLanes<int16_t>>,
-                                             ScoreLanes<WideLanes<int32_t>>, ScoreDiffs<Bytes>};
+                                             ScoreLanes<WideLanes<int32_t>>, ScoreDiffs<Bytes>, FillBandDiffsAvx2};
 
 }  // namespace PairAlignment::Core

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "pair_alignment/simd/band_diff_kernel.h"
 #include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
 
@@ -60,11 +61,51 @@ struct ScalarLanes {
 
 // Byte lanes with the 16-bit lanes of the same count that the 8-bit kernel
 // sums its scores in.
+// CmpGt and below serve the band kernel of band_diff_kernel.h.
 struct ScalarBytes : ScalarLanes<int8_t>, OneWide<ScalarLanes<int16_t, ScalarLanes<int8_t>::kLanes>> {
     static W Widen(const T& a) {
         W r;
         for (int k = 0; k < kLanes; ++k)
             r.v[k] = a.v[k];
+        return r;
+    }
+    static T CmpGt(const T& a, const T& b) {
+        return Each(a, b, [](int64_t x, int64_t y) { return x > y ? -1 : 0; });
+    }
+    static T And(const T& a, const T& b) {
+        return Each(a, b, [](int64_t x, int64_t y) { return x & y; });
+    }
+    struct Table {
+        explicit Table(const uint8_t* values) : entries(values) {}
+        const uint8_t* entries;
+    };
+    static T Lookup(const Table& table, const uint8_t* ref, const uint8_t* query) {
+        T r;
+        for (int k = 0; k < kLanes; ++k)
+            r.v[k] = static_cast<int8_t>(table.entries[ref[k] * 4 + query[k]]);
+        return r;
+    }
+    static T Blend(const T& a, const T& b, const T& mask) {
+        T r;
+        for (int k = 0; k < kLanes; ++k)
+            r.v[k] = mask.v[k] ? b.v[k] : a.v[k];
+        return r;
+    }
+    static int Lane0(const T& a) { return a.v[0]; }
+    // Lane 0 from prev's last lane, lane k from cur's lane k - 1 ...
+    static T ShiftUp(const T& prev, const T& cur) {
+        T r;
+        r.v[0] = prev.v[kLanes - 1];
+        for (int k = 1; k < kLanes; ++k)
+            r.v[k] = cur.v[k - 1];
+        return r;
+    }
+    // ... and lane k from cur's lane k + 1, the last from next's lane 0.
+    static T ShiftDown(const T& cur, const T& next) {
+        T r;
+        for (int k = 0; k + 1 < kLanes; ++k)
+            r.v[k] = cur.v[k + 1];
+        r.v[kLanes - 1] = next.v[0];
         return r;
     }
 };
@@ -73,6 +114,7 @@ struct ScalarBytes : ScalarLanes<int8_t>, OneWide<ScalarLanes<int16_t, ScalarLan
 
 // The band routine is the readable one of fast_align_generic.cpp.
 constinit const BuildKernels kGenericBuild = {FillBandGeneric, ScoreLanes<ScalarLanes<int16_t>>,
-                                              ScoreLanes<ScalarLanes<int32_t>>, ScoreDiffs<ScalarBytes>};
+                                              ScoreLanes<ScalarLanes<int32_t>>, ScoreDiffs<ScalarBytes>,
+                                              FillBandDiffs<ScalarBytes>};
 
 }  // namespace PairAlignment::Core

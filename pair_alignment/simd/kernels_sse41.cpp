@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "pair_alignment/simd/band_diff_kernel.h"
 #include "pair_alignment/simd/band_kernel.h"
 #include "pair_alignment/simd/diff_kernel.h"
 #include "pair_alignment/simd/lane_kernel.h"
@@ -118,9 +119,35 @@ struct Bytes : TwoWide<Lanes<int16_t>> {
     static T Add(const T& a, const T& b) { return {_mm_add_epi8(a.lo, b.lo), _mm_add_epi8(a.hi, b.hi)}; }
     static T Sub(const T& a, const T& b) { return {_mm_sub_epi8(a.lo, b.lo), _mm_sub_epi8(a.hi, b.hi)}; }
     static T Max(const T& a, const T& b) { return {_mm_max_epi8(a.lo, b.lo), _mm_max_epi8(a.hi, b.hi)}; }
+    static T CmpGt(const T& a, const T& b) { return {_mm_cmpgt_epi8(a.lo, b.lo), _mm_cmpgt_epi8(a.hi, b.hi)}; }
+    static T And(const T& a, const T& b) { return {_mm_and_si128(a.lo, b.lo), _mm_and_si128(a.hi, b.hi)}; }
     static T Set1(int x) {
         const __m128i v = _mm_set1_epi8(static_cast<char>(x));
         return {v, v};
+    }
+    // band_diff_kernel.h: the 16 entries for byte shuffles.
+    struct Table {
+        __m128i entries;
+        explicit Table(const uint8_t* values) : entries(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values))) {}
+    };
+    static T Lookup(const Table& table, const uint8_t* ref, const uint8_t* query) {
+        // Index r * 4 + q (codes < 4: the 16-bit shift never carries).
+        const T r = Load(reinterpret_cast<const Elem*>(ref));
+        const T q = Load(reinterpret_cast<const Elem*>(query));
+        return {_mm_shuffle_epi8(table.entries, _mm_or_si128(_mm_slli_epi16(r.lo, 2), q.lo)),
+                _mm_shuffle_epi8(table.entries, _mm_or_si128(_mm_slli_epi16(r.hi, 2), q.hi))};
+    }
+    static T Blend(const T& a, const T& b, const T& mask) {
+        return {_mm_blendv_epi8(a.lo, b.lo, mask.lo), _mm_blendv_epi8(a.hi, b.hi, mask.hi)};
+    }
+    static int Lane0(const T& a) { return static_cast<int8_t>(_mm_cvtsi128_si32(a.lo)); }
+    // Lane 0 from prev's last lane, lane k from cur's lane k - 1 ...
+    static T ShiftUp(const T& prev, const T& cur) {
+        return {_mm_alignr_epi8(cur.lo, prev.hi, 15), _mm_alignr_epi8(cur.hi, cur.lo, 15)};
+    }
+    // ... and lane k from cur's lane k + 1, the last from next's lane 0.
+    static T ShiftDown(const T& cur, const T& next) {
+        return {_mm_alignr_epi8(cur.hi, cur.lo, 1), _mm_alignr_epi8(next.lo, cur.hi, 1)};
     }
     static Wide::T Widen(__m128i a) { return {_mm_cvtepi8_epi16(a), _mm_cvtepi8_epi16(_mm_srli_si128(a, 8))}; }
     static W Widen(const T& a) { return {Widen(a.lo), Widen(a.hi)}; }
@@ -129,6 +156,6 @@ struct Bytes : TwoWide<Lanes<int16_t>> {
 }  // namespace
 
 constinit const BuildKernels kSse41Build = {FillBandEither<Lanes<int16_t>, Lanes<int32_t>>, ScoreLanes<Lanes<int16_t>>,
-                                            ScoreLanes<Lanes<int32_t>>, ScoreDiffs<Bytes>};
+                                            ScoreLanes<Lanes<int32_t>>, ScoreDiffs<Bytes>, FillBandDiffs<Bytes>};
 
 }  // namespace PairAlignment::Core

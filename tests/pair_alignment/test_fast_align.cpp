@@ -404,6 +404,65 @@ TEST_F(FastAlignTest, ByteLanesMatchTheFullMatrixProgramForEveryBuild) {
     }
 }
 
+// The 8-bit band kernel (one alignment with its path) against the
+// full-matrix program, for every build: costs up to its limit (the extremes
+// often, or a narrow range so that ties between the moves are common), free
+// and dear end gaps, queries that hold a mutated copy of the reference
+// anywhere or none, lengths from 1 (no cell off the last row and column),
+// references of 1000 bases in windows of up to 10000. And just past each of
+// its conditions (a cost of 26, a start gap dearer than an open one, a band
+// narrower than the matrix), where the wider kernels take over.
+TEST_F(FastAlignTest, ByteBandMatchesTheFullMatrixProgramForEveryBuild) {
+    enum Kind { kBytes, kCostTooLarge, kDearStart, kNarrowBand, kKinds };
+    std::mt19937 rng(4711);
+    const auto builds = SupportedBuilds();
+    for (int n = 0; n < 400; ++n) {
+        const Kind kind = n % 2 ? kBytes : static_cast<Kind>(n / 2 % kKinds);
+        const bool huge = n >= 396;
+        const int limit = kind == kCostTooLarge ? 26 : n % 3 == 0 ? 3 : 25;
+        auto value = [&](int lo, int hi) {
+            return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
+        };
+        std::vector<int> matrix(16);
+        for (int& v : matrix)
+            v = value(-limit, limit);
+        if (kind == kCostTooLarge) matrix[rng() % 16] = rng() % 2 ? limit : -limit;
+        const int open1 = value(0, limit), open2 = n % 5 ? value(0, limit) : open1;
+        const int start1 = value(0, open1);
+        const int start2 = kind == kDearStart ? open2 + 1 : value(0, open2);
+        const std::vector<int> gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
+        const std::vector<int> costs = {-gaps[0], -gaps[1], -gaps[2], -gaps[4], -gaps[5], -gaps[6]};
+        const bool narrow = kind == kNarrowBand;
+        const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % (n % 7 ? 100 : 4);
+        const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 2000) : (narrow ? 3 : 1) + rng() % (n % 11 ? 300 : 4);
+        const std::vector<int> ref = RandomSeq(rng, l1);
+        std::vector<int> qry = RandomSeq(rng, l2);
+        if (rng() % 4 != 0) {
+            const int at = rng() % l2;
+            for (int k = 0; k < l1 && at + k < l2; ++k)
+                qry[at + k] = rng() % 6 == 0 ? int(rng() % 4) : ref[k];
+        }
+        const int width = narrow ? 1 + 2 * int(rng() % ((std::min(l1, l2) - 1) / 2)) : std::max(l1, l2) + rng() % 3;
+        const Result expected = Naive(matrix, costs, ref, qry, Band(l1, l2, width));
+        PairedSpan expected_span;
+        for (const auto& [i, j] : expected.path)
+            if (i >= 0 && j >= 0) {
+                if (expected_span.first < 0) expected_span.first = j;
+                expected_span.last = j;
+            }
+        for (const auto& build : builds) {
+            ForceSimdBuild(build);
+            FastAlign aligner(MatView<int>(matrix.data(), 4, 4), gaps, width);
+            Result r;
+            r.score = aligner.Align(View(ref), View(qry), r.path);
+            ASSERT_EQ(r, expected) << build << " case " << n << " kind " << kind << " " << l1 << " x " << l2;
+            PairedSpan span;
+            ASSERT_EQ(aligner.AlignSpan(View(ref), View(qry), span), expected.score) << build << " case " << n;
+            ASSERT_EQ(span, expected_span) << build << " case " << n;
+        }
+    }
+}
+
 // Ties, empty sequences and wide scores are the random cases' business;
 // only the layout check is left to show by hand.
 TEST_F(FastAlignTest, StridedViewsAreRefused) {
