@@ -164,6 +164,30 @@ std::string Describe(const Case& c) {
            join(c.ref) + "\nqry " + join(c.qry);
 }
 
+// Costs for the 8-bit kernels' tests: values up to `limit` (the extremes
+// often), the two opens equal when asked, and each way past the kernels'
+// conditions on request: one matrix value at `limit` (the caller passes 26)
+// or a start gap dearer than its open.
+struct ByteCosts {
+    std::vector<int> matrix, gaps, costs;
+};
+ByteCosts RandomByteCosts(std::mt19937& rng, int limit, bool too_large, bool dear_start, bool equal_opens) {
+    auto value = [&](int lo, int hi) {
+        return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
+    };
+    ByteCosts c;
+    c.matrix.resize(16);
+    for (int& v : c.matrix)
+        v = value(-limit, limit);
+    if (too_large) c.matrix[rng() % 16] = rng() % 2 ? limit : -limit;
+    const int open1 = value(0, limit), open2 = equal_opens ? open1 : value(0, limit);
+    const int start1 = value(0, open1);
+    const int start2 = dear_start ? open2 + 1 : value(0, open2);
+    c.gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
+    c.costs = {-c.gaps[0], -c.gaps[1], -c.gaps[2], -c.gaps[4], -c.gaps[5], -c.gaps[6]};
+    return c;
+}
+
 }  // namespace
 
 TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
@@ -355,18 +379,8 @@ TEST_F(FastAlignTest, ByteLanesMatchTheFullMatrixProgramForEveryBuild) {
         const Kind kind = static_cast<Kind>(n % kKinds);
         const bool huge = n >= 116;  // 1000-base references, windows up to 10000
         const int limit = kind == kCostTooLarge ? 26 : huge ? 2 : 25;
-        auto value = [&](int lo, int hi) {
-            return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
-        };
-        std::vector<int> matrix(16);
-        for (int& v : matrix)
-            v = value(-limit, limit);
-        if (kind == kCostTooLarge) matrix[rng() % 16] = rng() % 2 ? limit : -limit;
-        const int open1 = value(0, limit), open2 = n % 3 ? value(0, limit) : open1;
-        const int start1 = value(0, open1);
-        const int start2 = kind == kDearStart ? open2 + 1 : value(0, open2);
-        const std::vector<int> gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
-        const std::vector<int> costs = {-gaps[0], -gaps[1], -gaps[2], -gaps[4], -gaps[5], -gaps[6]};
+        auto [matrix, gaps, costs] = RandomByteCosts(rng, limit, kind == kCostTooLarge, kind == kDearStart, n % 3 == 0);
+        const int open2 = gaps[6];
         const bool narrow = kind == kNarrowBand;
         const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % 80;
         const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 1200) : (narrow ? 3 : 1) + rng() % 300;
@@ -420,18 +434,7 @@ TEST_F(FastAlignTest, ByteBandMatchesTheFullMatrixProgramForEveryBuild) {
         const Kind kind = n % 2 ? kBytes : static_cast<Kind>(n / 2 % kKinds);
         const bool huge = n >= 396;
         const int limit = kind == kCostTooLarge ? 26 : n % 3 == 0 ? 3 : 25;
-        auto value = [&](int lo, int hi) {
-            return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
-        };
-        std::vector<int> matrix(16);
-        for (int& v : matrix)
-            v = value(-limit, limit);
-        if (kind == kCostTooLarge) matrix[rng() % 16] = rng() % 2 ? limit : -limit;
-        const int open1 = value(0, limit), open2 = n % 5 ? value(0, limit) : open1;
-        const int start1 = value(0, open1);
-        const int start2 = kind == kDearStart ? open2 + 1 : value(0, open2);
-        const std::vector<int> gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
-        const std::vector<int> costs = {-gaps[0], -gaps[1], -gaps[2], -gaps[4], -gaps[5], -gaps[6]};
+        auto [matrix, gaps, costs] = RandomByteCosts(rng, limit, kind == kCostTooLarge, kind == kDearStart, n % 5 == 0);
         const bool narrow = kind == kNarrowBand;
         const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % (n % 7 ? 100 : 4);
         const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 2000) : (narrow ? 3 : 1) + rng() % (n % 11 ? 300 : 4);
