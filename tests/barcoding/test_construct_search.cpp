@@ -25,12 +25,7 @@ std::vector<int> Gaps() {
     return options.GapVector();
 }
 
-std::vector<int> RandomCodes(std::mt19937& random, size_t length) {
-    std::vector<int> codes(length);
-    for (int& c : codes)
-        c = static_cast<int>(random() % 4);
-    return codes;
-}
+using TestSupport::RandomCodes;
 
 std::vector<int> ReverseComplement(const std::vector<int>& codes) {
     std::vector<int> result(codes.rbegin(), codes.rend());
@@ -62,18 +57,7 @@ std::vector<SearchReference> Kit(std::mt19937& random, int count, size_t flank) 
     return references;
 }
 
-// Substitutions, insertions and deletions, each at rate / 3 per base.
-std::vector<int> Mutate(std::mt19937& random, const std::vector<int>& codes, double rate) {
-    std::uniform_real_distribution<double> uniform(0, 1);
-    std::vector<int> out;
-    for (int c : codes) {
-        const double u = uniform(random);
-        if (u < rate / 3) continue;
-        if (u < 2 * rate / 3) out.push_back(static_cast<int>(random() % 4));
-        out.push_back(u < rate && u >= 2 * rate / 3 ? (c + 1 + static_cast<int>(random() % 3)) % 4 : c);
-    }
-    return out;
-}
+using TestSupport::Mutate;
 
 struct Span {
     int begin, end;

@@ -9,31 +9,15 @@
 #include <vector>
 
 #include "pair_alignment/seed_scan.h"
+#include "tests/support/random_bases.h"
 
 namespace PairAlignment {
 namespace {
 
 using Codes = std::vector<int>;
 
-Codes RandomCodes(std::mt19937& random, size_t length) {
-    Codes codes(length);
-    for (int& c : codes)
-        c = static_cast<int>(random() % 4);
-    return codes;
-}
-
-// Substitutions, insertions and deletions, each at rate / 3 per base.
-Codes Mutate(std::mt19937& random, const Codes& codes, double rate) {
-    std::uniform_real_distribution<double> uniform(0, 1);
-    Codes out;
-    for (int c : codes) {
-        const double u = uniform(random);
-        if (u < rate / 3) continue;
-        if (u < 2 * rate / 3) out.push_back(static_cast<int>(random() % 4));
-        out.push_back(u < rate && u >= 2 * rate / 3 ? (c + 1 + static_cast<int>(random() % 3)) % 4 : c);
-    }
-    return out;
-}
+using TestSupport::Mutate;
+using TestSupport::RandomCodes;
 
 // The spots by brute force, taking only the families (Members) from the
 // scan: every k-mer of every reference compared at every read position, and
