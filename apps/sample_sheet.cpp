@@ -36,7 +36,12 @@ std::string Lower(std::string text) {
 
 // Why name cannot be a folder of its own in the save folder, or "".
 std::string FolderNameProblem(const std::string& name, const std::vector<std::string>& reserved_names) {
+    // File systems refuse longer names; better said here than when the first read of the sample is written.
+    constexpr size_t kMaxNameBytes = 255;
     if (name.empty()) return "the sample name is empty";
+    if (name.size() > kMaxNameBytes)
+        return "the sample name '" + name.substr(0, 20) + "...' has " + std::to_string(name.size()) +
+               " bytes; a folder name may have at most " + std::to_string(kMaxNameBytes);
     if (name == "." || name == "..") return "the sample name '" + name + "' is not a folder name";
     for (unsigned char c : name) {
         if (c == '/') return "the sample name '" + name + "' contains '/'";

@@ -44,6 +44,9 @@ TEST(SampleSheet, ColumnsInAnyOrderCommentsAndMergedArrangements) {
     EXPECT_EQ(*sheet.SampleOf("barcode01"), "Kidney");
     EXPECT_EQ(sheet.SampleOf("barcode04"), nullptr);
     EXPECT_EQ(sheet.SampleOf("unclassified"), nullptr);
+    // The longest name a folder may have is a sample name too.
+    const std::string longest(255, 'L');
+    EXPECT_EQ(*Parse("arrangement\tsample\nbarcode01\t" + longest + "\n").SampleOf("barcode01"), longest);
 }
 
 TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
@@ -68,6 +71,8 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
         {head + "barcode01\t..\n", "line 2: the sample name '..' is not a folder name."},
         {head + "barcode01\tliver/left\n", "line 2: the sample name 'liver/left' contains '/'."},
         {head + "barcode01\tli\x01ver\n", "contains a control character."},
+        {head + "barcode01\t" + std::string(256, 'x') + "\n",
+         "line 2: the sample name 'xxxxxxxxxxxxxxxxxxxx...' has 256 bytes; a folder name may have at most 255."},
         {head + "barcode01\tUnclassified\n", "line 2: the sample name 'Unclassified' is reserved for other output."},
         {head + "barcode01\tbarcoding_summary.txt\n", "is reserved for other output."},
         {head + "barcode01\tPatientA\nbarcode02\tpatienta\n",
