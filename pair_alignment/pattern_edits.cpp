@@ -38,8 +38,12 @@ void PatternEdits::Ends(const uint8_t* text, size_t length, int most, std::vecto
 
     if (blocks_ == 1) {                                        // references up to 64 bases: no carries between blocks
         uint64_t pv = ~uint64_t{0} << (64 - length_), mv = 0;  // the free rows start at 0, the pattern's at 1 each
+        // In locals: the loop then keeps them in registers, where the member,
+        // which the write of an end might change as far as the compiler
+        // knows, would be read again for every text base.
+        const uint64_t match[4] = {match_[0], match_[1], match_[2], match_[3]};
         for (size_t j = 0; j < length; ++j) {
-            const uint64_t eq = match_[text[j] & 3];
+            const uint64_t eq = match[text[j] & 3];
             const uint64_t xv = eq | mv;
             const uint64_t xh = (((eq & pv) + pv) ^ pv) | eq;
             uint64_t ph = mv | ~(xh | pv);
