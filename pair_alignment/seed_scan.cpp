@@ -29,6 +29,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "pair_alignment/kmer_codes.h"
+
 namespace PairAlignment {
 
 namespace {
@@ -204,37 +206,32 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
     spots.clear();
     auto& hits = work.hits;
     hits.clear();
-    const size_t k = static_cast<size_t>(k_);
-    if (length < k) return;
-    // The k-mers present, as (end position, k-mer): every k-mer is written
-    // and the count moves on only for a present one, so that the loop has no
-    // branch that random sequence would make unpredictable.
+    // The positions of the k-mers present: every position is written and the
+    // count moves on only for a present k-mer, so that the loop has no branch
+    // that random sequence would make unpredictable.
+    const size_t positions = KmerCodes(sequence, length, k_, work.kmers);
+    const uint32_t* kmers = work.kmers.codes.data();
     auto& seeded = work.seeded;
-    if (seeded.size() < length - k + 1) seeded.resize(length - k + 1);
-    uint64_t* out = seeded.data();
+    if (seeded.size() < positions) seeded.resize(positions);
+    uint32_t* out = seeded.data();
     const uint8_t* present = present_.data();
-    const uint32_t mask = mask_;
-    uint32_t kmer = 0;
-    for (size_t i = 0; i + 1 < k; ++i)
-        kmer = (kmer << 2) | sequence[i];
     size_t count = 0;
-    auto step = [&](size_t j) {
-        kmer = ((kmer << 2) | sequence[j]) & mask;
-        out[count] = (uint64_t{j} << 32) | kmer;
-        count += present[kmer];
+    auto step = [&](size_t p) {
+        out[count] = static_cast<uint32_t>(p);
+        count += present[kmers[p]];
     };
-    size_t i = k - 1;
-    for (; i + 4 <= length; i += 4) {  // four bases a round: less loop control per base
-        step(i);
-        step(i + 1);
-        step(i + 2);
-        step(i + 3);
+    size_t p = 0;
+    for (; p + 4 <= positions; p += 4) {  // four a round: less loop control per base
+        step(p);
+        step(p + 1);
+        step(p + 2);
+        step(p + 3);
     }
-    for (; i < length; ++i)
-        step(i);
+    for (; p < positions; ++p)
+        step(p);
     for (size_t s = 0; s < count; ++s) {
-        const auto x = static_cast<uint32_t>(seeded[s]);
-        const auto position = static_cast<int32_t>((seeded[s] >> 32) + 1 - k);
+        const uint32_t x = kmers[seeded[s]];
+        const auto position = static_cast<int32_t>(seeded[s]);
         for (uint32_t e = start_[x]; e < start_[x + 1]; ++e)
             hits.push_back({entries_[e].target, position - static_cast<int32_t>(entries_[e].offset), position});
     }

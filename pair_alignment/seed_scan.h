@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "pair_alignment/kmer_codes.h"
+
 namespace PairAlignment {
 
 class SeedScan {
@@ -49,7 +51,8 @@ public:
             int32_t diagonal;
             int32_t position;
         };
-        std::vector<uint64_t> seeded;  // the present k-mers: (last base's position, k-mer)
+        Kmers kmers;                   // the k-mer at every position
+        std::vector<uint32_t> seeded;  // the positions of the k-mers present
         std::vector<Hit> hits;
         std::vector<Hit> sorted;      // hits by target, in sequence order within each
         std::vector<uint32_t> first;  // per target: its first index in sorted, then one past the last

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "pair_alignment/kmer_codes.h"
 #include "pair_alignment/seed_scan.h"
 #include "tests/support/random_bases.h"
 
@@ -165,6 +166,32 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
             total += got.size();
         }
         EXPECT_GT(total, 12u) << "kit of " << kit.count;
+    }
+}
+
+// Every k-mer length, sequence lengths around each pass's reach (and empty),
+// one scratch reused throughout so that longer earlier calls leave their
+// data behind: the k-mers are those rolled base by base.
+TEST(SeedScanTest, KmerCodesMatchRolledKmers) {
+    std::mt19937 random(1805);
+    Kmers kmers;
+    for (int round = 0; round < 400; ++round) {
+        const int k = 1 + round % kMaxKmerLength;
+        const size_t length = round % 7 == 0 ? 200 + random() % 300 : random() % 40;
+        std::vector<uint8_t> sequence(length);
+        for (auto& c : sequence)
+            c = static_cast<uint8_t>(random() % 4);
+        std::vector<uint32_t> expected;
+        for (size_t p = 0; p + static_cast<size_t>(k) <= length; ++p) {
+            uint32_t kmer = 0;
+            for (int i = 0; i < k; ++i)
+                kmer = kmer * 4 + sequence[p + static_cast<size_t>(i)];
+            expected.push_back(kmer);
+        }
+        const size_t count = KmerCodes(sequence.data(), length, k, kmers);
+        ASSERT_EQ(count, expected.size()) << "k " << k << ", length " << length;
+        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), kmers.codes.begin()))
+            << "k " << k << ", length " << length;
     }
 }
 
