@@ -204,8 +204,6 @@ void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
 
 void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& spots, Work& work) const {
     spots.clear();
-    auto& hits = work.hits;
-    hits.clear();
     // The positions of the k-mers present: every position is written and the
     // count moves on only for a present k-mer, so that the loop has no branch
     // that random sequence would make unpredictable.
@@ -229,26 +227,31 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
     }
     for (; p < positions; ++p)
         step(p);
-    for (size_t s = 0; s < count; ++s) {
-        const uint32_t x = kmers[seeded[s]];
-        const auto position = static_cast<int32_t>(seeded[s]);
-        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e)
-            hits.push_back({entries_[e].target, position - static_cast<int32_t>(entries_[e].offset), position});
-    }
-    if (hits.empty()) return;
 
-    // Bucket by target, keeping sequence order within each.
+    // The seeds' hits by target, in sequence order within each: counted per
+    // target first, then written straight to their places.
     const size_t targets = length_.size();
     auto& first = work.first;
     first.assign(targets + 1, 0);
-    for (const auto& hit : hits)
-        ++first[hit.target + 1];
+    for (size_t s = 0; s < count; ++s) {
+        const uint32_t x = kmers[seeded[s]];
+        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e)
+            ++first[entries_[e].target + 1];
+    }
     for (size_t t = 0; t < targets; ++t)
         first[t + 1] += first[t];
-    work.sorted.resize(hits.size());
+    if (first[targets] == 0) return;
+    if (work.sorted.size() < first[targets]) work.sorted.resize(first[targets]);
     work.next.assign(first.begin(), first.end() - 1);
-    for (const auto& hit : hits)
-        work.sorted[work.next[hit.target]++] = hit;
+    for (size_t s = 0; s < count; ++s) {
+        const uint32_t x = kmers[seeded[s]];
+        const auto position = static_cast<int32_t>(seeded[s]);
+        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e) {
+            const Entry entry = entries_[e];
+            work.sorted[work.next[entry.target]++] = {entry.target, position - static_cast<int32_t>(entry.offset),
+                                                      position};
+        }
+    }
     const Work::Hit* sorted = work.sorted.data();
     for (size_t t = references_; t < targets; ++t)
         if (first[t] < first[t + 1])
@@ -261,11 +264,11 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
             continue;
         }
         const auto f = static_cast<size_t>(family);
-        work.merged.resize((first[r + 1] - first[r]) + (first[f + 1] - first[f]));
+        const size_t both = (first[r + 1] - first[r]) + (first[f + 1] - first[f]);
+        if (work.merged.size() < both) work.merged.resize(both);
         std::merge(sorted + first[r], sorted + first[r + 1], sorted + first[f], sorted + first[f + 1],
                    work.merged.begin(), [](const Work::Hit& x, const Work::Hit& y) { return x.position < y.position; });
-        Group(work.merged.data(), work.merged.data() + work.merged.size(), static_cast<uint32_t>(r), length, spots,
-              work);
+        Group(work.merged.data(), work.merged.data() + both, static_cast<uint32_t>(r), length, spots, work);
     }
     std::stable_sort(spots.begin(), spots.end(), [](const Spot& x, const Spot& y) { return x.begin < y.begin; });
 }

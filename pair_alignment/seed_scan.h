@@ -53,11 +53,10 @@ public:
         };
         Kmers kmers;                   // the k-mer at every position
         std::vector<uint32_t> seeded;  // the positions of the k-mers present
-        std::vector<Hit> hits;
-        std::vector<Hit> sorted;      // hits by target, in sequence order within each
-        std::vector<uint32_t> first;  // per target: its first index in sorted, then one past the last
-        std::vector<uint32_t> next;   // per target: where its next hit goes in sorted
-        std::vector<Hit> merged;      // one reference's hits with its family's
+        std::vector<Hit> sorted;       // hits by target, in sequence order within each (grows only)
+        std::vector<uint32_t> first;   // per target: its first index in sorted, then one past the last
+        std::vector<uint32_t> next;    // per target: where its next hit goes in sorted
+        std::vector<Hit> merged;       // one reference's hits with its family's (grows only)
     };
 
     // Spots in sequence (base codes 0..3), ordered by begin; overlapping spots
