@@ -216,6 +216,10 @@ namespace {
 // Walks the trace from (L1, L2) back to a border, calling visit(di, dj) for
 // every step taken from cell (i, j) before moving: di/dj say whether the step
 // consumed a reference/query base. Leaves i and j at the border reached.
+// The step is chosen by branches, not arithmetic on the code: a path runs in
+// long stretches of one kind (the free end gaps along the last row, then the
+// reference's diagonal), which the processor predicts and walks ahead on,
+// while arithmetic would make every load of the trace wait on the one before.
 // (Work is deduced, so this stays a private helper of FastAlign's file.)
 template <typename Work, typename Visit>
 void WalkTrace(const Work& w, int width, int& i, int& j, Visit visit) {
@@ -223,12 +227,20 @@ void WalkTrace(const Work& w, int width, int& i, int& j, Visit visit) {
     int position = 0;
     while (i >= 0 && j >= 0) {
         const uint8_t code = w.trace[static_cast<size_t>(d) * width + position];
-        const int di = code != UP;     // DIAG and RIGHT consume a reference base
-        const int dj = code != RIGHT;  // DIAG and UP consume a query base
-        visit(di, dj, i, j);
-        i -= di;
-        j -= dj;
-        d -= di + dj;
+        if (code == DIAG) {
+            visit(1, 1, i, j);
+            --i;
+            --j;
+            d -= 2;
+        } else if (code == UP) {  // the query base alone
+            visit(0, 1, i, j);
+            --j;
+            --d;
+        } else {  // the reference base alone
+            visit(1, 0, i, j);
+            --i;
+            --d;
+        }
         position = j + 1 - w.offsets[d];
     }
 }
