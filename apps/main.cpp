@@ -2,10 +2,12 @@
 #include <iostream>
 
 #include "apps/barcoder.h"
+#include "apps/heap_pages.h"
 #include "common/logger.h"
 #include "pair_alignment/kernel_stats.h"
 
 int main(int argc, char** argv) {
+    Vorpa::RestartWithHugeHeapPages(argv);
     // Configuration errors found while preparing the run are fatal; they end
     // the process like option errors do, with status 255.
     try {

@@ -575,6 +575,50 @@ def case_help_and_kits(ctx):
     check("No arrangements files specified!" in result.stdout + result.stderr, "empty arrangements_files message")
 
 
+def tunables_once_waiting(process, wanted, seconds=20):
+    """GLIBC_TUNABLES of a running program (None when unset), read once it
+    starts with `wanted` (or after `seconds`): the program waits on its
+    standard input meanwhile."""
+    deadline = time.monotonic() + seconds
+    while True:
+        with open(f"/proc/{process.pid}/environ", "rb") as f:
+            variables = dict(v.split(b"=", 1) for v in f.read().split(b"\0") if b"=" in v)
+        value = variables.get(b"GLIBC_TUNABLES")
+        if (wanted is not None and value is not None and value.startswith(wanted)) or time.monotonic() > deadline:
+            return value
+
+
+def case_heap_pages(ctx):
+    """The program restarts itself with huge heap pages asked of glibc, where
+    the system lends them on request, keeping its arguments, input, output
+    and status; a GLIBC_TUNABLES the user set is left as it is."""
+    records, _ = ctx.simulate("pages", 40, 31, ["a.fastq"])
+    try:
+        with open("/sys/kernel/mm/transparent_hugepage/enabled") as f:
+            on_request = "[madvise]" in f.read()
+    except OSError:
+        on_request = False
+    base = {k: v for k, v in os.environ.items() if k not in ("GLIBC_TUNABLES", "LD_PRELOAD")}
+    # The restart asks for more than huge pages, but glibc may shorten the
+    # variable it was started with to its first setting.
+    asked = b"glibc.malloc.hugetlb=1"
+    for name, user_value, expected in (("asked", None, asked if on_request else None),
+                                       ("users", "glibc.malloc.perturb=0", b"glibc.malloc.perturb=0")):
+        env = dict(base) if user_value is None else dict(base, GLIBC_TUNABLES=user_value)
+        process = subprocess.Popen([ctx.binary] + barcoder_args("", name), stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, cwd=ctx.work, env=env)
+        try:
+            value = tunables_once_waiting(process, expected, 20 if expected else 1)
+            output, _ = process.communicate((ctx.path("in", "a.fastq") + "\n").encode(), timeout=100)
+        finally:
+            process.kill()
+        check(value == expected if expected is None else value is not None and value.startswith(expected),
+              f"{name}: GLIBC_TUNABLES {value!r}, expected {expected!r}")
+        check(process.returncode == 0, f"{name}: status {process.returncode}\n{output.decode()[-2000:]}")
+        _, rows = read_summary(ctx.path(name, SUMMARY), 18)
+        check(set(rows) == {read_id(r[0]) for r in records}, f"{name}: the summary does not hold the input reads")
+
+
 # ---------------------------------------------------------------- refused settings
 
 EARLIER = "earlier run\n"
