@@ -554,6 +554,7 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
         return;
     }
     tally.Add(batch.tally);
+    AddSampleReads(batch.sample_reads);
     for (const auto& end : batch.file_ends) {
         tally.records_skipped += end.skipped;
         if (end.failed) {
@@ -731,8 +732,26 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     }
     // Bases as written: after trimming.
     tally.AddRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
-    if (out.sample != nullptr) ++tally.samples[*out.sample];
+    if (out.sample != nullptr) {
+        if (batch.sample_reads.empty()) batch.sample_reads.resize(sample_sheet->samples.size() + 1);
+        ++batch.sample_reads[out.sample_number];
+    }
     if (!out.unlisted.empty()) ++tally.unlisted[out.unlisted];
+}
+
+// A batch's reads by sample number into the run's tally by name. Every listed
+// sample is in it from the start (LoadSamples, or the earlier run's state),
+// so its entries stay where they are and are found once; "unclassified" is
+// there only once it has reads, as the report shows it only then.
+void Barcoder::AddSampleReads(const std::vector<uint64_t>& reads) {
+    if (reads.empty()) return;
+    const auto& samples = sample_sheet->samples;
+    if (sample_counts.empty())
+        for (const auto& sample : samples)
+            sample_counts.push_back(&tally.samples[sample]);
+    for (size_t k = 0; k < samples.size(); ++k)
+        *sample_counts[k] += reads[k];
+    if (reads.back() > 0) tally.samples[kUnclassified] += reads.back();
 }
 
 // The report goes to the log (and the console unless quiet). What stopped a

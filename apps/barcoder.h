@@ -104,6 +104,7 @@ private:
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);
+    void AddSampleReads(const std::vector<uint64_t>& reads);
     void StopThreads();
     void ReportRun(double seconds);
     // Writes the HTML page and the MultiQC files, and barcoding_report.json
@@ -151,6 +152,8 @@ private:
     std::mutex output_mutex;
     std::unique_ptr<Common::BarcodeFastqWriter> writer;
     RunTally tally;
+    // tally.samples' count of each sheet sample by its number (AddSampleReads).
+    std::vector<uint64_t*> sample_counts;
     std::string failure;  // the first fault that stopped the run
     std::chrono::steady_clock::time_point run_start;
     std::vector<std::string> read_groups;  // of the BAM inputs so far, for the BAM output header

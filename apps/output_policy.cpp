@@ -114,6 +114,8 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     bool unlisted = false;
     if (policy.sample_sheet != nullptr && out.arrangement != kUnclassified) {
         out.sample = policy.sample_sheet->SampleOf(out.arrangement);
+        if (out.sample != nullptr)
+            out.sample_number = static_cast<size_t>(out.sample - policy.sample_sheet->samples.data());
         if (out.sample == nullptr) {
             unlisted = true;
             out.unlisted = out.arrangement;
@@ -128,7 +130,10 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
         out.reason = "";
     }
     out.folder = out.sample != nullptr ? *out.sample : out.arrangement;
-    if (policy.sample_sheet != nullptr && out.sample == nullptr) out.sample = &kUnclassifiedSample;
+    if (policy.sample_sheet != nullptr && out.sample == nullptr) {
+        out.sample = &kUnclassifiedSample;
+        out.sample_number = policy.sample_sheet->samples.size();
+    }
     out.run_id.assign(record.RunId());
 
     out.title_tag.clear();

@@ -44,6 +44,9 @@ struct ReadOutput {
     // With a sample sheet: the sample, "unclassified" for a read of no
     // listed arrangement; nullptr without one.
     const std::string* sample = nullptr;
+    // Its number in the sheet's samples; the sheet's sample count for
+    // "unclassified". Counted by it: no lookup of the name per read.
+    size_t sample_number = 0;
     TrimmedBases trim;        // bases to cut from each end (0 without trimming)
     std::string title_tag;    // FASTQ output: appended to the title after a space
     std::string bam_tags;     // BAM output: the record's tags (raw aux bytes)

@@ -56,8 +56,27 @@ std::string FolderNameProblem(const std::string& name, const std::vector<std::st
 }  // namespace
 
 const std::string* SampleSheet::SampleOf(const std::string& arrangement) const {
-    const auto found = sample_of.find(arrangement);
-    return found == sample_of.end() ? nullptr : &found->second;
+    const int number = SampleNumberOf(arrangement);
+    return number < 0 ? nullptr : &samples[static_cast<size_t>(number)];
+}
+
+int SampleSheet::SampleNumberOf(const std::string& arrangement) const {
+    const auto found = number_of_.find(arrangement);
+    return found == number_of_.end() ? -1 : static_cast<int>(found->second);
+}
+
+void SampleSheet::Index() {
+    std::unordered_map<std::string, uint32_t> sample_number;
+    sample_number.reserve(samples.size());
+    for (size_t k = 0; k < samples.size(); ++k)
+        sample_number.emplace(samples[k], static_cast<uint32_t>(k));
+    number_of_.clear();
+    number_of_.reserve(sample_of.size());
+    for (const auto& [arrangement, sample] : sample_of) {
+        const auto [at, added] = sample_number.emplace(sample, static_cast<uint32_t>(samples.size()));
+        if (added) samples.push_back(sample);
+        number_of_.emplace(arrangement, at->second);
+    }
 }
 
 SampleSheet LoadSampleSheet(const std::string& path, const std::set<std::string>& known_arrangements,
@@ -164,6 +183,7 @@ SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const st
     }
     if (columns == 0) throw std::runtime_error("Sample sheet '" + name + "' is empty: it needs a header line.");
     if (sheet.samples.empty()) throw std::runtime_error("Sample sheet '" + name + "' lists no samples.");
+    sheet.Index();
     return sheet;
 }
 

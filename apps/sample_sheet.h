@@ -12,10 +12,12 @@
 // sample may have several. A pair's reads are reported as "<front>_<rear>".
 // Fields are trimmed of surrounding spaces; Windows line ends are accepted.
 
+#include <cstdint>
 #include <istream>
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "barcoding/pair_design.h"
@@ -28,9 +30,19 @@ struct SampleSheet {
     // A sheet of pairs: every pair in order of listing; empty for a sheet of arrangements.
     std::vector<Barcoding::BarcodePair> pairs;
 
-    // The sample an arrangement's reads go to; nullptr when the sheet does
-    // not list the arrangement.
+    // The sample an arrangement's reads go to (one of samples); nullptr when
+    // the sheet does not list the arrangement. Looked up by Index().
     const std::string* SampleOf(const std::string& arrangement) const;
+    // The same as a sample's number in samples; -1 when not listed.
+    int SampleNumberOf(const std::string& arrangement) const;
+    // Builds the lookup of SampleOf from sample_of (adding to samples any
+    // sample it lacks); call it again after changing either. The parser
+    // does. Every read asks, and a sheet may list thousands of pairs: a hash
+    // lookup instead of a search of the ordered map.
+    void Index();
+
+private:
+    std::unordered_map<std::string, uint32_t> number_of_;  // arrangement -> index into samples
 };
 
 // Reads and checks the sheet. known_arrangements are the names the selected

@@ -66,5 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(samples.count(sample) == 1);
         FUZZ_CHECK(sheet.SampleOf(arrangement) != nullptr && *sheet.SampleOf(arrangement) == sample);
     }
+    for (const auto& arrangement : Known())
+        FUZZ_CHECK((sheet.SampleOf(arrangement) == nullptr) == (sheet.sample_of.count(arrangement) == 0));
     return 0;
 }

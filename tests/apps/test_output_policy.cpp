@@ -83,9 +83,11 @@ TEST(OutputPolicy, FoldersSamplesTrimmingAndSummaryRows) {
     SampleSheet sheet;
     sheet.sample_of = {{"barcode03", "S1"}, {"barcode04", "S2"}};
     sheet.samples = {"S1", "S2"};
+    sheet.Index();
     SampleSheet other;
     other.sample_of = {{"barcode04", "S2"}};
     other.samples = {"S2"};
+    other.Index();
 
     struct Case {
         const char* name;

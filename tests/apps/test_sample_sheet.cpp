@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -136,6 +138,56 @@ TEST(SampleSheet, PairFaultsNameTheLine) {
     for (const auto& [text, message] : cases) {
         const std::string error = PairErrorOf(text);
         EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
+    }
+}
+
+// Random sheets of pairs against the rows as written: every name a read can
+// be reported by finds its row's sample, also in a copy of the sheet and
+// after entries are added by hand and the sheet indexed again.
+TEST(SampleSheet, LookupAgreesWithTheRowsOfRandomSheets) {
+    std::mt19937 rng(2611);
+    const auto named = [](char end, unsigned k) {
+        return std::string(1, end) + (k < 10 ? "0" : "") + std::to_string(k);
+    };
+    std::set<std::string> barcodes;
+    for (unsigned k = 1; k <= 12; ++k)
+        barcodes.insert({named('F', k), named('R', k)});
+    for (int round = 0; round < 20; ++round) {
+        std::map<std::string, std::string> rows;  // pair name -> sample
+        std::string text = "front\trear\tsample\n";
+        for (unsigned f = 1; f <= 12; ++f)
+            for (unsigned r = 1; r <= 12; ++r) {
+                if (rng() % 3 == 0) continue;
+                const std::string sample = "S" + std::to_string(rng() % (1 + round * 5));
+                text += named('F', f) + "\t" + named('R', r) + "\t" + sample + "\n";
+                rows[named('F', f) + "_" + named('R', r)] = sample;
+            }
+        std::istringstream in(text);
+        const auto parsed = Vorpa::ParseSampleSheet(in, "pairs.tsv", kKnown, kReserved, barcodes);
+        auto sheet = parsed;  // the lookup must not point into the sheet it was built for
+        sheet.sample_of["F01_R01"] = "added";
+        sheet.sample_of["F01_R02"] = parsed.samples.front();
+        sheet.Index();
+        for (const Vorpa::SampleSheet* checked : {&parsed, static_cast<const Vorpa::SampleSheet*>(&sheet)})
+            for (unsigned f = 1; f <= 12; ++f)
+                for (unsigned r = 1; r <= 12; ++r) {
+                    const std::string name = named('F', f) + "_" + named('R', r);
+                    const auto& want = checked == &parsed ? rows : checked->sample_of;
+                    const auto row = want.find(name);
+                    const std::string* got = checked->SampleOf(name);
+                    const int number = checked->SampleNumberOf(name);
+                    if (row == want.end()) {
+                        EXPECT_EQ(got, nullptr) << name;
+                        EXPECT_EQ(number, -1) << name;
+                        continue;
+                    }
+                    ASSERT_NE(got, nullptr) << name;
+                    EXPECT_EQ(*got, row->second) << name;
+                    ASSERT_GE(number, 0) << name;
+                    EXPECT_EQ(&checked->samples[static_cast<size_t>(number)], got) << name;
+                }
+        EXPECT_EQ(sheet.samples.back(), "added");
+        EXPECT_EQ(sheet.samples.size(), parsed.samples.size() + 1);
     }
 }
 

@@ -563,6 +563,9 @@ def case_sample_sheet_pairs(ctx):
         report = json.load(handle)
     reads = report["reads"]
     check(sum(report["samples"].values()) == reads["written"] == len(kinds), f"samples {report['samples']}")
+    by_row = collections.Counter(row[-2] for row in rows.values())
+    check({sample: n for sample, n in report["samples"].items() if n} == by_row and
+          set(samples.values()) <= set(report["samples"]), f"samples {report['samples']}, summary {by_row}")
     check(sum(report["unclassified_reasons"].values()) == reads["unclassified"] == report["samples"]["unclassified"],
           f"reasons {report['unclassified_reasons']}, {reads}")
     check(report["unclassified_reasons"]["pair_not_in_sample_sheet"] >= len(unlisted) - 1, "unlisted not counted")
