@@ -554,7 +554,7 @@ void Barcoder::EmitBatch(ReadBatch& batch) {
         return;
     }
     tally.Add(batch.tally);
-    AddSampleReads(batch.sample_reads);
+    AddSampleReads(batch.read_samples);
     for (const auto& end : batch.file_ends) {
         tally.records_skipped += end.skipped;
         if (end.failed) {
@@ -732,10 +732,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
     }
     // Bases as written: after trimming.
     tally.AddRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
-    if (out.sample != nullptr) {
-        if (batch.sample_reads.empty()) batch.sample_reads.resize(sample_sheet->samples.size() + 1);
-        ++batch.sample_reads[out.sample_number];
-    }
+    if (out.sample != nullptr) batch.read_samples.push_back(static_cast<uint32_t>(out.sample_number));
     if (!out.unlisted.empty()) ++tally.unlisted[out.unlisted];
 }
 
@@ -743,15 +740,21 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
 // sample is in it from the start (LoadSamples, or the earlier run's state),
 // so its entries stay where they are and are found once; "unclassified" is
 // there only once it has reads, as the report shows it only then.
-void Barcoder::AddSampleReads(const std::vector<uint64_t>& reads) {
-    if (reads.empty()) return;
+void Barcoder::AddSampleReads(const std::vector<uint32_t>& read_samples) {
+    if (read_samples.empty()) return;
     const auto& samples = sample_sheet->samples;
     if (sample_counts.empty())
         for (const auto& sample : samples)
             sample_counts.push_back(&tally.samples[sample]);
-    for (size_t k = 0; k < samples.size(); ++k)
-        *sample_counts[k] += reads[k];
-    if (reads.back() > 0) tally.samples[kUnclassified] += reads.back();
+    uint64_t unclassified = 0;
+    for (const uint32_t number : read_samples) {
+        if (number < samples.size()) {
+            ++*sample_counts[number];
+        } else {
+            ++unclassified;
+        }
+    }
+    if (unclassified > 0) tally.samples[kUnclassified] += unclassified;
 }
 
 // The report goes to the log (and the console unless quiet). What stopped a

@@ -104,7 +104,7 @@ private:
     void SubmitPending();
     void WriterLoop();
     void EmitBatch(ReadBatch& batch);
-    void AddSampleReads(const std::vector<uint64_t>& reads);
+    void AddSampleReads(const std::vector<uint32_t>& read_samples);
     void StopThreads();
     void ReportRun(double seconds);
     // Writes the HTML page and the MultiQC files, and barcoding_report.json

@@ -113,10 +113,11 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.sample = nullptr;
     bool unlisted = false;
     if (policy.sample_sheet != nullptr && out.arrangement != kUnclassified) {
-        out.sample = policy.sample_sheet->SampleOf(out.arrangement);
-        if (out.sample != nullptr)
-            out.sample_number = static_cast<size_t>(out.sample - policy.sample_sheet->samples.data());
-        if (out.sample == nullptr) {
+        const int number = policy.sample_sheet->SampleNumberOf(out.arrangement);
+        if (number >= 0) {
+            out.sample_number = static_cast<size_t>(number);
+            out.sample = &policy.sample_sheet->samples[out.sample_number];
+        } else {
             unlisted = true;
             out.unlisted = out.arrangement;
             out.arrangement = kUnclassified;

@@ -35,11 +35,11 @@ struct ReadBatch {
     // the reads (moving a vector keeps its elements where they are).
     std::vector<std::vector<Common::FastQRecord>> parts;
     RunTally tally;
-    // With a sample sheet: written reads by the sheet's sample number,
-    // "unclassified" last (the writer adds them to the run's tally by
-    // name); empty until the first read counts. Thousands of samples make a
-    // map by name per batch costly.
-    std::vector<uint64_t> sample_reads;
+    // With a sample sheet: the sample of each written read by its number in
+    // the sheet, the sheet's sample count for "unclassified". The writer
+    // counts them by number: with thousands of samples a map by name per
+    // batch costs more than the reads' lookups in it.
+    std::vector<uint32_t> read_samples;
 
     // The chunk of (folder, run id), added at the end when new.
     Common::FastqChunk& ChunkFor(const std::string& folder, std::string_view run_id);
