@@ -768,7 +768,9 @@ void Barcoder::ReportRun(double seconds) {
     const unsigned long long written = tally.Written();
     std::string alarm;
     if (!failure.empty()) {
-        alarm = "Stopped: " + failure + ". " + std::to_string(written) +
+        // Most failures are whole sentences already; one full stop, not two.
+        const bool sentence = failure.back() == '.';
+        alarm = "Stopped: " + failure + (sentence ? " " : ". ") + std::to_string(written) +
                 " reads were written (each with its summary row); the rest of the input was not processed.";
     } else if (const int sig = Common::StopSignal(); sig != 0) {
         alarm = std::string("Interrupted by ") + SignalName(sig) + ": stopped reading; " + std::to_string(written) +
