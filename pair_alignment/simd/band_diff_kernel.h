@@ -46,15 +46,17 @@
 namespace PairAlignment::Core {
 namespace {
 
-// Diagonal wins every tie; between the gaps a tie goes to RIGHT. Written
-// without branches: the outcome is data, and the compiler picks with
-// conditional moves.
+// Diagonal wins every tie; between the gaps a tie goes to RIGHT. The code is
+// arithmetic on the comparisons: the outcome is data, and written as a choice
+// GCC compiled it to a branch that the processor often mispredicts (the
+// whole alignment took a sixth longer).
 inline int ChooseScore(int diag, int up, int right, uint8_t* code) {
-    const bool up_wins = right < up;
-    const int gap = up_wins ? up : right;
-    const bool diag_wins = diag >= gap;
-    *code = diag_wins ? DIAG : up_wins ? UP : RIGHT;
-    return diag_wins ? diag : gap;
+    static_assert(DIAG == 0 && UP == 1 && RIGHT == 2);
+    const int up_wins = right < up;
+    const int gap = up > right ? up : right;
+    const int diag_loses = diag < gap;
+    *code = static_cast<uint8_t>(diag_loses * (RIGHT - up_wins));
+    return diag > gap ? diag : gap;
 }
 
 // Masks for Blend: kLanes bytes from bytes + 3 * kLanes - t have all ones in
