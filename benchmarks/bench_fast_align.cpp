@@ -116,6 +116,18 @@ bool Force(benchmark::State& state, const char* build) {
     }
 }
 
+// One query per iteration, in turn, against every reference of the workload.
+template <typename AlignOne>
+void AlignEachReference(benchmark::State& state, const Workload& w, AlignOne align_one) {
+    size_t next = 0;
+    for (auto _ : state) {
+        const auto& query = w.queries[next++ % kQueries];
+        for (const auto& ref : w.references)
+            benchmark::DoNotOptimize(align_one(View(ref), View(query)));
+    }
+    SetCounters(state, w);
+}
+
 // Align with its path, one reference at a time; barcodes: the shipped
 // configuration's matrix and gap costs (which take the 8-bit band kernel), on
 // the 48-reference workload of BM_Barcodes.
@@ -124,13 +136,7 @@ void BM_Align(benchmark::State& state, const char* build, bool barcodes) {
     const Workload& w = barcodes ? GetBarcodeWorkload(48) : GetWorkload();
     FastAlign aligner = MakeAligner(w);
     Path path;
-    size_t next = 0;
-    for (auto _ : state) {
-        const auto& query = w.queries[next++ % kQueries];
-        for (const auto& ref : w.references)
-            benchmark::DoNotOptimize(aligner.Align(View(ref), View(query), path));
-    }
-    SetCounters(state, w);
+    AlignEachReference(state, w, [&](const auto& ref, const auto& query) { return aligner.Align(ref, query, path); });
 }
 
 // AlignSpan as the shipped binary calls it for the references it reports:
@@ -140,13 +146,8 @@ void BM_AlignSpan(benchmark::State& state, const char* build) {
     const Workload& w = GetBarcodeWorkload(48);
     FastAlign aligner = MakeAligner(w);
     PairedSpan span;
-    size_t next = 0;
-    for (auto _ : state) {
-        const auto& query = w.queries[next++ % kQueries];
-        for (const auto& ref : w.references)
-            benchmark::DoNotOptimize(aligner.AlignSpan(View(ref), View(query), span));
-    }
-    SetCounters(state, w);
+    AlignEachReference(state, w,
+                       [&](const auto& ref, const auto& query) { return aligner.AlignSpan(ref, query, span); });
 }
 
 void BM_Batch(benchmark::State& state, const char* build, bool with_paths) {
