@@ -101,7 +101,7 @@ void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
     min_cover_.clear();
     entries_.clear();
     const size_t kmers = size_t{1} << (2 * k);
-    mask_ = static_cast<uint32_t>(kmers - 1);
+    const auto mask = static_cast<uint32_t>(kmers - 1);
 
     // Every (k-mer, offset, reference), sorted so that equal (k-mer, offset) pairs are together.
     struct Occurrence {
@@ -114,7 +114,7 @@ void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
         for (size_t i = 0; i < reference.size(); ++i) {
             const int code = reference[i];
             if (code < 0 || code > 3) throw std::runtime_error("SeedScan: reference bases must be codes 0..3");
-            kmer = ((kmer << 2) | static_cast<uint32_t>(code)) & mask_;
+            kmer = ((kmer << 2) | static_cast<uint32_t>(code)) & mask;
             if (i + 1 >= static_cast<size_t>(k))
                 all.push_back({kmer, static_cast<uint32_t>(i + 1 - static_cast<size_t>(k)), static_cast<uint32_t>(r)});
         }

@@ -82,7 +82,6 @@ private:
 
     int k_;
     size_t references_;
-    uint32_t mask_;
     std::vector<uint8_t> present_;  // per k-mer: 1 if some reference holds it
     std::vector<uint32_t> start_;   // entries of k-mer x: entries_[start_[x] .. start_[x + 1])
     std::vector<Entry> entries_;
