@@ -11,6 +11,7 @@
 #include "apps/histogram.h"
 #include "apps/html_report.h"
 #include "apps/resume_state.h"
+#include "tests/support/error_of.h"
 
 namespace Vorpa {
 namespace {
@@ -111,13 +112,8 @@ TEST(ResumeState, DamagedFilesAreRefusedWithTheLine) {
         {good.substr(0, good.find('\n') + 1) + "split\tscores\t99:1\t-\nend\n", "bad bins"},
     };
     for (const auto& c : cases) {
-        try {
-            ParseResumeState(c.text, "folder/state");
-            ADD_FAILURE() << "accepted: " << c.text;
-        } catch (const std::runtime_error& error) {
-            EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
-            EXPECT_NE(std::string(error.what()).find("folder/state"), std::string::npos) << error.what();
-        }
+        const std::string error = TestSupport::ErrorOf([&] { ParseResumeState(c.text, "folder/state"); });
+        EXPECT_TRUE(TestSupport::Holds(error, c.message) && TestSupport::Holds(error, "folder/state")) << error;
     }
 }
 

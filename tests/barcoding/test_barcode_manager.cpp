@@ -5,6 +5,7 @@
 
 #include "barcoding/barcode_manager.h"
 #include "barcoding/scorer_options.h"
+#include "tests/support/error_of.h"
 #include "tests/support/temp_folder.h"
 
 namespace Barcoding {
@@ -12,14 +13,7 @@ namespace {
 
 using TestSupport::TempFolder;
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
+using TestSupport::ErrorOf;
 
 // Loading options with every expansion off, so names stay as written.
 std::string NoExpansion(const std::string& fasta = "bc.fasta") {

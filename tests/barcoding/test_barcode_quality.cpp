@@ -9,6 +9,7 @@
 #include <string>
 
 #include "barcoding/barcode_quality.h"
+#include "tests/support/error_of.h"
 
 namespace Barcoding {
 namespace {
@@ -86,12 +87,8 @@ TEST(BarcodeQuality, ModelFileIsCheckedLineByLine) {
         {"intercept\t1\nmargin\t-1\npresence\t-1\nconflict\t-1\n", "m.tsv: a wider margin or more presence"},
     };
     for (const auto& c : bad) {
-        try {
-            ParseQualityModel(c.text, "m.tsv");
-            ADD_FAILURE() << c.text;
-        } catch (const std::runtime_error& error) {
-            EXPECT_EQ(std::string(error.what()).rfind(c.message, 0), 0u) << error.what();
-        }
+        const std::string error = TestSupport::ErrorOf([&] { ParseQualityModel(c.text, "m.tsv"); });
+        EXPECT_EQ(error.rfind(c.message, 0), 0u) << error;
     }
 }
 

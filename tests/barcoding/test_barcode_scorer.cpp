@@ -16,6 +16,7 @@
 #include "common/logger.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
+#include "tests/support/error_of.h"
 #include "tests/support/random_bases.h"
 #include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
@@ -113,13 +114,8 @@ TEST_F(ScorerTest, ClassifiesBarcodesAtEitherEndAndOnEitherStrand) {
 
 TEST_F(ScorerTest, ConfigurationFaults) {
     // An unknown scoring function fails when the kit is selected, not per read.
-    try {
-        BarcodeScorer bad(Options("BAD"), manager_, kMatrix);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(),
-                     "Scoring function can only have values ADD or MAX (found 'SUM' in section [bad] of arr.cfg)");
-    }
+    EXPECT_EQ(TestSupport::ErrorOf([&] { BarcodeScorer(Options("BAD"), manager_, kMatrix); }),
+              "Scoring function can only have values ADD or MAX (found 'SUM' in section [bad] of arr.cfg)");
 
     dir_.Write("odd.fasta", ">lower\nacguacgu\n>ambiguous\nACGNT\n");
     const std::string file = dir_.Write("odd.cfg",
@@ -132,14 +128,8 @@ TEST_F(ScorerTest, ConfigurationFaults) {
     EXPECT_EQ(best.front.id, "lower_FWD");
     EXPECT_FLOAT_EQ(best.front.score, 100);
     EXPECT_EQ(best.front.begin_index, 3);
-    try {
-        BarcodeScorer(Options("N"), manager, kMatrix);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        const std::string message = e.what();
-        EXPECT_NE(message.find("ambiguous_FWD"), std::string::npos) << message;
-        EXPECT_NE(message.find("'N'"), std::string::npos) << message;
-    }
+    const std::string message = TestSupport::ErrorOf([&] { BarcodeScorer(Options("N"), manager, kMatrix); });
+    EXPECT_TRUE(TestSupport::Holds(message, "ambiguous_FWD") && TestSupport::Holds(message, "'N'")) << message;
 }
 
 TEST_F(ScorerTest, InspectionAndTracingAgreeWithScore) {

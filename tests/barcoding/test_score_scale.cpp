@@ -8,6 +8,7 @@
 
 #include "barcoding/barcode_scorer.h"
 #include "barcoding/score_scale.h"
+#include "tests/support/error_of.h"
 #include "tests/support/random_bases.h"
 #include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
@@ -221,13 +222,8 @@ TEST(ScoreScale, ScorersOfTheSameKitsShareOneScale) {
     contained[1].codes = contained[0].codes;
     contained[1].codes.insert(contained[1].codes.end(), {0, 1, 2, 3});
     settings.gaps = {0, 0, 7, 7, 0, 0, 7, 7};
-    try {
-        ScoreScale scale(settings, contained);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        const std::string message = e.what();
-        EXPECT_NE(message.find("'short' and 'long'"), std::string::npos) << message;
-    }
+    const std::string message = TestSupport::ErrorOf([&] { ScoreScale scale(settings, contained); });
+    EXPECT_TRUE(TestSupport::Holds(message, "'short' and 'long'")) << message;
 }
 
 // Chimeras (a different barcode at each end) against the three verdicts, and

@@ -9,6 +9,7 @@
 
 #include "barcoding/scorer_options.h"
 #include "pair_alignment/score_matrix.h"
+#include "tests/support/error_of.h"
 
 namespace Barcoding {
 namespace {
@@ -23,12 +24,7 @@ ScorerOptions Valid() {
 }
 
 std::string ErrorOf(ScorerOptions options) {
-    try {
-        ValidateScorerOptions(options);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no error)";
+    return TestSupport::ErrorOf([&] { ValidateScorerOptions(options); });
 }
 
 struct Change {

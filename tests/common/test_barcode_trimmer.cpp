@@ -3,6 +3,7 @@
 #include <random>
 
 #include "common/barcode_trimmer.h"
+#include "tests/support/error_of.h"
 
 namespace Common {
 namespace {
@@ -41,13 +42,8 @@ TEST(BarcodeTrimmer, RandomTrimsMatchTheClampingRules) {
 TEST(BarcodeTrimmer, LengthMismatchIsReportedBeforeClamping) {
     for (int trim : {-3, 0, 2, 100}) {
         std::string sequence = "ACGT", qstring = "!!!";
-        try {
-            BarcodeTrimmer::TrimFront(trim, sequence, qstring);
-            FAIL() << "no error for trim " << trim;
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(),
-                         "Mismatching sequence and qstring lengths passed to BarcodeTrimmer::CheckTrimLengthValid");
-        }
+        EXPECT_EQ(TestSupport::ErrorOf([&] { BarcodeTrimmer::TrimFront(trim, sequence, qstring); }),
+                  "Mismatching sequence and qstring lengths passed to BarcodeTrimmer::CheckTrimLengthValid");
         EXPECT_EQ(sequence, "ACGT");
     }
 }

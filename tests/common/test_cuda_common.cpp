@@ -10,20 +10,14 @@
 #include "common/cuda_common.h"
 #include "common/kernel_images.h"
 #include "tests/common/fake_cuda_driver.h"
+#include "tests/support/error_of.h"
 
 namespace {
 
 using Common::CUDADevice;
 using Common::CUDADeviceRequest;
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
-}
+using TestSupport::ErrorOf;
 
 bool HaveRealDriver() {
     void* library = dlopen("libcuda.so.1", RTLD_NOW | RTLD_LOCAL);

@@ -10,6 +10,7 @@
 #include "common/fastq_reader.h"
 #include "common/gzip_member_writer.h"
 #include "tests/common/gzip_test_support.h"
+#include "tests/support/error_of.h"
 
 namespace fs = std::filesystem;
 using Common::FastQRecord;
@@ -250,12 +251,7 @@ TEST(FastQReader, BeginOnlyOnceAndFailedStreams) {
     Common::FastQIterable reads(&stream);
     EXPECT_TRUE(reads.Begin().AtEnd());
     EXPECT_EQ(reads.Error(), "");
-    try {
-        reads.Begin();
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Cannot start FastQ iteration twice");
-    }
+    EXPECT_EQ(TestSupport::ErrorOf([&] { reads.Begin(); }), "Cannot start FastQ iteration twice");
     std::ifstream closed;
     closed.setstate(std::ios::failbit);
     Common::FastQIterable failed(&closed, "in.fastq");
@@ -296,14 +292,9 @@ TEST(FastQReader, OpensPlainAndGzipFilesByExtension) {
                              "format); the rest of the file was skipped.");
 
     fs::path missing = TempFastq("missing.fastq");
-    for (const std::string& path : {missing.string(), missing.string() + ".gz"}) {
-        try {
-            Common::OpenFastqFile(path);
-            FAIL() << path;
-        } catch (const std::runtime_error& e) {
-            EXPECT_EQ(std::string(e.what()), "Could not open input file '" + path + "'");
-        }
-    }
+    for (const std::string& path : {missing.string(), missing.string() + ".gz"})
+        EXPECT_EQ(TestSupport::ErrorOf([&] { Common::OpenFastqFile(path); }),
+                  "Could not open input file '" + path + "'");
     for (const auto& path : {plain, gzip, members, mislabelled})
         fs::remove(path);
 }

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "common/fastq_record.h"
+#include "tests/support/error_of.h"
 
 using Common::FastQRecord;
 
@@ -32,12 +33,8 @@ std::string ExpectedError(const std::string& title, const std::string& seq, cons
 }
 
 std::string ErrorOf(const std::string& title, const std::string& seq, const std::string& qual) {
-    try {
-        FastQRecord record(title, seq, qual);
-        return "";
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
+    const std::string error = TestSupport::ErrorOf([&] { FastQRecord record(title, seq, qual); });
+    return error == "(no error)" ? "" : error;
 }
 
 }  // namespace
@@ -123,10 +120,6 @@ TEST(FastQRecord, ReadIdWhitelist) {
     EXPECT_EQ(ids, (std::unordered_set<std::string>{"a1", "b2", "c3"}));
     EXPECT_NE(log.str().find("read_id is invalid as it contains a space bad id"), std::string::npos);
     std::filesystem::remove(path);
-    try {
-        Common::getReadIdWhitelist(path.string());
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()), "Could not load readIdWhitelist file: '" + path.string() + "'");
-    }
+    EXPECT_EQ(TestSupport::ErrorOf([&] { Common::getReadIdWhitelist(path.string()); }),
+              "Could not load readIdWhitelist file: '" + path.string() + "'");
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "common/parameters.h"
+#include "tests/support/error_of.h"
 
 namespace fs = std::filesystem;
 
@@ -180,12 +181,7 @@ TEST_F(ParametersTest, HelpAndVersion) {
 
 template <typename Declaration>
 std::string Refusal() {
-    try {
-        Declaration().Parse({});
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "accepted";
+    return TestSupport::ErrorOf([] { Declaration().Parse({}); });
 }
 
 struct BadFlag : TestParameters {

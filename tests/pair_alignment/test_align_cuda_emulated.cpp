@@ -14,6 +14,7 @@
 #include "pair_alignment/fast_align.h"
 #include "tests/common/fake_cuda_driver.h"
 #include "tests/pair_alignment/emulated_fastalign_kernels.h"
+#include "tests/support/error_of.h"
 
 namespace {
 
@@ -143,12 +144,8 @@ TEST_F(EmulatedGpu, FullLaunchOf352AndTheLimit) {
         EXPECT_EQ(paths.back(), expected);
 
         references.emplace_back(5, 0);
-        try {
-            gpu.SetReferences(references);
-            FAIL() << "353 references accepted";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "Too many sequences for GPU threads to contain!");
-        }
+        EXPECT_EQ(TestSupport::ErrorOf([&] { gpu.SetReferences(references); }),
+                  "Too many sequences for GPU threads to contain!");
     }
     ExpectAllReleased();
 }
@@ -157,14 +154,7 @@ TEST_F(EmulatedGpu, ConstructorChecks) {
     std::vector<int> five(25, 1);
     const MatView<int> view5(five.data(), 5, 5);
     const MatView<int> view(kDefaultMatrix.data(), 4, 4);
-    auto message = [&](auto&& build) -> std::string {
-        try {
-            build();
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "no error";
-    };
+    auto message = [](auto&& build) { return TestSupport::ErrorOf(build); };
     const auto table = FastAlignGPU::BaseCodeTable();
     EXPECT_EQ(message([&] { FastAlignGPU(view5, kDefaultGaps, table, 10, 10, "cuda:0", 11); }),
               "FastAlignGPU only supports a 4 x 4 mismatch matrix!");

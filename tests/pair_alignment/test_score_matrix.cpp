@@ -7,6 +7,7 @@
 
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/score_matrix.h"
+#include "tests/support/error_of.h"
 
 using namespace PairAlignment;
 
@@ -18,15 +19,7 @@ std::string WriteFile(const std::string& name, const std::string& text) {
     return path;
 }
 
-template <typename F>
-std::string ErrorOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
-}
+using TestSupport::ErrorOf;
 
 }  // namespace
 

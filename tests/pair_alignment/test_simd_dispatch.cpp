@@ -13,6 +13,7 @@
 
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/simd_dispatch.h"
+#include "tests/support/error_of.h"
 
 using namespace PairAlignment;
 
@@ -26,12 +27,8 @@ constexpr uint32_t kLeaf7All = (1u << 5) | (1u << 16) | (1u << 30) | (1u << 31);
 constexpr uint64_t kXcr0All = 0xe7;
 
 std::string ErrorOf(const std::string& name, const CpuFeatures& cpu) {
-    try {
-        SelectKernels(name, cpu);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
+    const std::string error = TestSupport::ErrorOf([&] { SelectKernels(name, cpu); });
+    return error == "(no error)" ? "" : error;
 }
 
 class SimdDispatchTest : public ::testing::Test {
