@@ -14,26 +14,15 @@
 #include "barcoding/barcode_quality.h"
 #include "barcoding/barcode_scorer.h"
 #include "barcoding/pair_design.h"
+#include "tests/support/random_bases.h"
 #include "tests/support/temp_folder.h"
 
 namespace Barcoding {
 namespace {
 
-const std::vector<int> kMatrix = {5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5, -4, -4, -4, -4, 5};
-
-std::string RandomBases(std::mt19937& random, size_t length) {
-    std::string bases;
-    for (size_t k = 0; k < length; ++k)
-        bases += "ACGT"[random() % 4];
-    return bases;
-}
-
-std::string ReverseComplement(const std::string& sequence) {
-    std::string result(sequence.rbegin(), sequence.rend());
-    for (char& c : result)
-        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
-    return result;
-}
+using TestSupport::RandomBases;
+using TestSupport::ReverseComplement;
+const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 
 // A few substitutions, so that the ends are not perfect copies.
 void Mutate(std::mt19937& random, std::string& bases, int count) {
