@@ -14,6 +14,7 @@
 #include "pair_alignment/kernel_stats.h"
 #include "pair_alignment/simd_dispatch.h"
 #include "tests/pair_alignment/sequences.h"
+#include "tests/support/error_of.h"
 
 using namespace PairAlignment;
 using brim::data_wrappers::MatView;
@@ -132,13 +133,8 @@ Result RunAlign(const Case& c, const std::string& build) {
 
 std::vector<std::string> SupportedBuilds() {
     std::vector<std::string> builds;
-    for (const char* name : {"generic", "sse41", "avx2", "avx512"}) {
-        try {
-            ForceSimdBuild(name);
-            builds.push_back(name);
-        } catch (const std::runtime_error&) {
-        }
-    }
+    for (const char* name : {"generic", "sse41", "avx2", "avx512"})
+        if (TestSupport::ErrorOf([&] { ForceSimdBuild(name); }) == "(no error)") builds.push_back(name);
     return builds;
 }
 
