@@ -22,7 +22,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import bam_file  # noqa: E402
 from e2e_driver import (SUMMARY, Context, Failure, Skip, barcoder_args, check, interrupt_when_written,  # noqa: E402
                         main, many_reads, many_run_ids, output_reads, read_fastq, read_id, read_summary,
-                        run_with_few_descriptors, split_into_files, tree_bytes, write_fastq)
+                        read_truth_rows, run_with_few_descriptors, split_into_files, tree_bytes, write_fastq)
 
 COMPLEMENT = str.maketrans("ACGT", "TGCA")
 
@@ -527,12 +527,7 @@ def case_sample_sheet_pairs(ctx):
                     ctx.path("kit"), "--sample-sheet", ctx.path("pairs.tsv"), "-n", "700", "--seed", "81",
                     "--frac-unlisted", "0.15", "--frac-front", "0.15", "--median-length", "400"],
                    check=True, capture_output=True)
-    kinds = {}
-    with open(ctx.path("truth.tsv")) as handle:
-        columns = handle.readline().rstrip("\n").split("\t")
-        for line in handle:
-            row = dict(zip(columns, line.rstrip("\n").split("\t")))
-            kinds[row["read_id"]] = row
+    kinds = read_truth_rows(ctx.path("truth.tsv"))
     result = ctx.run(kit + ["-i", "in", "-s", "out", "--sample_sheet", "pairs.tsv", "--unclassified_reason_column"])
     header, rows = read_summary(ctx.path("out", SUMMARY), summary_columns(sample=True) + 1)
     check(header[-2:] == ["sample", "barcode_unclassified_reason"], f"header {header}")

@@ -15,7 +15,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from e2e_driver import SUMMARY, check, main, output_reads, read_summary, tree_bytes  # noqa: E402
+from e2e_driver import SUMMARY, check, main, output_reads, read_summary, read_truth_rows, tree_bytes  # noqa: E402
 from bam_and_samples import output_bam_reads, tag  # noqa: E402
 
 KITS = ("VB-NB24", "VB-RB12")  # double-ended and front-only
@@ -30,14 +30,8 @@ def simulate(ctx, kit, reads, seed, concatemers=0.4):
                     truth, "--kit", kit, "-n", str(reads), "--seed", str(seed), "--median-length", "800",
                     "--frac-concatemer", str(concatemers), "--identity", "0.93"],
                    check=True, capture_output=True, text=True)
-    rows = {}
-    with open(truth) as handle:
-        columns = handle.readline().rstrip("\n").split("\t")
-        for line in handle:
-            row = dict(zip(columns, line.rstrip("\n").split("\t")))
-            molecules = [] if row["molecules"] == "-" else [m[:-1] for m in row["molecules"].split(",")]
-            rows[row["read_id"]] = (row["kind"], molecules)
-    return folder, rows
+    return folder, {rid: (row["kind"], [] if row["molecules"] == "-" else [m[:-1] for m in row["molecules"].split(",")])
+                    for rid, row in read_truth_rows(truth).items()}
 
 
 def run(ctx, kit, folder, save, *extra):

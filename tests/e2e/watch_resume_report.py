@@ -25,17 +25,13 @@ import xml.etree.ElementTree as ElementTree
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from bam_and_samples import output_bam_reads  # noqa: E402
-from e2e_driver import (SUMMARY, Failure, Skip, barcoder_args, check, main, many_reads, output_reads,  # noqa: E402
-                        read_summary, write_fastq)
+from e2e_driver import (SUMMARY, Failure, Skip, barcoder_args, check, fastq_text, main, many_reads,  # noqa: E402
+                        output_reads, read_summary, write_fastq)
 
 STATE = "barcoding_resume_state.txt"
 HTML = "barcoding_report.html"
 XHTML = "{http://www.w3.org/1999/xhtml}"
 SECTIONS = ["summary", "arrangements", "lengths", "scores", "quality", "unclassified", "events", "losses", "settings"]
-
-
-def fastq_text(records):
-    return "".join(f"{t}\n{s}\n+\n{q}\n" for t, s, q in records)
 
 
 def summary_rows(save, columns=18):
