@@ -288,8 +288,10 @@ void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t tar
         if (own_at < hit->position - reach) continue;
         while (behind->position < hit->position - reach)
             ++behind;
-        // Each seed covers at most k bases: too few seeds within reach
-        // cannot cover enough.
+        // Seeds that all start within fewer bases than need - k cannot
+        // cover enough (a lone seed, or a run of a few), nor can too few
+        // seeds: each covers at most k bases.
+        if (hit->position + k_ - behind->position < need) continue;
         if (static_cast<int>(hit - behind + 1) * k_ < need) continue;
         int cover = 0;
         int32_t covered_to = std::numeric_limits<int32_t>::min();
