@@ -230,26 +230,32 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
 
     // The seeds' hits by target, in sequence order within each: counted per
     // target first, then written straight to their places.
+    // In locals, which the compiler keeps in registers across the stores.
     const size_t targets = length_.size();
+    const uint32_t* start = start_.data();
+    const Entry* entries = entries_.data();
+    const uint32_t* seeds = seeded.data();
     auto& first = work.first;
     first.assign(targets + 1, 0);
+    uint32_t* counts = first.data() + 1;
     for (size_t s = 0; s < count; ++s) {
-        const uint32_t x = kmers[seeded[s]];
-        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e)
-            ++first[entries_[e].target + 1];
+        const uint32_t x = kmers[seeds[s]];
+        for (uint32_t e = start[x]; e < start[x + 1]; ++e)
+            ++counts[entries[e].target];
     }
     for (size_t t = 0; t < targets; ++t)
         first[t + 1] += first[t];
     if (first[targets] == 0) return;
     if (work.sorted.size() < first[targets]) work.sorted.resize(first[targets]);
     work.next.assign(first.begin(), first.end() - 1);
+    Work::Hit* hits = work.sorted.data();
+    uint32_t* next = work.next.data();
     for (size_t s = 0; s < count; ++s) {
-        const uint32_t x = kmers[seeded[s]];
-        const auto position = static_cast<int32_t>(seeded[s]);
-        for (uint32_t e = start_[x]; e < start_[x + 1]; ++e) {
-            const Entry entry = entries_[e];
-            work.sorted[work.next[entry.target]++] = {entry.target, position - static_cast<int32_t>(entry.offset),
-                                                      position};
+        const auto position = static_cast<int32_t>(seeds[s]);
+        const uint32_t x = kmers[position];
+        for (uint32_t e = start[x]; e < start[x + 1]; ++e) {
+            const Entry entry = entries[e];
+            hits[next[entry.target]++] = {entry.target, position - static_cast<int32_t>(entry.offset), position};
         }
     }
     const Work::Hit* sorted = work.sorted.data();
