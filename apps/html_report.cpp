@@ -44,7 +44,7 @@ std::string Bases(double value) {
     return unit == 0 ? FormatString("%.0f b", value) : FormatString("%.3g %s", value, units[unit]);
 }
 
-std::string Percent(uint64_t part, uint64_t total) {
+std::string PercentText(uint64_t part, uint64_t total) {
     return total == 0 ? "0.0 %" : FormatString("%.1f %%", 100.0 * static_cast<double>(part) / total);
 }
 
@@ -85,14 +85,15 @@ void Headline(Page& page, const RunTally& tally, const RunInfo& info) {
         bases += figures.bases;
     const uint64_t taken = written + tally.dropped + tally.failed;
     page.Section("summary", "Summary");
-    page.Table({{"Reads written", Grouped(written)},
-                {"Classified", Grouped(written - unclassified) + " (" + Percent(written - unclassified, written) + ")"},
-                {"Unclassified", Grouped(unclassified) + " (" + Percent(unclassified, written) + ")"},
-                {"Bases written", Bases(static_cast<double>(bases))},
-                {"Mean read length", written == 0 ? "0" : FormatString("%.0f", static_cast<double>(bases) / written)},
-                {"Input files read", Grouped(tally.files_read) + " of " + Grouped(tally.files_found)},
-                {"Wall time", FormatString("%.1f s", info.wall_time_s)},
-                {"Throughput", info.wall_time_s > 0 ? FormatString("%.0f reads/s", taken / info.wall_time_s) : ""}});
+    page.Table(
+        {{"Reads written", Grouped(written)},
+         {"Classified", Grouped(written - unclassified) + " (" + PercentText(written - unclassified, written) + ")"},
+         {"Unclassified", Grouped(unclassified) + " (" + PercentText(unclassified, written) + ")"},
+         {"Bases written", Bases(static_cast<double>(bases))},
+         {"Mean read length", written == 0 ? "0" : FormatString("%.0f", static_cast<double>(bases) / written)},
+         {"Input files read", Grouped(tally.files_read) + " of " + Grouped(tally.files_found)},
+         {"Wall time", FormatString("%.1f s", info.wall_time_s)},
+         {"Throughput", info.wall_time_s > 0 ? FormatString("%.0f reads/s", taken / info.wall_time_s) : ""}});
     page.EndSection();
 }
 
@@ -104,7 +105,7 @@ void ReadsAndBases(Page& page, const RunTally& tally) {
         chart.labels.push_back(name);
         chart.muted.push_back(name == kUnclassified);
         reads.values.push_back(static_cast<double>(figures->reads));
-        reads.texts.push_back(Grouped(figures->reads) + " (" + Percent(figures->reads, written) + ")");
+        reads.texts.push_back(Grouped(figures->reads) + " (" + PercentText(figures->reads, written) + ")");
         bases.values.push_back(static_cast<double>(figures->bases));
         bases.texts.push_back(Bases(static_cast<double>(figures->bases)));
     }
@@ -120,12 +121,12 @@ void ReadsAndBases(Page& page, const RunTally& tally) {
         if (sample == kUnclassified) continue;
         samples.labels.push_back(sample);
         panel.values.push_back(static_cast<double>(count));
-        panel.texts.push_back(Grouped(count) + " (" + Percent(count, written) + ")");
+        panel.texts.push_back(Grouped(count) + " (" + PercentText(count, written) + ")");
     }
     if (const auto found = tally.samples.find(kUnclassified); found != tally.samples.end()) {
         samples.labels.push_back(kUnclassified);
         panel.values.push_back(static_cast<double>(found->second));
-        panel.texts.push_back(Grouped(found->second) + " (" + Percent(found->second, written) + ")");
+        panel.texts.push_back(Grouped(found->second) + " (" + PercentText(found->second, written) + ")");
     }
     samples.muted.assign(samples.labels.size(), false);
     if (!samples.muted.empty() && samples.labels.back() == kUnclassified) samples.muted.back() = true;
@@ -229,7 +230,7 @@ void Unclassified(Page& page, const RunTally& tally) {
         if (count == 0) continue;
         chart.labels.push_back(reason);
         panel.values.push_back(static_cast<double>(count));
-        panel.texts.push_back(Grouped(count) + " (" + Percent(count, unclassified) + ")");
+        panel.texts.push_back(Grouped(count) + " (" + PercentText(count, unclassified) + ")");
     }
     chart.panels = {std::move(panel)};
     page.Section("unclassified", "Unclassified reads by reason");
@@ -248,7 +249,7 @@ void Events(Page& page, const RunTally& tally) {
     if (!tally.internal.searched) {
         page.Section("events", "Mixed barcodes",
                      "Reads whose two ends name different barcodes (chimeras), classified or not.");
-        page.Table({{"Mixed barcodes", Grouped(tally.mixed) + " (" + Percent(tally.mixed, written) + ")"}});
+        page.Table({{"Mixed barcodes", Grouped(tally.mixed) + " (" + PercentText(tally.mixed, written) + ")"}});
         page.EndSection();
         return;
     }
@@ -260,8 +261,8 @@ void Events(Page& page, const RunTally& tally) {
                  "Reads whose two ends name different barcodes (chimeras), classified or not, and reads with "
                  "barcode constructs inside them (molecules ligated end to end).");
     std::vector<std::pair<std::string, std::string>> rows{
-        {"Mixed barcodes", Grouped(tally.mixed) + " (" + Percent(tally.mixed, written) + ")"},
-        {"Internal barcode", Grouped(internal.reads) + " (" + Percent(internal.reads, taken) + " of reads taken)"}};
+        {"Mixed barcodes", Grouped(tally.mixed) + " (" + PercentText(tally.mixed, written) + ")"},
+        {"Internal barcode", Grouped(internal.reads) + " (" + PercentText(internal.reads, taken) + " of reads taken)"}};
     if (internal.parts + internal.parts_dropped > 0) {
         rows.emplace_back("Parts written as reads of their own", Grouped(internal.parts));
         rows.emplace_back("Parts shorter than min_part_length (not written)", Grouped(internal.parts_dropped));

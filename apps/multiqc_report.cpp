@@ -32,7 +32,7 @@ std::vector<Row> Rows(const RunTally& tally) {
     return rows;
 }
 
-double Percent(uint64_t part, uint64_t total) {
+double PercentOfRun(uint64_t part, uint64_t total) {
     return total == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(total);
 }
 
@@ -56,8 +56,8 @@ std::string FormatMultiqcReads(const RunTally& tally) {
     const std::string description =
         FormatString("Reads per %s written by vorpa_barcoder: %llu reads, %llu classified (%.1f%%), %llu unclassified.",
                      samples ? "sample" : "barcode arrangement", static_cast<unsigned long long>(written),
-                     static_cast<unsigned long long>(written - unclassified), Percent(written - unclassified, written),
-                     static_cast<unsigned long long>(unclassified));
+                     static_cast<unsigned long long>(written - unclassified),
+                     PercentOfRun(written - unclassified, written), static_cast<unsigned long long>(unclassified));
     std::string text = "{\n";
     text += "  \"id\": \"vorpa_barcoding\",\n";
     text += "  \"section_name\": \"Barcoding\",\n";
@@ -75,7 +75,7 @@ std::string FormatMultiqcStats(const RunTally& tally) {
     std::vector<std::string> members;
     for (const auto& row : rows) {
         std::string member = "\"barcoded_reads\": " + std::to_string(row.reads) +
-                             FormatString(", \"percent_of_run\": %.3f", Percent(row.reads, written));
+                             FormatString(", \"percent_of_run\": %.3f", PercentOfRun(row.reads, written));
         if (row.figures != nullptr) {
             const double mean =
                 row.figures->reads == 0 ? 0.0 : static_cast<double>(row.figures->bases) / row.figures->reads;
