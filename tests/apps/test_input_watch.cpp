@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "apps/input_watch.h"
+#include "tests/support/temp_folder.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -22,12 +23,7 @@ namespace {
 
 class InputWatchTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        root = fs::temp_directory_path() / ("vb_test_input_watch_" + std::to_string(::getpid()));
-        fs::remove_all(root);
-        fs::create_directories(root / "in");
-    }
-    void TearDown() override { fs::remove_all(root); }
+    void SetUp() override { fs::create_directories(root / "in"); }
     void Append(const std::string& name, const std::string& text = "@r\nA\n+\nI\n") {
         std::ofstream(root / "in" / name, std::ios::app) << text;
     }
@@ -37,7 +33,8 @@ protected:
             names.push_back(fs::path(path).filename().string());
         return names;
     }
-    fs::path root;
+    TestSupport::TempFolder dir;
+    const fs::path root = dir.Root();
 };
 
 TEST_F(InputWatchTest, FilesAreHandedOutOnceSettledOrRenamedIn) {

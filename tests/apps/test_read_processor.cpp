@@ -9,6 +9,7 @@
 
 #include "apps/progress_display.h"
 #include "apps/read_processor.h"
+#include "tests/support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -92,17 +93,11 @@ std::string Fastq(const std::vector<std::string>& ids) {
 
 class ReadProcessorTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        root = fs::temp_directory_path() / "vb_test_read_processor";
-        fs::remove_all(root);
-        fs::create_directories(root / "in" / "sub");
-    }
-    void TearDown() override {
-        Common::ShutdownLogging();
-        fs::remove_all(root);
-    }
+    void SetUp() override { fs::create_directories(root / "in" / "sub"); }
+    void TearDown() override { Common::ShutdownLogging(); }
     void Write(const std::string& relative, const std::string& text) { std::ofstream(root / relative) << text; }
-    fs::path root;
+    TestSupport::TempFolder dir;
+    const fs::path root = dir.Root();
 };
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "apps/html_report.h"
 #include "apps/run_report.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -213,9 +214,8 @@ TEST(HtmlReport, CrossTalkSectionOnlyWithASampleSheet) {
 }
 
 TEST(WriteFileAtomically, ReplacesTheFileAndLeavesNoTemporary) {
-    const fs::path folder = fs::temp_directory_path() / "vb_test_run_report";
-    fs::remove_all(folder);
-    fs::create_directories(folder);
+    const TestSupport::TempFolder scratch;
+    const fs::path& folder = scratch.Root();
     const std::string path = (folder / "report.json").string();
     std::ofstream(path) << "old contents that are longer than the new ones";
     Vorpa::WriteFileAtomically(path, "new");
@@ -237,7 +237,6 @@ TEST(WriteFileAtomically, ReplacesTheFileAndLeavesNoTemporary) {
         EXPECT_EQ(std::string(std::istreambuf_iterator<char>(again), {}), "new");
         EXPECT_FALSE(fs::exists(fs::symlink_status(path + ".tmp")));
     }
-    fs::remove_all(folder);
 }
 
 }  // namespace

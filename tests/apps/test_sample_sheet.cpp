@@ -17,13 +17,16 @@ namespace {
 const std::set<std::string> kKnown = {"barcode01", "barcode02", "barcode03", "barcode04"};
 const std::vector<std::string> kReserved = {"unclassified", "barcoding_summary.txt"};
 
-Vorpa::SampleSheet Parse(const std::string& text) {
+// Pairs: a front and a rear column instead of the arrangement column.
+const std::set<std::string> kPairBarcodes = {"F01", "F02", "R01", "R02"};
+
+Vorpa::SampleSheet Parse(const std::string& text, const std::set<std::string>& pair_barcodes = {}) {
     std::istringstream in(text);
-    return Vorpa::ParseSampleSheet(in, "sheet.tsv", kKnown, kReserved);
+    return Vorpa::ParseSampleSheet(in, "sheet.tsv", kKnown, kReserved, pair_barcodes);
 }
 
-std::string ErrorOf(const std::string& text) {
-    return TestSupport::ErrorOf([&] { Parse(text); });
+std::string ErrorOf(const std::string& text, const std::set<std::string>& pair_barcodes = {}) {
+    return TestSupport::ErrorOf([&] { Parse(text, pair_barcodes); });
 }
 
 TEST(SampleSheet, ColumnsInAnyOrderCommentsAndMergedArrangements) {
@@ -81,21 +84,33 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
         const std::string error = ErrorOf(text);
         EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
     }
+    // Sheets of pairs: a front and a rear column instead of the arrangement column.
+    const std::string pair_head = "front\trear\tsample\n";
+    const std::vector<std::pair<std::string, std::string>> pair_cases = {
+        {"arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
+         "Sample sheet 'sheet.tsv', line 1: the header names 'arrangement' and 'front': a sheet lists either "
+         "arrangements or pairs of a front and a rear barcode."},
+        {"front\tsample\nF01\tA\n", "line 1: the header must name the columns 'front', 'rear' and 'sample'"},
+        {"front\trear\nF01\tR01\n", "line 1: the header must name the columns 'front', 'rear' and 'sample'"},
+        {pair_head + "F01\tR01\tA\nF01\tR01\tB\n", "line 3: the pair F01 + R01 is already listed on line 2."},
+        {pair_head + "F01\tR02\tA\nR02\tF01\tB\n",
+         "line 3: the pair R02 + F01 is the pair F01 + R02 on line 2 read from the other strand."},
+        {pair_head + "F01\tR09\tA\n", "line 2: the rear barcode 'R09' is not a single-barcode arrangement"},
+        {pair_head + "barcode01\tR01\tA\n", "line 2: the front barcode 'barcode01' is not a single-barcode"},
+        {pair_head + "\tR01\tA\n", "line 2: the front barcode is empty."},
+        {pair_head + "F01\n", "line 2: no rear field."},
+        {pair_head + "F01\tR01\tunclassified\n", "line 2: the sample name 'unclassified' is reserved"},
+    };
+    for (const auto& [text, message] : pair_cases) {
+        const std::string error = ErrorOf(text, kPairBarcodes);
+        EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
+    }
     EXPECT_EQ(TestSupport::ErrorOf([] { Vorpa::LoadSampleSheet("/no/such/sheet.tsv", kKnown, kReserved); }),
               "Could not open the sample sheet '/no/such/sheet.tsv'");
 }
 
-// Pairs: a front and a rear column instead of the arrangement column.
-const std::set<std::string> kPairBarcodes = {"F01", "F02", "R01", "R02"};
-
-std::string PairErrorOf(const std::string& text) {
-    std::istringstream in(text);
-    return TestSupport::ErrorOf([&] { Vorpa::ParseSampleSheet(in, "pairs.tsv", kKnown, kReserved, kPairBarcodes); });
-}
-
 TEST(SampleSheet, PairsAreReportedAsFrontUnderscoreRear) {
-    std::istringstream in("sample\trear\tfront\nA\tR01\tF01\nB\tR02\tF01\nA\tR01\tF02\n");
-    const auto sheet = Vorpa::ParseSampleSheet(in, "pairs.tsv", kKnown, kReserved, kPairBarcodes);
+    const auto sheet = Parse("sample\trear\tfront\nA\tR01\tF01\nB\tR02\tF01\nA\tR01\tF02\n", kPairBarcodes);
     EXPECT_EQ(sheet.samples, (std::vector<std::string>{"A", "B"}));
     ASSERT_EQ(sheet.pairs.size(), 3u);
     EXPECT_EQ(sheet.pairs[1].front, "F01");
@@ -104,28 +119,6 @@ TEST(SampleSheet, PairsAreReportedAsFrontUnderscoreRear) {
     EXPECT_EQ(*sheet.SampleOf("F02_R01"), "A");
     EXPECT_EQ(sheet.SampleOf("F02_R02"), nullptr);
     EXPECT_EQ(sheet.SampleOf("F01"), nullptr);
-}
-
-TEST(SampleSheet, PairFaultsNameTheLine) {
-    const std::string head = "front\trear\tsample\n";
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
-         "Sample sheet 'pairs.tsv', line 1: the header names 'arrangement' and 'front': a sheet lists either "
-         "arrangements or pairs of a front and a rear barcode."},
-        {"front\tsample\nF01\tA\n", "line 1: the header must name the columns 'front', 'rear' and 'sample'"},
-        {head + "F01\tR01\tA\nF01\tR01\tB\n", "line 3: the pair F01 + R01 is already listed on line 2."},
-        {head + "F01\tR02\tA\nR02\tF01\tB\n",
-         "line 3: the pair R02 + F01 is the pair F01 + R02 on line 2 read from the other strand."},
-        {head + "F01\tR09\tA\n", "line 2: the rear barcode 'R09' is not a single-barcode arrangement"},
-        {head + "barcode01\tR01\tA\n", "line 2: the front barcode 'barcode01' is not a single-barcode"},
-        {head + "\tR01\tA\n", "line 2: the front barcode is empty."},
-        {head + "F01\n", "line 2: no rear field."},
-        {head + "F01\tR01\tunclassified\n", "line 2: the sample name 'unclassified' is reserved"},
-    };
-    for (const auto& [text, message] : cases) {
-        const std::string error = PairErrorOf(text);
-        EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
-    }
 }
 
 // Random sheets of pairs against the rows as written: every name a read can

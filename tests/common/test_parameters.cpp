@@ -6,6 +6,7 @@
 
 #include "common/parameters.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -53,17 +54,9 @@ protected:
 
 class ParametersTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        folder = fs::temp_directory_path() / "vb_test_parameters";
-        fs::remove_all(folder);
-        fs::create_directories(folder);
-    }
-    void TearDown() override { fs::remove_all(folder); }
-    std::string Config(const std::string& name, const std::string& text) {
-        std::ofstream(folder / name) << text;
-        return (folder / name).string();
-    }
-    fs::path folder;
+    std::string Config(const std::string& name, const std::string& text) { return dir.Write(name, text); }
+    TestSupport::TempFolder dir;
+    const fs::path folder = dir.Root();
 };
 
 using P = Common::Parameters;
