@@ -20,13 +20,15 @@ const std::vector<std::string> kReserved = {"unclassified", "barcoding_summary.t
 // Pairs: a front and a rear column instead of the arrangement column.
 const std::set<std::string> kPairBarcodes = {"F01", "F02", "R01", "R02"};
 
-Vorpa::SampleSheet Parse(const std::string& text, const std::set<std::string>& pair_barcodes = {}) {
+// Every sheet is read with the pair barcodes known: they are only used when
+// the header has a front and a rear column.
+Vorpa::SampleSheet Parse(const std::string& text) {
     std::istringstream in(text);
-    return Vorpa::ParseSampleSheet(in, "sheet.tsv", kKnown, kReserved, pair_barcodes);
+    return Vorpa::ParseSampleSheet(in, "sheet.tsv", kKnown, kReserved, kPairBarcodes);
 }
 
-std::string ErrorOf(const std::string& text, const std::set<std::string>& pair_barcodes = {}) {
-    return TestSupport::ErrorOf([&] { Parse(text, pair_barcodes); });
+std::string ErrorOf(const std::string& text) {
+    return TestSupport::ErrorOf([&] { Parse(text); });
 }
 
 TEST(SampleSheet, ColumnsInAnyOrderCommentsAndMergedArrangements) {
@@ -51,7 +53,7 @@ TEST(SampleSheet, ColumnsInAnyOrderCommentsAndMergedArrangements) {
 }
 
 TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
-    const std::string head = "arrangement\tsample\n";
+    const std::string head = "arrangement\tsample\n", pair_head = "front\trear\tsample\n";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "Sample sheet 'sheet.tsv' is empty: it needs a header line."},
         {"# only a comment\n\n", "Sample sheet 'sheet.tsv' is empty: it needs a header line."},
@@ -79,14 +81,7 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
         {head + "barcode01\tPatientA\nbarcode02\tpatienta\n",
          "line 3: the sample name 'patienta' differs from 'PatientA' (line 2) only in letter case; they would "
          "share a folder on some file systems."},
-    };
-    for (const auto& [text, message] : cases) {
-        const std::string error = ErrorOf(text);
-        EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
-    }
-    // Sheets of pairs: a front and a rear column instead of the arrangement column.
-    const std::string pair_head = "front\trear\tsample\n";
-    const std::vector<std::pair<std::string, std::string>> pair_cases = {
+        // Sheets of pairs: a front and a rear column instead of the arrangement column.
         {"arrangement\tfront\trear\tsample\nF01\tF01\tR01\tA\n",
          "Sample sheet 'sheet.tsv', line 1: the header names 'arrangement' and 'front': a sheet lists either "
          "arrangements or pairs of a front and a rear barcode."},
@@ -101,8 +96,8 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
         {pair_head + "F01\n", "line 2: no rear field."},
         {pair_head + "F01\tR01\tunclassified\n", "line 2: the sample name 'unclassified' is reserved"},
     };
-    for (const auto& [text, message] : pair_cases) {
-        const std::string error = ErrorOf(text, kPairBarcodes);
+    for (const auto& [text, message] : cases) {
+        const std::string error = ErrorOf(text);
         EXPECT_NE(error.find(message), std::string::npos) << "sheet:\n" << text << "\nerror: " << error;
     }
     EXPECT_EQ(TestSupport::ErrorOf([] { Vorpa::LoadSampleSheet("/no/such/sheet.tsv", kKnown, kReserved); }),
@@ -110,7 +105,7 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
 }
 
 TEST(SampleSheet, PairsAreReportedAsFrontUnderscoreRear) {
-    const auto sheet = Parse("sample\trear\tfront\nA\tR01\tF01\nB\tR02\tF01\nA\tR01\tF02\n", kPairBarcodes);
+    const auto sheet = Parse("sample\trear\tfront\nA\tR01\tF01\nB\tR02\tF01\nA\tR01\tF02\n");
     EXPECT_EQ(sheet.samples, (std::vector<std::string>{"A", "B"}));
     ASSERT_EQ(sheet.pairs.size(), 3u);
     EXPECT_EQ(sheet.pairs[1].front, "F01");
