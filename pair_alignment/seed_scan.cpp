@@ -204,11 +204,18 @@ void SeedScan::Build(const std::vector<std::vector<int>>& references, int k) {
 
 void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& spots, Work& work) const {
     spots.clear();
+    const size_t positions = KmerCodes(sequence, length, k_, work.kmers);
+    if (k_ <= kMaxShortKmer)
+        Collect(work.kmers.eights.data(), positions, length, spots, work);
+    else
+        Collect(work.kmers.codes.data(), positions, length, spots, work);
+}
+
+template <typename Code>
+void SeedScan::Collect(const Code* kmers, size_t positions, size_t length, std::vector<Spot>& spots, Work& work) const {
     // The positions of the k-mers present: every position is written and the
     // count moves on only for a present k-mer, so that the loop has no branch
     // that random sequence would make unpredictable.
-    const size_t positions = KmerCodes(sequence, length, k_, work.kmers);
-    const uint32_t* kmers = work.kmers.codes.data();
     auto& seeded = work.seeded;
     if (seeded.size() < positions) seeded.resize(positions);
     uint32_t* out = seeded.data();
@@ -219,11 +226,9 @@ void SeedScan::Find(const uint8_t* sequence, size_t length, std::vector<Spot>& s
         count += present[kmers[p]];
     };
     size_t p = 0;
-    for (; p + 4 <= positions; p += 4) {  // four a round: less loop control per base
-        step(p);
-        step(p + 1);
-        step(p + 2);
-        step(p + 3);
+    for (; p + 8 <= positions; p += 8) {  // eight a round: less loop control per base
+        for (size_t i = 0; i < 8; ++i)
+            step(p + i);
     }
     for (; p < positions; ++p)
         step(p);

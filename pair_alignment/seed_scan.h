@@ -77,6 +77,9 @@ private:
         uint32_t offset;  // of the k-mer in the reference (or in every member)
     };
     void Build(const std::vector<std::vector<int>>& references, int k);
+    // Find's work after the k-mers, for either width of k-mer code.
+    template <typename Code>
+    void Collect(const Code* kmers, size_t positions, size_t length, std::vector<Spot>& spots, Work& work) const;
     void Group(const Work::Hit* first, const Work::Hit* last, uint32_t target, size_t length, std::vector<Spot>& spots,
                Work& work) const;
 
