@@ -763,8 +763,7 @@ void Barcoder::AddSampleReads(const std::vector<uint32_t>& read_samples) {
 void Barcoder::ReportRun(double seconds) {
     tally.files_found = input_files_found;
     const auto cross_talk = EstimateCrossTalk(tally);
-    for (const auto& line : FormatRunReport(tally, seconds, cross_talk ? &*cross_talk : nullptr))
-        VB_LOG(logger, Common::Severity::info) << line;
+    logger.WriteAll(Common::Severity::info, FormatRunReport(tally, seconds, cross_talk ? &*cross_talk : nullptr));
     const unsigned long long written = tally.Written();
     std::string alarm;
     if (!failure.empty()) {

@@ -44,6 +44,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 
@@ -127,15 +128,17 @@ const char* EndOfRecord(const std::string& text) {
     return !text.empty() && text.back() == '\n' ? "" : "\n";
 }
 
-// The caller holds SinkMutex.
-void WriteToFile(Sinks& sinks, Severity severity, const std::string& channel, const std::string& text) {
+// The caller holds SinkMutex. Each record keeps its own prefix (time and
+// thread); the block reaches the file in one flush.
+void WriteToFile(Sinks& sinks, Severity severity, const std::string& channel, std::span<const std::string> texts) {
     if (!sinks.file.is_open()) {
         std::string name = sinks.stem + FormatLocalTime(std::time(nullptr), "_log-%Y-%m-%d_%H-%M-%S.log");
         sinks.file.open(std::filesystem::path(sinks.folder) / name, std::ios::out | std::ios::trunc);
         if (!sinks.file.is_open()) return;
     }
-    sinks.file << FilePrefix() << "[" << channel << "] [" << SeverityToString(severity) << "] " << text
-               << EndOfRecord(text);
+    for (const std::string& text : texts)
+        sinks.file << FilePrefix() << "[" << channel << "] [" << SeverityToString(severity) << "] " << text
+                   << EndOfRecord(text);
     sinks.file.flush();
     // A failed write (a full disk) leaves the stream unusable; closed, the
     // next record tries a new file instead of writing nothing from then on.
@@ -223,20 +226,29 @@ bool Logger::Enabled(Severity severity) const {
 }
 
 void Logger::Write(Severity severity, const std::string& text) const {
+    WriteAll(severity, std::span<const std::string>(&text, 1));
+}
+
+void Logger::WriteAll(Severity severity, std::span<const std::string> texts) const {
     if (!Enabled(severity)) return;
     std::lock_guard<std::mutex> lock(SinkMutex());
     if (!g_initialised.load(std::memory_order_acquire)) {
         // Also when logging was shut down after Enabled looked: then only
         // what the pre-initialisation console takes.
-        if (severity <= Severity::message && !verbose_channel_) ConsoleFallback(severity, channel_, text);
+        if (severity <= Severity::message && !verbose_channel_) {
+            for (const std::string& text : texts)
+                ConsoleFallback(severity, channel_, text);
+        }
         return;
     }
     Sinks& sinks = TheSinks();
     if (sinks.console) {
-        std::cout << "[" << SeverityToString(severity) << "] " << text << EndOfRecord(text);
+        const std::string prefix = "[" + SeverityToString(severity) + "] ";
+        for (const std::string& text : texts)
+            std::cout << prefix << text << EndOfRecord(text);
         std::cout.flush();
     }
-    if (!sinks.folder.empty()) WriteToFile(sinks, severity, channel_, text);
+    if (!sinks.folder.empty()) WriteToFile(sinks, severity, channel_, texts);
 }
 
 }  // namespace Common

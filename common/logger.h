@@ -3,6 +3,7 @@
 // which tests the filter before anything is formatted; the sinks stay inside
 // logger.cpp.
 
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -43,6 +44,10 @@ public:
     // Reads a few atomics only, so it is cheap enough for per-read checks.
     bool Enabled(Severity severity) const;
     void Write(Severity severity, const std::string& text) const;
+    // Several records of the same severity, each formatted as by Write, in
+    // one write per sink: a table of thousands of rows (one per sample) is
+    // not thousands of system calls.
+    void WriteAll(Severity severity, std::span<const std::string> texts) const;
 
 private:
     std::string channel_;
