@@ -46,13 +46,18 @@ void PatternEdits::Ends(const uint8_t* text, size_t length, int most, std::vecto
             const uint64_t eq = match[text[j] & 3];
             const uint64_t xv = eq | mv;
             const uint64_t xh = (((eq & pv) + pv) ^ pv) | eq;
-            uint64_t ph = mv | ~(xh | pv);
-            uint64_t mh = pv & xh;
-            score += static_cast<int>(ph >> 63) - static_cast<int>(mh >> 63);
-            ph <<= 1;
-            mh <<= 1;
-            pv = mh | ~(xv | ph);
-            mv = ph & xv;
+            const uint64_t ph = mv | ~(xh | pv);
+            const uint64_t mh = pv & xh;
+            // The bottom row's horizontal difference is the top bit of ph
+            // (+1) or mh (-1). Doubling a word shifts that bit out as the
+            // carry, which the compiler adds to the score directly (adc,
+            // sbb): four instructions fewer per text base than shifting it
+            // down and subtracting, in a loop of about thirty.
+            uint64_t ph1 = 0, mh1 = 0;
+            score += static_cast<int>(__builtin_add_overflow(ph, ph, &ph1));
+            score -= static_cast<int>(__builtin_add_overflow(mh, mh, &mh1));
+            pv = mh1 | ~(xv | ph1);
+            mv = ph1 & xv;
             if (score <= most) ends.push_back(static_cast<int>(j));
         }
         return;
