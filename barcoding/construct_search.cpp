@@ -48,9 +48,9 @@ int LongestSpot(const std::vector<SearchReference>& references) {
     return static_cast<int>(3 * longest + 16);
 }
 
-// 0x80 when c == v, else 0 (byte arithmetic the compiler vectorises).
+// 0xFF when c == v, else 0: one byte comparison once vectorised.
 unsigned char Equals(unsigned char c, unsigned char v) {
-    return static_cast<unsigned char>(static_cast<unsigned char>((c ^ v) - 1) & ~c & 0x80);
+    return static_cast<unsigned char>(-static_cast<int>(c == v));
 }
 
 }  // namespace
@@ -59,19 +59,20 @@ void ReadCodes(const std::string& sequence, std::vector<uint8_t>& codes) {
     codes.resize(sequence.size());
     // Every read base goes through here, so one pass without branches or
     // table lookups: A, C, G, T/U (either case) give ((c >> 1) ^ (c >> 2)) & 3
-    // = 0, 1, 2, 3, and any other character sets the top bit of `bad`.
+    // = 0, 1, 2, 3, and any other character clears a bit of `good`. Clearing
+    // bit 5 folds the lower case onto the upper, clearing bit 0 too folds U
+    // onto T: four byte comparisons per base.
     const auto* in = reinterpret_cast<const unsigned char*>(sequence.data());
     uint8_t* out = codes.data();
     const size_t length = sequence.size();  // a local, or the loop would not vectorise
-    unsigned char bad = 0;
+    unsigned char good = 0xFF;
     for (size_t i = 0; i < length; ++i) {
         const unsigned char c = in[i], upper = c & 0xDF;
-        bad |= static_cast<unsigned char>(Equals(upper, 'A') | Equals(upper, 'C') | Equals(upper, 'G') |
-                                          Equals(upper, 'T') | Equals(upper, 'U')) ^
-               0x80;
+        good &= static_cast<unsigned char>(Equals(upper, 'A') | Equals(upper, 'C') | Equals(upper, 'G') |
+                                           Equals(c & 0xDE, 'T'));
         out[i] = static_cast<uint8_t>(((c >> 1) ^ (c >> 2)) & 3);
     }
-    if (bad == 0) return;
+    if (good == 0xFF) return;
     for (const char c : sequence)
         if (kBaseCodes[static_cast<unsigned char>(c)] < 0)
             throw std::runtime_error("Read sequence contains the character '" + std::string(1, c) +
