@@ -290,20 +290,26 @@ void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t tar
     const int drift = drift_[target];
     const int reach = length_[target] + 2 * drift;
     const int need = min_cover_[target];
+    // Nearly every seed has no other within reach behind it, and is passed
+    // over by the first three tests below: they see only locals (k_ too),
+    // which the compiler keeps in registers across the loop.
+    const int k = k_;
+    const int apart = need - k;
     const size_t spots_before = spots.size();
     const Work::Hit* behind = first;
     int32_t own_at = std::numeric_limits<int32_t>::min() / 2;  // the latest seed of the target itself
     for (const Work::Hit* hit = first; hit < last; ++hit) {
-        if (hit->target == target) own_at = hit->position;
+        const int32_t position = hit->position, from = position - reach;
+        if (hit->target == target) own_at = position;
         // A group needs a seed of its own (below): none within reach, no group.
-        if (own_at < hit->position - reach) continue;
-        while (behind->position < hit->position - reach)
+        if (own_at < from) continue;
+        while (behind->position < from)
             ++behind;
         // Seeds that all start within fewer bases than need - k cannot
         // cover enough (a lone seed, or a run of a few), nor can too few
         // seeds: each covers at most k bases.
-        if (hit->position + k_ - behind->position < need) continue;
-        if (static_cast<int>(hit - behind + 1) * k_ < need) continue;
+        if (position - behind->position < apart) continue;
+        if (static_cast<int>(hit - behind + 1) * k < need) continue;
         int cover = 0;
         int32_t covered_to = std::numeric_limits<int32_t>::min();
         int32_t low = hit->diagonal, high = hit->diagonal;
@@ -313,8 +319,8 @@ void SeedScan::Group(const Work::Hit* first, const Work::Hit* last, uint32_t tar
         for (const Work::Hit* seed = behind; seed <= hit; ++seed) {
             if (std::abs(seed->diagonal - hit->diagonal) > 2 * drift) continue;
             own |= seed->target == target;
-            cover += seed->position + k_ - std::max(seed->position, covered_to);
-            covered_to = seed->position + k_;
+            cover += seed->position + k - std::max(seed->position, covered_to);
+            covered_to = seed->position + k;
             low = std::min(low, seed->diagonal);
             high = std::max(high, seed->diagonal);
         }
