@@ -123,14 +123,45 @@ void ConstructSearch::Find(const std::vector<uint8_t>& read, const std::vector<s
     found.clear();
     candidates_.clear();
     aligned_.clear();
+    bounds_.clear();
     for (const auto& [begin, end] : within) {
         if (begin < 0 || end > static_cast<int>(read.size()) || end < begin)
             throw std::logic_error("ConstructSearch: stretch outside the read");
         scan_.Find(read.data() + begin, static_cast<size_t>(end - begin), spots_, scan_work_);
         for (const auto& spot : spots_)
             for (uint32_t reference : scan_.Members(spot.target))
-                Bound(reference, read, begin + spot.begin, begin + spot.end);
+                if (min_raw_[reference] != std::numeric_limits<int>::max() && spot.end > spot.begin)
+                    bounds_.push_back({reference, begin + spot.begin, begin + spot.end, 0, 0});
     }
+    // The edit counts of two stretches at a time (see EndsOfTwo), then the
+    // stretches in their order, as if each had been counted and aligned in
+    // turn.
+    ends_.clear();
+    Bounded* waiting = nullptr;
+    for (auto& job : bounds_) {
+        if (max_edits_[job.reference] < 0) continue;
+        if (waiting == nullptr) {
+            waiting = &job;
+            continue;
+        }
+        Bounded& first = *waiting;
+        const int most_first = max_edits_[first.reference], most = max_edits_[job.reference];
+        PairAlignment::PatternEdits::EndsOfTwo(edits_[first.reference], read.data() + first.begin,
+                                               static_cast<size_t>(first.end - first.begin), most_first, ends_first_,
+                                               edits_[job.reference], read.data() + job.begin,
+                                               static_cast<size_t>(job.end - job.begin), most, ends_second_);
+        Keep(first, ends_first_);
+        Keep(job, ends_second_);
+        waiting = nullptr;
+    }
+    if (waiting != nullptr) {
+        Bounded& last = *waiting;
+        edits_[last.reference].Ends(read.data() + last.begin, static_cast<size_t>(last.end - last.begin),
+                                    max_edits_[last.reference], ends_first_);
+        Keep(last, ends_first_);
+    }
+    for (const auto& job : bounds_)
+        Bound(job, read);
     // Best first; a construct overlapping a better one by more than half the
     // shorter of the two is the same construct.
     std::sort(candidates_.begin(), candidates_.end(), [](const FoundConstruct& x, const FoundConstruct& y) {
@@ -150,21 +181,28 @@ void ConstructSearch::Find(const std::vector<uint8_t>& read, const std::vector<s
               [](const FoundConstruct& x, const FoundConstruct& y) { return x.begin < y.begin; });
 }
 
+void ConstructSearch::Keep(Bounded& job, const std::vector<int>& ends) {
+    job.first_end = ends_.size();
+    job.ends = ends.size();
+    ends_.insert(ends_.end(), ends.begin(), ends.end());
+}
+
 // An alignment that reaches the bar holds at most MaxEdits edits, so it ends
 // at a base where the edit count allows that, and starts at most the
 // reference's length plus MaxEdits bases before. Only the stretches around
 // such ends are aligned; everything else in the spot cannot reach the bar.
-void ConstructSearch::Bound(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end) {
-    if (min_raw_[reference] == std::numeric_limits<int>::max() || end <= begin) return;
+void ConstructSearch::Bound(const Bounded& job, const std::vector<uint8_t>& read) {
+    const uint32_t reference = job.reference;
+    const int begin = job.begin, end = job.end;
     const int most = max_edits_[reference];
     if (most < 0) {
         Align(reference, read, begin, end);
         return;
     }
-    edits_[reference].Ends(read.data() + begin, static_cast<size_t>(end - begin), most, ends_);
     const int reach = static_cast<int>(references_[reference].codes.size()) + most;
     int from = -1, to = -1;  // the stretch gathered so far
-    for (const int j : ends_) {
+    for (size_t e = job.first_end; e < job.first_end + job.ends; ++e) {
+        const int j = ends_[e];
         const int first = std::max(begin, begin + j + 1 - reach), last = begin + j + 1;
         if (from >= 0 && first <= to) {
             to = last;

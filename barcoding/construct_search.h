@@ -78,7 +78,14 @@ public:
     int MaxEdits(size_t reference) const { return max_edits_[reference]; }
 
 private:
-    void Bound(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end);
+    // A spot's stretch for one reference, and where its ends are in ends_.
+    struct Bounded {
+        uint32_t reference;
+        int begin, end;
+        size_t first_end, ends;
+    };
+    void Keep(Bounded& job, const std::vector<int>& ends);
+    void Bound(const Bounded& job, const std::vector<uint8_t>& read);
     void Align(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end);
     bool Verify(uint32_t reference, const std::vector<uint8_t>& read, int begin, int end, FoundConstruct& out);
 
@@ -92,7 +99,9 @@ private:
     // Reused per read.
     PairAlignment::SeedScan::Work scan_work_;
     std::vector<PairAlignment::SeedScan::Spot> spots_;
-    std::vector<int> ends_;
+    std::vector<Bounded> bounds_;
+    std::vector<int> ends_;  // every stretch's ends, one after another
+    std::vector<int> ends_first_, ends_second_;
     std::vector<int> window_;
     std::vector<std::pair<int, int>> path_;
     std::vector<FoundConstruct> candidates_;

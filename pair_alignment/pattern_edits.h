@@ -21,9 +21,26 @@ public:
     // the whole pattern turns into with at most `most` edits.
     void Ends(const uint8_t* text, size_t length, int most, std::vector<int>& ends) const;
 
+    // Ends for two patterns at once, each over its own text: the same
+    // answers as two calls, with the two columns side by side in one vector
+    // register while both texts last (for patterns of one block, up to 64
+    // bases; longer ones take two calls).
+    static void EndsOfTwo(const PatternEdits& a, const uint8_t* text_a, size_t length_a, int most_a,
+                          std::vector<int>& ends_a, const PatternEdits& b, const uint8_t* text_b, size_t length_b,
+                          int most_b, std::vector<int>& ends_b);
+
     size_t Length() const { return length_; }
 
 private:
+    // One column of a single-block pattern, and the pattern's edit count at its bottom.
+    struct Column {
+        uint64_t pv, mv;
+        int score;
+    };
+    Column Start() const;
+    // Text bases [from, length) of a single-block pattern, from the column before `from`.
+    void Run(Column column, const uint8_t* text, size_t from, size_t length, int most, std::vector<int>& ends) const;
+
     size_t length_;
     size_t blocks_;
     std::vector<uint64_t> match_;  // per base code, per block: the pattern positions holding it

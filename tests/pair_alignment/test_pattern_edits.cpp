@@ -31,8 +31,13 @@ std::vector<int> NaiveEnds(const std::vector<int>& pattern, const std::vector<ui
 
 // Random patterns of one to three blocks, texts holding damaged copies of
 // them, and every bound from exact to loose.
+// Each round's pattern also runs beside the previous round's in EndsOfTwo
+// (texts of different lengths, one or both patterns beyond one block).
 TEST(PatternEditsTest, EndsMatchTheFullTable) {
     std::mt19937 random(1803);
+    std::vector<int> last_pattern = {0};
+    std::vector<uint8_t> last_text;
+    int last_most = 0;
     for (int round = 0; round < 300; ++round) {
         const size_t m = 1 + random() % 150;
         std::vector<int> pattern(m);
@@ -47,7 +52,18 @@ TEST(PatternEditsTest, EndsMatchTheFullTable) {
         const int most = static_cast<int>(random() % (m / 2 + 2));
         std::vector<int> ends;
         PatternEdits(pattern).Ends(text.data(), text.size(), most, ends);
-        EXPECT_EQ(ends, NaiveEnds(pattern, text, most)) << "round " << round << ", pattern of " << m;
+        const std::vector<int> naive = NaiveEnds(pattern, text, most);
+        EXPECT_EQ(ends, naive) << "round " << round << ", pattern of " << m;
+
+        const PatternEdits last(last_pattern);
+        std::vector<int> ends_last;
+        PatternEdits::EndsOfTwo(last, last_text.data(), last_text.size(), last_most, ends_last, PatternEdits(pattern),
+                                text.data(), text.size(), most, ends);
+        EXPECT_EQ(ends_last, NaiveEnds(last_pattern, last_text, last_most)) << "round " << round << ", first of two";
+        EXPECT_EQ(ends, naive) << "round " << round << ", second of two";
+        last_pattern = pattern;
+        last_text = text;
+        last_most = most;
     }
 }
 
