@@ -129,11 +129,14 @@ void PatternEdits::EndsOfTwo(const PatternEdits& a, const uint8_t* text_a, size_
     // A lane's score is at most its bound where bound + 1 > score.
     const __m128i bound = _mm_set_epi32(0, most_b + 1, 0, most_a + 1);
     const __m128i ones = _mm_set1_epi32(-1);
+    // Locals, as in Run.
+    const uint64_t* match_a = a.match_.data();
+    const uint64_t* match_b = b.match_.data();
     const size_t both = std::min(length_a, length_b);
     for (size_t j = 0; j < both; ++j) {
         const __m128i eq =
-            _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(&a.match_[text_a[j] & 3])),
-                               _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&b.match_[text_b[j] & 3])));
+            _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(match_a + (text_a[j] & 3))),
+                               _mm_loadl_epi64(reinterpret_cast<const __m128i*>(match_b + (text_b[j] & 3))));
         const __m128i xv = _mm_or_si128(eq, mv);
         const __m128i xh = _mm_or_si128(_mm_xor_si128(_mm_add_epi64(_mm_and_si128(eq, pv), pv), pv), eq);
         const __m128i ph = _mm_or_si128(mv, _mm_xor_si128(_mm_or_si128(xh, pv), ones));
