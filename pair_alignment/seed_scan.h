@@ -54,8 +54,8 @@ public:
         Kmers kmers;                   // the k-mer at every position
         std::vector<uint32_t> seeded;  // the positions of the k-mers present
         std::vector<Hit> sorted;       // hits by target, in sequence order within each (grows only)
-        std::vector<uint32_t> first;   // per target: its first index in sorted, then one past the last
-        std::vector<uint32_t> next;    // per target: where its next hit goes in sorted
+        std::vector<uint32_t> first;   // per target: its first index in sorted
+        std::vector<uint32_t> next;    // per target: where its next hit goes in sorted, then one past its last
         std::vector<Hit> merged;       // one reference's hits with its family's (grows only)
     };
 

@@ -151,6 +151,13 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
                 const Codes spacer = RandomCodes(random, random() % 200);
                 read.insert(read.end(), spacer.begin(), spacer.end());
             }
+            if (r == 5) {  // one reference over and over: more hits than the scan first makes room for
+                const Codes& repeated = references[random() % references.size()];
+                for (int c = 0; c < 40; ++c) {
+                    const Codes copy = Mutate(random, repeated, 0.05);
+                    read.insert(read.end(), copy.begin(), copy.end());
+                }
+            }
             if (r % 2 == 0) {  // a whole copy as the read's last bases: its last seed ends the read
                 const Codes& last = references[random() % references.size()];
                 read.insert(read.end(), last.begin(), last.end());
