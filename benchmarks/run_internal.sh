@@ -3,10 +3,14 @@
 # about 2 kb and 10 kb (the simulator's usual mix, 1 % of them concatemers),
 # for VB-NB24 and VB-NB96, with ignore, reject and split. Runs alternate
 # between the three modes, so that a busy machine slows them alike; the
-# medians and their ratios to ignore are printed.
+# medians and their ratios to ignore are printed. Each run reads its set
+# several times (links to the one file), so that a run lasts a few seconds:
+# runs of a fraction of a second gave ratios that moved by 0.1-0.2 from one
+# call to the next.
 # Usage: benchmarks/run_internal.sh <build dir>
 #   VB_BENCH_ROUNDS (default 3), VB_BENCH_THREADS (default 2),
-#   VB_BENCH_INTERNAL_BASES (bases per read set, default 20 million)
+#   VB_BENCH_INTERNAL_BASES (bases per simulated set, default 20 million),
+#   VB_BENCH_INTERNAL_REPEAT (times each run reads its set, default 10)
 set -euo pipefail
 build=$(cd "${1:-build}" && pwd)
 cd "$(dirname "$0")/.."
@@ -14,6 +18,7 @@ binary="$build/bin/vorpa_barcoder"
 rounds=${VB_BENCH_ROUNDS:-3}
 threads=${VB_BENCH_THREADS:-2}
 bases=${VB_BENCH_INTERNAL_BASES:-20000000}
+repeat=${VB_BENCH_INTERNAL_REPEAT:-10}
 data="$build/bench_internal"
 key=$(cat tools/simulate_reads.py data/barcoding/* | cksum | cut -d' ' -f1)-$bases
 
@@ -33,7 +38,16 @@ done
 
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
-python3 - "$binary" "$data" "$out" "$rounds" "$threads" <<'PY'
+for kit in VB-NB24 VB-NB96; do
+  for length in 2000 10000; do
+    mkdir -p "$out/in/$kit-$length/reads"
+    for i in $(seq "$repeat"); do
+      ln -s "$data/$kit-$length/reads/reads.fastq.gz" "$out/in/$kit-$length/reads/reads-$i.fastq.gz"
+    done
+  done
+done
+echo "Each run reads its set $repeat times ($((bases * repeat / 1000000)) million bases)"
+python3 - "$binary" "$out/in" "$out" "$rounds" "$threads" <<'PY'
 import os, shutil, statistics, subprocess, sys, time
 binary, data, out, rounds, threads = sys.argv[1:6]
 modes = ("ignore", "reject", "split")
