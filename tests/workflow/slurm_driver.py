@@ -91,14 +91,18 @@ def readme_run(ctx, input_path, save, shards, options=OPTIONS, threads=None):
     check(queued() == "", f"jobs left in the queue: {queued()}")
 
 
-# The barcoder of shard_003, while STOP exists: started (with the file list on
-# standard input, which a background command would not get), then held still
-# once it has begun its log (SIGSTOP), so that the test can cancel it mid-run.
+# The barcoder of shard_003, while STOP exists: started on its file list
+# (standard input) repeated 500 times, then held still once it has begun its
+# log (SIGSTOP), so that the test can cancel it mid-run. The shard's own 500
+# reads take tens of milliseconds: on a busy machine the barcoder finished
+# them between beginning its log and the SIGSTOP, and there was no run left
+# to cancel.
 HOLDING_BARCODER = """#!/bin/bash
 real={barcoder}
 for arg in "$@"; do
   if [[ "$arg" == */shard_003 && -e {stop} ]]; then
-    "$real" "$@" <&0 &
+    list=$(cat)
+    for i in $(seq 500); do printf '%s\\n' "$list"; done | "$real" "$@" &
     pid=$!
     until compgen -G "$arg/vorpa_barcoder_log-*.log" >/dev/null; do sleep 0.05; done
     kill -STOP $pid
