@@ -255,31 +255,29 @@ void SeedScan::Collect(const Code* kmers, size_t positions, size_t length, std::
     first.resize(targets + 1);
     next_at.resize(targets);
     const size_t room = kRoomPerTarget + kRoomPerSeed * count / targets;
-    if (work.sorted.size() < room * targets) work.sorted.resize(room * targets);
-    bool full = false;
-    for (size_t t = 0; t <= targets; ++t)
-        first[t] = static_cast<uint32_t>(t * room);
-    {
-        std::copy(first.begin(), first.end() - 1, next_at.begin());
+    // Each seed's hits to their target's next place, up to stop[target];
+    // false as soon as a target has no room left.
+    auto place = [=, &work, &next_at](const uint32_t* stop) {
         Work::Hit* hits = work.sorted.data();
         uint32_t* next = next_at.data();
-        const uint32_t* stop = first.data() + 1;
-        for (size_t s = 0; s < count && !full; ++s) {
+        for (size_t s = 0; s < count; ++s) {
             const auto position = static_cast<int32_t>(seeds[s]);
             const uint32_t x = kmers[position];
             for (uint32_t e = start[x]; e < start[x + 1]; ++e) {
                 const Entry entry = entries[e];
                 const uint32_t at = next[entry.target];
-                if (at == stop[entry.target]) {
-                    full = true;
-                    break;
-                }
+                if (at == stop[entry.target]) return false;
                 hits[at] = {entry.target, position - static_cast<int32_t>(entry.offset), position};
                 next[entry.target] = at + 1;
             }
         }
-    }
-    if (full) {
+        return true;
+    };
+    if (work.sorted.size() < room * targets) work.sorted.resize(room * targets);
+    for (size_t t = 0; t <= targets; ++t)
+        first[t] = static_cast<uint32_t>(t * room);
+    std::copy(first.begin(), first.end() - 1, next_at.begin());
+    if (!place(first.data() + 1)) {
         first.assign(targets + 1, 0);
         uint32_t* counts = first.data() + 1;
         for (size_t s = 0; s < count; ++s) {
@@ -291,16 +289,7 @@ void SeedScan::Collect(const Code* kmers, size_t positions, size_t length, std::
             first[t + 1] += first[t];
         if (work.sorted.size() < first[targets]) work.sorted.resize(first[targets]);
         std::copy(first.begin(), first.end() - 1, next_at.begin());
-        Work::Hit* hits = work.sorted.data();
-        uint32_t* next = next_at.data();
-        for (size_t s = 0; s < count; ++s) {
-            const auto position = static_cast<int32_t>(seeds[s]);
-            const uint32_t x = kmers[position];
-            for (uint32_t e = start[x]; e < start[x + 1]; ++e) {
-                const Entry entry = entries[e];
-                hits[next[entry.target]++] = {entry.target, position - static_cast<int32_t>(entry.offset), position};
-            }
-        }
+        place(first.data() + 1);  // exact room: never full
     }
     const Work::Hit* sorted = work.sorted.data();
     const uint32_t* next = next_at.data();
