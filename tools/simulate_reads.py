@@ -505,6 +505,7 @@ class Simulator:
 # ---------------------------------------------------------------- pbsim
 
 PBSIM_MODEL = "/usr/share/pbsim/models/model_qc_clr"
+PBSIM_MOST_TEMPLATES = 9999
 
 
 def aligned_cut(ref_row, read_row, begin, end):
@@ -561,42 +562,49 @@ def pbsim_records(sim, args, count):
     molecules = [sim.molecule(fixed_length=length) for _ in range(count)]
     total = length + 2 * pad
     records = []
-    with tempfile.TemporaryDirectory() as tmp:
-        with open(os.path.join(tmp, "templates.fasta"), "w") as f:
-            for i, (mol, *_rest) in enumerate(molecules):
-                f.write(f">t{i}\n{sim.random_bases(pad)}{mol}{sim.random_bases(max(pad, total - pad - len(mol)))}\n")
-        accuracy = min(args.identity, 0.999)
-        cmd = ["pbsim", "--prefix", os.path.join(tmp, "sd"), "--data-type", "CLR", "--depth", "1",
-               "--length-min", str(total), "--length-max", str(total), "--length-mean", str(total),
-               "--length-sd", "0", "--accuracy-mean", str(accuracy), "--accuracy-sd", "0",
-               "--accuracy-min", str(max(0.75, accuracy - 0.01)), "--accuracy-max", str(min(1.0, accuracy + 0.01)),
-               "--model_qc", PBSIM_MODEL, "--seed", str(args.seed), os.path.join(tmp, "templates.fasta")]
-        proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        if proc.returncode != 0:
-            sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
-        dropped = 0
-        for i, (mol, *truth) in enumerate(molecules):
-            stem = os.path.join(tmp, f"sd_{i + 1:04d}")
-            quals = {}
-            with open(stem + ".fastq") as f:
-                lines = f.read().split("\n")
-            for k in range(0, len(lines) - 3, 4):
-                quals[lines[k][1:]] = lines[k + 3]
-            read = None
-            for ref, start, ref_row, name, strand, read_row in read_maf(stem + ".maf"):
-                cut = aligned_cut(ref_row, read_row, pad - start, pad - start + len(mol))
-                if cut is not None:
-                    offset, read = cut
-                    # Qualities follow the read as sequenced; the MAF row is on the template strand.
-                    qual = quals[name][::-1] if strand == "-" else quals[name]
-                    qual = qual[offset:offset + len(read)]
-                    break
-            if read is None:
-                dropped += 1
-                continue
-            records.append(sim.format(read, qual, *truth))
-        if dropped:
-            print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
+    dropped = 0
+    # pbsim takes at most 9,999 templates a run: larger sets go in chunks,
+    # each with its own seed (the first chunk keeps the given one, so that a
+    # set of up to 9,999 reads is the same as before).
+    for first in range(0, count, PBSIM_MOST_TEMPLATES):
+        chunk = molecules[first:first + PBSIM_MOST_TEMPLATES]
+        seed = args.seed + first // PBSIM_MOST_TEMPLATES
+        with tempfile.TemporaryDirectory() as tmp:
+            with open(os.path.join(tmp, "templates.fasta"), "w") as f:
+                for i, (mol, *_rest) in enumerate(chunk):
+                    f.write(f">t{i}\n{sim.random_bases(pad)}{mol}"
+                            f"{sim.random_bases(max(pad, total - pad - len(mol)))}\n")
+            accuracy = min(args.identity, 0.999)
+            cmd = ["pbsim", "--prefix", os.path.join(tmp, "sd"), "--data-type", "CLR", "--depth", "1",
+                   "--length-min", str(total), "--length-max", str(total), "--length-mean", str(total),
+                   "--length-sd", "0", "--accuracy-mean", str(accuracy), "--accuracy-sd", "0",
+                   "--accuracy-min", str(max(0.75, accuracy - 0.01)), "--accuracy-max", str(min(1.0, accuracy + 0.01)),
+                   "--model_qc", PBSIM_MODEL, "--seed", str(seed), os.path.join(tmp, "templates.fasta")]
+            proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+            if proc.returncode != 0:
+                sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
+            for i, (mol, *truth) in enumerate(chunk):
+                stem = os.path.join(tmp, f"sd_{i + 1:04d}")
+                quals = {}
+                with open(stem + ".fastq") as f:
+                    lines = f.read().split("\n")
+                for k in range(0, len(lines) - 3, 4):
+                    quals[lines[k][1:]] = lines[k + 3]
+                read = None
+                for ref, start, ref_row, name, strand, read_row in read_maf(stem + ".maf"):
+                    cut = aligned_cut(ref_row, read_row, pad - start, pad - start + len(mol))
+                    if cut is not None:
+                        offset, read = cut
+                        # Qualities follow the read as sequenced; the MAF row is on the template strand.
+                        qual = quals[name][::-1] if strand == "-" else quals[name]
+                        qual = qual[offset:offset + len(read)]
+                        break
+                if read is None:
+                    dropped += 1
+                    continue
+                records.append(sim.format(read, qual, *truth))
+    if dropped:
+        print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
     return records
 
 
