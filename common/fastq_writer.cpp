@@ -42,18 +42,18 @@ const Logger& WriterLog() {
 
 // The open-file limit less a reserve for inputs, logs, the summary, the
 // report and a GPU driver (a few dozen at most), or half the limit where that
-// leaves more; never fewer than a handful.
-// A sheet of thousands of samples keeps every sample's file open where the
-// limit allows: with fewer open than files in use, reads in random order
-// close one file to reopen another on a share of the writes, and reads
-// in the same order as an earlier batch on every one of them.
+// leaves more; never fewer than a handful. A sheet of thousands of samples
+// keeps every sample's file open where the limit allows: with fewer open than
+// files in use, reads in random order close one file to reopen another on a
+// share of the writes, and reads in the same order as an earlier batch on
+// every one of them.
 constexpr rlim_t kMostOpenFiles = 32768;
 
 unsigned DefaultMaxOpenFiles() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMostOpenFiles;
     const rlim_t reserve = std::max<rlim_t>(256, limit.rlim_cur / 16);
-    const rlim_t usable = std::max(limit.rlim_cur / 2, limit.rlim_cur - std::min(reserve, limit.rlim_cur));
+    const rlim_t usable = limit.rlim_cur > 2 * reserve ? limit.rlim_cur - reserve : limit.rlim_cur / 2;
     return static_cast<unsigned>(std::clamp<rlim_t>(usable, 4, kMostOpenFiles));
 }
 

@@ -544,6 +544,52 @@ def read_maf(path):
     return blocks
 
 
+def pbsim_chunk(sim, args, chunk, seed, pad, total):
+    """(records, dropped) for one pbsim run over the molecules of chunk, each
+    padded to a template of total bases."""
+    import subprocess
+    import tempfile
+    records, dropped = [], 0
+    with tempfile.TemporaryDirectory() as tmp:
+        with open(os.path.join(tmp, "templates.fasta"), "w") as f:
+            for i, (mol, *_rest) in enumerate(chunk):
+                f.write(f">t{i}\n{sim.random_bases(pad)}{mol}{sim.random_bases(max(pad, total - pad - len(mol)))}\n")
+        accuracy = min(args.identity, 0.999)
+        cmd = ["pbsim", "--prefix", os.path.join(tmp, "sd"), "--data-type", "CLR", "--depth", "1",
+               "--length-min", str(total), "--length-max", str(total), "--length-mean", str(total),
+               "--length-sd", "0", "--accuracy-mean", str(accuracy), "--accuracy-sd", "0",
+               "--accuracy-min", str(max(0.75, accuracy - 0.01)), "--accuracy-max", str(min(1.0, accuracy + 0.01)),
+               "--model_qc", PBSIM_MODEL, "--seed", str(seed), os.path.join(tmp, "templates.fasta")]
+        proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if proc.returncode != 0:
+            sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
+        for i, (mol, *truth) in enumerate(chunk):
+            record = pbsim_read(sim, os.path.join(tmp, f"sd_{i + 1:04d}"), pad, mol, truth)
+            if record is None:
+                dropped += 1
+            else:
+                records.append(record)
+    return records, dropped
+
+
+def pbsim_read(sim, stem, pad, mol, truth):
+    """The record of one template's read, cut to its molecule by pbsim's own
+    alignment, or None when the read does not cover the molecule."""
+    quals = {}
+    with open(stem + ".fastq") as f:
+        lines = f.read().split("\n")
+    for k in range(0, len(lines) - 3, 4):
+        quals[lines[k][1:]] = lines[k + 3]
+    for ref, start, ref_row, name, strand, read_row in read_maf(stem + ".maf"):
+        cut = aligned_cut(ref_row, read_row, pad - start, pad - start + len(mol))
+        if cut is not None:
+            offset, read = cut
+            # Qualities follow the read as sequenced; the MAF row is on the template strand.
+            qual = quals[name][::-1] if strand == "-" else quals[name]
+            return sim.format(read, qual[offset:offset + len(read)], *truth)
+    return None
+
+
 def pbsim_records(sim, args, count):
     """(fastq, truth row) for reads whose errors come from pbsim's CLR model.
 
@@ -552,8 +598,6 @@ def pbsim_records(sim, args, count):
     to the molecule, cut by pbsim's own alignment, becomes the read. The
     truth travels by template name. Reads that do not cover their whole
     molecule are dropped (reported on standard error)."""
-    import subprocess
-    import tempfile
     if not os.path.exists(PBSIM_MODEL):
         sys.exit(f"pbsim's quality model {PBSIM_MODEL} is missing: install pbsim "
                  "(scripts/install-deps.sh --calibration)")
@@ -567,42 +611,10 @@ def pbsim_records(sim, args, count):
     # each with its own seed (the first chunk keeps the given one, so that a
     # set of up to 9,999 reads is the same as before).
     for first in range(0, count, PBSIM_MOST_TEMPLATES):
-        chunk = molecules[first:first + PBSIM_MOST_TEMPLATES]
-        seed = args.seed + first // PBSIM_MOST_TEMPLATES
-        with tempfile.TemporaryDirectory() as tmp:
-            with open(os.path.join(tmp, "templates.fasta"), "w") as f:
-                for i, (mol, *_rest) in enumerate(chunk):
-                    f.write(f">t{i}\n{sim.random_bases(pad)}{mol}"
-                            f"{sim.random_bases(max(pad, total - pad - len(mol)))}\n")
-            accuracy = min(args.identity, 0.999)
-            cmd = ["pbsim", "--prefix", os.path.join(tmp, "sd"), "--data-type", "CLR", "--depth", "1",
-                   "--length-min", str(total), "--length-max", str(total), "--length-mean", str(total),
-                   "--length-sd", "0", "--accuracy-mean", str(accuracy), "--accuracy-sd", "0",
-                   "--accuracy-min", str(max(0.75, accuracy - 0.01)), "--accuracy-max", str(min(1.0, accuracy + 0.01)),
-                   "--model_qc", PBSIM_MODEL, "--seed", str(seed), os.path.join(tmp, "templates.fasta")]
-            proc = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-            if proc.returncode != 0:
-                sys.exit(f"pbsim failed ({proc.returncode}):\n{proc.stdout[-2000:]}")
-            for i, (mol, *truth) in enumerate(chunk):
-                stem = os.path.join(tmp, f"sd_{i + 1:04d}")
-                quals = {}
-                with open(stem + ".fastq") as f:
-                    lines = f.read().split("\n")
-                for k in range(0, len(lines) - 3, 4):
-                    quals[lines[k][1:]] = lines[k + 3]
-                read = None
-                for ref, start, ref_row, name, strand, read_row in read_maf(stem + ".maf"):
-                    cut = aligned_cut(ref_row, read_row, pad - start, pad - start + len(mol))
-                    if cut is not None:
-                        offset, read = cut
-                        # Qualities follow the read as sequenced; the MAF row is on the template strand.
-                        qual = quals[name][::-1] if strand == "-" else quals[name]
-                        qual = qual[offset:offset + len(read)]
-                        break
-                if read is None:
-                    dropped += 1
-                    continue
-                records.append(sim.format(read, qual, *truth))
+        chunk_records, chunk_dropped = pbsim_chunk(sim, args, molecules[first:first + PBSIM_MOST_TEMPLATES],
+                                                   args.seed + first // PBSIM_MOST_TEMPLATES, pad, total)
+        records += chunk_records
+        dropped += chunk_dropped
     if dropped:
         print(f"pbsim: {dropped} of {count} reads did not cover their molecule and were dropped", file=sys.stderr)
     return records
