@@ -589,7 +589,33 @@ const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::
     }
     if (static_cast<int>(sequence.size()) > from) within_.emplace_back(from, static_cast<int>(sequence.size()));
     search_->Find(read_codes_, within_, internal_);
+    // A construct in the window of an end where no barcode passes is most
+    // likely that end's own, set off by the window's edge: behind a long
+    // leftover adapter it reaches past the window, the end's alignment cannot
+    // place it whole, and the search meets it outside the end's match. A read
+    // whose constructs all lie there holds one molecule: counted as inside,
+    // they would reject or cut it. A read with a construct inside keeps them
+    // as cuts, so that its end molecule starts (or ends) at its construct,
+    // which trimming then removes.
+    const std::pair<int, int> failed[] = {FailedWindow(*front_, options_.min_score),
+                                          FailedWindow(*rear_, options_.min_score_rear_override)};
+    const auto at_failed_end = [&](const FoundConstruct& construct) {
+        return std::any_of(std::begin(failed), std::end(failed), [&](const std::pair<int, int>& window) {
+            return construct.begin < window.second && construct.end > window.first;
+        });
+    };
+    if (std::all_of(internal_.begin(), internal_.end(), at_failed_end)) internal_.clear();
     return internal_;
+}
+
+// The read stretch of the end's window when no barcode passes there; empty
+// otherwise, and for an end without a window or references.
+std::pair<int, int> BarcodeScorer::FailedWindow(const End& end, float min_score) const {
+    if (end.names.empty() || end.window.empty()) return {0, 0};
+    if (std::any_of(end.scores.begin(), end.scores.end(), [&](float score) { return score >= min_score; }))
+        return {0, 0};
+    const int begin = static_cast<int>(end.window_start);
+    return {begin, begin + static_cast<int>(end.window.size())};
 }
 
 const std::string& BarcodeScorer::ConstructName(const FoundConstruct& construct) const {

@@ -82,7 +82,9 @@ public:
     // The barcode constructs inside the read last given to Score (sequence
     // must be that same string, unchanged): those found anywhere in it
     // (ConstructSearch) that overlap neither end's match, the best-fitting
-    // reference in that end's window. In read order. Throws unless the
+    // reference in that end's window. None when all of them lie in the
+    // window of an end where no barcode passes (there a construct is that
+    // end's own, cut by the window's edge). In read order. Throws unless the
     // options ask for internal barcodes (reject or split).
     const std::vector<FoundConstruct>& InternalConstructs(const std::string& sequence);
     // The name of a found construct's reference.
@@ -120,6 +122,7 @@ private:
     void TraceEnd(End& end);
     void MakeSearch(const std::vector<int>& matrix);
     std::pair<int, int> EndMatch(End& end);
+    std::pair<int, int> FailedWindow(const End& end, float min_score) const;
     static std::pair<int, int> Trace(End& end, size_t reference);
 
     ScorerOptions options_;

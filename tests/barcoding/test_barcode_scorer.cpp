@@ -497,6 +497,37 @@ TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
     CompareWithNaive(options, manager_, barcodes_, 100, 6);
 }
 
+// A barcode pushed past the end window (behind a long leftover adapter, say)
+// fails at its end, and the search meets it outside the end's match. On a read
+// of one molecule it is still that end's barcode, not a second molecule's; the
+// same copy in the middle of the read is one, and then the pushed one stays a
+// cut too, so that the first molecule starts at its barcode.
+TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
+    ScorerOptions options = Options("DK");
+    options.internal_barcodes = "reject";
+    ValidateScorerOptions(options);
+    BarcodeScorer scorer(options, manager_, kMatrix);
+    std::mt19937 random(5);
+    const std::string insert = RandomBases(random, 400);
+    const std::string tail = ReverseComplement(barcodes_[0]) + RandomBases(random, 8);
+    for (size_t head : {50, 60}) {  // the window holds 70 bases: 4 or 14 of the barcode's 24 lie past it
+        const std::string read = RandomBases(random, head) + barcodes_[0] + insert + tail;
+        const auto best = scorer.Score(read)[0];
+        ASSERT_LT(best.front.score, options.min_score) << head;
+        ASSERT_GE(best.rear.score, options.min_score) << head;
+        EXPECT_TRUE(scorer.InternalConstructs(read).empty()) << head;
+    }
+    for (size_t head : {8, 60}) {
+        const std::string read =
+            RandomBases(random, head) + barcodes_[0] + insert.substr(0, 200) + barcodes_[0] + insert.substr(200) + tail;
+        scorer.Score(read);
+        const auto& found = scorer.InternalConstructs(read);
+        ASSERT_EQ(found.size(), head == 8 ? 1u : 2u) << head;
+        EXPECT_NEAR(found.front().begin, head == 8 ? 8 + 24 + 200 : 60, 3) << head;
+        EXPECT_NEAR(found.back().begin, static_cast<int>(head) + 24 + 200, 3) << head;
+    }
+}
+
 struct ShippedKits {
     ScorerOptions options;
     std::shared_ptr<BarcodeManager> manager;
