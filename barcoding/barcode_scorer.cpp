@@ -589,6 +589,7 @@ const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::
     }
     if (static_cast<int>(sequence.size()) > from) within_.emplace_back(from, static_cast<int>(sequence.size()));
     search_->Find(read_codes_, within_, internal_);
+    if (internal_.empty()) return internal_;
     // A construct in the window of an end where no barcode passes is most
     // likely that end's own, set off by the window's edge: behind a long
     // leftover adapter it reaches past the window, the end's alignment cannot
