@@ -1,472 +1,472 @@
-// The banded aligner against a plain full-matrix dynamic program written
-// here, and every build and batch path against the generic build.
+// The banded aligner on every build and an emulated GPU against a plain program
+// written here; the band, the kernel counters, the build choice, the matrix file.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <thread>
+#include <tuple>
 
+#include "common/kernel_images.h"
+#include "pair_alignment/align_cuda.h"
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/kernel_stats.h"
+#include "pair_alignment/score_matrix.h"
 #include "pair_alignment/simd_dispatch.h"
-#include "tests/pair_alignment/sequences.h"
+#include "tests/common/fake_cuda_driver.h"
+#include "tests/pair_alignment/emulated_fastalign_kernels.h"
 #include "tests/support/error_of.h"
+#include "tests/support/random_bases.h"
 
-using namespace PairAlignment;
-using brim::data_wrappers::MatView;
-using brim::data_wrappers::VecView;
-
+namespace PairAlignment {
 namespace {
 
-struct Result {
-    int score = 0;
-    Path path;
-    bool operator==(const Result& o) const { return score == o.score && path == o.path; }
+using brim::data_wrappers::MatView;
+using brim::data_wrappers::VecView;
+using Codes = std::vector<int>;
+using Result = std::pair<int, Path>;  // score and path
+using TestSupport::ErrorOf;
+using TestSupport::RandomCodes;
+
+VecView<int> View(const Codes& s) {
+    return VecView<int>(const_cast<int*>(s.data()), s.size());
+}
+
+// A 4 x 4 matrix, 6 or 8 gap penalties, and the costs they stand for: start1,
+// end1, open1, start2, end2, open2, negated.
+struct Costs {
+    Codes matrix, gaps, six;
+    FastAlign Aligner(int width) const {
+        return FastAlign(MatView<int>(const_cast<int*>(matrix.data()), 4, 4), gaps, width);
+    }
 };
 
-using AlignerTest::View;
-// Row-major (L1 + 1) x (L2 + 1) dynamic program over the cells allowed by
-// in_band, with the aligner's costs and tie-breaks, and a traceback that
-// writes each step's pair directly.
-Result Naive(const std::vector<int>& m, const std::vector<int>& g, const std::vector<int>& ref,
-             const std::vector<int>& qry, const std::vector<std::vector<bool>>& in_band) {
-    const int l1 = ref.size(), l2 = qry.size();
-    Result r;
-    if (l1 == 0 || l2 == 0) {
-        for (int j = 0; j < l2; ++j)
-            r.path.emplace_back(-1, j);
-        for (int i = 0; i < l1; ++i)
-            r.path.emplace_back(i, -1);
-        r.score = ZERO_PROB_SCORE;
+// The band's centre (r, q) steps along whichever sequence lags the line from
+// (0, 0) to (l1, l2) more, the query on a tie; (l1 + 1) * d in 64 bits.
+void ReferenceBand(int l1, int l2, int width, Codes& off, Codes& len) {
+    const double inv_n = 1.0 / (l1 + l2 + 1);
+    off.assign(l1 + l2 + 1, 0);
+    len.assign(l1 + l2 + 1, 1);
+    for (int d = 1, r = 0, q = 0; d <= l1 + l2; ++d) {
+        ++(static_cast<double>(static_cast<long long>(l1 + 1) * d) * inv_n - r <= d * inv_n * (l2 + 1) - q ? q : r);
+        off[d] = std::max({0, d - l1, q - width / 2});
+        len[d] = std::min({l2, d, q + width / 2}) - off[d] + 1;
+    }
+}
+
+// Row-major (L1 + 1) x (L2 + 1) program over the band's cells with the
+// aligner's costs and tie-breaks, and a traceback writing each step's pair.
+Result Naive(const Costs& c, int width, const Codes& ref, const Codes& qry) {
+    const int l1 = ref.size(), l2 = qry.size(), none = ZERO_PROB_SCORE;
+    Result r{none, {}};
+    if (l1 == 0 || l2 == 0) {  // nothing to align: gaps only
+        for (int k = 0; k < l1 + l2; ++k)
+            r.second.emplace_back(l1 ? k : -1, l1 ? -1 : k);
         return r;
     }
-    const int none = ZERO_PROB_SCORE;
-    std::vector<std::vector<int>> s(l1 + 1, std::vector<int>(l2 + 1, none));
-    std::vector<std::vector<char>> how(l1 + 1, std::vector<char>(l2 + 1, ' '));
+    Codes off, len;
+    ReferenceBand(l1, l2, EffectiveBandWidth(l1, l2, width), off, len);
+    auto in = [&](int i, int j) { return i >= 0 && j >= 0 && j >= off[i + j] && j < off[i + j] + len[i + j]; };
+    std::vector<Codes> s(l1 + 1, Codes(l2 + 1, none));
+    std::vector<std::string> how(l1 + 1, std::string(l2 + 1, ' '));
     s[0][0] = 0;
     for (int i = 0; i <= l1; ++i)
-        for (int j = 0; j <= l2; ++j) {
-            if ((i == 0 && j == 0) || !in_band[i][j]) continue;
-            const bool d_ok = i > 0 && j > 0 && in_band[i - 1][j - 1];
-            const bool u_ok = j > 0 && in_band[i][j - 1];
-            const bool r_ok = i > 0 && in_band[i - 1][j];
-            const int diag = (d_ok ? s[i - 1][j - 1] : none) + (i > 0 && j > 0 ? m[4 * ref[i - 1] + qry[j - 1]] : 0);
-            const int up = (u_ok ? s[i][j - 1] : none) + (i == 0 ? g[0] : i == l1 ? g[1] : g[2]);
-            const int right = (r_ok ? s[i - 1][j] : none) + (j == 0 ? g[3] : j == l2 ? g[4] : g[5]);
-            if (diag >= up && diag >= right) {
-                s[i][j] = diag, how[i][j] = 'D';
-            } else if (right < up) {
-                s[i][j] = up, how[i][j] = 'U';
-            } else {
-                s[i][j] = right, how[i][j] = 'R';
-            }
+        for (int j = i == 0; j <= l2; ++j) {
+            if (!in(i, j)) continue;
+            const int diag = in(i - 1, j - 1) ? s[i - 1][j - 1] + c.matrix[4 * ref[i - 1] + qry[j - 1]] : none;
+            const int up = (in(i, j - 1) ? s[i][j - 1] : none) + c.six[i == 0 ? 0 : i == l1 ? 1 : 2];
+            const int right = (in(i - 1, j) ? s[i - 1][j] : none) + c.six[j == 0 ? 3 : j == l2 ? 4 : 5];
+            s[i][j] = std::max({diag, up, right});
+            how[i][j] = diag == s[i][j] ? 'D' : right == s[i][j] ? 'R' : 'U';
         }
-    r.score = s[l1][l2];
+    r.first = s[l1][l2];
     for (int i = l1, j = l2; i > 0 || j > 0;) {
         const char h = i == 0 ? 'U' : j == 0 ? 'R' : how[i][j];
-        if (h == 'D') r.path.emplace_back(--i, --j);
-        if (h == 'U') r.path.emplace_back(-1, --j);
-        if (h == 'R') r.path.emplace_back(--i, -1);
+        r.second.emplace_back(h == 'U' ? -1 : --i, h == 'R' ? -1 : --j);
     }
-    std::reverse(r.path.begin(), r.path.end());
+    std::reverse(r.second.begin(), r.second.end());
     return r;
 }
 
-std::vector<std::vector<bool>> Band(int l1, int l2, int configured) {
-    std::vector<std::vector<bool>> in(l1 + 1, std::vector<bool>(l2 + 1, false));
-    std::vector<int> off(l1 + l2 + 1), len(l1 + l2 + 1);
-    PlaceBand(l1, l2, EffectiveBandWidth(l1, l2, configured), off.data(), len.data());
-    for (int d = 0; d <= l1 + l2; ++d)
-        for (int j = off[d]; j < off[d] + len[d]; ++j)
-            in[d - j][j] = true;
-    return in;
-}
-
-struct Case {
-    std::vector<int> matrix, gaps, costs, ref, qry;
-    int width = 1;
-};
-
-using AlignerTest::RandomSeq;
-
-// Small value ranges so that ties between the three moves are common.
-Case RandomCase(std::mt19937& rng, int max_len) {
-    Case c;
-    const int lo = -int(rng() % 4), hi = rng() % 4;
-    c.matrix.resize(16);
+// Costs up to limit, the extremes often (a small limit makes ties common), now
+// and then one just past the 8-bit kernels' 25, gap rewards, start gaps cheaper
+// or dearer than opens, mostly equal opens (a kernel of their own); scaled.
+Costs RandomCosts(std::mt19937& rng, int limit, int scale) {
+    auto value = [&](int lo, int hi) { return rng() % 4 ? lo + int(rng() % (hi - lo + 1)) : rng() % 2 ? hi : lo; };
+    Costs c{Codes(16), {}, {}};
     for (int& v : c.matrix)
-        v = lo + int(rng() % (hi - lo + 1));
-    c.gaps.resize(rng() % 2 ? 6 : 8);
-    for (int& v : c.gaps)
-        v = int(rng() % 5) - 1;
-    c.costs.clear();
-    for (int k : c.gaps.size() == 6 ? std::vector<int>{0, 1, 2, 3, 4, 5} : std::vector<int>{0, 1, 2, 4, 5, 6})
-        c.costs.push_back(-c.gaps[k]);
-    c.ref = RandomSeq(rng, rng() % (max_len + 1));
-    // Queries are often a mutated copy of the reference, so alignments are not
-    // all noise.
-    if (rng() % 2) {
-        c.qry = c.ref;
-        for (int& b : c.qry)
-            if (rng() % 8 == 0) b = rng() % 4;
-        const int extra = rng() % (max_len / 2 + 1);
-        c.qry.insert(c.qry.begin() + rng() % (c.qry.size() + 1), extra / 2, 1);
-        c.qry.resize(std::min<size_t>(c.qry.size() + extra - extra / 2, max_len), 2);
-    } else {
-        c.qry = RandomSeq(rng, rng() % (max_len + 1));
-    }
-    c.width = 1 + rng() % (rng() % 3 ? 40 : 2 * max_len + 2);
+        v = value(-limit, limit) * scale;
+    if (limit == 25 && rng() % 5 == 0) c.matrix[rng() % 16] = rng() % 2 ? 26 : -26;
+    const int open1 = value(-1, limit), open2 = rng() % 3 ? open1 : value(-1, limit);
+    Codes six = {value(-1, open1 + 1), value(-1, limit), open1, value(-1, open2 + 1), value(-1, limit), open2};
+    for (int& v : six)
+        v *= scale;
+    c.gaps = rng() % 3 ? Codes{six[0], six[1], six[2], value(-1, 9), six[3], six[4], six[5], value(-1, 9)} : six;
+    for (int v : six)
+        c.six.push_back(-v);
     return c;
 }
 
-Result RunAlign(const Case& c, const std::string& build) {
-    ForceSimdBuild(build);
-    FastAlign aligner(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, c.width);
-    Result r;
-    r.score = aligner.Align(View(c.ref), View(c.qry), r.path);
-    return r;
-}
-
-std::vector<std::string> SupportedBuilds() {
-    std::vector<std::string> builds;
-    for (const char* name : {"generic", "sse41", "avx2", "avx512"})
-        if (TestSupport::ErrorOf([&] { ForceSimdBuild(name); }) == "(no error)") builds.push_back(name);
-    return builds;
+// Within the 8-bit kernels' conditions: costs within 25, no start gap dearer than an open one.
+bool Fit8(const Costs& c) {
+    Codes all = c.matrix;
+    all.insert(all.end(), c.six.begin(), c.six.end());
+    const auto [lo, hi] = std::minmax_element(all.begin(), all.end());
+    return *lo >= -25 && *hi <= 25 && c.six[0] >= c.six[2] && c.six[3] >= c.six[5];
 }
 
 class FastAlignTest : public ::testing::Test {
 protected:
-    void SetUp() override { original_ = ActiveSimdBuild(); }
+    // Every build this processor runs, each in use once forced.
+    void SetUp() override {
+        for (const char* name : {"generic", "sse41", "avx2", "avx512"})
+            if (ErrorOf([&] { ForceSimdBuild(name); }) == "(no error)" && ActiveSimdBuild() == std::string(name))
+                builds_.push_back(name);
+        const CpuFeatures cpu = ProbeCpuFeatures();
+        EXPECT_EQ(builds_.size(), 1u + cpu.sse41 + cpu.avx2 + cpu.avx512bw);
+    }
     void TearDown() override {
         ForceSimdBuild(original_);
         SetKernelStatsEnabled(false);
         ResetKernelStats();
     }
-    std::string original_;
+    const std::string original_ = ActiveSimdBuild();
+    std::vector<std::string> builds_;
 };
 
-std::string Describe(const Case& c) {
-    auto join = [](const std::vector<int>& v) {
-        std::string s;
-        for (int x : v)
-            s += std::to_string(x) + ",";
-        return s;
-    };
-    return "matrix " + join(c.matrix) + " gaps " + join(c.gaps) + " width " + std::to_string(c.width) + "\nref " +
-           join(c.ref) + "\nqry " + join(c.qry);
+// Costs for every kernel (16- and 32-bit lanes, 8-bit band and just past each
+// of its conditions), bands over the matrix or not, lengths from 0, queries
+// mostly holding a damaged copy of the reference, windows of up to 10000.
+TEST_F(FastAlignTest, AlignMatchesTheFullMatrixProgramOnEveryBuild) {
+    std::mt19937 rng(20261121);
+    for (int n = 0; n < 1800; ++n) {
+        const bool huge = n >= 1796;
+        const Costs c = RandomCosts(rng, rng() % 2 ? 3 : 25, huge ? 1 : Codes{1, 1, 40, 100}[n % 4]);
+        const Codes ref = RandomCodes(rng, huge ? 1000 : rng() % Codes{5, 41, 121}[n % 3]);
+        const int flank = huge ? (n % 2 ? 9000 : 1000) : rng() % 3 ? 9 : 2 * ref.size() + 6;
+        Codes qry = RandomCodes(rng, rng() % flank);
+        const Codes copy = TestSupport::Mutate(rng, ref, 0.05 * (rng() % 5));
+        if (rng() % 4) qry.insert(qry.begin() + rng() % (qry.size() + 1), copy.begin(), copy.end());
+        const int width = rng() % 2   ? std::max(ref.size(), qry.size()) + rng() % 3
+                          : rng() % 3 ? 1 + rng() % 12
+                                      : 1 + rng() % 250;
+        const Result expected = Naive(c, width, ref, qry);
+        for (const auto& build : builds_) {
+            ForceSimdBuild(build);
+            FastAlign aligner = c.Aligner(width);
+            Path path;
+            const int score = aligner.Align(View(ref), View(qry), path);
+            ASSERT_EQ(Result(score, path), expected) << build << " case " << n;
+            PairedSpan span;
+            ASSERT_EQ(aligner.AlignSpan(View(ref), View(qry), span), score) << build << " case " << n;
+            ASSERT_EQ(span, PairedSpanOf(path)) << build << " case " << n;
+        }
+    }
+    Codes strided = {0, 9, 1, 9};
+    Path path;
+    EXPECT_THROW(RandomCosts(rng, 3, 1).Aligner(3).Align(VecView<int>(strided.data(), 2, 2), View({0, 1}), path),
+                 std::runtime_error);
 }
 
-// Costs for the 8-bit kernels' tests: values up to `limit` (the extremes
-// often), the two opens equal when asked, and each way past the kernels'
-// conditions on request: one matrix value at `limit` (the caller passes 26)
-// or a start gap dearer than its open.
-struct ByteCosts {
-    std::vector<int> matrix, gaps, costs;
+// Where lane bookkeeping could slip: counts around each build's blocks of 8 to
+// 64 lanes, two lengths or empty references, references longer than the query,
+// narrow bands, long windows, 8-, 16-, 32-bit lanes or none. The batch comes
+// from an aligner with the same matrix, perhaps other gaps, under any build;
+// the 8-bit kernel takes every cell where the scoring aligner allows it.
+TEST_F(FastAlignTest, BatchesMatchTheFullMatrixProgramOnEveryBuild) {
+    std::mt19937 rng(2718);
+    const Codes counts = {1, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65, 100, 129};
+    for (int n = 0; n < 180; ++n) {
+        const bool huge = n >= 177, stats = n % 7 != 0;
+        const int scale = huge ? 1 : Codes{1, 1, 1, 40, 300, 3000000}[rng() % 6];
+        const Costs c = RandomCosts(rng, huge ? 2 : scale > 1000 || rng() % 2 ? 3 : 25, scale);
+        Costs preparer = rng() % 3 ? c : RandomCosts(rng, 25, 1);
+        preparer.matrix = c.matrix;
+        const int band = huge ? 0 : rng() % 3;  // 0: over the whole matrix, 1: narrower than it, 2: any
+        const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 1200) : (band == 1 ? 3 : 1) + rng() % 300;
+        const int l1 = huge ? 1000 : rng() % 4 == 0 ? l2 + 1 + rng() % 30 : 3 + rng() % 80;
+        const int width = band == 0   ? std::max(l1, l2) + rng() % 3
+                          : band == 1 ? 1 + 2 * int(rng() % ((std::min(l1, l2) - 1) / 2))
+                                      : 1 + rng() % 40;
+        std::vector<Codes> refs;
+        int64_t cells = 0;
+        for (int k = 0, count = huge ? 2 : counts[rng() % counts.size()]; k < count; ++k) {
+            refs.push_back(RandomCodes(rng, k % 5 == 4 && band != 1 ? rng() % (l1 + 1) : l1));
+            cells += refs.back().empty() ? 0 : (refs.back().size() + 1) * (l2 + 1);
+        }
+        const Codes qry = RandomCodes(rng, l2);
+        std::vector<uint8_t> want(rng() % (refs.size() + 1));  // those past its end count as zero
+        for (auto& w : want)
+            w = rng() % 3 == 0;
+        std::vector<Result> expected;
+        ForceSimdBuild("generic");
+        for (const auto& ref : refs) {
+            Result r;  // scores too wide for the program's ints: the generic build's
+            if (scale > 1000) r.first = c.Aligner(width).Align(View(ref), View(qry), r.second);
+            expected.push_back(scale > 1000 ? r : Naive(c, width, ref, qry));
+        }
+        ForceSimdBuild(builds_[rng() % builds_.size()]);
+        const auto batch = preparer.Aligner(width).PrepareReferences(refs);
+        for (const auto& build : builds_) {
+            ForceSimdBuild(build);
+            FastAlign aligner = c.Aligner(width);
+            SetKernelStatsEnabled(stats);
+            ResetKernelStats();
+            Codes scores;
+            std::vector<Path> paths;
+            aligner.AlignBatch(*batch, View(qry), want, scores, paths);
+            for (size_t k = 0; k < refs.size(); ++k) {
+                ASSERT_EQ(scores.at(k), expected[k].first) << build << " case " << n << " reference " << k;
+                ASSERT_EQ(paths.at(k), k < want.size() && want[k] ? expected[k].second : Path{}) << build << " " << n;
+            }
+            // One call of (L1 + 1) x (L2 + 1) cells per non-empty reference, timed unless interrupted.
+            const KernelStats s = KernelStatsTotal();
+            const bool bytes = stats && band == 0 && Fit8(c) && Fit8(preparer);
+            ASSERT_EQ(s.calls, stats ? 1 : 0) << build << " case " << n;
+            ASSERT_EQ(s.every_cell, stats ? cells : 0);
+            ASSERT_EQ(s.cells, stats && !s.interrupted ? cells : 0);
+            ASSERT_TRUE(!stats || s.interrupted || s.seconds > 0);
+            ASSERT_EQ(s.byte_cells, band == 2 ? s.byte_cells : bytes ? cells : 0) << build << " case " << n;
+            aligner.ScoreBatch(*batch, View({}), scores);  // an empty window: nothing to align, no call
+            ASSERT_EQ(scores, Codes(refs.size(), ZERO_PROB_SCORE));
+            ASSERT_EQ(KernelStatsTotal().calls, stats ? 1 : 0);
+        }
+    }
+}
+
+// The reference band (the int product's wherever that fitted, as on the GPU),
+// ends moving by at most one cell, and a wide one covering the matrix, also
+// where (l1 + 1) * d overflows int.
+TEST(BandPlacement, FollowsTheDiagonalForShortAndLongSequences) {
+    std::mt19937 rng(5);
+    std::vector<std::pair<int, int>> sizes = {{100000, 150}, {150, 100000}, {60000, 60000}, {46000, 47000}};
+    for (int n = 0; n < 420; ++n)
+        sizes.emplace_back(1 + rng() % (n < 20 ? 46000 : 150), 1 + rng() % (n < 20 ? 46000 : 150));
+    for (const auto& [l1, l2] : sizes) {
+        const bool wide = rng() % 3 == 0;
+        const int width = EffectiveBandWidth(l1, l2, wide ? std::max(l1, l2) | 1 : 1 + 2 * int(rng() % 200));
+        Codes off(l1 + l2 + 1), len(l1 + l2 + 1), expected_off, expected_len;
+        PlaceBand(l1, l2, width, off.data(), len.data());
+        ReferenceBand(l1, l2, width, expected_off, expected_len);
+        ASSERT_EQ(off, expected_off) << l1 << " x " << l2;
+        ASSERT_EQ(len, expected_len) << l1 << " x " << l2;
+        ASSERT_TRUE(BandEndsStepByOne(off.data(), len.data(), l1 + l2 + 1)) << l1 << " x " << l2;
+        if (wide || width <= std::min(l1, l2)) {
+            ASSERT_EQ(BandCoversMatrix(l1, l2, off.data(), len.data()), wide) << l1 << " x " << l2;
+        }
+    }
+}
+
+// Summed over threads, ended ones included. A call more than twice as slow
+// per cell as its thread's fastest so far (fresh threads: no earlier call
+// sets the pace) is left out of the cells and seconds, and counted.
+TEST_F(FastAlignTest, KernelStatsSumOverThreadsAndLeaveOutInterruptedCalls) {
+    std::thread([] {
+        RecordKernelCall(1000, 2000);
+        RecordKernelCall(1000, 1000);
+        RecordKernelCall(2000, 3900);
+        RecordKernelCall(1000, 2100, 400);  // interrupted, still counted in every_cell
+        RecordKernelCall(0, 500);           // nothing computed: ignored
+    }).join();
+    std::thread([] { RecordKernelCall(500, 50000); }).join();
+    std::thread([] { RecordKernelCall(2995500, 943100, 750250); }).join();
+    EXPECT_EQ(KernelStatsTotal().every_cell, 3001000);
+    EXPECT_EQ(KernelStatsTotal().byte_cells, 750650);
+    const std::string build = ActiveSimdBuild();
+    EXPECT_EQ(KernelStatsSummary(), "Alignment kernel: 3000000 cells in 0.001 s, 3.00 GCUPS (" + build +
+                                        "), 25 % in 8-bit lanes; 1 of 6 calls left out as interrupted");
+    ResetKernelStats();
+    EXPECT_EQ(KernelStatsSummary(),
+              "Alignment kernel: 0 cells in 0.000 s, 0.00 GCUPS (" + build + "), 0 % in 8-bit lanes");
+}
+
+// FastAlignGPU without a GPU: the fake driver runs each launch through the
+// kernel entry points nvcc compiles (a GPU thread is a loop iteration).
+class EmulatedGpu : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (Common::FindKernelImage("fastalign.fatbin") == nullptr) GTEST_SKIP() << "built without nvcc";
+        FakeCuda::RegisterEmulatedFastAlign(fake_.state());
+    }
+    // Nothing of the aligners or their device may outlive them.
+    void TearDown() override {
+        const auto& s = fake_.state();
+        EXPECT_TRUE(s.device_blocks.empty() && s.host_blocks.empty());
+        EXPECT_EQ(s.live_streams + s.live_contexts + s.live_modules, 0);
+    }
+    FakeCuda::FakeCudaDriver fake_;
+    const Codes table_ = FastAlignGPU::BaseCodeTable();
 };
-ByteCosts RandomByteCosts(std::mt19937& rng, int limit, bool too_large, bool dear_start, bool equal_opens) {
-    auto value = [&](int lo, int hi) {
-        return rng() % 4 == 0 ? (rng() % 2 ? hi : lo) : lo + int(rng() % (hi - lo + 1));
+
+// Buffers, launch parameters, per-thread slices and paths read back, with
+// lengths from 0, query letters in either case and U, and now and then a full
+// launch of 352 (the last thread's slices are the likeliest to overrun).
+TEST_F(EmulatedGpu, MatchesTheCpuAligner) {
+    std::mt19937 rng(20261121);
+    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    for (int config = 0; config < 150; ++config) {
+        const Costs c = RandomCosts(rng, uniform(0, 3) ? 6 : 1, 1);
+        const bool large = config % 10 == 0;
+        const int band_width = large ? uniform(1, 250) : uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 40);
+        const int max_reference = uniform(0, large ? 100 : 30), max_query = uniform(0, large ? 250 : 60);
+        FastAlignGPU gpu(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, table_, max_reference,
+                         max_query, "cuda:0", band_width);
+        FastAlign cpu = c.Aligner(band_width);
+        for (int batch = 0; batch < 3; ++batch) {
+            std::vector<Codes> references(config % 25 == 1 && batch == 0 ? 352 : uniform(1, 24));
+            for (auto& reference : references)
+                reference = RandomCodes(rng, uniform(0, max_reference));
+            gpu.SetReferences(references);
+            for (int call = 0; call < 4; ++call) {
+                const Codes codes = RandomCodes(rng, uniform(0, max_query));
+                std::string query;
+                for (int code : codes)
+                    query += "ACGTacgtUu"[code == 3 && uniform(0, 2) == 0 ? uniform(8, 9) : code + 4 * uniform(0, 1)];
+                Codes scores;
+                std::vector<Path> paths;
+                gpu.AlignAll(query, scores, paths);
+                for (size_t k = 0; k < references.size(); ++k) {
+                    Path expected;
+                    ASSERT_EQ(scores.at(k), cpu.Align(View(references[k]), View(codes), expected)) << config;
+                    ASSERT_EQ(paths.at(k), expected) << "config " << config << " reference " << k;
+                }
+            }
+        }
+    }
+}
+
+// Refusals name their cause; of two devices named the first is used; workers
+// share one context, each on its own stream; a call launches SeqToInts in a
+// block of 32 threads, then Align in one block of 352. What was allocated
+// before a refusal is released again (TearDown).
+TEST_F(EmulatedGpu, LaunchesContextsAndRefusals) {
+    Codes matrix = TestSupport::kMatchMismatch;
+    const Codes gaps = {2, 3, 8, 8, 2, 3, 8, 8};
+    auto error = [&](const std::string& device, const Codes& g = {2, 3, 8, 8, 2, 3, 8, 8}, int n = 4) {
+        return ErrorOf([&] { FastAlignGPU(MatView<int>(matrix.data(), n, n), g, table_, 10, 10, device, 11); });
     };
-    ByteCosts c;
-    c.matrix.resize(16);
-    for (int& v : c.matrix)
-        v = value(-limit, limit);
-    if (too_large) c.matrix[rng() % 16] = rng() % 2 ? limit : -limit;
-    const int open1 = value(0, limit), open2 = equal_opens ? open1 : value(0, limit);
-    const int start1 = value(0, open1);
-    const int start2 = dear_start ? open2 + 1 : value(0, open2);
-    c.gaps = {start1, value(0, limit), open1, open1, start2, value(0, limit), open2, open2};
-    c.costs = {-c.gaps[0], -c.gaps[1], -c.gaps[2], -c.gaps[4], -c.gaps[5], -c.gaps[6]};
-    return c;
+    EXPECT_EQ(error("cuda:0", gaps, 3), "FastAlignGPU only supports a 4 x 4 mismatch matrix!");
+    EXPECT_EQ(error("cuda:0", Codes(7, 1)), "Gap penalty vector must be length 6 or 8.");
+    EXPECT_EQ(error("cuda:x"), "Malformed device string: cuda:x");
+    fake_.state().free_memory = {size_t{1} << 30, size_t{1} << 30};
+    EXPECT_EQ(error("cuda:1,0"), "(no error)");
+    EXPECT_EQ(fake_.state().contexts_created, Codes{1});
+    // The memory limit covers the aligner's own buffers; a failing driver call names this file and the error.
+    EXPECT_TRUE(error("cuda:0:1000").starts_with("GPU memory limit of 1000 bytes reached on CUDA device 0: "));
+    fake_.state().fail_allocation_after = fake_.state().allocations + 6;
+    EXPECT_TRUE(FakeCuda::MatchesWithLine(error("cuda:0"),
+                                          "CUDA error at pair_alignment/align_cuda:", ": CUDA_ERROR_OUT_OF_MEMORY"));
+    fake_.state().fail_allocation_after = -1;
+    const size_t contexts = fake_.state().contexts_created.size();
+    const MatView<int> view(matrix.data(), 4, 4);
+    FastAlignGPU first(view, gaps, table_, 10, 20, "cuda:0", 11), second(view, gaps, table_, 10, 20, "cuda:0:50%", 11);
+    EXPECT_EQ(fake_.state().contexts_created.size(), contexts + 1);
+    EXPECT_EQ(fake_.state().live_streams, 2);
+    std::vector<Codes> references(FastAlignGPU::kMaxReferences, Codes(10, 2));
+    first.SetReferences(references);
+    Codes scores;
+    std::vector<Path> paths;
+    first.AlignAll(std::string(20, 'A'), scores, paths);
+    const auto& launches = fake_.state().launches;
+    ASSERT_EQ(launches.size(), 2u);
+    EXPECT_EQ(launches[0].kernel + " " + launches[1].kernel, "SeqToInts Align");
+    EXPECT_EQ(std::tuple(launches[0].block[0], launches[1].block[0], launches[1].grid[0]), std::tuple(32u, 352u, 1u));
+    EXPECT_THROW(first.AlignAll(std::string(21, 'A'), scores, paths), std::runtime_error);
+    EXPECT_THROW(first.SetReferences({Codes(11, 0)}), std::runtime_error);
+    EXPECT_THROW(first.SetReferences({Codes{0, 4}}), std::runtime_error);
+    references.emplace_back(5, 0);
+    EXPECT_EQ(ErrorOf([&] { first.SetReferences(references); }), "Too many sequences for GPU threads to contain!");
+}
+
+// Each case takes one bit from a processor and system that have everything
+// (CPUID leaf 1 ECX, leaf 7 EBX, XCR0): an extension counts only where the
+// system saves its registers, and no name picks the widest build that runs.
+TEST(SimdDispatch, PicksTheWidestBuildTheProcessorAndSystemAllow) {
+    const std::vector<std::tuple<int, int, std::string>> cases = {{0, -1, "avx512"}, {2, 7, "avx2"},  {1, 16, "avx2"},
+                                                                  {1, 30, "avx2"},   {1, 31, "avx2"}, {1, 5, "sse41"},
+                                                                  {0, 28, "sse41"},  {2, 2, "sse41"}, {0, 27, "sse41"}};
+    for (const auto& [word, bit, build] : cases) {
+        // SSE4.1, OSXSAVE, AVX; AVX2, AVX-512 F, BW, VL; SSE, AVX, opmask and ZMM state.
+        uint64_t words[] = {(1u << 19) | (1u << 27) | (1u << 28), (1u << 5) | (1u << 16) | (1u << 30) | (1u << 31),
+                            0xe7};
+        if (bit >= 0) words[word] &= ~(uint64_t{1} << bit);
+        EXPECT_EQ(SelectKernels("", DecodeCpuFeatures(words[0], words[1], words[2])).name, build) << word << " " << bit;
+    }
+    EXPECT_STREQ(SelectKernels("", DecodeCpuFeatures(0, 0, 0)).name, "generic");
+    const CpuFeatures none, avx2{true, true, false}, all{true, true, true};
+    EXPECT_EQ(ErrorOf([&] { SelectKernels("avx512", avx2); }),
+              "SIMD build \"avx512\" is not supported by this processor.");
+    EXPECT_EQ(ErrorOf([&] { SelectKernels("avx2", none); }), "SIMD build \"avx2\" is not supported by this processor.");
+    for (const std::string name : {"avx1024", "AVX2"})
+        EXPECT_EQ(ErrorOf([&] { SelectKernels(name, all); }),
+                  "Unknown SIMD build \"" + name + "\" (expected generic, sse41, avx2 or avx512).");
+    // A reference batch holds a profile per lane block width of the builds that run here, once.
+    EXPECT_EQ(RunnableBlockBytes(), (ProbeCpuFeatures().avx512bw ? Codes{128, 32} : Codes{32}));
+}
+
+// The build is chosen once per process, so a fresh one tries a bad VB_SIMD:
+// making an aligner reports it, so that the program stops while it sets up.
+TEST(SimdDispatch, UnknownOrUnsupportedBuildInEnvironmentIsRefused) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto refuse = [](const char* value) {
+        setenv("VB_SIMD", value, 1);
+        std::cerr << ErrorOf([] { Costs{Codes(16), Codes(6), Codes(6)}.Aligner(5); });
+        std::exit(3);
+    };
+    EXPECT_EXIT(refuse("avx1024"), ::testing::ExitedWithCode(3), "Unknown SIMD build \"avx1024\" in VB_SIMD");
+    if (!ProbeCpuFeatures().avx512bw) {
+        EXPECT_EXIT(refuse("avx512"), ::testing::ExitedWithCode(3),
+                    "SIMD build \"avx512\" in VB_SIMD is not supported by this processor");
+    }
+}
+
+std::string WriteFile(const std::string& name, const std::string& text) {
+    const std::string path = ::testing::TempDir() + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+// Columns in any order, element (a, b) being row a of column b, copied through
+// both strides of a view. Each fault names the file and line or column; values
+// past the bound would let alignments overflow, and text that is no integer
+// (too long for one, or empty) is refused before any range check.
+TEST(ScoreMatrix, LaysColumnsSideBySideAndNamesEachFault) {
+    Codes m = LoadMismatchMatrix(
+        WriteFile("matrix.txt",
+                  "# made up\r\nT\tG\tC\tA\r\n3\t2\t1\t0\n\n# mid\n7\t6\t5\t4\n11\t10\t9\t8\n-1000\t14\t13\t1000\r\n"));
+    EXPECT_EQ(m, (Codes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 1000, 13, 14, -1000}));
+    EXPECT_EQ(FastAlign(MatView<int>(m.data(), 4, 4, 1, 4), {1, 1, 1, 1, 1, 1}, 10).GetMismatchScore(1, 2), 9);
+    const std::string ones = "\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n";
+    const std::vector<std::string> values = {
+        "1001", "-1001", "2147483647", "-2147483648", "99999999999", "99999999999999999999", "1x", ""};
+    for (size_t k = 0; k < values.size(); ++k) {  // the first five are integers
+        const auto file = WriteFile("value.txt", "A\tC\tG\tT\n" + values[k] + ones);
+        const std::string where = " in column A of score matrix \"" + file + "\"";
+        EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }),
+                  k < 5 ? "Value " + values[k] + where + " is outside the allowed range -1000 to 1000."
+                        : "Invalid value \"" + values[k] + "\"" + where + ".");
+    }
+    // Line numbers count every line, comments included.
+    const auto short_row = WriteFile("short.txt", "# c\nA\tC\tG\tT\n1\t2\t3\n");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(short_row); }),
+              "Error: Incomplete row in line 3 of \"" + short_row + "\": expecting 4 columns but got 3");
+    const auto long_row = WriteFile("long.txt", "A\tC\tG\tT\n1" + ones + "1\t2\t3\t4\t5\n");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(long_row); }),
+              "Error: Incomplete row in line 6 of \"" + long_row + "\": expecting 4 columns but got 5");
+    const auto five = WriteFile("five.txt", "A\tC\tG\tT\n1" + ones + "1\t1\t1\t1\n");
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(five); }), "Column A in score matrix \"" + five + "\" has wrong size.");
+    const auto no_c = WriteFile("no_c.txt", "A\tX\tG\tT\n1" + ones);
+    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(no_c); }), "Column C in score matrix \"" + no_c + "\" has wrong size.");
+    EXPECT_EQ(ErrorOf([] { ReadTable("no/such/table.txt"); }), "Error: Failed to open file \"no/such/table.txt\"");
+    EXPECT_EQ(ErrorOf([] { LoadMismatchMatrix("absent.txt"); }),
+              "Error: could not find mismatch matrix file \"absent.txt\", check configuration.");
+    EXPECT_EQ(ErrorOf([] { ConvertGapVector({1, 2, 3, 4, 5, 6, 7}); }), "Gap penalty vector must be length 6 or 8.");
 }
 
 }  // namespace
-
-TEST_F(FastAlignTest, EveryBuildMatchesTheFullMatrixProgramOverTheBand) {
-    std::mt19937 rng(20261121);
-    const auto builds = SupportedBuilds();
-    for (int n = 0; n < 1500; ++n) {
-        Case c = RandomCase(rng, n < 1000 ? 40 : 200);
-        // Now and then scores too wide for 16-bit lanes.
-        if (n % 4 == 3) {
-            for (int& v : c.matrix)
-                v *= 100;
-            for (int& v : c.costs)
-                v *= 100;
-            for (int& v : c.gaps)
-                v *= 100;
-        }
-        const Result expected = Naive(c.matrix, c.costs, c.ref, c.qry, Band(c.ref.size(), c.qry.size(), c.width));
-        // The span of the expected path: first and last query index of a pair.
-        int first = -1, last = -1;
-        for (const auto& [ref, query] : expected.path) {
-            if (ref < 0 || query < 0) continue;
-            if (first < 0) first = query;
-            last = query;
-        }
-        for (const auto& build : builds) {
-            ASSERT_EQ(RunAlign(c, build), expected) << build << "\n" << Describe(c);
-            FastAlign aligner(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, c.width);
-            PairedSpan span;
-            ASSERT_EQ(aligner.AlignSpan(View(c.ref), View(c.qry), span), expected.score) << build;
-            ASSERT_EQ(span, (PairedSpan{first, last})) << build << "\n" << Describe(c);
-        }
-    }
-}
-
-// The band's ends move at most one cell per diagonal, it stays in the matrix,
-// and a band at least as wide as the matrix covers all of it; also for
-// lengths whose (l1 + 1) * d once overflowed int and threw the band out of
-// the matrix. The offsets match a reference that forms the product in 64-bit
-// integers: the band the int product gave wherever it fitted (the GPU kernel
-// reproduces that one), the intended one beyond.
-TEST_F(FastAlignTest, BandPlacementKeepsItsShapeForShortAndLongSequences) {
-    auto reference = [](int l1, int l2, int width, std::vector<int>& off) {
-        const int total = l1 + l2, half = width / 2;
-        const double inv_n = 1.0 / (total + 1);
-        int r = 0, q = 0;
-        off.assign(total + 1, 0);
-        for (int d = 1; d <= total; ++d) {
-            const double a = static_cast<double>(static_cast<long long>(l1 + 1) * d) * inv_n - r;
-            if (a <= d * inv_n * (l2 + 1) - q)
-                ++q;
-            else
-                ++r;
-            off[d] = std::max({0, d - l1, q - half});
-        }
-    };
-    std::mt19937 rng(5);
-    std::vector<std::pair<int, int>> sizes = {{100000, 150}, {150, 100000}, {60000, 60000}, {46000, 47000}};
-    for (int n = 0; n < 20; ++n)
-        sizes.emplace_back(1 + rng() % 46000, 1 + rng() % 46000);
-    for (int n = 0; n < 400; ++n)
-        sizes.emplace_back(1 + rng() % 150, 1 + rng() % 150);
-    for (const auto& [l1, l2] : sizes) {
-        const bool wide = rng() % 3 == 0;
-        const int width =
-            EffectiveBandWidth(l1, l2, wide ? std::max(l1, l2) | 1 : 1 + 2 * static_cast<int>(rng() % 200));
-        const size_t diagonals = static_cast<size_t>(l1) + l2 + 1;
-        std::vector<int> off(diagonals), len(diagonals), expected;
-        PlaceBand(l1, l2, width, off.data(), len.data());
-        ASSERT_TRUE(BandEndsStepByOne(off.data(), len.data(), static_cast<int>(diagonals))) << l1 << " " << l2;
-        ASSERT_EQ(off[l1 + l2], l2);
-        for (int d = 0; d <= l1 + l2; ++d) {
-            ASSERT_GE(off[d], std::max(0, d - l1)) << l1 << " " << l2 << " " << d;
-            ASSERT_LE(off[d] + len[d] - 1, std::min(l2, d)) << l1 << " " << l2 << " " << d;
-            ASSERT_GE(len[d], 1);
-            if (wide) {
-                ASSERT_EQ(len[d], std::min(l2, d) - std::max(0, d - l1) + 1) << l1 << " " << l2 << " " << d;
-            }
-        }
-        reference(l1, l2, width, expected);
-        ASSERT_EQ(off, expected) << l1 << " " << l2;
-    }
-}
-
-TEST_F(FastAlignTest, BatchesMatchAlignForEveryBuild) {
-    std::mt19937 rng(99);
-    const auto builds = SupportedBuilds();
-    for (int n = 0; n < 120; ++n) {
-        Case c = RandomCase(rng, 200);
-        // Value scales that select 16-bit lanes, 32-bit lanes (near and past
-        // the 16-bit limit) and the one-by-one fallback.
-        const int scale = std::vector<int>{1, 1, 40, 80, 300, 3000000}[rng() % 6];
-        for (int& v : c.matrix)
-            v *= scale;
-        for (int& v : c.gaps)
-            v *= scale;
-        // Equal open costs (the shipped settings) take a kernel of their own.
-        if (n % 3 == 0) c.gaps[c.gaps.size() == 6 ? 5 : 6] = c.gaps[2];
-        std::vector<std::vector<int>> refs;
-        const int count = 1 + rng() % 40;
-        const int common = rng() % 80;
-        for (int k = 0; k < count; ++k)
-            refs.push_back(RandomSeq(rng, rng() % 3 ? common : rng() % 90));
-        std::vector<uint8_t> want(count);
-        for (auto& w : want)
-            w = rng() % 3 == 0;
-
-        // A fresh aligner per expected result, so that nothing carried between
-        // calls (buffers, the placed band) can hide in both sides.
-        ForceSimdBuild("generic");
-        std::vector<Result> expected(count);
-        for (int k = 0; k < count; ++k) {
-            FastAlign reference(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width);
-            expected[k].score = reference.Align(View(refs[k]), View(c.qry), expected[k].path);
-        }
-
-        for (const auto& build : builds) {
-            ForceSimdBuild(build);
-            FastAlign aligner(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width);
-            const auto batch = aligner.PrepareReferences(refs);
-            std::vector<int> scores;
-            std::vector<Path> paths;
-            aligner.ScoreBatch(*batch, View(c.qry), scores);
-            for (int k = 0; k < count; ++k)
-                ASSERT_EQ(scores[k], expected[k].score) << build << " ref " << k;
-            aligner.AlignBatch(*batch, View(c.qry), want, scores, paths);
-            ASSERT_EQ(paths.size(), size_t(count));
-            for (int k = 0; k < count; ++k) {
-                ASSERT_EQ(scores[k], expected[k].score) << build << " ref " << k;
-                ASSERT_EQ(paths[k], want[k] ? expected[k].path : Path{}) << build << " ref " << k;
-            }
-        }
-    }
-}
-
-// The lane kernels on the shapes where their bookkeeping could slip: counts
-// around each build's block of 8, 16, 32 or 64 lanes, references longer than
-// the query, bands narrower than the matrix, scores in 16- and 32-bit lanes,
-// two reference lengths in one batch. One batch, prepared once, serves every
-// build.
-TEST_F(FastAlignTest, BatchScoresMatchTheFullMatrixProgramForEveryBuild) {
-    std::mt19937 rng(31415);
-    const auto builds = SupportedBuilds();
-    const std::vector<int> counts = {1, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65, 100, 129};
-    for (int n = 0; n < 75; ++n) {
-        Case c = RandomCase(rng, 60);
-        // 1: 16-bit lanes; 40: 16-bit lanes near their limit; 300: 32-bit lanes.
-        const int scale = std::vector<int>{1, 1, 40, 300}[n % 4];
-        for (std::vector<int>* values : {&c.matrix, &c.gaps, &c.costs})
-            for (int& v : *values)
-                v *= scale;
-        const int l2 = 1 + rng() % 60;
-        int l1 = 1 + rng() % 60;
-        if (n % 3 == 0) l1 = l2 + 1 + rng() % 30;       // reference longer than the query
-        if (n % 3 == 1) c.width = 1 + 2 * (rng() % 6);  // band narrower than the matrix
-        c.qry = RandomSeq(rng, l2);
-        const int count = counts[n % counts.size()];
-        std::vector<std::vector<int>> refs;
-        for (int k = 0; k < count; ++k)
-            refs.push_back(RandomSeq(rng, k % 5 == 4 ? 1 + rng() % 40 : l1));
-        std::vector<int> expected;
-        for (const auto& ref : refs)
-            expected.push_back(Naive(c.matrix, c.costs, ref, c.qry, Band(ref.size(), c.qry.size(), c.width)).score);
-
-        ForceSimdBuild(builds.back());
-        const auto batch = FastAlign(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width).PrepareReferences(refs);
-        for (const auto& build : builds) {
-            ForceSimdBuild(build);
-            FastAlign aligner(MatView<int>(c.matrix.data(), 4, 4), c.gaps, c.width);
-            std::vector<int> scores;
-            aligner.ScoreBatch(*batch, View(c.qry), scores);
-            ASSERT_EQ(scores, expected) << build << " case " << n << " count " << count << "\n" << Describe(c);
-        }
-    }
-}
-
-// The 8-bit kernel against the full-matrix program, for every build: costs
-// up to its limit (25, the extremes often), equal and unequal opens, free and
-// dear end gaps, up to 70 references (several lane blocks), references of 1000
-// bases and windows of 10000 (with costs small enough for 16-bit scores). And
-// just past each of its conditions (a cost of 26, a start gap dearer than an
-// open one, a band narrower than the matrix), where the wider kernels must
-// give the same scores instead.
-TEST_F(FastAlignTest, ByteLanesMatchTheFullMatrixProgramForEveryBuild) {
-    enum Kind { kBytes, kCostTooLarge, kDearStart, kNarrowBand, kKinds };
-    std::mt19937 rng(2718);
-    const auto builds = SupportedBuilds();
-    SetKernelStatsEnabled(true);
-    for (int n = 0; n < 120; ++n) {
-        const Kind kind = static_cast<Kind>(n % kKinds);
-        const bool huge = n >= 116;  // 1000-base references, windows up to 10000
-        const int limit = kind == kCostTooLarge ? 26 : huge ? 2 : 25;
-        auto [matrix, gaps, costs] = RandomByteCosts(rng, limit, kind == kCostTooLarge, kind == kDearStart, n % 3 == 0);
-        const int open2 = gaps[6];
-        const bool narrow = kind == kNarrowBand;
-        const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % 80;
-        const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 1200) : (narrow ? 3 : 1) + rng() % 300;
-        // A band of at most min(l1, l2) cells misses part of the longest diagonals.
-        const int width = narrow ? 1 + 2 * int(rng() % ((std::min(l1, l2) - 1) / 2)) : std::max(l1, l2) + rng() % 3;
-        const std::vector<int> qry = RandomSeq(rng, l2);
-        std::vector<std::vector<int>> refs;  // now and then a second, shorter length
-        for (int k = 0, count = huge ? 2 : 1 + rng() % 70; k < count; ++k)
-            refs.push_back(RandomSeq(rng, k % 9 == 8 && !narrow ? 1 + rng() % l1 : l1));
-        std::vector<int> expected;
-        for (const auto& ref : refs)
-            expected.push_back(Naive(matrix, costs, ref, qry, Band(ref.size(), l2, width)).score);
-
-        for (const auto& build : builds) {
-            ForceSimdBuild(build);
-            FastAlign aligner(MatView<int>(matrix.data(), 4, 4), gaps, width);
-            // A dear start gap scores a batch prepared by an aligner whose
-            // costs take the 8-bit kernel: the scoring aligner's costs decide.
-            std::vector<int> cheap_start = gaps;
-            cheap_start[4] = open2;
-            const auto batch =
-                kind == kDearStart
-                    ? FastAlign(MatView<int>(matrix.data(), 4, 4), cheap_start, width).PrepareReferences(refs)
-                    : aligner.PrepareReferences(refs);
-            std::vector<int> scores;
-            ResetKernelStats();
-            aligner.ScoreBatch(*batch, View(qry), scores);
-            ASSERT_EQ(scores, expected) << build << " case " << n << " kind " << kind;
-            const KernelStats stats = KernelStatsTotal();
-            if (kind == kBytes)
-                ASSERT_EQ(stats.byte_cells, stats.every_cell) << build << " case " << n;
-            else
-                ASSERT_EQ(stats.byte_cells, 0) << build << " case " << n << " kind " << kind;
-        }
-    }
-}
-
-// The 8-bit band kernel (one alignment with its path) against the
-// full-matrix program, for every build: costs up to its limit (the extremes
-// often, or a narrow range so that ties between the moves are common), free
-// and dear end gaps, queries that hold a mutated copy of the reference
-// anywhere or none, lengths from 1 (no cell off the last row and column),
-// references of 1000 bases in windows of up to 10000. And just past each of
-// its conditions (a cost of 26, a start gap dearer than an open one, a band
-// narrower than the matrix), where the wider kernels take over.
-TEST_F(FastAlignTest, ByteBandMatchesTheFullMatrixProgramForEveryBuild) {
-    enum Kind { kBytes, kCostTooLarge, kDearStart, kNarrowBand, kKinds };
-    std::mt19937 rng(4711);
-    const auto builds = SupportedBuilds();
-    for (int n = 0; n < 400; ++n) {
-        const Kind kind = n % 2 ? kBytes : static_cast<Kind>(n / 2 % kKinds);
-        const bool huge = n >= 396;
-        const int limit = kind == kCostTooLarge ? 26 : n % 3 == 0 ? 3 : 25;
-        auto [matrix, gaps, costs] = RandomByteCosts(rng, limit, kind == kCostTooLarge, kind == kDearStart, n % 5 == 0);
-        const bool narrow = kind == kNarrowBand;
-        const int l1 = huge ? 1000 : (narrow ? 3 : 1) + rng() % (n % 7 ? 100 : 4);
-        const int l2 = huge ? (n % 2 ? 10000 : 1 + rng() % 2000) : (narrow ? 3 : 1) + rng() % (n % 11 ? 300 : 4);
-        const std::vector<int> ref = RandomSeq(rng, l1);
-        std::vector<int> qry = RandomSeq(rng, l2);
-        if (rng() % 4 != 0) {
-            const int at = rng() % l2;
-            for (int k = 0; k < l1 && at + k < l2; ++k)
-                qry[at + k] = rng() % 6 == 0 ? int(rng() % 4) : ref[k];
-        }
-        const int width = narrow ? 1 + 2 * int(rng() % ((std::min(l1, l2) - 1) / 2)) : std::max(l1, l2) + rng() % 3;
-        const Result expected = Naive(matrix, costs, ref, qry, Band(l1, l2, width));
-        PairedSpan expected_span;
-        for (const auto& [i, j] : expected.path)
-            if (i >= 0 && j >= 0) {
-                if (expected_span.first < 0) expected_span.first = j;
-                expected_span.last = j;
-            }
-        for (const auto& build : builds) {
-            ForceSimdBuild(build);
-            FastAlign aligner(MatView<int>(matrix.data(), 4, 4), gaps, width);
-            Result r;
-            r.score = aligner.Align(View(ref), View(qry), r.path);
-            ASSERT_EQ(r, expected) << build << " case " << n << " kind " << kind << " " << l1 << " x " << l2;
-            PairedSpan span;
-            ASSERT_EQ(aligner.AlignSpan(View(ref), View(qry), span), expected.score) << build << " case " << n;
-            ASSERT_EQ(span, expected_span) << build << " case " << n;
-        }
-    }
-}
-
-// Ties, empty sequences and wide scores are the random cases' business;
-// only the layout check is left to show by hand.
-TEST_F(FastAlignTest, StridedViewsAreRefused) {
-    std::vector<int> m(16, -1), strided = {0, 9, 1, 9};
-    FastAlign aligner(MatView<int>(m.data(), 4, 4), {1, 1, 1, 1, 1, 1}, 3);
-    Path path;
-    EXPECT_THROW(aligner.Align(VecView<int>(strided.data(), 2, 2), View({0, 1}), path), std::runtime_error);
-}
+}  // namespace PairAlignment
