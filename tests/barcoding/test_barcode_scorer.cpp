@@ -1,17 +1,19 @@
+// The scorer against a naive reference, the promises of its score scale across
+// kit designs, and reads of barcode pairs.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <fstream>
-#include <functional>
 #include <map>
-#include <optional>
 #include <random>
 #include <set>
 #include <unordered_map>
 
+#include "barcoding/barcode_quality.h"
 #include "barcoding/barcode_scorer.h"
+#include "barcoding/pair_design.h"
 #include "barcoding/score_scale.h"
 #include "common/logger.h"
 #include "pair_alignment/fast_align.h"
@@ -24,354 +26,157 @@
 namespace Barcoding {
 namespace {
 
-using TestSupport::TempFolder;
-
 using TestSupport::RandomBases;
 using TestSupport::ReverseComplement;
 const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 
-ScorerOptions Options(const std::string& kits) {
+ScorerOptions Options(const std::string& kits, int front_window = 70, int rear_window = 60) {
     ScorerOptions options;
     options.barcode_kits = kits;
     options.open_gap1 = options.extend_gap1 = options.open_gap2 = options.extend_gap2 = 8;
     options.start_gap2 = options.end_gap2 = 9;
     options.min_score = 60;
-    options.front_window_size = 70;
-    options.rear_window_size = 60;
+    options.front_window_size = front_window;
+    options.rear_window_size = rear_window;
     ValidateScorerOptions(options);
     return options;
 }
 
-// Barcodes BC01..BC05 of 24 random bases, kit "DK" with the same barcode at
-// both ends (ADD), kit "AK" with BC02 front and BC03 rear (MAX), kit "SK" with
-// BC04 at the front only, kit "BAD" with an unknown scoring function.
-class ScorerTest : public ::testing::Test {
-protected:
-    ScorerTest() {
-        std::mt19937 random(11);
+// Barcodes BC01.. of `length` random bases between constant flanks of `flank`
+// bases (the references: flank + barcode + flank), under the arrangement
+// sections given to Load.
+struct Kit {
+    TestSupport::TempFolder dir;
+    std::vector<std::string> references;
+    std::shared_ptr<BarcodeManager> manager;
+
+    Kit(unsigned seed, size_t count, size_t length, size_t flank = 0) {
+        std::mt19937 random(seed);
+        const std::string left = RandomBases(random, flank), right = RandomBases(random, flank);
+        for (size_t i = 0; i < count; ++i)
+            references.push_back(left + RandomBases(random, length) + right);
+        WriteFasta(references);
+    }
+    static std::string Name(size_t i) { return "BC" + std::string(i < 9 ? "0" : "") + std::to_string(i + 1); }
+    void WriteFasta(const std::vector<std::string>& sequences) const {
         std::string fasta;
-        for (int i = 1; i <= 5; ++i) {
-            barcodes_.push_back(RandomBases(random, 24));
-            fasta += ">BC0" + std::to_string(i) + "\n" + barcodes_.back() + "\n";
-        }
-        dir_.Write("bc.fasta", fasta);
-        const std::string file = dir_.Write(
-            "arr.cfg",
-            "[loading_options]\nbarcodes_filename = bc.fasta\n"
-            "[barcode%02i]\nkit = DK\nbarcode1 = BC%02i\nbarcode2 = BC%02i\nfirst_index = 1\nlast_index = 2\n"
-            "scoring_function = ADD\ncompatible_kits = DK\n"
-            "[pair]\nkit = AK\nbarcode1 = BC02\nbarcode2 = BC03\nscoring_function = MAX\ncompatible_kits = AK\n"
-            "[single]\nkit = SK\nbarcode1 = BC04\nscoring_function = SUM\ncompatible_kits = SK\n"
-            "[bad]\nkit = BAD\nbarcode1 = BC05\nbarcode2 = BC05\nscoring_function = SUM\ncompatible_kits = BAD\n");
-        manager_ = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
+        for (size_t i = 0; i < sequences.size(); ++i)
+            fasta += ">" + Name(i) + "\n" + sequences[i] + "\n";
+        dir.Write("kit.fasta", fasta);
     }
-
-    // flank + front barcode + insert + reverse-complemented rear barcode + flank
-    std::string Read(const std::string& front, const std::string& rear, size_t flank = 10) {
-        std::mt19937 random(static_cast<unsigned>(front.size() * 31 + rear.size() + flank));
-        std::string read = RandomBases(random, flank) + front + RandomBases(random, 300);
-        if (!rear.empty()) read += ReverseComplement(rear);
-        return read + RandomBases(random, flank);
+    void Load(const std::string& sections) {
+        const std::string file = dir.Write("kit.ini", "[loading_options]\nbarcodes_filename = kit.fasta\n" + sections);
+        manager = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
     }
-
-    TempFolder dir_;
-    std::vector<std::string> barcodes_;
-    std::shared_ptr<BarcodeManager> manager_;
 };
 
-// Where each end was found, its sequence and the tie-breaks are the naive
-// comparison's business below; here what a perfect copy scores.
-TEST_F(ScorerTest, PerfectCopiesScoreNearTheTopAndAnEmptyReadIsUnclassified) {
-    BarcodeScorer scorer(Options("DK AK SK"), manager_, kMatrix);
-    // A perfect copy scores 100 unless a competitor finds a better spot in the
-    // read around it than on the copy alone.
-    auto best = scorer.Score(Read(barcodes_[0], barcodes_[0], 7))[0];
-    EXPECT_EQ(best.normalised_id, "barcode01");
-    EXPECT_GT(best.score, 190);
-    EXPECT_LE(best.score, 200);
-    // Single-ended kit: the front score alone, whatever the scoring function says.
-    best = scorer.Score(Read(barcodes_[3], ""))[0];
-    EXPECT_EQ(best.id, "single_var1");
-    EXPECT_GT(best.score, 95);
-    EXPECT_EQ(scorer.Score("")[0].normalised_id, "unclassified");
-}
-
-TEST_F(ScorerTest, ConfigurationFaults) {
-    // An unknown scoring function fails when the kit is selected, not per read.
-    EXPECT_EQ(TestSupport::ErrorOf([&] { BarcodeScorer(Options("BAD"), manager_, kMatrix); }),
-              "Scoring function can only have values ADD or MAX (found 'SUM' in section [bad] of arr.cfg)");
-
-    dir_.Write("odd.fasta", ">lower\nacguacgu\n>ambiguous\nACGNT\n");
-    const std::string file = dir_.Write("odd.cfg",
-                                        "[loading_options]\nbarcodes_filename = odd.fasta\n"
-                                        "[l]\nbarcode1 = lower\ncompatible_kits = L\n"
-                                        "[n]\nbarcode1 = ambiguous\ncompatible_kits = N\n");
-    auto manager = std::make_shared<BarcodeManager>(std::vector<std::string>{file}, "");
-    BarcodeScorer lower(Options("L"), manager, kMatrix);
-    const auto best = lower.Score("TTTACGTACGTTTT")[0];
-    EXPECT_EQ(best.front.id, "lower_FWD");
-    EXPECT_FLOAT_EQ(best.front.score, 100);
-    EXPECT_EQ(best.front.begin_index, 3);
-    const std::string message = TestSupport::ErrorOf([&] { BarcodeScorer(Options("N"), manager, kMatrix); });
-    EXPECT_TRUE(TestSupport::Holds(message, "ambiguous_FWD") && TestSupport::Holds(message, "'N'")) << message;
-}
-
-TEST_F(ScorerTest, InspectionAndTracingAgreeWithScore) {
-    const std::string read = Read(barcodes_[0], barcodes_[0]);
-    BarcodeScorer scorer(Options("DK"), manager_, kMatrix);
-    const auto quiet = scorer.Score(read, SIZE_MAX);
-
-    const auto front = scorer.InspectFront(read, "DK");
-    ASSERT_EQ(front.size(), 4u);  // BC01/BC02, each _FWD (var1) and _REV (var2)
-    EXPECT_EQ(front[0].id, quiet[0].front.id);
-    EXPECT_EQ(front[0].found_sequence, quiet[0].front.found_sequence);
-    const auto rear = scorer.InspectRear(read, "DK");
-    EXPECT_EQ(rear[0].id, "BC01_REV");
-    EXPECT_EQ(rear[0].begin_index, quiet[0].rear.begin_index);
-    EXPECT_THROW(scorer.InspectFront(read, "AK"), std::runtime_error);
-
-    // Tracing takes the slow, fully detailed path; the results must not change.
-    TempFolder logs;
-    Common::LoggingSettings settings;
-    settings.folder = logs.Path();
-    settings.log_file_name = "scorer.log";
-    settings.quiet = true;
-    settings.trace_categories = {"barcode_scorer"};
-    Common::InitLogging(settings);
-    const auto traced = scorer.Score(read, SIZE_MAX);
-    Common::ShutdownLogging();
-    ASSERT_EQ(traced.size(), quiet.size());
-    for (size_t r = 0; r < traced.size(); ++r) {
-        EXPECT_EQ(traced[r].id, quiet[r].id);
-        EXPECT_EQ(traced[r].score, quiet[r].score);
-        EXPECT_EQ(traced[r].rear.found_sequence, quiet[r].rear.found_sequence);
+std::vector<int> Codes(const std::string& sequence) {
+    std::vector<int> codes;
+    for (char c : sequence) {
+        const char upper = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        codes.push_back(static_cast<int>(std::string("ACGT").find(upper == 'U' ? 'T' : upper)));
     }
+    return codes;
 }
 
 // Naive reference: every reference aligned on its own with FastAlign::Align,
 // the scale's rival, floor and background found by brute force over the
-// arrangements, then the arrangement rules applied directly.
+// arrangements, then the arrangement rules applied directly. End 0 is the
+// front, 1 the rear.
 class NaiveScorer {
 public:
     NaiveScorer(const ScorerOptions& options, BarcodeManager& manager, const std::vector<int>& matrix)
         : options_(options),
           manager_(manager),
           matrix_(matrix),
+          arrangements_(manager.GetArrangements(options.barcode_kits)),
           aligner_(brim::data_wrappers::MatView<int>(matrix_.data(), 4, 4), options.GapVector(),
-                   std::max(options.front_window_size, options.rear_window_size)) {}
-
-    // Raw score of a reference on the current read's window at one end, memoised per read.
-    int RawOnRead(const std::string& reference, const std::vector<int>& window, bool front) {
-        auto& memo = on_read_[front ? 0 : 1];
-        auto found = memo.find(reference);
-        if (found != memo.end()) return found->second;
-        return memo[reference] = Raw(reference, window);
-    }
-
-    int Raw(const std::string& reference, const std::vector<int>& window) {
-        std::vector<int> codes = Codes(reference), query = window;
-        PairAlignment::Path path;
-        return aligner_.Align(brim::data_wrappers::VecView<int>(codes.data(), codes.size()),
-                              brim::data_wrappers::VecView<int>(query.data(), query.size()), path);
-    }
-
-    std::vector<int> Window(const std::string& read, bool front) const {
-        const int length = static_cast<int>(read.size());
-        const int begin = front ? 0 : std::max(0, length - options_.rear_window_size);
-        const int count = front ? std::min(options_.front_window_size, length) : length - begin;
-        return Codes(read.substr(static_cast<size_t>(begin), static_cast<size_t>(count)));
-    }
-
-    // Sequences of the references at this end in arrangements of name's kits
-    // that stand for another barcode: not the same sequence, nor linked to it
-    // by a chain of shared sequences or shared (kit, normalised id).
-    const std::vector<std::string>& Competitors(const std::string& name, bool front) {
-        const std::string key = name + (front ? ">" : "<");
-        auto found = competitors_.find(key);
-        if (found != competitors_.end()) return found->second;
-        const auto& arrangements = manager_.GetArrangements(options_.barcode_kits);
-        auto at_end = [front](const Arrangement& a) { return front ? a.barcode1 : a.barcode2; };
-        const std::set<std::string>& same = SameBarcode(name, front);
-        std::vector<std::string> result;
-        for (const auto& mine : arrangements) {
-            if (at_end(mine) != name) continue;
-            for (const auto& other : arrangements)
-                if (other.kit == mine.kit && !at_end(other).empty() && !same.count(at_end(other)))
-                    result.push_back(manager_.GetBarcodeSequence(at_end(other)));
-        }
-        return competitors_[key] = result;
-    }
-
-    // Names linked to name at this end by a chain of shared sequences or
-    // shared (kit, normalised id): grown pairwise until nothing changes.
-    const std::set<std::string>& SameBarcode(const std::string& name, bool front) {
-        auto& groups = same_[front ? 0 : 1];
-        if (groups.empty()) {
-            const auto& arrangements = manager_.GetArrangements(options_.barcode_kits);
-            auto at_end = [front](const Arrangement& a) { return front ? a.barcode1 : a.barcode2; };
-            for (const auto& a : arrangements)
-                if (!at_end(a).empty()) groups[at_end(a)] = {at_end(a)};
-            for (bool grew = true; grew;) {
-                grew = false;
-                for (const auto& x : arrangements)
-                    for (const auto& y : arrangements) {
-                        if (at_end(x).empty() || at_end(y).empty()) continue;
-                        const bool linked =
-                            manager_.GetBarcodeSequence(at_end(x)) == manager_.GetBarcodeSequence(at_end(y)) ||
-                            (x.kit == y.kit && x.normalised_id == y.normalised_id);
-                        if (!linked) continue;
-                        auto& mine = groups[at_end(x)];
-                        const auto theirs = groups[at_end(y)];
-                        for (const auto& other : theirs)
-                            grew = mine.insert(other).second || grew;
-                    }
+                   std::max(options.front_window_size, options.rear_window_size)) {
+        for (int end : {0, 1}) {
+            random_[end] = BackgroundWindows(end == 0 ? options.front_window_size : options.rear_window_size);
+            // Names of one barcode: linked by a shared sequence or a shared (kit, normalised id), transitively.
+            std::map<std::string, std::string> first_of;
+            for (const auto& a : arrangements_) {
+                const std::string& name = At(a, end);
+                if (name.empty()) continue;
+                root_[end].emplace(name, name);
+                for (const std::string& key : {"=" + manager.GetBarcodeSequence(name), a.kit + "\n" + a.normalised_id})
+                    if (const auto [other, added] = first_of.emplace(key, name); !added)
+                        root_[end][Root(end, name)] = Root(end, other->second);
             }
         }
-        return groups.at(name);
-    }
-
-    // Floor, background and top of the random range of a reference, computed once.
-    struct Statics {
-        double floor, background, random_top;
-    };
-    Statics Static(const std::string& name, bool front) {
-        const std::string key = name + (front ? ">" : "<");
-        auto found = static_.find(key);
-        if (found != static_.end()) return found->second;
-        const std::string sequence = manager_.GetBarcodeSequence(name);
-        double floor = -std::numeric_limits<double>::infinity(), random_rival = 0;
-        const auto& competitors = Competitors(name, front);
-        for (const auto& other : competitors)
-            floor = std::max(floor, static_cast<double>(Raw(other, Codes(sequence))));
-        const auto windows = BackgroundWindows(front ? options_.front_window_size : options_.rear_window_size);
-        int64_t sum = 0, squares = 0;
-        for (size_t w = 0; w < windows.size(); ++w) {
-            auto on_random = [&](const std::string& reference) {
-                auto& memo = on_random_[reference + (front ? ">" : "<") + std::to_string(w)];
-                if (!memo) memo = Raw(reference, windows[w]);
-                return *memo;
-            };
-            int best = INT_MIN;
-            for (const auto& other : competitors)
-                best = std::max(best, on_random(other));
-            const int64_t top = std::max(best, on_random(sequence));
-            sum += top;
-            squares += top * top;
-            if (!competitors.empty()) random_rival += best / static_cast<double>(windows.size());
-        }
-        const double n = static_cast<double>(windows.size());
-        const double background = static_cast<double>(sum) / n;
-        const double spread = std::sqrt(std::max(static_cast<double>(squares) / n - background * background, 0.0));
-        if (!competitors.empty()) floor = std::max(floor, random_rival);
-        return static_[key] = {floor, background, background + kPresenceSpread * spread};
-    }
-
-    BarcodeDetectResult Detect(const std::string& name, const std::string& read, bool front) {
-        if (name.empty()) return {};
-        const std::vector<int> window = Window(read, front);
-        BarcodeDetectResult result;
-        result.id = name;
-        result.reference_sequence = manager_.GetBarcodeSequence(name);
-        const std::vector<int> reference = Codes(result.reference_sequence);
-        int self = 0;
-        for (int code : reference)
-            self += matrix_[static_cast<size_t>(5 * code)];
-        const int raw = RawOnRead(result.reference_sequence, window, front);
-        raw_[name + (front ? ">" : "<")] = raw;
-        double rival = -std::numeric_limits<double>::infinity();
-        for (const auto& other : Competitors(name, front))
-            rival = std::max(rival, static_cast<double>(RawOnRead(other, window, front)));
-        const auto [floor, background, random_top] = Static(name, front);
-        result.score = DetectScore(raw, self, rival, floor, background, random_top);
-        result.presence = static_cast<float>(std::min(100.0, 100.0 * (raw - random_top) / (self - random_top)));
-
-        PairAlignment::Path path;
-        std::vector<int> codes = reference, query = window;
-        aligner_.Align(brim::data_wrappers::VecView<int>(codes.data(), codes.size()),
-                       brim::data_wrappers::VecView<int>(query.data(), query.size()), path);
-        std::vector<int> paired;
-        for (const auto& [r, q] : path)
-            if (r >= 0 && q >= 0) paired.push_back(q);
-        result.begin_index = 0;
-        if (paired.empty()) return result;
-        const size_t begin = front ? 0 : read.size() - window.size();
-        result.found_sequence = read.substr(begin + static_cast<size_t>(paired.front()),
-                                            static_cast<size_t>(paired.back() - paired.front() + 1));
-        result.begin_index = front ? paired.front() : static_cast<int>(window.size()) - 1 - paired.back();
-        return result;
     }
 
     std::vector<ArrangementDetectResult> Score(const std::string& read) {
+        const size_t length = read.size(), front = std::min<size_t>(length, options_.front_window_size);
+        const size_t rear_begin = length - std::min<size_t>(length, options_.rear_window_size);
+        window_[0] = Codes(read.substr(0, front));
+        window_[1] = Codes(read.substr(rear_begin));
+        raw_.erase(&window_[0]);
+        raw_.erase(&window_[1]);
         std::vector<ArrangementDetectResult> all;
         std::vector<int> fits;
-        raw_.clear();
-        on_read_[0].clear();
-        on_read_[1].clear();
-        for (const auto& a : manager_.GetArrangements(options_.barcode_kits)) {
+        for (const auto& a : arrangements_) {
             ArrangementDetectResult r;
             r.id = a.id;
             r.normalised_id = a.normalised_id;
             r.kit = a.kit;
             r.variant = a.variant;
-            r.front = Detect(a.barcode1, read, true);
-            r.rear = Detect(a.barcode2, read, false);
-            r.score = r.front.id.empty()            ? r.rear.score
-                      : r.rear.id.empty()           ? r.front.score
+            r.front = Detect(a.barcode1, 0, read, 0);
+            r.rear = Detect(a.barcode2, 1, read, rear_begin);
+            r.score = a.barcode1.empty()            ? r.rear.score
+                      : a.barcode2.empty()          ? r.front.score
                       : a.scoring_function == "ADD" ? r.front.score + r.rear.score
                                                     : std::max(r.front.score, r.rear.score);
             all.push_back(r);
-            fits.push_back(std::max(a.barcode1.empty() ? INT_MIN : raw_.at(a.barcode1 + ">"),
-                                    a.barcode2.empty() ? INT_MIN : raw_.at(a.barcode2 + "<")));
+            int fit = INT_MIN;
+            for (int end : {0, 1})
+                if (!At(a, end).empty()) fit = std::max(fit, Raw(Sequence(At(a, end)), window_[end]));
+            fits.push_back(fit);
         }
-        const float front_min = options_.min_score, rear_min = options_.min_score_rear_override;
-        std::vector<size_t> kept;
-        // Per end: the barcodes passing there, and those with evidence.
-        std::set<std::string> front_names, rear_names, front_evidence, rear_evidence;
-        auto evidence = [](const BarcodeDetectResult& detect) {
-            return !detect.id.empty() && detect.score > 0 && detect.presence >= kMixedEvidencePresence;
+        const float minimum[2] = {options_.min_score, options_.min_score_rear_override};
+        auto detect = [](const ArrangementDetectResult& r, int end) -> const BarcodeDetectResult& {
+            return end == 0 ? r.front : r.rear;
         };
+        std::set<std::string> passing[2], evidence[2];  // per end: normalised ids
+        std::vector<size_t> kept;
         std::map<std::string, int> kit_fit;
         for (size_t i = 0; i < all.size(); ++i) {
-            const auto& r = all[i];
-            const bool front_ok = r.front.score >= front_min, rear_ok = r.rear.score >= rear_min;
-            if (front_ok) front_names.insert(r.normalised_id);
-            if (rear_ok) rear_names.insert(r.normalised_id);
-            if (evidence(r.front)) front_evidence.insert(r.normalised_id);
-            if (evidence(r.rear)) rear_evidence.insert(r.normalised_id);
-            if (!(options_.require_barcodes_both_ends ? front_ok && rear_ok : front_ok || rear_ok)) continue;
+            bool ok[2];
+            for (int end : {0, 1}) {
+                const auto& d = detect(all[i], end);
+                ok[end] = d.score >= minimum[end];
+                if (ok[end]) passing[end].insert(all[i].normalised_id);
+                if (!d.id.empty() && d.score > 0 && d.presence >= kMixedEvidencePresence)
+                    evidence[end].insert(all[i].normalised_id);
+            }
+            if (!(options_.require_barcodes_both_ends ? ok[0] && ok[1] : ok[0] || ok[1])) continue;
             kept.push_back(i);
-            kit_fit[r.kit] = std::max(kit_fit.count(r.kit) ? kit_fit[r.kit] : INT_MIN, fits[i]);
+            kit_fit.try_emplace(all[i].kit, INT_MIN);
+            kit_fit[all[i].kit] = std::max(kit_fit[all[i].kit], fits[i]);
         }
         // Both ends pass: mixed when nothing passes at both. One end passes:
         // mixed when the other has evidence of a barcode the passing end does
         // not name and every passing arrangement's barcode is clearly beaten
         // there.
-        bool mixed = false;
-        if (!front_names.empty() && !rear_names.empty()) {
-            mixed = true;
-            for (const auto& name : front_names)
-                mixed &= rear_names.count(name) == 0;
-        } else if (!front_names.empty() || !rear_names.empty()) {
-            const bool front_passes = !front_names.empty();
-            const auto& named = front_passes ? front_names : rear_names;
-            const auto& evidence = front_passes ? rear_evidence : front_evidence;
-            mixed = !evidence.empty();
-            for (const auto& name : evidence)
-                mixed &= named.count(name) == 0;
-            for (size_t i = 0; i < all.size(); ++i) {
-                const auto& here = front_passes ? all[i].front : all[i].rear;
-                const auto& there = front_passes ? all[i].rear : all[i].front;
-                if (!(here.score >= (front_passes ? front_min : rear_min))) continue;
-                mixed &= !there.id.empty() && there.score <= -kMixedRivalMargin;
-            }
+        auto none_in = [](const std::set<std::string>& names, const std::set<std::string>& in) {
+            return std::none_of(names.begin(), names.end(), [&](const std::string& name) { return in.count(name); });
+        };
+        const bool both = !passing[0].empty() && !passing[1].empty();
+        bool mixed = both && none_in(passing[0], passing[1]);
+        if (!both && (!passing[0].empty() || !passing[1].empty())) {
+            const int here = passing[0].empty() ? 1 : 0, there = 1 - here;
+            mixed = !evidence[there].empty() && none_in(evidence[there], passing[here]);
+            for (const auto& r : all)
+                if (detect(r, here).score >= minimum[here])
+                    mixed &= !detect(r, there).id.empty() && detect(r, there).score <= -kMixedRivalMargin;
+            mixed_by_evidence += mixed;
         }
-        const bool both_pass = !front_names.empty() && !rear_names.empty();
-        if (mixed && !both_pass) ++mixed_by_evidence;
         UnclassifiedReason reason = UnclassifiedReason::kNone;
         if (mixed && options_.reject_mixed_barcodes)
             reason = UnclassifiedReason::kMixedBarcodes;
         else if (kept.empty())
-            reason = options_.require_barcodes_both_ends && (!front_names.empty() || !rear_names.empty())
+            reason = options_.require_barcodes_both_ends && (!passing[0].empty() || !passing[1].empty())
                          ? UnclassifiedReason::kOneEndOnly
                          : UnclassifiedReason::kNoBarcodeAboveMinimum;
         if (reason != UnclassifiedReason::kNone) {
@@ -397,54 +202,134 @@ public:
     int mixed_by_evidence = 0;  // reads mixed with only one end passing
 
 private:
-    static std::vector<int> Codes(const std::string& sequence) {
-        std::vector<int> codes;
-        for (char c : sequence) {
-            const char upper = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-            codes.push_back(static_cast<int>(std::string("ACGT").find(upper == 'U' ? 'T' : upper)));
+    static const std::string& At(const Arrangement& a, int end) { return end == 0 ? a.barcode1 : a.barcode2; }
+    std::string Sequence(const std::string& name) const { return manager_.GetBarcodeSequence(name); }
+    std::string Root(int end, std::string name) {
+        while (root_[end].at(name) != name)
+            name = root_[end].at(name);
+        return name;
+    }
+
+    int Align(const std::string& reference, std::vector<int> window, PairAlignment::Path* path = nullptr) {
+        std::vector<int> codes = Codes(reference);
+        PairAlignment::Path scratch;
+        return aligner_.Align(brim::data_wrappers::VecView<int>(codes.data(), codes.size()),
+                              brim::data_wrappers::VecView<int>(window.data(), window.size()), path ? *path : scratch);
+    }
+    // Memoised per window: the read's two, or one of the random ones.
+    int Raw(const std::string& reference, const std::vector<int>& window) {
+        const auto [slot, added] = raw_[&window].try_emplace(reference, 0);
+        if (added) slot->second = Align(reference, window);
+        return slot->second;
+    }
+
+    // Sequences of the references at this end in arrangements of name's kits
+    // that stand for another barcode.
+    const std::vector<std::string>& Competitors(const std::string& name, int end) {
+        const auto [slot, added] = competitors_[end].try_emplace(name);
+        if (!added) return slot->second;
+        std::set<std::string> kits;
+        for (const auto& a : arrangements_)
+            if (At(a, end) == name) kits.insert(a.kit);
+        for (const auto& a : arrangements_)
+            if (kits.count(a.kit) && !At(a, end).empty() && Root(end, At(a, end)) != Root(end, name))
+                slot->second.push_back(Sequence(At(a, end)));
+        return slot->second;
+    }
+
+    struct Scale {
+        double floor, background, random_top;
+    };
+    const Scale& Static(const std::string& name, int end) {
+        const auto [slot, added] = scales_[end].try_emplace(name);
+        if (!added) return slot->second;
+        const std::string sequence = Sequence(name);
+        const auto& competitors = Competitors(name, end);
+        double floor = -INFINITY, rival_sum = 0, sum = 0, squares = 0;
+        for (const auto& other : competitors)
+            floor = std::max(floor, static_cast<double>(Align(other, Codes(sequence))));
+        for (const auto& window : random_[end]) {
+            int rival = INT_MIN;
+            for (const auto& other : competitors)
+                rival = std::max(rival, Raw(other, window));
+            const double best = std::max(rival, Raw(sequence, window));
+            sum += best;
+            squares += best * best;
+            rival_sum += rival;
         }
-        return codes;
+        const double n = static_cast<double>(random_[end].size()), background = sum / n;
+        if (!competitors.empty()) floor = std::max(floor, rival_sum / n);
+        const double spread = std::sqrt(std::max(squares / n - background * background, 0.0));
+        return slot->second = {floor, background, background + kPresenceSpread * spread};
+    }
+
+    BarcodeDetectResult Detect(const std::string& name, int end, const std::string& read, size_t window_begin) {
+        BarcodeDetectResult result;
+        if (name.empty()) return result;
+        result.id = name;
+        result.reference_sequence = Sequence(name);
+        const std::vector<int>& window = window_[end];
+        int self = 0;
+        for (int code : Codes(result.reference_sequence))
+            self += matrix_[static_cast<size_t>(5 * code)];
+        const int raw = Raw(result.reference_sequence, window);
+        double rival = -INFINITY;
+        for (const auto& other : Competitors(name, end))
+            rival = std::max(rival, static_cast<double>(Raw(other, window)));
+        const auto [floor, background, random_top] = Static(name, end);
+        result.score = DetectScore(raw, self, rival, floor, background, random_top);
+        result.presence = static_cast<float>(std::min(100.0, 100.0 * (raw - random_top) / (self - random_top)));
+
+        PairAlignment::Path path;
+        Align(result.reference_sequence, window, &path);
+        std::vector<int> paired;
+        for (const auto& [r, q] : path)
+            if (r >= 0 && q >= 0) paired.push_back(q);
+        result.begin_index = 0;
+        if (paired.empty()) return result;
+        result.found_sequence = read.substr(window_begin + static_cast<size_t>(paired.front()),
+                                            static_cast<size_t>(paired.back() - paired.front() + 1));
+        result.begin_index = end == 0 ? paired.front() : static_cast<int>(window.size()) - 1 - paired.back();
+        return result;
     }
 
     ScorerOptions options_;
     BarcodeManager& manager_;
     std::vector<int> matrix_;
+    const std::vector<Arrangement>& arrangements_;
     PairAlignment::FastAlign aligner_;
-    std::map<std::string, int> raw_;                   // "<name>>" front, "<name><" rear, for the current read
-    std::unordered_map<std::string, int> on_read_[2];  // per end: reference sequence -> raw, current read
-    std::map<std::string, std::vector<std::string>> competitors_;
-    std::map<std::string, std::set<std::string>> same_[2];  // per end: name -> names of the same barcode
-    std::map<std::string, Statics> static_;
-    std::unordered_map<std::string, std::optional<int>> on_random_;  // sequence, end, window -> raw
+    std::vector<int> window_[2];                                                   // the current read's
+    std::vector<std::vector<int>> random_[2];                                      // background windows
+    std::map<std::string, std::string> root_[2];                                   // same-barcode links
+    std::map<const std::vector<int>*, std::unordered_map<std::string, int>> raw_;  // per window: sequence -> raw
+    std::map<std::string, std::vector<std::string>> competitors_[2];
+    std::map<std::string, Scale> scales_[2];
 };
 
 void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult& naive, bool detailed) {
     EXPECT_EQ(fast.id, naive.id);
     EXPECT_EQ(fast.score, naive.score);
-    if (!fast.id.empty()) {
-        EXPECT_FLOAT_EQ(fast.presence, naive.presence);
-    }
+    EXPECT_FLOAT_EQ(fast.presence, naive.presence);
     if (!detailed) return;
     EXPECT_EQ(fast.reference_sequence, naive.reference_sequence);
     EXPECT_EQ(fast.found_sequence, naive.found_sequence);
     EXPECT_EQ(fast.begin_index, naive.begin_index);
 }
 
-// Random reads, some carrying mutated barcodes, through both scorers.
-// evidence_only: where given, receives the number of reads that were mixed
-// with only one end passing.
+// Random reads, some carrying mutated barcodes, some in lower case with U,
+// one empty, through both scorers. evidence_only: where given, receives the
+// number of reads that were mixed with only one end passing.
 void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<BarcodeManager>& manager,
                       const std::vector<std::string>& barcodes, int reads, unsigned seed,
                       const std::vector<int>& matrix = kMatrix, const std::string& device = "",
                       int* evidence_only = nullptr) {
-    std::unique_ptr<BarcodeScorer> built;
+    std::unique_ptr<BarcodeScorer> scorer;
     try {
-        built = std::make_unique<BarcodeScorer>(options, manager, matrix, device);
+        scorer = std::make_unique<BarcodeScorer>(options, manager, matrix, device);
     } catch (const std::runtime_error& e) {
         if (device.empty()) throw;
         GTEST_SKIP() << "no usable device " << device << ": " << e.what();
     }
-    BarcodeScorer& scorer = *built;
     NaiveScorer naive(options, *manager, matrix);
     std::mt19937 random(seed);
     auto mutate = [&](std::string s) {
@@ -460,10 +345,14 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
         if (random() % 2 == 0) read += ReverseComplement(mutate(barcodes[random() % barcodes.size()]));
         read += RandomBases(random, random() % 30);
         if (random() % 2 == 0) read = ReverseComplement(read);
+        if (n % 5 == 1)
+            for (char& c : read)
+                c = c == 'T' ? 'u' : static_cast<char>(std::tolower(c));
+        if (n == 0) read.clear();
 
         const auto expected = naive.Score(read);
         for (size_t detailed : {size_t{1}, size_t{SIZE_MAX}}) {
-            const auto results = scorer.Score(read, detailed);
+            const auto results = scorer->Score(read, detailed);
             ASSERT_EQ(results.size(), expected.size()) << read;
             for (size_t r = 0; r < results.size(); ++r) {
                 SCOPED_TRACE(read + " result " + std::to_string(r));
@@ -481,20 +370,43 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
     if (evidence_only) *evidence_only = naive.mixed_by_evidence;
 }
 
+// Kit "DK": BC01 and BC02 at both ends (ADD); "AK": BC02 front, BC03 rear
+// (MAX); "SK": BC04 at the front only. BC03 is written in lower case with U.
+class ScorerTest : public ::testing::Test {
+protected:
+    ScorerTest() : kit_(11, 4, 24) {
+        auto written = kit_.references;
+        for (char& c : written[2])
+            c = c == 'T' ? 'u' : static_cast<char>(std::tolower(c));
+        kit_.WriteFasta(written);
+        kit_.Load(
+            "[barcode%02i]\nkit = DK\nbarcode1 = BC%02i\nbarcode2 = BC%02i\nfirst_index = 1\nlast_index = 2\n"
+            "scoring_function = ADD\ncompatible_kits = DK\n"
+            "[pair]\nkit = AK\nbarcode1 = BC02\nbarcode2 = BC03\nscoring_function = MAX\ncompatible_kits = AK\n"
+            "[single]\nkit = SK\nbarcode1 = BC04\nscoring_function = SUM\ncompatible_kits = SK\n");
+    }
+    Kit kit_;
+};
+
 TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
     ScorerOptions options = Options("DK AK SK");
     int evidence_only = 0;
-    CompareWithNaive(options, manager_, barcodes_, 300, 5, kMatrix, "", &evidence_only);
+    CompareWithNaive(options, kit_.manager, kit_.references, 300, 5, kMatrix, "", &evidence_only);
     EXPECT_GE(evidence_only, 3) << "too few reads where the weaker end's evidence decides";
     options.reject_mixed_barcodes = true;
-    CompareWithNaive(options, manager_, barcodes_, 100, 7);
+    CompareWithNaive(options, kit_.manager, kit_.references, 100, 7);
     options.reject_mixed_barcodes = false;
     options.require_barcodes_both_ends = true;
-    CompareWithNaive(options, manager_, barcodes_, 100, 8);
+    CompareWithNaive(options, kit_.manager, kit_.references, 100, 8);
     options.reject_mixed_barcodes = true;
     options.min_score = 40;
     options.min_score_rear_override = 75;
-    CompareWithNaive(options, manager_, barcodes_, 100, 6);
+    // Tracing takes the slow, fully detailed path; the results must not change.
+    TestSupport::TempFolder logs;
+    Common::InitLogging(
+        {.folder = logs.Path(), .log_file_name = "scorer.log", .quiet = true, .trace_categories = {"barcode_scorer"}});
+    CompareWithNaive(options, kit_.manager, kit_.references, 100, 6);
+    Common::ShutdownLogging();
 }
 
 // A barcode pushed past the end window (behind a long leftover adapter, say)
@@ -506,12 +418,13 @@ TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
     ScorerOptions options = Options("DK");
     options.internal_barcodes = "reject";
     ValidateScorerOptions(options);
-    BarcodeScorer scorer(options, manager_, kMatrix);
+    BarcodeScorer scorer(options, kit_.manager, kMatrix);
     std::mt19937 random(5);
+    const std::string& barcode = kit_.references[0];
     const std::string insert = RandomBases(random, 400);
-    const std::string tail = ReverseComplement(barcodes_[0]) + RandomBases(random, 8);
+    const std::string tail = ReverseComplement(barcode) + RandomBases(random, 8);
     for (size_t head : {50, 60}) {  // the window holds 70 bases: 4 or 14 of the barcode's 24 lie past it
-        const std::string read = RandomBases(random, head) + barcodes_[0] + insert + tail;
+        const std::string read = RandomBases(random, head) + barcode + insert + tail;
         const auto best = scorer.Score(read)[0];
         ASSERT_LT(best.front.score, options.min_score) << head;
         ASSERT_GE(best.rear.score, options.min_score) << head;
@@ -519,7 +432,7 @@ TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
     }
     for (size_t head : {8, 60}) {
         const std::string read =
-            RandomBases(random, head) + barcodes_[0] + insert.substr(0, 200) + barcodes_[0] + insert.substr(200) + tail;
+            RandomBases(random, head) + barcode + insert.substr(0, 200) + barcode + insert.substr(200) + tail;
         scorer.Score(read);
         const auto& found = scorer.InternalConstructs(read);
         ASSERT_EQ(found.size(), head == 8 ? 1u : 2u) << head;
@@ -528,52 +441,262 @@ TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
     }
 }
 
-struct ShippedKits {
-    ScorerOptions options;
-    std::shared_ptr<BarcodeManager> manager;
-    std::vector<int> matrix;
-    std::vector<std::string> barcodes;  // front references, for building reads
-};
-
-ShippedKits LoadShippedKits() {
+// The shipped kits and settings, on the CPU or a device.
+void CompareOnShippedKits(unsigned seed, const std::string& device) {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
-    auto config = TestSupport::ShippedConfiguration();
-    ShippedKits kits;
-    ScorerOptions& options = kits.options;
-    options.arrangements_files = config.at("arrangements_files");
-    options.score_matrix_filename = config.at("score_matrix_filename");
-    for (auto [name, field] : {std::pair{"start_gap1", &ScorerOptions::start_gap1},
-                               {"end_gap1", &ScorerOptions::end_gap1},
-                               {"open_gap1", &ScorerOptions::open_gap1},
-                               {"extend_gap1", &ScorerOptions::extend_gap1},
-                               {"start_gap2", &ScorerOptions::start_gap2},
-                               {"end_gap2", &ScorerOptions::end_gap2},
-                               {"open_gap2", &ScorerOptions::open_gap2},
-                               {"extend_gap2", &ScorerOptions::extend_gap2}})
-        options.*field = std::stoi(config.at(name));
-    options.front_window_size = std::stoi(config.at("front_window_size"));
-    options.rear_window_size = std::stoi(config.at("rear_window_size"));
+    const auto config = TestSupport::ShippedConfiguration();
+    ScorerOptions options;
+    const char* keys[] = {"start_gap1", "end_gap1",  "open_gap1",   "extend_gap1",       "start_gap2",
+                          "end_gap2",   "open_gap2", "extend_gap2", "front_window_size", "rear_window_size"};
+    int* fields[] = {&options.start_gap1,        &options.end_gap1,        &options.open_gap1, &options.extend_gap1,
+                     &options.start_gap2,        &options.end_gap2,        &options.open_gap2, &options.extend_gap2,
+                     &options.front_window_size, &options.rear_window_size};
+    for (size_t k = 0; k < std::size(keys); ++k)
+        *fields[k] = std::stoi(config.at(keys[k]));
     options.min_score = std::stof(config.at("min_score"));
     ValidateScorerOptions(options);
-
-    kits.manager =
-        std::make_shared<BarcodeManager>(BarcodeManager::SplitArrangementFiles(options.arrangements_files), data);
-    kits.matrix = PairAlignment::LoadMismatchMatrix(ResolveDataFile(options.score_matrix_filename, data));
-    for (const auto& a : kits.manager->AllArrangements())
-        if (!a.barcode1.empty()) kits.barcodes.push_back(kits.manager->GetBarcodeSequence(a.barcode1));
-    return kits;
+    auto manager =
+        std::make_shared<BarcodeManager>(BarcodeManager::SplitArrangementFiles(config.at("arrangements_files")), data);
+    std::vector<std::string> barcodes;
+    for (const auto& a : manager->AllArrangements())
+        if (!a.barcode1.empty()) barcodes.push_back(manager->GetBarcodeSequence(a.barcode1));
+    ASSERT_FALSE(barcodes.empty());
+    const auto matrix = PairAlignment::LoadMismatchMatrix(ResolveDataFile(config.at("score_matrix_filename"), data));
+    CompareWithNaive(options, manager, barcodes, 80, seed, matrix, device);
 }
 
 TEST(ShippedKits, FastPathMatchesNaiveAlignmentOnRealReferences) {
-    const ShippedKits kits = LoadShippedKits();
-    ASSERT_FALSE(kits.barcodes.empty());
-    CompareWithNaive(kits.options, kits.manager, kits.barcodes, 80, 9, kits.matrix);
+    CompareOnShippedKits(9, "");
 }
 
 // The same on a GPU, where this machine has one.
 TEST(ShippedKits, GpuFastPathMatchesNaiveAlignment) {
-    const ShippedKits kits = LoadShippedKits();
-    CompareWithNaive(kits.options, kits.manager, kits.barcodes, 80, 10, kits.matrix, "cuda:0");
+    CompareOnShippedKits(10, "cuda:0");
+}
+
+// The point of the scale: the same read quality gives the same scores whatever
+// the flank length, barcode length or number of barcodes, with a perfect copy
+// near 100, the right barcode far above 0 and every wrong one at or below it
+// (without flanks a short barcode's presence sets its score, so only its sign
+// is held there, for nearly every read). And a read end without a barcode of
+// the kit, random sequence or another kit's construct, stays below the shipped
+// min_score under the shipped gap costs.
+TEST(ScoreScale, SameScoresForEveryKitDesignAndNoneWithoutTheKitsFlanks) {
+    const float shipped_min = std::stof(TestSupport::ShippedConfiguration().at("min_score"));
+    for (size_t length : {16, 24, 40}) {
+        std::vector<double> means;
+        for (size_t flank : {0, 10, 20, 30, 40}) {
+            SCOPED_TRACE("barcode " + std::to_string(length) + ", flanks " + std::to_string(flank));
+            // Without flanks, barcodes this short are told apart only among fewer.
+            const size_t count = flank > 0 ? 24 : 12;
+            Kit kit(static_cast<unsigned>(length * 100 + flank), count, length, flank);
+            kit.Load(
+                "[barcode%02i]\nkit = K\nbarcode1 = BC%02i\nbarcode2 = BC%02i\nscoring_function = MAX\n"
+                "compatible_kits = K\nfirst_index = 1\nlast_index = " +
+                std::to_string(count) + "\n");
+            const int window = static_cast<int>(150 + 2 * flank + length - 42);
+            ScorerOptions options = Options("K", window, window);
+            options.min_score = options.min_score_rear_override = shipped_min;
+            options.open_gap1 = options.extend_gap1 = options.open_gap2 = options.extend_gap2 = 7;
+            options.start_gap2 = options.end_gap2 = 7;
+            BarcodeScorer scorer(options, kit.manager, kMatrix);
+            std::mt19937 random(static_cast<unsigned>(7 + length + flank));
+            auto junk = [&] { return RandomBases(random, 5 + random() % 20); };
+            double sum = 0;
+            int wins = 0;
+            for (int n = 0; n < 40; ++n) {
+                const size_t truth = random() % count;
+                const double rate = n % 4 == 0 ? 0 : 0.06;
+                const std::string read = junk() + TestSupport::Mutate(random, kit.references[truth], rate) +
+                                         RandomBases(random, 200) + junk();
+                // The barcode's other orientation (_REV) is the same barcode, not a wrong one.
+                float right = -1000, wrong = -1000;
+                for (const auto& result : scorer.InspectFront(read, "K")) {
+                    if (result.id == Kit::Name(truth) + "_FWD")
+                        right = result.score;
+                    else if (result.id.substr(0, 4) != Kit::Name(truth))
+                        wrong = std::max(wrong, result.score);
+                }
+                EXPECT_LE(wrong, 0) << read;
+                wins += right > 0;
+                if (flank == 0) continue;
+                EXPECT_GT(right, rate == 0 ? 96 : 20) << read;
+                EXPECT_GT(right - wrong, 45) << read;
+                sum += right;
+            }
+            if (flank == 0) {
+                EXPECT_GE(wins, 36);
+                continue;
+            }
+            means.push_back(sum / 40);
+            const std::string other_left = RandomBases(random, flank), other_right = RandomBases(random, flank);
+            auto foreign_end = [&](int n) {
+                return n % 2 ? RandomBases(random, 2 * flank + length)
+                             : other_left + RandomBases(random, length) + other_right;
+            };
+            float highest = -1000;
+            for (int n = 0; n < 120; ++n) {
+                const std::string read =
+                    junk() + foreign_end(n) + RandomBases(random, 200) + ReverseComplement(foreign_end(n)) + junk();
+                const auto best = scorer.Score(read)[0];
+                EXPECT_EQ(best.reason, UnclassifiedReason::kNoBarcodeAboveMinimum) << read;
+                highest = std::max({highest, best.front.score, best.rear.score});
+            }
+            EXPECT_LT(highest, shipped_min - 5) << "no room to spare";
+        }
+        // The old score (raw / self-score) moved by tens of points between
+        // flank lengths at the same error rate; this one stays within what
+        // the random barcodes themselves differ by.
+        const auto [low, high] = std::minmax_element(means.begin(), means.end());
+        EXPECT_GT(*low, 70) << "barcode length " << length;
+        EXPECT_LT(*high - *low, 20) << "barcode length " << length;
+    }
+}
+
+// Scorers of the same kits and settings share one scale, and only those. An
+// identical sequence is the same barcode, not a competitor; references that
+// differ only by what hangs off a window at no cost cannot be told apart, and
+// one holding a letter that is not a base cannot be aligned.
+TEST(ScoreScale, SharedPerSettingsAndRefusedWhereBarcodesCannotBeScored) {
+    Kit kit(9, 4, 16, 5);
+    ScaleSettings settings{kMatrix, Options("K").GapVector(), 150, 150};
+    std::vector<ScaleReference> references;
+    for (size_t k = 0; k < kit.references.size(); ++k)
+        references.push_back({"r", Codes(kit.references[k]), {{"K", "barcode" + std::to_string(k)}}});
+    const auto first = ShareScoreScale(settings, references);
+    EXPECT_EQ(ShareScoreScale(settings, references), first);
+    settings.window_size = 100;
+    EXPECT_NE(ShareScoreScale(settings, references), first);
+
+    references.push_back(references[0]);
+    EXPECT_NO_THROW(ScoreScale(settings, references));
+    std::vector<ScaleReference> contained = {references[0], references[1]};
+    contained[0].name = "short";
+    contained[1].name = "long";
+    contained[1].codes = contained[0].codes;
+    contained[1].codes.insert(contained[1].codes.end(), {0, 1, 2, 3});
+    settings.gaps = {0, 0, 7, 7, 0, 0, 7, 7};
+    std::string message = TestSupport::ErrorOf([&] { ScoreScale scale(settings, contained); });
+    EXPECT_TRUE(TestSupport::Holds(message, "'short' and 'long'")) << message;
+
+    kit.WriteFasta({"ACGNT"});
+    kit.Load("[n]\nbarcode1 = BC01\ncompatible_kits = N\n");
+    message = TestSupport::ErrorOf([&] { BarcodeScorer(Options("N"), kit.manager, kMatrix); });
+    EXPECT_TRUE(TestSupport::Holds(message, "'BC01_FWD'") && TestSupport::Holds(message, "'N'")) << message;
+}
+
+// Kit PK: fronts F01..F04 (BC01..BC04) and rears R05..R07 (BC05..BC07), the
+// arrangement file written as a user would (one front-only and one rear-only
+// section, variants on). Random reads of every kind, from either strand,
+// against what a reader of the design expects. Pair calls carry a barcode
+// quality, and min_barcode_quality applies to them: with the minimum at 30
+// (more calls on a weak end) and the bar at its top, only the surest calls
+// stay, the rest go to "low barcode quality"; every other outcome is the same.
+// (Barcodes this far apart give the top quality even to an end scoring just
+// above the minimum.)
+TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
+    Kit kit(21, 7, 24);
+    kit.Load(
+        "[F%02i]\nkit = PK\nbarcode1 = BC%02i\nscoring_function = MAX\ncompatible_kits = PK\n"
+        "first_index = 1\nlast_index = 4\n"
+        "[R%02i]\nkit = PK\nbarcode2 = BC%02i\nscoring_function = MAX\ncompatible_kits = PK\n"
+        "first_index = 5\nlast_index = 7\n");
+    auto design = [&](const std::vector<BarcodePair>& listed) {
+        return std::make_shared<PairDesign>(kit.manager->GetArrangements("PK"), *kit.manager, listed);
+    };
+    EXPECT_THROW(design({{"F01", "R09"}}), std::runtime_error);
+    EXPECT_THROW(design({{"F01", "R05"}, {"F01", "R05"}}), std::runtime_error);
+    const std::set<std::pair<int, int>> listed = {{0, 0}, {0, 1}, {1, 2}, {2, 0}, {3, 1}};
+    std::vector<BarcodePair> pairs;
+    for (const auto& [f, r] : listed)
+        pairs.push_back({"F0" + std::to_string(f + 1), "R0" + std::to_string(r + 5)});
+    BarcodeScorer scorer(Options("PK"), kit.manager, kMatrix, "", design(pairs));
+    ScorerOptions options = Options("PK");
+    options.min_score = options.min_score_rear_override = 30;
+    BarcodeScorer loose(options, kit.manager, kMatrix, "", design(pairs));
+    options.min_barcode_quality = kMaxBarcodeQuality;
+    BarcodeScorer strict(options, kit.manager, kMatrix, "", design(pairs));
+
+    std::mt19937 random(5);
+    // Barcode k with a few substitutions, so that the ends are not perfect copies.
+    auto damaged = [&](size_t k, int substitutions) {
+        std::string bases = kit.references[k];
+        for (int n = 0; n < substitutions; ++n)
+            bases[random() % bases.size()] = "ACGT"[random() % 4];
+        return bases;
+    };
+    std::map<std::string, int> kinds;
+    for (int n = 0; n < 600; ++n) {
+        const int f = static_cast<int>(random() % 4), r = static_cast<int>(random() % 3);
+        // 0, 1: both ends; 2: front only; 3: rear only; 4, 5: the front or
+        // the rear damaged, scoring around the minimum
+        const int kind = static_cast<int>(random() % 6), damage = 3 + static_cast<int>(random() % 5);
+        const std::string front = damaged(static_cast<size_t>(f), kind == 4 ? damage : 1);
+        const std::string rear = damaged(static_cast<size_t>(r + 4), kind == 5 ? damage : 1);
+        std::string read = RandomBases(random, 5 + random() % 20) + (kind != 3 ? front : RandomBases(random, 24)) +
+                           RandomBases(random, 200 + random() % 200) +
+                           (kind != 2 ? ReverseComplement(rear) : RandomBases(random, 24)) +
+                           RandomBases(random, 5 + random() % 20);
+        const bool reversed = random() % 2 == 1;
+        if (reversed) read = ReverseComplement(read);
+
+        const std::string name = "F0" + std::to_string(f + 1) + "_R0" + std::to_string(r + 5);
+        const auto results = scorer.Score(read);
+        ASSERT_EQ(results.size(), 1u);
+        const auto& call = results[0];
+        SCOPED_TRACE(name + " kind " + std::to_string(kind) + (reversed ? " reversed" : ""));
+        EXPECT_FALSE(call.mixed);
+        const bool listed_cell = listed.count({f, r}) > 0;
+        if (kind >= 4) {
+            // A damaged end below the minimum (60) but at half of it or more
+            // still says the pair, when it names the right barcode.
+            const float weaker = std::min(call.front.score, call.rear.score);
+            const bool strong = weaker >= 60, seen = weaker >= 30 && call.id == name;
+            const UnclassifiedReason expected = strong && listed_cell  ? UnclassifiedReason::kNone
+                                                : !listed_cell && seen ? UnclassifiedReason::kPairNotInSheet
+                                                : weaker < 30          ? UnclassifiedReason::kOneEndOnly
+                                                                       : call.reason;
+            EXPECT_EQ(call.reason, expected) << call.front.score << " " << call.rear.score;
+            if (!strong && seen) kinds[listed_cell ? "damaged, listed" : "damaged, unlisted"]++;
+            if (weaker < 30) kinds["damaged, too weak"]++;
+        } else if (kind < 2 && listed_cell) {
+            EXPECT_EQ(call.normalised_id, name);
+            EXPECT_EQ(call.reason, UnclassifiedReason::kNone);
+            EXPECT_EQ(call.variant, reversed ? "rev" : "fwd");
+            kinds["listed"]++;
+        } else if (kind < 2) {
+            EXPECT_EQ(call.normalised_id, "unclassified");
+            EXPECT_EQ(call.reason, UnclassifiedReason::kPairNotInSheet);
+            EXPECT_EQ(call.id, name);
+            kinds["unlisted"]++;
+        } else {
+            EXPECT_EQ(call.normalised_id, "unclassified");
+            // Rarely, one substitution in the right place takes the one end under the minimum too.
+            const bool none_passes = call.front.score < 60 && call.rear.score < 60;
+            EXPECT_EQ(call.reason,
+                      none_passes ? UnclassifiedReason::kNoBarcodeAboveMinimum : UnclassifiedReason::kOneEndOnly);
+            kinds["one end"]++;
+        }
+
+        const auto loose_call = loose.Score(read)[0], strict_call = strict.Score(read)[0];
+        if (loose_call.reason != UnclassifiedReason::kNone) {
+            EXPECT_EQ(loose_call.quality, 0);
+            EXPECT_EQ(strict_call.reason, loose_call.reason);
+            continue;
+        }
+        EXPECT_GT(loose_call.quality, 0);
+        EXPECT_EQ(loose_call.candidate_quality, loose_call.quality);
+        EXPECT_LT(loose_call.error_probability, 1);
+        const bool kept = loose_call.quality >= kMaxBarcodeQuality;
+        EXPECT_EQ(strict_call.reason, kept ? UnclassifiedReason::kNone : UnclassifiedReason::kLowBarcodeQuality);
+        EXPECT_EQ(strict_call.normalised_id, kept ? loose_call.normalised_id : "unclassified");
+        EXPECT_EQ(strict_call.candidate_quality, loose_call.quality);
+        kinds["classified at 30"]++;
+    }
+    for (const char* kind : {"listed", "unlisted", "one end", "damaged, listed", "damaged, unlisted",
+                             "damaged, too weak", "classified at 30"})
+        EXPECT_GT(kinds[kind], 5) << kind;
+    EXPECT_EQ(scorer.Score(RandomBases(random, 400))[0].reason, UnclassifiedReason::kNoBarcodeAboveMinimum);
 }
 
 }  // namespace

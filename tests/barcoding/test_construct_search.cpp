@@ -1,38 +1,25 @@
+// The search for barcode constructs anywhere in a read against aligning along
+// the whole read, the read's base codes, and where a read is cut into its
+// molecules.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "barcoding/base_codes.h"
 #include "barcoding/construct_search.h"
 #include "barcoding/molecule_parts.h"
 #include "barcoding/reference_aligner.h"
 #include "barcoding/score_scale.h"
-#include "barcoding/scorer_options.h"
 #include "tests/support/random_bases.h"
 
 namespace Barcoding {
 namespace {
 
-const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
-
-std::vector<int> Gaps() {
-    ScorerOptions options;
-    options.open_gap1 = options.extend_gap1 = options.open_gap2 = options.extend_gap2 = 8;
-    options.start_gap2 = options.end_gap2 = 9;
-    return options.GapVector();
-}
-
 using TestSupport::RandomCodes;
-
-std::vector<int> ReverseComplement(const std::vector<int>& codes) {
-    std::vector<int> result(codes.rbegin(), codes.rend());
-    for (int& c : result)
-        c = 3 - c;
-    return result;
-}
+const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
+const std::vector<int> kGaps = {0, 0, 8, 8, 9, 9, 8, 8};  // start, end, open, extend; reference, then read
 
 // A kit of `count` random barcodes, between constant flanks of `flank` bases
 // each, 24 bases long, or 40 bases long without flanks (as long as the
@@ -48,16 +35,17 @@ std::vector<SearchReference> Kit(std::mt19937& random, int count, size_t flank) 
         codes.insert(codes.end(), right.begin(), right.end());
         forward.push_back({"bc" + std::to_string(k), codes, {{"KIT", "bc" + std::to_string(k)}}});
     }
-    const auto scale = ShareScoreScale(ScaleSettings{kMatrix, Gaps(), 150, 150}, forward);
+    const auto scale = ShareScoreScale(ScaleSettings{kMatrix, kGaps, 150, 150}, forward);
     std::vector<SearchReference> references;
     for (size_t k = 0; k < forward.size(); ++k) {
+        std::vector<int> reverse(forward[k].codes.rbegin(), forward[k].codes.rend());
+        for (int& c : reverse)
+            c = 3 - c;
         references.push_back({forward[k].name, forward[k].codes, true, scale, k});
-        references.push_back({forward[k].name + " rc", ReverseComplement(forward[k].codes), false, scale, k});
+        references.push_back({forward[k].name + " rc", reverse, false, scale, k});
     }
     return references;
 }
-
-using TestSupport::Mutate;
 
 struct Span {
     int begin, end;
@@ -80,17 +68,15 @@ std::vector<Span> FullAlignment(const std::vector<SearchReference>& references, 
         codes.push_back(reference.codes);
         longest = std::max(longest, reference.codes.size());
     }
-    const int band = static_cast<int>(3 * longest + 16);
     auto matrix = kMatrix;
     const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
-    const auto aligner = MakeCpuReferenceAligner(view, Gaps(), band, codes);
+    const auto aligner = MakeCpuReferenceAligner(view, kGaps, static_cast<int>(3 * longest + 16), codes);
     std::vector<Span> hits;
     PairAlignment::Path path;
     for (size_t r = 0; r < references.size(); ++r) {
         const size_t length = references[r].codes.size();
-        const size_t window = 2 * length + 16;
         for (size_t begin = 0; begin < read.size(); begin += length) {
-            const size_t end = std::min(read.size(), begin + window);
+            const size_t end = std::min(read.size(), begin + 2 * length + 16);
             const std::vector<int> stretch(read.begin() + static_cast<long>(begin),
                                            read.begin() + static_cast<long>(end));
             if (aligner->AlignOne(r, stretch, path) < search.MinRaw(r)) continue;
@@ -108,110 +94,64 @@ std::vector<Span> FullAlignment(const std::vector<SearchReference>& references, 
 }
 
 // Random reads with constructs planted at random places and error rates: the
-// search finds every construct that aligning along the whole read finds, and
-// nearly every planted copy up to 8 % errors.
+// search finds every construct that aligning along the whole read finds,
+// nearly every planted copy up to 8 % errors, and nothing in the random
+// sequence around them (every hit there would reject a normal read). Within
+// read stretches it finds what the whole search finds that lies wholly in one
+// of them, and nothing that reaches outside.
 TEST(ConstructSearchTest, FindsWhatAFullAlignmentFinds) {
     std::mt19937 random(1801);
-    const std::vector<std::pair<int, size_t>> kits = {{12, 20}, {8, 0}};  // (barcodes, flank length)
-    for (const auto& [count, flank] : kits) {
+    for (const auto& [count, flank] : std::vector<std::pair<int, size_t>>{{24, 20}, {24, 0}}) {
         const auto references = Kit(random, count, flank);
-        ConstructSearch search(references, kMatrix, Gaps());
+        ConstructSearch search(references, kMatrix, kGaps);
         int planted_clean = 0, found_clean = 0, full_hits = 0;
-        for (int read_index = 0; read_index < 30; ++read_index) {
-            std::vector<int> read = RandomCodes(random, 200 + random() % 400);
+        for (int read_index = 0; read_index < 50; ++read_index) {
+            SCOPED_TRACE("flanks " + std::to_string(flank) + ", read " + std::to_string(read_index));
+            // The first reads are long and random: aligning along them would take long and find nothing.
+            const bool long_random = read_index < 20;
+            std::vector<int> read = RandomCodes(random, long_random ? 10000 : 200 + random() % 400);
             std::vector<std::pair<Span, double>> planted;
-            const int copies = static_cast<int>(random() % 4);
-            for (int c = 0; c < copies; ++c) {
+            for (int copies = long_random ? 0 : static_cast<int>(random() % 4); copies > 0; --copies) {
                 const double rate = std::vector<double>{0, 0.03, 0.08, 0.13, 0.2}[random() % 5];
-                const auto copy = Mutate(random, references[random() % references.size()].codes, rate);
-                const int begin = static_cast<int>(read.size());
+                const auto copy = TestSupport::Mutate(random, references[random() % references.size()].codes, rate);
+                planted.push_back({{static_cast<int>(read.size()), static_cast<int>(read.size() + copy.size())}, rate});
                 read.insert(read.end(), copy.begin(), copy.end());
-                planted.push_back({{begin, static_cast<int>(read.size())}, rate});
                 const auto spacer = RandomCodes(random, 100 + random() % 500);
                 read.insert(read.end(), spacer.begin(), spacer.end());
             }
             const std::vector<uint8_t> bytes(read.begin(), read.end());
-            std::vector<FoundConstruct> found;
+            std::vector<FoundConstruct> found, within_found;
             search.Find(bytes, found);
-            for (const Span& hit : FullAlignment(references, search, bytes)) {
+            for (const Span& hit : long_random ? std::vector<Span>{} : FullAlignment(references, search, bytes)) {
                 ++full_hits;
-                EXPECT_TRUE(Overlaps(hit, found))
-                    << "kit of " << count << ", read " << read_index << ": a full alignment finds a construct at "
-                    << hit.begin << ".." << hit.end << " that the search misses";
+                EXPECT_TRUE(Overlaps(hit, found)) << "the search misses " << hit.begin << ".." << hit.end;
             }
-            for (const auto& [span, rate] : planted)
-                if (rate <= 0.08) {
-                    ++planted_clean;
-                    found_clean += Overlaps(span, found);
-                }
-            for (size_t k = 1; k < found.size(); ++k)
-                EXPECT_LE(found[k - 1].begin, found[k].begin) << "constructs in read order";
+            for (const auto& construct : found)
+                EXPECT_TRUE(std::any_of(planted.begin(), planted.end(),
+                                        [&](const auto& copy) { return Overlaps(copy.first, {construct}); }))
+                    << "a construct in random sequence at " << construct.begin;
+            EXPECT_TRUE(std::is_sorted(found.begin(), found.end(), [](const auto& x, const auto& y) {
+                return x.begin < y.begin;
+            })) << "constructs in read order";
+            for (const auto& [span, rate] : planted) {
+                planted_clean += rate <= 0.08;
+                found_clean += rate <= 0.08 && Overlaps(span, found);
+            }
+
+            // All of the read but one random stretch.
+            const int length = static_cast<int>(bytes.size()), cut = static_cast<int>(random() % bytes.size());
+            const int cut_end = std::min(length, cut + 50 + static_cast<int>(random() % 300));
+            auto outside_the_cut = [&](const FoundConstruct& c) { return c.end <= cut || c.begin >= cut_end; };
+            search.Find(bytes, {{0, cut}, {cut_end, length}}, within_found);
+            for (const auto& construct : found)
+                EXPECT_TRUE(!outside_the_cut(construct) || Overlaps({construct.begin, construct.end}, within_found))
+                    << construct.begin;
+            for (const auto& construct : within_found)
+                EXPECT_TRUE(outside_the_cut(construct) && Overlaps({construct.begin, construct.end}, found))
+                    << construct.begin << ".." << construct.end << " around the cut " << cut << ".." << cut_end;
         }
         EXPECT_GT(full_hits, 10);
-        EXPECT_GE(found_clean, planted_clean * 95 / 100) << "kit of " << count;
-    }
-}
-
-// Random sequence holds no construct: every hit on a normal read would reject it.
-TEST(ConstructSearchTest, RandomSequenceHoldsNone) {
-    std::mt19937 random(1802);
-    for (size_t flank : {size_t{20}, size_t{0}}) {
-        const auto references = Kit(random, 24, flank);
-        ConstructSearch search(references, kMatrix, Gaps());
-        std::vector<FoundConstruct> found;
-        for (int k = 0; k < 20; ++k) {
-            const auto read = RandomCodes(random, 10000);
-            search.Find(std::vector<uint8_t>(read.begin(), read.end()), found);
-            EXPECT_TRUE(found.empty()) << "flank " << flank << ", read " << k << ": " << found.size();
-        }
-    }
-}
-
-// Searching within read stretches finds the constructs that lie wholly in
-// one of them, and nothing that reaches outside.
-TEST(ConstructSearchTest, SearchesOnlyWithinTheStretchesGiven) {
-    std::mt19937 random(1803);
-    const auto references = Kit(random, 12, 20);
-    ConstructSearch search(references, kMatrix, Gaps());
-    std::vector<int> read = RandomCodes(random, 300);
-    std::vector<Span> planted;
-    for (int c = 0; c < 3; ++c) {
-        const auto& copy = references[random() % references.size()].codes;
-        planted.push_back({static_cast<int>(read.size()), static_cast<int>(read.size() + copy.size())});
-        read.insert(read.end(), copy.begin(), copy.end());
-        const auto spacer = RandomCodes(random, 300);
-        read.insert(read.end(), spacer.begin(), spacer.end());
-    }
-    const std::vector<uint8_t> bytes(read.begin(), read.end());
-    const int length = static_cast<int>(bytes.size());
-    std::vector<FoundConstruct> whole, found;
-    search.Find(bytes, whole);
-    ASSERT_EQ(whole.size(), 3u);
-    search.Find(bytes, {{0, length}}, found);
-    EXPECT_EQ(found.size(), 3u) << "the whole read as one stretch";
-    struct Case {
-        const char* name;
-        std::vector<std::pair<int, int>> within;
-        std::vector<int> expected;  // planted copies found
-    };
-    const std::vector<Case> cases = {
-        {"middle copy left out", {{0, planted[1].begin}, {planted[1].end, length}}, {0, 2}},
-        {"middle copy cut in half", {{0, (planted[1].begin + planted[1].end) / 2}}, {0}},
-        {"only the middle copy", {{planted[1].begin, planted[1].end}}, {1}},
-        {"nothing", {}, {}},
-    };
-    for (const auto& c : cases) {
-        search.Find(bytes, c.within, found);
-        std::vector<int> got;
-        for (const auto& construct : found) {
-            EXPECT_TRUE(
-                std::any_of(c.within.begin(), c.within.end(),
-                            [&](const auto& w) { return construct.begin >= w.first && construct.end <= w.second; }))
-                << c.name << ": " << construct.begin << ".." << construct.end << " reaches outside";
-            for (size_t p = 0; p < planted.size(); ++p)
-                if (Overlaps(planted[p], {construct})) got.push_back(static_cast<int>(p));
-        }
-        EXPECT_EQ(got, c.expected) << c.name;
+        EXPECT_GE(found_clean, planted_clean * 95 / 100) << "flanks " << flank;
     }
 }
 
@@ -238,42 +178,37 @@ TEST(ConstructSearchTest, ReadCodesAgreeWithTheBaseTable) {
     }
 }
 
-FoundConstruct At(int begin, int end, bool starts) {
-    FoundConstruct construct;
-    construct.begin = begin;
-    construct.end = end;
-    construct.starts_molecule = starts;
-    return construct;
-}
-
 // A molecule's front construct is cut before, its rear construct after; a
 // rear followed closely by the next front is cut once between them.
 TEST(MoleculePartsTest, CutsAtEachMoleculeBoundary) {
-    struct Case {
+    auto at = [](int begin, int end, bool starts) {
+        FoundConstruct construct;
+        construct.begin = begin;
+        construct.end = end;
+        construct.starts_molecule = starts;
+        return construct;
+    };
+    const struct {
         const char* name;
-        int length;
         std::vector<FoundConstruct> internal;
         std::vector<std::pair<int, int>> parts;  // kept parts
         int dropped;
-    };
-    const std::vector<Case> cases = {
-        {"none", 1000, {}, {{0, 1000}}, 0},
-        {"front inside", 1000, {At(400, 460, true)}, {{0, 400}, {400, 1000}}, 0},
-        {"rear inside", 1000, {At(400, 460, false)}, {{0, 460}, {460, 1000}}, 0},
-        {"rear then front close by", 1000, {At(400, 460, false), At(500, 560, true)}, {{0, 480}, {480, 1000}}, 0},
+    } cases[] = {
+        {"none", {}, {{0, 1000}}, 0},
+        {"front inside", {at(400, 460, true)}, {{0, 400}, {400, 1000}}, 0},
+        {"rear inside", {at(400, 460, false)}, {{0, 460}, {460, 1000}}, 0},
+        {"rear then front close by", {at(400, 460, false), at(500, 560, true)}, {{0, 480}, {480, 1000}}, 0},
         {"rear then front far apart",
-         1000,
-         {At(300, 360, false), At(600, 660, true)},
+         {at(300, 360, false), at(600, 660, true)},
          {{0, 360}, {360, 600}, {600, 1000}},
          0},
-        {"short part dropped", 1000, {At(40, 100, true)}, {{40, 1000}}, 1},
-        {"front at the very start", 1000, {At(0, 60, true)}, {{0, 1000}}, 0},
+        {"short part dropped", {at(40, 100, true)}, {{40, 1000}}, 1},
+        {"front at the very start", {at(0, 60, true)}, {{0, 1000}}, 0},
     };
     for (const auto& c : cases) {
-        const auto parts = CutIntoMolecules(c.length, c.internal, 100);
         std::vector<std::pair<int, int>> kept;
         int dropped = 0, covered = 0;
-        for (const auto& part : parts) {
+        for (const auto& part : CutIntoMolecules(1000, c.internal, 100)) {
             EXPECT_EQ(part.begin, covered) << c.name << ": parts cover the read in order";
             covered = part.end;
             if (part.kept)
@@ -281,7 +216,7 @@ TEST(MoleculePartsTest, CutsAtEachMoleculeBoundary) {
             else
                 ++dropped;
         }
-        EXPECT_EQ(covered, c.length) << c.name;
+        EXPECT_EQ(covered, 1000) << c.name;
         EXPECT_EQ(kept, c.parts) << c.name;
         EXPECT_EQ(dropped, c.dropped) << c.name;
     }

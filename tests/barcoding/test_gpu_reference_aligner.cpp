@@ -1,7 +1,5 @@
 // The scorer's GPU aligner against its CPU one, through the fake CUDA driver
-// running the fastalign kernels on the CPU: more references than one launch
-// takes, windows longer than the aligner was first sized for, and per-reference
-// paths answered from the last launch.
+// running the fastalign kernels on the CPU.
 
 #include <gtest/gtest.h>
 
@@ -20,11 +18,10 @@ TEST(GpuReferenceAligner, AgreesWithTheCpuAligner) {
     FakeCuda::RegisterEmulatedFastAlign(fake.state());
     std::mt19937 rng(31);
     auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-
     std::vector<int> matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3};
     const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
     const std::vector<int> gaps = {1, 1, 4, 4, 5, 5, 4, 4};
-    std::vector<std::vector<int>> references(400);  // two launches
+    std::vector<std::vector<int>> references(400);  // more than one launch takes
     for (auto& reference : references) {
         reference.resize(static_cast<size_t>(uniform(5, 20)));
         for (int& code : reference)

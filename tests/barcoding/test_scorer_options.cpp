@@ -1,53 +1,34 @@
+// The scorer's settings: the options and their ranges, and the barcode quality
+// model (its file, and the properties every fitted model keeps whatever its
+// coefficients).
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <random>
 
+#include "barcoding/barcode_quality.h"
 #include "barcoding/scorer_options.h"
-#include "pair_alignment/score_matrix.h"
 #include "tests/support/error_of.h"
 
 namespace Barcoding {
 namespace {
 
-ScorerOptions Valid() {
-    ScorerOptions options;
-    options.open_gap1 = options.extend_gap1 = options.start_gap2 = options.end_gap2 = 7;
-    options.open_gap2 = options.extend_gap2 = 7;
-    options.min_score = 56.5f;
-    options.front_window_size = options.rear_window_size = 150;
-    return options;
-}
-
-std::string ErrorOf(ScorerOptions options) {
-    return TestSupport::ErrorOf([&] { ValidateScorerOptions(options); });
-}
-
-struct Change {
-    std::function<void(ScorerOptions&)> apply;
-    std::string error;  // "(no error)" for a value on the edge of its range
-};
-
-}  // namespace
-
-// Every bounded setting just inside and just outside its range.
+// Every bounded setting just inside and just outside its range (the command
+// line's refusals cover the lower gap bound, a NaN minimum and the trim flag).
 TEST(ScorerOptions, EachSettingIsCheckedAgainstItsRange) {
-    const int cost = PairAlignment::kMaxScoreMagnitude;
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
     const std::string ok = "(no error)";
-    const std::vector<Change> changes = {
-        {[](ScorerOptions& o) { o.open_gap1 = -1; }, "Invalid value -1 for 'open_gap1': must be between 0 and 1000."},
+    const struct {
+        std::function<void(ScorerOptions&)> apply;
+        std::string error;
+    } changes[] = {
         {[](ScorerOptions& o) { o.start_gap1 = -5; }, "Invalid value -5 for 'start_gap1': must be between 0 and 1000."},
-        {[](ScorerOptions& o) { o.extend_gap2 = -1; },
-         "Invalid value -1 for 'extend_gap2': must be between 0 and 1000."},
-        {[=](ScorerOptions& o) { o.end_gap2 = cost + 1; },
-         "Invalid value 1001 for 'end_gap2': must be between 0 and 1000."},
-        {[=](ScorerOptions& o) { o.end_gap1 = cost; }, ok},
+        {[](ScorerOptions& o) { o.open_gap2 = -1; }, "Invalid value -1 for 'open_gap2': must be between 0 and 1000."},
+        {[](ScorerOptions& o) { o.end_gap2 = 1001; }, "Invalid value 1001 for 'end_gap2': must be between 0 and 1000."},
+        {[](ScorerOptions& o) { o.end_gap1 = 1000; }, ok},
         {[](ScorerOptions& o) { o.front_window_size = 0; },
          "Invalid value 0 for 'front_window_size': must be between 1 and 10000."},
         {[](ScorerOptions& o) { o.rear_window_size = -150; },
@@ -56,44 +37,125 @@ TEST(ScorerOptions, EachSettingIsCheckedAgainstItsRange) {
          "Invalid value 10001 for 'rear_window_size': must be between 1 and 10000."},
         {[](ScorerOptions& o) { o.front_window_size = 1; }, ok},
         {[](ScorerOptions& o) { o.front_window_size = kMaxWindowSize; }, ok},
-        {[=](ScorerOptions& o) { o.min_score = nan; }, "Invalid value nan for 'min_score': must be a finite number."},
         {[=](ScorerOptions& o) { o.min_score = -inf; }, "Invalid value -inf for 'min_score': must be a finite number."},
         {[=](ScorerOptions& o) { o.min_score_rear_override = inf; },
          "Invalid value inf for 'min_score_rear_override': must be a finite number."},
         {[](ScorerOptions& o) { o.min_score = -1e30f; }, ok},
-        {[](ScorerOptions& o) {
-             o.trim_barcodes = true;
-             o.num_extra_bases_trim = 2147483647;
-         },
-         "Invalid value 2147483647 for 'num_extra_bases_trim': must be between -10000 and 10000."},
-        {[](ScorerOptions& o) {
-             o.trim_barcodes = true;
-             o.num_extra_bases_trim = kMaxExtraTrim;
-         },
-         ok},
-        {[](ScorerOptions& o) {
-             o.trim_barcodes = true;
-             o.num_extra_bases_trim = -150;
-         },
+        {[](ScorerOptions& o) { o.min_score_rear_override = 40; }, ok},
+        {[](ScorerOptions& o) { o.num_extra_bases_trim = kMaxExtraTrim; }, ok},
+        {[](ScorerOptions& o) { o.num_extra_bases_trim = -150; },
          "Cannot trim -150 because it is bigger than the window length, which would mean adding bases!"},
-        {[](ScorerOptions& o) { o.num_extra_bases_trim = 3; },
-         "Must specify trim_barcodes flag when altering num_extra_bases_trim."},
+        {[](ScorerOptions& o) { o.min_part_length = 0; },
+         "Invalid value 0 for 'min_part_length': must be between 1 and 1000000."},
     };
-    for (size_t k = 0; k < changes.size(); ++k) {
-        ScorerOptions options = Valid();
+    for (size_t k = 0; k < std::size(changes); ++k) {
+        ScorerOptions options;
+        options.trim_barcodes = true;
+        options.open_gap1 = options.extend_gap1 = options.start_gap2 = options.end_gap2 = 7;
+        options.open_gap2 = options.extend_gap2 = 7;
+        options.min_score = 56.5f;
+        options.front_window_size = options.rear_window_size = 150;
         changes[k].apply(options);
-        EXPECT_EQ(ErrorOf(options), changes[k].error) << "change " << k;
+        const float rear = options.min_score_rear_override;
+        EXPECT_EQ(TestSupport::ErrorOf([&] { ValidateScorerOptions(options); }), changes[k].error) << "change " << k;
+        if (changes[k].error != ok) continue;
+        // The rear minimum follows the front one unless given.
+        EXPECT_EQ(options.min_score_rear_override, rear == -1 ? options.min_score : rear) << "change " << k;
     }
 }
 
-TEST(ScorerOptions, RearMinimumDefaultsToTheFrontOne) {
-    ScorerOptions options = Valid();
-    options.min_score_rear_override = -1.0f;
-    ValidateScorerOptions(options);
-    EXPECT_EQ(options.min_score_rear_override, 56.5f);
-    options.min_score_rear_override = 40.0f;
-    ValidateScorerOptions(options);
-    EXPECT_EQ(options.min_score_rear_override, 40.0f);
+EndEvidence RandomEnd(std::mt19937& random) {
+    std::uniform_real_distribution<float> score(-100, 100), margin(-10, 25);
+    EndEvidence end;
+    end.barcode = random() % 5 != 0;
+    end.score = score(random);
+    end.presence = score(random);
+    end.over_rival = margin(random);
+    end.over_random = margin(random);
+    end.runner_up_score = score(random);
+    end.runner_up_presence = score(random);
+    end.window = 150;
+    return end;
 }
 
+// Whatever the call, a wider margin over the runner-up at an end where the
+// called barcode is the best never lowers the quality; nor does more
+// presence. Checked on the shipped model and on random models of the allowed
+// signs.
+TEST(BarcodeQuality, NeverFallsAsTheMarginOrPresenceGrows) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> coefficient(0, 15);
+    for (int model_index = 0; model_index < 20; ++model_index) {
+        QualityModel model = ShippedQualityModel();
+        if (model_index > 0)
+            model = {coefficient(random) - 7, -coefficient(random) / 5, -coefficient(random), coefficient(random)};
+        for (int n = 0; n < 500; ++n) {
+            QualityInputs inputs{RandomEnd(random), RandomEnd(random)};
+            EndEvidence& end = n % 2 ? inputs.front : inputs.rear;
+            double p = WrongCallProbability(model, inputs);
+            for (int step = 0; step < 10; ++step) {
+                if (n % 3 == 0)
+                    end.presence += 7;
+                else
+                    end.over_rival += 1.5f;
+                const double next = WrongCallProbability(model, inputs);
+                ASSERT_LE(next, p) << "model " << model_index << " read " << n << " step " << step;
+                ASSERT_GE(PhredQuality(next), PhredQuality(p));
+                p = next;
+            }
+        }
+    }
+}
+
+// Two ends agreeing count twice; an end without a barcode counts for nothing;
+// another barcode best at an end lowers the quality by its presence. The Phred
+// scale rounds and caps.
+TEST(BarcodeQuality, EvidenceOfBothEndsAddsUpOnThePhredScale) {
+    const QualityModel model{1, -1, -10, 12};
+    EndEvidence agreeing;
+    agreeing.barcode = true;
+    agreeing.score = 40;
+    agreeing.presence = 70;
+    agreeing.over_rival = 4;
+    EndEvidence beaten = agreeing;
+    beaten.score = -35;
+    beaten.runner_up_score = 35;
+    beaten.runner_up_presence = 60;
+    auto log_odds = [&](const QualityInputs& inputs) {
+        const double p = WrongCallProbability(model, inputs);
+        return std::log(p / (1 - p));
+    };
+    EXPECT_NEAR(log_odds({agreeing, EndEvidence{}}), 1 - 4 - 7, 1e-9);
+    EXPECT_NEAR(log_odds({agreeing, agreeing}), 1 - 8 - 7, 1e-9);
+    EXPECT_NEAR(log_odds({agreeing, beaten}), 1 - 4 - 7 + 12 * 0.6, 1e-9);
+
+    const std::pair<double, int> phred[] = {{1.0, 0},   {0.9, 0},   {0.1, 10}, {0.0316, 15},
+                                            {0.01, 20}, {1e-6, 60}, {0.0, 60}, {1e-3, 30}};
+    for (const auto& [p, quality] : phred)
+        EXPECT_EQ(PhredQuality(p), quality) << p;
+}
+
+TEST(BarcodeQuality, ModelFileIsCheckedLineByLine) {
+    const QualityModel model =
+        ParseQualityModel("# comment\nintercept\t1.5\nmargin\t-1\npresence\t-10\nconflict\t12\n", "m.tsv");
+    EXPECT_EQ(model.intercept, 1.5);
+    EXPECT_EQ(model.conflict, 12);
+    const std::pair<std::string, std::string> bad[] = {
+        {"intercept 1\n", "m.tsv, line 1: expected a name, a tab and a value"},
+        {"slope\t1\n", "m.tsv, line 1: unknown coefficient 'slope'"},
+        {"intercept\t1\nintercept\t2\n", "m.tsv, line 2: 'intercept' given twice"},
+        {"intercept\tone\n", "m.tsv, line 1: 'one' is not a number"},
+        {"intercept\t1x\n", "m.tsv, line 1: '1x' is not a number"},
+        {"intercept\tnan\n", "m.tsv, line 1: 'nan' is not a number"},
+        {"intercept\t1\nmargin\t-1\npresence\t-1\n", "m.tsv: no value for 'conflict'"},
+        {"intercept\t1\nmargin\t1\npresence\t-1\nconflict\t1\n", "m.tsv: a wider margin or more presence"},
+        {"intercept\t1\nmargin\t-1\npresence\t-1\nconflict\t-1\n", "m.tsv: a wider margin or more presence"},
+    };
+    for (const auto& [text, message] : bad) {
+        const std::string error = TestSupport::ErrorOf([&] { ParseQualityModel(text, "m.tsv"); });
+        EXPECT_EQ(error.rfind(message, 0), 0u) << error;
+    }
+}
+
+}  // namespace
 }  // namespace Barcoding
