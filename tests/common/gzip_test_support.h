@@ -1,11 +1,8 @@
 #pragma once
-// Shared by the gzip and FASTQ reader tests: zlib as the reference gzip
-// implementation, temporary files, random line text, and log capture.
+// zlib as the reference gzip implementation, random line text and log capture for the gzip and FASTQ tests.
 
-#include <unistd.h>
 #include <zlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -17,23 +14,16 @@
 
 namespace TestSupport {
 
-// One gzip member holding `text`. With `rich_header` the header also carries
-// a name, a comment, an extra field and a header CRC, as some tools write.
+// One gzip member holding text; a rich header also carries a file name and a header CRC, as the gzip command
+// and some other tools write.
 inline std::string Gzip(std::string_view text, int level = 6, bool rich_header = false) {
     z_stream z{};
     if (deflateInit2(&z, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) throw std::runtime_error("zlib");
-    gz_header header{};
     char name[] = "reads.fastq";
-    char comment[] = "made by the tests";
-    unsigned char extra[] = {'V', 'B', 2, 0, 1, 2};
-    if (rich_header) {
-        header.name = reinterpret_cast<Bytef*>(name);
-        header.comment = reinterpret_cast<Bytef*>(comment);
-        header.extra = extra;
-        header.extra_len = sizeof(extra);
-        header.hcrc = 1;
-        deflateSetHeader(&z, &header);
-    }
+    gz_header header{};
+    header.name = reinterpret_cast<Bytef*>(name);
+    header.hcrc = 1;
+    if (rich_header) deflateSetHeader(&z, &header);
     std::string out(deflateBound(&z, text.size()) + 128, '\0');
     z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     z.avail_in = static_cast<uInt>(text.size());
@@ -51,13 +41,11 @@ struct Inflated {
     bool complete = false;  // every member ended cleanly and nothing followed
 };
 
-// Inflates members one after another as far as zlib gets: to the end of the
-// data, or to the first damage.
+// Inflates members one after another, to the end of the data or to the first damage.
 inline Inflated Gunzip(std::string_view data) {
     Inflated result;
-    size_t offset = 0;
     std::string chunk(1 << 16, '\0');
-    while (offset < data.size()) {
+    for (size_t offset = 0; offset < data.size();) {
         z_stream z{};
         inflateInit2(&z, 15 + 16);
         z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data() + offset));
@@ -77,24 +65,14 @@ inline Inflated Gunzip(std::string_view data) {
     return result;
 }
 
-inline std::filesystem::path TempFile(const std::string& name) {
-    return std::filesystem::temp_directory_path() / ("vb_test_" + std::to_string(::getpid()) + "_" + name);
-}
-
-inline void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
-inline std::string ReadFile(const std::filesystem::path& path) {
+inline std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// FASTQ-looking text: lines of 0 to max_line characters, so that compressed
-// sizes and line boundaries land anywhere.
+// FASTQ-looking lines of 0 to max_line characters, so that compressed sizes and line ends land anywhere.
 inline std::string RandomLines(std::mt19937& rng, size_t bytes, size_t max_line) {
     std::string text;
-    text.reserve(bytes + max_line + 1);
     while (text.size() < bytes) {
         const size_t length = rng() % (max_line + 1);
         const bool bases = rng() % 2 == 0;
@@ -106,19 +84,15 @@ inline std::string RandomLines(std::mt19937& rng, size_t bytes, size_t max_line)
     return text;
 }
 
-// Runs fn with std::clog captured (logging is not initialised in the test
-// binaries, so log records land there).
+// Runs fn with std::clog captured: logging is not initialised in the test binaries, so records land there.
 template <typename Fn>
 std::string CapturingLog(Fn fn) {
     std::ostringstream log;
-    auto* old = std::clog.rdbuf(log.rdbuf());
-    try {
-        fn();
-    } catch (...) {
-        std::clog.rdbuf(old);
-        throw;
-    }
-    std::clog.rdbuf(old);
+    struct Restore {
+        std::streambuf* old;
+        ~Restore() { std::clog.rdbuf(old); }
+    } restore{std::clog.rdbuf(log.rdbuf())};
+    fn();
     return log.str();
 }
 

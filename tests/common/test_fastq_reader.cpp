@@ -1,127 +1,99 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
-#include <stdexcept>
 
+#include "common/barcode_trimmer.h"
 #include "common/fastq_reader.h"
 #include "common/gzip_member_writer.h"
 #include "tests/common/gzip_test_support.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temp_folder.h"
 
-namespace fs = std::filesystem;
+using Common::BarcodeTrimmer;
 using Common::FastQRecord;
 using namespace TestSupport;
 
 namespace {
 
+// Why a record with these fields is refused, from the rules: lengths first, then the first bad base, then the
+// first bad quality; "" when it is taken.
+std::string ExpectedReason(const std::string& seq, const std::string& qual) {
+    if (seq.size() != qual.size()) return "Sequence is not the same length as the qstring";
+    const size_t base = seq.find_first_not_of("ACGTU");
+    if (base != std::string::npos)
+        return "Sequence contained an unexpected character '" + seq.substr(base, 1) + "' at position " +
+               std::to_string(base);
+    const auto quality = std::find_if(qual.begin(), qual.end(), [](char c) { return c < '!' || c > '~'; });
+    return quality == qual.end() ? "" : "Unsupported character in the Qstring: " + std::string(1, *quality);
+}
+
 struct Outcome {
-    std::vector<FastQRecord> records;
+    std::string records;  // as text
     std::string error;
 };
 
-Outcome ReadAll(std::istream& stream, const std::string& name = "") {
+Outcome ReadFastqFile(const std::string& path) {
     Outcome outcome;
-    Common::FastQIterable reads(&stream, name);
+    const auto stream = Common::OpenFastqFile(path);
+    Common::FastQIterable reads(stream.get(), path);
     for (reads.Begin(); !reads.AtEnd(); reads.Increment())
-        outcome.records.push_back(reads.Record());
+        outcome.records += reads.Record().ToString();
     outcome.error = reads.Error();
     return outcome;
 }
 
-Outcome ReadText(const std::string& text) {
-    std::istringstream stream(text);
-    return ReadAll(stream);
-}
-
-Outcome ReadFastqFile(const fs::path& path) {
-    return ReadAll(*Common::OpenFastqFile(path.string()), path.string());
-}
-
-std::vector<FastQRecord> RandomRecords(std::mt19937& rng, int count) {
-    std::vector<FastQRecord> records;
-    for (int i = 0; i < count; ++i) {
-        std::string seq, qual;
-        for (int n = rng() % 40; n > 0; --n) {
-            seq += "ACGTU"[rng() % 5];
-            qual += static_cast<char>('!' + rng() % 94);
-        }
-        records.emplace_back("@read" + std::to_string(i) + " runid=r", seq, qual);
-    }
-    return records;
-}
-
-std::string Join(const std::vector<FastQRecord>& records) {
-    std::string text;
-    for (const auto& r : records)
-        text += r.ToString();
-    return text;
-}
-
-void ExpectSame(const std::vector<FastQRecord>& got, const std::vector<FastQRecord>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i)
-        EXPECT_EQ(got[i].ToString(), want[i].ToString()) << i;
-}
-
-// The reader's rules written out plainly: whole text split into lines, four
-// at a time. `where` is "record <n> (line <l>)" of the first problem.
-struct Expected {
-    std::vector<FastQRecord> records;
-    std::string where;
-};
-
-Expected NaiveRead(const std::string& text) {
+// The reader's rules written out plainly: the text split into lines (one "\r" dropped from each), four at a time.
+// A stream that fails with stream_error after the text fails the first record that needs more than it gave.
+Outcome NaiveRead(const std::string& text, const std::string& stream_error = "") {
     std::vector<std::string> lines;
-    bool last_unended = false;
+    bool unended = false;
     for (size_t start = 0; start < text.size();) {
-        size_t newline = text.find('\n', start);
-        last_unended = newline == std::string::npos;
-        lines.push_back(text.substr(start, last_unended ? std::string::npos : newline - start));
+        const size_t newline = std::min(text.find('\n', start), text.size());
+        lines.push_back(text.substr(start, newline - start));
         if (!lines.back().empty() && lines.back().back() == '\r') lines.back().pop_back();
-        start = last_unended ? text.size() : newline + 1;
+        unended = newline == text.size();
+        start = newline + 1;
     }
-    Expected expected;
-    for (size_t i = 0; i < lines.size(); i += 4) {
+    if (unended && !stream_error.empty()) lines.pop_back();
+    const auto capped = [](const std::string& field) {
+        return field.size() <= 200 ? field
+                                   : field.substr(0, 200) + "... (" + std::to_string(field.size()) + " characters)";
+    };
+    Outcome expected;
+    for (size_t i = 0, record = 1; i <= lines.size(); i += 4, ++record) {
         const size_t have = std::min<size_t>(4, lines.size() - i);
-        std::string fields[4];
-        bool blank = true;
-        for (size_t k = 0; k < have; ++k) {
-            fields[k] = lines[i + k];
-            blank = blank && fields[k].empty();
+        std::string f[4];
+        std::copy_n(lines.begin() + static_cast<long>(i), have, f);
+        const size_t ended = have - (i + have == lines.size() && unended ? 1 : 0);
+        const std::string reason = ExpectedReason(f[1], f[3]);
+        const std::string where = "record " + std::to_string(record) + " (line ";
+        if (have < 4 && !stream_error.empty()) {
+            expected.error =
+                where + std::to_string(lines.size() + 1) + "): " + stream_error + "; the rest of the file was skipped.";
+        } else if (have < 4 && f[0].empty() && f[1].empty() && f[2].empty()) {
+            break;  // blank lines at the end
+        } else if (have < 4 && (ended < 3 || !reason.empty())) {
+            expected.error = where + std::to_string(i + 1) + "): the input ends inside the record, after " +
+                             std::to_string(have) + " of its 4 lines";
+        } else if (!reason.empty()) {
+            expected.error = where + std::to_string(i + 1) + "): " + reason +
+                             "; the rest of the file was skipped.\n  Header: " + capped(f[0]) +
+                             "\n  Sequence: " + capped(f[1]) + "\n  Qstring: " + capped(f[3]);
         }
-        FastQRecord record;
-        record.title = fields[0];
-        record.sequence = fields[1];
-        record.qstring = fields[3];
-        bool valid = record.sequence.size() == record.qstring.size();
-        for (char c : record.sequence)
-            valid &= c == 'A' || c == 'C' || c == 'G' || c == 'T' || c == 'U';
-        for (char c : record.qstring)
-            valid &= c >= '!' && c <= '~';
-        const size_t ended = have - (i + have == lines.size() && last_unended ? 1 : 0);
-        const std::string where =
-            "record " + std::to_string(expected.records.size() + 1) + " (line " + std::to_string(i + 1) + ")";
-        if (!valid || (ended < 3 && !blank)) expected.where = where;
-        if (!valid || ended < 3) break;
-        expected.records.push_back(record);
+        if (!expected.error.empty()) break;
+        expected.records += FastQRecord(f[0], f[1], f[3]).ToString();
     }
     return expected;
 }
 
-// Valid records with the faults users meet: odd characters, lines lost or
-// added, CR LF, a cut anywhere. Some records are longer than the reader's
-// buffer, so lines cross its refills.
-std::string RandomFastq(std::mt19937& rng) {
+// Valid records with the faults users meet, one in fault_odds records: odd characters, lines lost or added, a
+// stray CR; CR LF and a cut anywhere. Some records are longer than the reader's 1 MB buffer, so lines cross its
+// refills; some fields are longer than an error message shows. Title and separator lines are not checked.
+std::string RandomFastq(std::mt19937& rng, unsigned fault_odds) {
     std::string text;
-    const int records = static_cast<int>(rng() % 30);
-    for (int i = 0; i < records; ++i) {
-        // Long records repeat a random block: cheap to make, and their lines
-        // still cross the reader's 1 MB refills.
-        const size_t length = rng() % 20 == 0 ? rng() % 2'500'000 : rng() % 60;
+    for (int i = static_cast<int>(rng() % 30); i > 0; --i) {
+        const size_t length = rng() % 20 == 0 ? rng() % 2'500'000 : rng() % 4 == 0 ? rng() % 400 : rng() % 60;
         std::string seq, qual;
         for (size_t n = 0; n < std::min<size_t>(length, 4096); ++n) {
             seq += "ACGTU"[rng() % 5];
@@ -131,209 +103,114 @@ std::string RandomFastq(std::mt19937& rng) {
             seq += seq.substr(0, length - seq.size());
             qual += qual.substr(0, length - qual.size());
         }
-        std::string lines[4] = {"@r" + std::to_string(i), seq, rng() % 2 ? "+" : "+r" + std::to_string(i), qual};
-        switch (rng() % 40) {
-            case 0:
-                if (!seq.empty()) lines[1][rng() % seq.size()] = "acgtnN.\xc1"[rng() % 8];
-                break;
-            case 1:
-                lines[3] += 'I';
-                break;
-            case 2:
-                if (!qual.empty()) lines[3][rng() % qual.size()] = " \xa1\x7f\t"[rng() % 4];
-                break;
-            case 3:
-                lines[rng() % 4] = "";
-                break;
-            case 4:
-                text += "\n";
-                break;
-        }
+        std::string lines[4] = {(rng() % 8 ? "@r" : "r") + std::to_string(i) + std::string(rng() % 8 ? 0 : 300, 't'),
+                                seq, rng() % 2 ? "+" : "+r" + std::to_string(i), qual};
+        const unsigned fault = rng() % fault_odds;
+        if (fault == 0 && !seq.empty()) lines[1][rng() % seq.size()] = "acgtnN.\xc1"[rng() % 8];
+        if (fault == 1) lines[3] += 'I';
+        if (fault == 2 && !qual.empty()) lines[3][rng() % qual.size()] = " \xa1\x7f\t"[rng() % 4];
+        if (fault == 3) lines[rng() % 4] = "";
+        if (fault == 4) text += "\n";
+        if (fault == 5) lines[rng() % 4] += "\r\r";
         for (const std::string& line : lines)
             text += line + (rng() % 8 == 0 ? "\r\n" : "\n");
     }
-    switch (rng() % 4) {
-        case 0:
-            if (!text.empty()) text.resize(rng() % text.size());
-            break;
-        case 1:
-            if (!text.empty()) text.pop_back();
-            break;
-        case 2:
-            text += std::string(rng() % 3, '\n');
-            break;
-    }
+    const unsigned end = rng() % 4;
+    if (end == 0 && !text.empty()) text.resize(rng() % text.size());
+    if (end == 1 && !text.empty()) text.pop_back();
+    if (end == 2) text += std::string(rng() % 3, '\n');
     return text;
-}
-
-fs::path TempFastq(const std::string& name) {
-    return TempFile("reader_" + name);
 }
 
 }  // namespace
 
+// The exact error, logged once, with the file's name, and the records before it: plain files, one gzip member,
+// and members split anywhere in the text as the writer makes them; gzip cut anywhere half the time, which gives
+// what inflates before the cut. The extension alone decides: plain text named .gz goes to the decompressor, which
+// says it is not gzip.
 TEST(FastQReader, MatchesTheRulesOnRandomInput) {
     std::mt19937 rng(1234);
+    TempFolder dir;
+    const char* const kNames[] = {"a.fastq", "a.fastq.gz", "a.fq.gz"};
     int errors = 0;
     for (int round = 0; round < 200; ++round) {
-        const std::string text = RandomFastq(rng);
-        const Expected expected = NaiveRead(text);
+        const std::string text = RandomFastq(rng, round % 2 ? 40 : 1000);
+        std::string file = round % 3 == 0 ? text : round % 3 == 1 ? Gzip(text, 1) : "";
+        for (size_t from = 0, size; round % 3 == 2 && (from < text.size() || file.empty()); from += size)
+            Common::GzipMemberWriter().Append(text.substr(from, size = 1 + rng() % (text.size() / 2 + 1)), file);
+        if (round % 3 != 0 && rng() % 2 == 0) file.resize(1 + rng() % (file.size() - 1));
+        const Inflated reference = Gunzip(file);
+        const std::string path = dir.Write(kNames[round % 3], file);
+        const std::string cut = "gzip data is truncated after " + std::to_string(file.size()) + " compressed bytes";
+        Outcome expected = round % 3 == 0 ? NaiveRead(text) : NaiveRead(reference.text, reference.complete ? "" : cut);
+        if (!expected.error.empty()) expected.error = "'" + path + "': " + expected.error;
         Outcome got;
-        CapturingLog([&] { got = ReadText(text); });
+        const std::string log = CapturingLog([&] { got = ReadFastqFile(path); });
         SCOPED_TRACE("round " + std::to_string(round));
-        ExpectSame(got.records, expected.records);
-        EXPECT_EQ(got.error.empty(), expected.where.empty()) << got.error;
-        if (!expected.where.empty()) {
-            ++errors;
-            EXPECT_EQ(got.error.compare(0, expected.where.size(), expected.where), 0)
-                << got.error.substr(0, 300) << " / " << expected.where;
-        }
+        EXPECT_TRUE(got.records == expected.records);
+        EXPECT_EQ(got.error, expected.error);
+        EXPECT_EQ(log, expected.error.empty()
+                           ? ""
+                           : "[error] [fastq_reader] Caught exception, so setting END flag. " + expected.error + "\n");
+        errors += !expected.error.empty();
     }
     EXPECT_GT(errors, 40);
+    const std::string mislabelled = dir.Write("b.fastq.gz", "@r\nA\n+\nI\n");
+    EXPECT_EQ(ReadFastqFile(mislabelled).error,
+              "'" + mislabelled +
+                  "': record 1 (line 1): gzip data is corrupt at compressed byte 0 (not in gzip format); "
+                  "the rest of the file was skipped.");
+    for (const std::string& path : {dir.Path() + "/missing.fastq", dir.Path() + "/missing.fastq.gz"})
+        EXPECT_EQ(ErrorOf([&] { Common::OpenFastqFile(path); }), "Could not open input file '" + path + "'");
 }
 
-// Line endings, a missing final newline and trailing blank lines are the
-// random input's business; these are the edges it does not reach.
-TEST(FastQReader, LineEdges) {
-    // Only one carriage return is removed, so the second one is a bad base.
-    CapturingLog([] { EXPECT_TRUE(ReadText("@r\r\r\nA\r\r\n+\nI\r\r\n").records.empty()); });
-    // Layout is not checked: odd title and separator lines are fine.
-    ExpectSame(ReadText("title\nAC\nnot plus\nII\n").records, {FastQRecord("title", "AC", "II")});
-    // Blank lines after the last record end the file cleanly.
-    EXPECT_EQ(ReadText("@a\nAC\n+\nII\n\n\n").error, "");
-}
-
-TEST(FastQReader, ErrorNamesFileRecordAndLineAndIsLoggedOnce) {
-    const fs::path path = TempFastq("bad.fastq");
-    WriteFile(path, "@a\nAC\n+\nII\n@b\nAcG\n+\nIII\n@c\nA\n+\nI\n");
-    Outcome got;
-    std::string log = CapturingLog([&] { got = ReadFastqFile(path); });
-    ExpectSame(got.records, {FastQRecord("@a", "AC", "II")});
-    const std::string error = "'" + path.string() +
-                              "': record 2 (line 5): Sequence contained an unexpected character 'c' at position 1; "
-                              "the rest of the file was skipped.\n  Header: @b\n  Sequence: AcG\n  Qstring: III";
-    EXPECT_EQ(got.error, error);
-    EXPECT_EQ(log, "[error] [fastq_reader] Caught exception, so setting END flag. " + error + "\n");
-
-    // A record cut by the end of the input is reported as such, a title
-    // alone too; an empty sequence needs no quality line.
-    CapturingLog([&] { got = ReadText("@a\nAC\n+\nII\n@b\nACG\n"); });
-    EXPECT_EQ(got.records.size(), 1u);
-    EXPECT_EQ(got.error, "record 2 (line 5): the input ends inside the record, after 2 of its 4 lines");
-    CapturingLog([&] { got = ReadText("@a\nAC\n+\nII\n@b"); });
-    EXPECT_EQ(got.error, "record 2 (line 5): the input ends inside the record, after 1 of its 4 lines");
-    got = ReadText("@a\nAC\n+\nII\n@b\n\n+\n");
-    ExpectSame(got.records, {FastQRecord("@a", "AC", "II"), FastQRecord("@b", "", "")});
-    EXPECT_EQ(got.error, "");
-    // A blank line shifts the grouping; the shifted record is rejected.
-    CapturingLog([&] { got = ReadText("@a\nAC\n+\nII\n\n@b\nAC\n+\nII\n"); });
-    EXPECT_EQ(got.records.size(), 1u);
-    EXPECT_EQ(got.error.rfind("record 2 (line 5): ", 0), 0) << got.error;
-    fs::remove(path);
-}
-
-TEST(FastQReader, RecordDumpsAreCapped) {
-    const std::string title = "@" + std::string(999, 't');
-    const std::string seq = std::string(100'000, 'A') + "x";
-    const std::string qual(100'001, 'I');
-    Outcome got;
-    const std::string log = CapturingLog([&] { got = ReadText(title + "\n" + seq + "\n+\n" + qual + "\n"); });
-    EXPECT_EQ(got.error,
-              "record 1 (line 1): Sequence contained an unexpected character 'x' at position 100000; "
-              "the rest of the file was skipped.\n  Header: " +
-                  title.substr(0, 200) + "... (1000 characters)\n  Sequence: " + std::string(200, 'A') +
-                  "... (100001 characters)\n  Qstring: " + std::string(200, 'I') + "... (100001 characters)");
-    EXPECT_LT(log.size(), 1000u);
-}
-
-TEST(FastQReader, BeginOnlyOnceAndFailedStreams) {
-    std::istringstream stream("");
-    Common::FastQIterable reads(&stream);
-    EXPECT_TRUE(reads.Begin().AtEnd());
-    EXPECT_EQ(reads.Error(), "");
-    EXPECT_EQ(TestSupport::ErrorOf([&] { reads.Begin(); }), "Cannot start FastQ iteration twice");
-    std::ifstream closed;
-    closed.setstate(std::ios::failbit);
-    Common::FastQIterable failed(&closed, "in.fastq");
-    CapturingLog([&] { EXPECT_TRUE(failed.Begin().AtEnd()); });
-    EXPECT_EQ(failed.Error(), "'in.fastq': the input stream is in a failed state");
-}
-
-TEST(FastQReader, OpensPlainAndGzipFilesByExtension) {
-    std::mt19937 rng(99);
-    auto records = RandomRecords(rng, 500);
-    std::string text = Join(records);
-    fs::path plain = TempFastq("a.fastq");
-    fs::path gzip = TempFastq("a.fastq.gz");
-    fs::path members = TempFastq("a.fq.gz");
-    WriteFile(plain, text);
-    WriteFile(gzip, Gzip(text));
-    // Output files are series of members, a few records each.
-    std::string packed;
-    Common::GzipMemberWriter writer;
-    for (size_t i = 0; i < records.size(); i += 7)
-        writer.Append(Join({records.begin() + i, records.begin() + std::min(i + 7, records.size())}), packed);
-    WriteFile(members, packed);
-    for (const fs::path& path : {plain, gzip, members}) {
-        const Outcome got = ReadFastqFile(path);
-        ExpectSame(got.records, records);
-        EXPECT_EQ(got.error, "");
-    }
-
-    // The extension alone decides: plain text named .gz goes to the
-    // decompressor, which says it is not gzip.
-    fs::path mislabelled = TempFastq("b.fastq.gz");
-    WriteFile(mislabelled, text);
-    Outcome got;
-    CapturingLog([&] { got = ReadFastqFile(mislabelled); });
-    EXPECT_TRUE(got.records.empty());
-    EXPECT_EQ(got.error, "'" + mislabelled.string() +
-                             "': record 1 (line 1): gzip data is corrupt at compressed byte 0 (not in gzip "
-                             "format); the rest of the file was skipped.");
-
-    fs::path missing = TempFastq("missing.fastq");
-    for (const std::string& path : {missing.string(), missing.string() + ".gz"})
-        EXPECT_EQ(TestSupport::ErrorOf([&] { Common::OpenFastqFile(path); }),
-                  "Could not open input file '" + path + "'");
-    for (const auto& path : {plain, gzip, members, mislabelled})
-        fs::remove(path);
-}
-
-// A cut archive gives every record that ends before the cut, then says where
-// reading stopped.
-TEST(FastQReader, TruncatedGzipDeliversTheRecordsBeforeTheCut) {
-    std::mt19937 rng(2718);
-    const fs::path path = TempFastq("cut.fastq.gz");
-    std::string text;
-    std::vector<size_t> record_ends;
-    std::vector<FastQRecord> records;
-    for (int i = 0; i < 1500; ++i) {
-        std::string seq, qual;
-        for (size_t n = rng() % 3000; n > 0; --n) {
-            seq += "ACGT"[rng() % 4];
-            qual += static_cast<char>('!' + rng() % 40);
+TEST(FastQRecord, ReadAndRunIdsFromTitles) {
+    const std::string none = Common::kInvalidReadId, no_run = Common::kInvalidRunId;
+    const std::string cases[][3] = {
+        {"@abc", "abc", no_run},       {"@abc def", "abc", no_run},       {"@", none, no_run},
+        {"x", none, no_run},           {"@r runid=R1 ch=5", "r", "R1"},   {"@r runid=R1", "r", "R1"},
+        {"@r ch=5 runid= x", "r", ""}, {"runid=R9 x", "unid=R9", no_run}, {"@r xrunid=Q", "r", "Q"},
+    };
+    const std::string log = CapturingLog([&] {
+        for (const auto& [title, read_id, run_id] : cases) {
+            FastQRecord record;
+            record.title = title;
+            record.ParseTitle();
+            EXPECT_EQ(record.GetReadId(), read_id) << title;
+            EXPECT_EQ(record.GetRunId(), run_id) << title;
         }
-        records.emplace_back("@read" + std::to_string(i), seq, qual);
-        text += records.back().ToString();
-        record_ends.push_back(text.size());
+    });
+    EXPECT_TRUE(Holds(log, "Read title '@' does not have any space. Continuing with next read.")) << log;
+    EXPECT_TRUE(Holds(log, "Could not find 'runid=' in the title: @abc def")) << log;
+    EXPECT_THROW(FastQRecord().GetReadId(), std::runtime_error);
+    EXPECT_THROW(FastQRecord().GetRunId(), std::runtime_error);
+}
+
+// Against the clamping rules: a negative amount trims nothing, one of at least the length keeps one base. Fields
+// of different lengths are refused, whatever the amount, and left as they were.
+TEST(BarcodeTrimmer, RandomTrimsMatchTheClampingRules) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 500; ++round) {
+        const int length = static_cast<int>(random() % 12);
+        std::string sequence, qstring;
+        for (int k = 0; k < length; ++k) {
+            sequence += "ACGT"[random() % 4];
+            qstring += static_cast<char>('!' + k);
+        }
+        const int trim = static_cast<int>(random() % 20) - 5;
+        const size_t expected = trim <= 0 ? 0 : static_cast<size_t>(trim < length ? trim : std::max(length - 1, 0));
+        std::string front_seq = sequence, front_q = qstring, rear_seq = sequence, rear_q = qstring;
+        if (round % 10 == 0) {
+            front_q += 'I';
+            EXPECT_EQ(ErrorOf([&] { BarcodeTrimmer::TrimFront(trim, front_seq, front_q); }),
+                      "Mismatching sequence and qstring lengths passed to BarcodeTrimmer::CheckTrimLengthValid");
+            EXPECT_EQ(front_seq, sequence);
+            continue;
+        }
+        ASSERT_EQ(BarcodeTrimmer::TrimFront(trim, front_seq, front_q), static_cast<int>(expected));
+        ASSERT_EQ(BarcodeTrimmer::TrimRear(trim, rear_seq, rear_q), static_cast<int>(expected));
+        EXPECT_EQ(std::tie(front_seq, front_q), std::make_tuple(sequence.substr(expected), qstring.substr(expected)));
+        EXPECT_EQ(std::tie(rear_seq, rear_q), std::make_tuple(sequence.substr(0, sequence.size() - expected),
+                                                              qstring.substr(0, qstring.size() - expected)));
     }
-    const std::string packed = Gzip(text, 1);
-    for (int round = 0; round < 6; ++round) {
-        const size_t cut = 1 + rng() % (packed.size() - 1);
-        WriteFile(path, packed.substr(0, cut));
-        const size_t inflated = Gunzip(packed.substr(0, cut)).text.size();
-        const size_t complete = static_cast<size_t>(std::upper_bound(record_ends.begin(), record_ends.end(), inflated) -
-                                                    record_ends.begin());
-        Outcome got;
-        CapturingLog([&] { got = ReadFastqFile(path); });
-        SCOPED_TRACE("cut at " + std::to_string(cut));
-        ExpectSame(got.records, {records.begin(), records.begin() + complete});
-        EXPECT_EQ(got.error.rfind("'" + path.string() + "': record " + std::to_string(complete + 1) + " (line ", 0), 0)
-            << got.error;
-        EXPECT_NE(got.error.find("): gzip data is truncated after " + std::to_string(cut) +
-                                 " compressed bytes; the rest of the file was skipped."),
-                  std::string::npos)
-            << got.error;
-    }
-    fs::remove(path);
 }
