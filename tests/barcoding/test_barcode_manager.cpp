@@ -17,6 +17,12 @@ std::string NoExpansion(const std::string& fasta = "bc.fasta") {
            "\ndouble_barcodes_revcmpl = false\ndouble_variants_frontrear = false\nappend_indicator_fwdbwd = false\n";
 }
 
+// Writes bc.fasta and arr.cfg and loads them.
+BarcodeManager Load(const TempFolder& dir, const std::string& fasta, const std::string& arrangement) {
+    dir.Write("bc.fasta", fasta);
+    return BarcodeManager({dir.Write("arr.cfg", arrangement)}, "");
+}
+
 // An arrangement in one line: id, normalised id, kit, its two ends and its variant.
 std::string Line(const Arrangement& a) {
     return a.id + " " + a.normalised_id + " " + a.kit + " " + a.barcode1 + "|" + a.barcode2 + " " + a.variant;
@@ -27,15 +33,14 @@ TEST(BarcodeManager, IndexedSectionsExpandWithTheTwelfthBarcodeQuirk) {
     std::string fasta = ">barcode12A\nACGT\n>barcode09X\nACGT\n";
     for (int i = 1; i <= 11; ++i)
         fasta += ">barcode" + std::string(i < 10 ? "0" : "") + std::to_string(i) + "\nACGT\n";
-    dir.Write("bc.fasta", fasta);
-    const std::string file =
-        dir.Write("arr.cfg", NoExpansion() +
-                                 "[barcode%02i]\nkit = RLB\nnormalised_id = barcode%02i\nbarcode1 = barcode%02i\n"
-                                 "first_index = 1\nlast_index = 12\nscoring_function = MAX\ncompatible_kits = K1,K2\n"
-                                 "[other%02i]\nkit = X%i\nbarcode1 = barcode%02iX\nfirst_index = 9\nlast_index = 9\n"
-                                 "[plain%02i]\nbarcode2 = barcode01\nfirst_index = 3\n"
-                                 "[reversed%02i]\nfirst_index = 3\nlast_index = 2\n");
-    BarcodeManager manager({file}, "");
+    BarcodeManager manager =
+        Load(dir, fasta,
+             NoExpansion() +
+                 "[barcode%02i]\nkit = RLB\nnormalised_id = barcode%02i\nbarcode1 = barcode%02i\n"
+                 "first_index = 1\nlast_index = 12\nscoring_function = MAX\ncompatible_kits = K1,K2\n"
+                 "[other%02i]\nkit = X%i\nbarcode1 = barcode%02iX\nfirst_index = 9\nlast_index = 9\n"
+                 "[plain%02i]\nbarcode2 = barcode01\nfirst_index = 3\n"
+                 "[reversed%02i]\nfirst_index = 3\nlast_index = 2\n");
     const auto& all = manager.AllArrangements();
     ASSERT_EQ(all.size(), 15u);
     EXPECT_EQ(Line(all[0]), "barcode01 barcode01 RLB barcode01| n/a");
@@ -52,12 +57,10 @@ TEST(BarcodeManager, IndexedSectionsExpandWithTheTwelfthBarcodeQuirk) {
 
 TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
     TempFolder dir;
-    dir.Write("bc.fasta", ">BC01\nAACGTTG\n>BC02\nacgUN\n");
-    const std::string file = dir.Write("arr.cfg",
-                                       "[loading_options]\nbarcodes_filename = bc.fasta\n"
-                                       "[double]\nbarcode1 = BC01\nbarcode2 = BC02\ncompatible_kits = D\n"
-                                       "[single]\nbarcode1 = BC01\ncompatible_kits = S\n");
-    BarcodeManager manager({file}, "");
+    BarcodeManager manager = Load(dir, ">BC01\nAACGTTG\n>BC02\nacgUN\n",
+                                  "[loading_options]\nbarcodes_filename = bc.fasta\n"
+                                  "[double]\nbarcode1 = BC01\nbarcode2 = BC02\ncompatible_kits = D\n"
+                                  "[single]\nbarcode1 = BC01\ncompatible_kits = S\n");
     EXPECT_EQ(manager.GetBarcodeSequence("BC01_FWD"), "AACGTTG");
     EXPECT_EQ(manager.GetBarcodeSequence("BC01_REV"), "CAACGTT");
     EXPECT_EQ(manager.GetBarcodeSequence("BC02_REV"), "NAcgt");  // case kept, unknown letters kept
@@ -89,9 +92,8 @@ TEST(BarcodeManager, FastaQuirks) {
                   "Barcode '" + dropped + "' was referenced in arrangement, but not found in barcode file");
 }
 
-// Files that cannot be read, and settings that would write outside the save
-// folder, never finish loading or overflow the aligner, are refused at load
-// time, naming file and section; values on the edge of their range load.
+// Unreadable files and settings that would escape the save folder, never finish loading or
+// overflow the aligner are refused naming file and section; edge values load.
 TEST(BarcodeManager, RefusesWhatItCannotLoad) {
     TempFolder dir;
     const std::string none = dir.Path() + "/none.cfg", ok = "(no error)";
@@ -134,26 +136,20 @@ TEST(BarcodeManager, RefusesWhatItCannotLoad) {
          "Barcode 'long' in '" + dir.Path() + "/bc.fasta' is 1001 bases long; at most 1000 are allowed"},
     };
     for (const auto& c : cases) {
-        dir.Write("bc.fasta", c.fasta.empty() ? ">X\nACGT\n" : c.fasta);
-        const std::string file = dir.Write("arr.cfg", c.arrangement);
-        const std::string error = ErrorOf([&] { BarcodeManager({file}, ""); });
+        const std::string error = ErrorOf([&] { Load(dir, c.fasta.empty() ? ">X\nACGT\n" : c.fasta, c.arrangement); });
         EXPECT_TRUE(TestSupport::Holds(error, c.error)) << c.arrangement << "\n" << error;
     }
 }
 
-// A double-barcode arrangement's scoring function is checked when its kit is
-// selected; kits not asked for may carry anything.
+// Scoring functions are checked only for the kits selected.
 TEST(BarcodeManager, ScoringFunctionsOfSelectedKitsOnly) {
     TempFolder dir;
-    dir.Write("bc.fasta", ">X\nACGT\n");
-    const std::string file =
-        dir.Write("arr.cfg",
-                  "[loading_options]\nbarcodes_filename = bc.fasta\n"
-                  "[good]\nbarcode1 = X\nbarcode2 = X\nscoring_function = ADD\ncompatible_kits = G\n"
-                  "[single]\nbarcode1 = X\nscoring_function = SUM\ncompatible_kits = S\n"
-                  "[odd%02i]\nbarcode1 = X\nbarcode2 = X\nscoring_function = max\ncompatible_kits = O\n"
-                  "first_index = 3\nlast_index = 4\n");
-    BarcodeManager manager({file}, "");
+    BarcodeManager manager = Load(dir, ">X\nACGT\n",
+                                  "[loading_options]\nbarcodes_filename = bc.fasta\n"
+                                  "[good]\nbarcode1 = X\nbarcode2 = X\nscoring_function = ADD\ncompatible_kits = G\n"
+                                  "[single]\nbarcode1 = X\nscoring_function = SUM\ncompatible_kits = S\n"
+                                  "[odd%02i]\nbarcode1 = X\nbarcode2 = X\nscoring_function = max\ncompatible_kits = O\n"
+                                  "first_index = 3\nlast_index = 4\n");
     EXPECT_EQ(manager.GetArrangements("G").size(), 2u);
     EXPECT_EQ(manager.GetArrangements("S").size(), 2u);
     for (const char* kits : {"O", "G O", ""})
@@ -177,13 +173,11 @@ TEST(BarcodeManager, FilesResolveAgainstTheDataPathAndLaterBarcodesWin) {
 
 TEST(BarcodeManager, KitSelection) {
     TempFolder dir;
-    dir.Write("bc.fasta", ">X\nA\n");
-    const std::string file =
-        dir.Write("arr.cfg", NoExpansion() +
-                                 "[a1]\nbarcode1 = X\ncompatible_kits = A,B\n"   // claimed by A only
-                                 "[c1]\nbarcode1 = X\ncompatible_kits = C, D\n"  // kits "C" and " D"
-                                 "[a2]\nbarcode1 = X\ncompatible_kits = A\n");
-    BarcodeManager manager({file}, "");
+    BarcodeManager manager = Load(dir, ">X\nA\n",
+                                  NoExpansion() +
+                                      "[a1]\nbarcode1 = X\ncompatible_kits = A,B\n"   // claimed by A only
+                                      "[c1]\nbarcode1 = X\ncompatible_kits = C, D\n"  // kits "C" and " D"
+                                      "[a2]\nbarcode1 = X\ncompatible_kits = A\n");
     EXPECT_EQ(&manager.GetArrangements(""), &manager.AllArrangements());
     const auto& a = manager.GetArrangements("A");
     ASSERT_EQ(a.size(), 2u);

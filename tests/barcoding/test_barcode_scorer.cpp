@@ -1,6 +1,3 @@
-// The scorer against a naive reference, the promises of its score scale across
-// kit designs, and reads of barcode pairs.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,9 +39,7 @@ ScorerOptions Options(const std::string& kits, int front_window = 70, int rear_w
     return options;
 }
 
-// Barcodes BC01.. of `length` random bases between constant flanks of `flank`
-// bases (the references: flank + barcode + flank), under the arrangement
-// sections given to Load.
+// Barcodes BC01.. of `length` random bases between constant flanks of `flank` bases.
 struct Kit {
     TestSupport::TempFolder dir;
     std::vector<std::string> references;
@@ -72,17 +67,13 @@ struct Kit {
 
 std::vector<int> Codes(const std::string& sequence) {
     std::vector<int> codes;
-    for (char c : sequence) {
-        const char upper = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        codes.push_back(static_cast<int>(std::string("ACGT").find(upper == 'U' ? 'T' : upper)));
-    }
+    for (char c : sequence)
+        codes.push_back(static_cast<int>(std::min<size_t>(std::string("ACGTUacgtu").find(c) % 5, 3)));  // U as T
     return codes;
 }
 
-// Naive reference: every reference aligned on its own with FastAlign::Align,
-// the scale's rival, floor and background found by brute force over the
-// arrangements, then the arrangement rules applied directly. End 0 is the
-// front, 1 the rear.
+// Naive reference: every reference aligned on its own, the scale found by brute
+// force, the arrangement rules applied directly. End 0 is the front, 1 the rear.
 class NaiveScorer {
 public:
     NaiveScorer(const ScorerOptions& options, BarcodeManager& manager, const std::vector<int>& matrix)
@@ -118,10 +109,7 @@ public:
         std::vector<int> fits;
         for (const auto& a : arrangements_) {
             ArrangementDetectResult r;
-            r.id = a.id;
-            r.normalised_id = a.normalised_id;
-            r.kit = a.kit;
-            r.variant = a.variant;
+            std::tie(r.id, r.normalised_id, r.kit, r.variant) = std::tie(a.id, a.normalised_id, a.kit, a.variant);
             r.front = Detect(a.barcode1, 0, read, 0);
             r.rear = Detect(a.barcode2, 1, read, rear_begin);
             r.score = a.barcode1.empty()            ? r.rear.score
@@ -135,16 +123,13 @@ public:
             fits.push_back(fit);
         }
         const float minimum[2] = {options_.min_score, options_.min_score_rear_override};
-        auto detect = [](const ArrangementDetectResult& r, int end) -> const BarcodeDetectResult& {
-            return end == 0 ? r.front : r.rear;
-        };
         std::set<std::string> passing[2], evidence[2];  // per end: normalised ids
         std::vector<size_t> kept;
         std::map<std::string, int> kit_fit;
         for (size_t i = 0; i < all.size(); ++i) {
             bool ok[2];
             for (int end : {0, 1}) {
-                const auto& d = detect(all[i], end);
+                const auto& d = At(all[i], end);
                 ok[end] = d.score >= minimum[end];
                 if (ok[end]) passing[end].insert(all[i].normalised_id);
                 if (!d.id.empty() && d.score > 0 && d.presence >= kMixedEvidencePresence)
@@ -155,10 +140,8 @@ public:
             kit_fit.try_emplace(all[i].kit, INT_MIN);
             kit_fit[all[i].kit] = std::max(kit_fit[all[i].kit], fits[i]);
         }
-        // Both ends pass: mixed when nothing passes at both. One end passes:
-        // mixed when the other has evidence of a barcode the passing end does
-        // not name and every passing arrangement's barcode is clearly beaten
-        // there.
+        // Both pass: mixed when nothing passes at both. One passes: mixed when the other end shows
+        // another barcode and beats every passing arrangement's barcode clearly.
         auto none_in = [](const std::set<std::string>& names, const std::set<std::string>& in) {
             return std::none_of(names.begin(), names.end(), [&](const std::string& name) { return in.count(name); });
         };
@@ -168,8 +151,8 @@ public:
             const int here = passing[0].empty() ? 1 : 0, there = 1 - here;
             mixed = !evidence[there].empty() && none_in(evidence[there], passing[here]);
             for (const auto& r : all)
-                if (detect(r, here).score >= minimum[here])
-                    mixed &= !detect(r, there).id.empty() && detect(r, there).score <= -kMixedRivalMargin;
+                if (At(r, here).score >= minimum[here])
+                    mixed &= !At(r, there).id.empty() && At(r, there).score <= -kMixedRivalMargin;
             mixed_by_evidence += mixed;
         }
         UnclassifiedReason reason = UnclassifiedReason::kNone;
@@ -203,6 +186,7 @@ public:
 
 private:
     static const std::string& At(const Arrangement& a, int end) { return end == 0 ? a.barcode1 : a.barcode2; }
+    static const BarcodeDetectResult& At(const ArrangementDetectResult& r, int end) { return end ? r.rear : r.front; }
     std::string Sequence(const std::string& name) const { return manager_.GetBarcodeSequence(name); }
     std::string Root(int end, std::string name) {
         while (root_[end].at(name) != name)
@@ -223,8 +207,7 @@ private:
         return slot->second;
     }
 
-    // Sequences of the references at this end in arrangements of name's kits
-    // that stand for another barcode.
+    // References at this end, in name's kits, that stand for another barcode.
     const std::vector<std::string>& Competitors(const std::string& name, int end) {
         const auto [slot, added] = competitors_[end].try_emplace(name);
         if (!added) return slot->second;
@@ -306,6 +289,10 @@ private:
     std::map<std::string, Scale> scales_[2];
 };
 
+auto Call(const ArrangementDetectResult& r) {
+    return std::tie(r.id, r.normalised_id, r.variant, r.score, r.reason, r.mixed);
+}
+
 void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult& naive, bool detailed) {
     EXPECT_EQ(fast.id, naive.id);
     EXPECT_EQ(fast.score, naive.score);
@@ -316,9 +303,7 @@ void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult
     EXPECT_EQ(fast.begin_index, naive.begin_index);
 }
 
-// Random reads, some carrying mutated barcodes, some in lower case with U,
-// one empty, through both scorers. evidence_only: where given, receives the
-// number of reads that were mixed with only one end passing.
+// Random reads (mutated barcodes, lower case with U, one empty) through both scorers.
 void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<BarcodeManager>& manager,
                       const std::vector<std::string>& barcodes, int reads, unsigned seed,
                       const std::vector<int>& matrix = kMatrix, const std::string& device = "",
@@ -356,12 +341,7 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
             ASSERT_EQ(results.size(), expected.size()) << read;
             for (size_t r = 0; r < results.size(); ++r) {
                 SCOPED_TRACE(read + " result " + std::to_string(r));
-                EXPECT_EQ(results[r].id, expected[r].id);
-                EXPECT_EQ(results[r].normalised_id, expected[r].normalised_id);
-                EXPECT_EQ(results[r].variant, expected[r].variant);
-                EXPECT_EQ(results[r].score, expected[r].score);
-                EXPECT_EQ(results[r].reason, expected[r].reason);
-                EXPECT_EQ(results[r].mixed, expected[r].mixed);
+                EXPECT_EQ(Call(results[r]), Call(expected[r]));
                 ExpectSameDetect(results[r].front, expected[r].front, r < detailed);
                 ExpectSameDetect(results[r].rear, expected[r].rear, r < detailed);
             }
@@ -370,8 +350,7 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
     if (evidence_only) *evidence_only = naive.mixed_by_evidence;
 }
 
-// Kit "DK": BC01 and BC02 at both ends (ADD); "AK": BC02 front, BC03 rear
-// (MAX); "SK": BC04 at the front only. BC03 is written in lower case with U.
+// "DK": BC01, BC02 at both ends (ADD); "AK": BC02 front, BC03 rear (MAX); "SK": BC04 front only.
 class ScorerTest : public ::testing::Test {
 protected:
     ScorerTest() : kit_(11, 4, 24) {
@@ -409,11 +388,8 @@ TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
     Common::ShutdownLogging();
 }
 
-// A barcode pushed past the end window (behind a long leftover adapter, say)
-// fails at its end, and the search meets it outside the end's match. On a read
-// of one molecule it is still that end's barcode, not a second molecule's; the
-// same copy in the middle of the read is one, and then the pushed one stays a
-// cut too, so that the first molecule starts at its barcode.
+// A barcode pushed past the end window is still that end's, not a second molecule's,
+// unless another copy lies inside the read; then it stays a cut too.
 TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
     ScorerOptions options = Options("DK");
     options.internal_barcodes = "reject";
@@ -446,13 +422,18 @@ void CompareOnShippedKits(unsigned seed, const std::string& device) {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
     const auto config = TestSupport::ShippedConfiguration();
     ScorerOptions options;
-    const char* keys[] = {"start_gap1", "end_gap1",  "open_gap1",   "extend_gap1",       "start_gap2",
-                          "end_gap2",   "open_gap2", "extend_gap2", "front_window_size", "rear_window_size"};
-    int* fields[] = {&options.start_gap1,        &options.end_gap1,        &options.open_gap1, &options.extend_gap1,
-                     &options.start_gap2,        &options.end_gap2,        &options.open_gap2, &options.extend_gap2,
-                     &options.front_window_size, &options.rear_window_size};
-    for (size_t k = 0; k < std::size(keys); ++k)
-        *fields[k] = std::stoi(config.at(keys[k]));
+    for (const auto& [key, field] :
+         std::initializer_list<std::pair<const char*, int*>>{{"start_gap1", &options.start_gap1},
+                                                             {"end_gap1", &options.end_gap1},
+                                                             {"open_gap1", &options.open_gap1},
+                                                             {"extend_gap1", &options.extend_gap1},
+                                                             {"start_gap2", &options.start_gap2},
+                                                             {"end_gap2", &options.end_gap2},
+                                                             {"open_gap2", &options.open_gap2},
+                                                             {"extend_gap2", &options.extend_gap2},
+                                                             {"front_window_size", &options.front_window_size},
+                                                             {"rear_window_size", &options.rear_window_size}})
+        *field = std::stoi(config.at(key));
     options.min_score = std::stof(config.at("min_score"));
     ValidateScorerOptions(options);
     auto manager =
@@ -474,13 +455,8 @@ TEST(ShippedKits, GpuFastPathMatchesNaiveAlignment) {
     CompareOnShippedKits(10, "cuda:0");
 }
 
-// The point of the scale: the same read quality gives the same scores whatever
-// the flank length, barcode length or number of barcodes, with a perfect copy
-// near 100, the right barcode far above 0 and every wrong one at or below it
-// (without flanks a short barcode's presence sets its score, so only its sign
-// is held there, for nearly every read). And a read end without a barcode of
-// the kit, random sequence or another kit's construct, stays below the shipped
-// min_score under the shipped gap costs.
+// Same read quality, same scores whatever the flank, barcode length or count (without
+// flanks only the sign holds); ends without the kit's construct stay below min_score.
 TEST(ScoreScale, SameScoresForEveryKitDesignAndNoneWithoutTheKitsFlanks) {
     const float shipped_min = std::stof(TestSupport::ShippedConfiguration().at("min_score"));
     for (size_t length : {16, 24, 40}) {
@@ -544,19 +520,15 @@ TEST(ScoreScale, SameScoresForEveryKitDesignAndNoneWithoutTheKitsFlanks) {
             }
             EXPECT_LT(highest, shipped_min - 5) << "no room to spare";
         }
-        // The old score (raw / self-score) moved by tens of points between
-        // flank lengths at the same error rate; this one stays within what
-        // the random barcodes themselves differ by.
+        // A raw / self-score scale moved by tens of points between flank lengths.
         const auto [low, high] = std::minmax_element(means.begin(), means.end());
         EXPECT_GT(*low, 70) << "barcode length " << length;
         EXPECT_LT(*high - *low, 20) << "barcode length " << length;
     }
 }
 
-// Scorers of the same kits and settings share one scale, and only those. An
-// identical sequence is the same barcode, not a competitor; references that
-// differ only by what hangs off a window at no cost cannot be told apart, and
-// one holding a letter that is not a base cannot be aligned.
+// One scale per kits and settings; identical sequences are one barcode; references told
+// apart only by free end gaps, or holding a non-base, are refused.
 TEST(ScoreScale, SharedPerSettingsAndRefusedWhereBarcodesCannotBeScored) {
     Kit kit(9, 4, 16, 5);
     ScaleSettings settings{kMatrix, Options("K").GapVector(), 150, 150};
@@ -585,15 +557,8 @@ TEST(ScoreScale, SharedPerSettingsAndRefusedWhereBarcodesCannotBeScored) {
     EXPECT_TRUE(TestSupport::Holds(message, "'BC01_FWD'") && TestSupport::Holds(message, "'N'")) << message;
 }
 
-// Kit PK: fronts F01..F04 (BC01..BC04) and rears R05..R07 (BC05..BC07), the
-// arrangement file written as a user would (one front-only and one rear-only
-// section, variants on). Random reads of every kind, from either strand,
-// against what a reader of the design expects. Pair calls carry a barcode
-// quality, and min_barcode_quality applies to them: with the minimum at 30
-// (more calls on a weak end) and the bar at its top, only the surest calls
-// stay, the rest go to "low barcode quality"; every other outcome is the same.
-// (Barcodes this far apart give the top quality even to an end scoring just
-// above the minimum.)
+// Pair kit: fronts F01..F04, rears R05..R07; random reads of every kind from either strand
+// against the expected call. min_barcode_quality at its top keeps only the surest pair calls.
 TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
     Kit kit(21, 7, 24);
     kit.Load(
@@ -618,7 +583,6 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
     BarcodeScorer strict(options, kit.manager, kMatrix, "", design(pairs));
 
     std::mt19937 random(5);
-    // Barcode k with a few substitutions, so that the ends are not perfect copies.
     auto damaged = [&](size_t k, int substitutions) {
         std::string bases = kit.references[k];
         for (int n = 0; n < substitutions; ++n)
@@ -628,8 +592,7 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
     std::map<std::string, int> kinds;
     for (int n = 0; n < 600; ++n) {
         const int f = static_cast<int>(random() % 4), r = static_cast<int>(random() % 3);
-        // 0, 1: both ends; 2: front only; 3: rear only; 4, 5: the front or
-        // the rear damaged, scoring around the minimum
+        // 0, 1: both ends; 2: front only; 3: rear only; 4, 5: front or rear damaged
         const int kind = static_cast<int>(random() % 6), damage = 3 + static_cast<int>(random() % 5);
         const std::string front = damaged(static_cast<size_t>(f), kind == 4 ? damage : 1);
         const std::string rear = damaged(static_cast<size_t>(r + 4), kind == 5 ? damage : 1);
@@ -648,8 +611,7 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
         EXPECT_FALSE(call.mixed);
         const bool listed_cell = listed.count({f, r}) > 0;
         if (kind >= 4) {
-            // A damaged end below the minimum (60) but at half of it or more
-            // still says the pair, when it names the right barcode.
+            // A damaged end at half the minimum or more still says the pair.
             const float weaker = std::min(call.front.score, call.rear.score);
             const bool strong = weaker >= 60, seen = weaker >= 30 && call.id == name;
             const UnclassifiedReason expected = strong && listed_cell  ? UnclassifiedReason::kNone

@@ -1,7 +1,3 @@
-// The search for barcode constructs anywhere in a read against aligning along
-// the whole read, the read's base codes, and where a read is cut into its
-// molecules.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,10 +17,8 @@ using TestSupport::RandomCodes;
 const std::vector<int>& kMatrix = TestSupport::kMatchMismatch;
 const std::vector<int> kGaps = {0, 0, 8, 8, 9, 9, 8, 8};  // start, end, open, extend; reference, then read
 
-// A kit of `count` random barcodes, between constant flanks of `flank` bases
-// each, 24 bases long, or 40 bases long without flanks (as long as the
-// flanked references: shorter ones stand out too little from random
-// sequence over the length of a read). Each is also read backwards.
+// `count` random barcodes between flanks of `flank` bases, 24 long, or 40 without flanks
+// (shorter ones stand out too little from a whole read's random sequence); each also reversed.
 std::vector<SearchReference> Kit(std::mt19937& random, int count, size_t flank) {
     const auto left = RandomCodes(random, flank), right = RandomCodes(random, flank);
     std::vector<ScaleReference> forward;
@@ -56,10 +50,8 @@ bool Overlaps(const Span& span, const std::vector<FoundConstruct>& found) {
                        [&](const FoundConstruct& f) { return f.begin < span.end && f.end > span.begin; });
 }
 
-// What a full alignment along the whole read finds: every reference aligned
-// in overlapping windows that step by its length, so that any copy of up to
-// twice its length lies whole in one of them; a copy counts when its raw
-// score reaches the bar the search uses.
+// Naive search: every reference aligned in overlapping windows that step by its length, so
+// that any copy up to twice its length lies whole in one; a hit reaches the search's bar.
 std::vector<Span> FullAlignment(const std::vector<SearchReference>& references, const ConstructSearch& search,
                                 const std::vector<uint8_t>& read) {
     std::vector<std::vector<int>> codes;
@@ -93,12 +85,8 @@ std::vector<Span> FullAlignment(const std::vector<SearchReference>& references, 
     return hits;
 }
 
-// Random reads with constructs planted at random places and error rates: the
-// search finds every construct that aligning along the whole read finds,
-// nearly every planted copy up to 8 % errors, and nothing in the random
-// sequence around them (every hit there would reject a normal read). Within
-// read stretches it finds what the whole search finds that lies wholly in one
-// of them, and nothing that reaches outside.
+// Planted constructs: all the naive search finds, nearly every copy up to 8 % errors and nothing
+// in random sequence (that would reject normal reads); within stretches, nothing reaching out.
 TEST(ConstructSearchTest, FindsWhatAFullAlignmentFinds) {
     std::mt19937 random(1801);
     for (const auto& [count, flank] : std::vector<std::pair<int, size_t>>{{24, 20}, {24, 0}}) {
@@ -155,9 +143,7 @@ TEST(ConstructSearchTest, FindsWhatAFullAlignmentFinds) {
     }
 }
 
-// Every character, at every place of a short read and among long runs of
-// bases: codes as the scorer's table gives them, and an error for any
-// character the table does not read as a base.
+// Every character anywhere in a read: the table's code, or an error where it is no base.
 TEST(ConstructSearchTest, ReadCodesAgreeWithTheBaseTable) {
     std::mt19937 random(1804);
     const std::string bases = "ACGTUacgtu";
@@ -182,11 +168,7 @@ TEST(ConstructSearchTest, ReadCodesAgreeWithTheBaseTable) {
 // rear followed closely by the next front is cut once between them.
 TEST(MoleculePartsTest, CutsAtEachMoleculeBoundary) {
     auto at = [](int begin, int end, bool starts) {
-        FoundConstruct construct;
-        construct.begin = begin;
-        construct.end = end;
-        construct.starts_molecule = starts;
-        return construct;
+        return FoundConstruct{.begin = begin, .end = end, .starts_molecule = starts};
     };
     const struct {
         const char* name;

@@ -1,7 +1,3 @@
-// The scorer's settings: the options and their ranges, and the barcode quality
-// model (its file, and the properties every fitted model keeps whatever its
-// coefficients).
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,8 +12,7 @@
 namespace Barcoding {
 namespace {
 
-// Every bounded setting just inside and just outside its range (the command
-// line's refusals cover the lower gap bound, a NaN minimum and the trim flag).
+// Every bounded setting just inside and just outside its range.
 TEST(ScorerOptions, EachSettingIsCheckedAgainstItsRange) {
     const float inf = std::numeric_limits<float>::infinity();
     const std::string ok = "(no error)";
@@ -66,22 +61,12 @@ TEST(ScorerOptions, EachSettingIsCheckedAgainstItsRange) {
 
 EndEvidence RandomEnd(std::mt19937& random) {
     std::uniform_real_distribution<float> score(-100, 100), margin(-10, 25);
-    EndEvidence end;
-    end.barcode = random() % 5 != 0;
-    end.score = score(random);
-    end.presence = score(random);
-    end.over_rival = margin(random);
-    end.over_random = margin(random);
-    end.runner_up_score = score(random);
-    end.runner_up_presence = score(random);
-    end.window = 150;
-    return end;
+    // Braced initialisers run left to right, so the draws stay in this order.
+    return {random() % 5 != 0, score(random), score(random), margin(random),
+            margin(random),    score(random), score(random), 150};
 }
 
-// Whatever the call, a wider margin over the runner-up at an end where the
-// called barcode is the best never lowers the quality; nor does more
-// presence. Checked on the shipped model and on random models of the allowed
-// signs.
+// A wider margin or more presence never lowers the quality, on the shipped model and random ones.
 TEST(BarcodeQuality, NeverFallsAsTheMarginOrPresenceGrows) {
     std::mt19937 random(5);
     std::uniform_real_distribution<double> coefficient(0, 15);
@@ -107,20 +92,17 @@ TEST(BarcodeQuality, NeverFallsAsTheMarginOrPresenceGrows) {
     }
 }
 
-// Two ends agreeing count twice; an end without a barcode counts for nothing;
-// another barcode best at an end lowers the quality by its presence. The Phred
-// scale rounds and caps.
+// Two agreeing ends count twice, an end without a barcode not at all; another barcode best at
+// an end lowers the quality by its presence. The Phred scale rounds and caps.
 TEST(BarcodeQuality, EvidenceOfBothEndsAddsUpOnThePhredScale) {
     const QualityModel model{1, -1, -10, 12};
-    EndEvidence agreeing;
-    agreeing.barcode = true;
-    agreeing.score = 40;
-    agreeing.presence = 70;
-    agreeing.over_rival = 4;
-    EndEvidence beaten = agreeing;
-    beaten.score = -35;
-    beaten.runner_up_score = 35;
-    beaten.runner_up_presence = 60;
+    const EndEvidence agreeing{.barcode = true, .score = 40, .presence = 70, .over_rival = 4};
+    const EndEvidence beaten{.barcode = true,
+                             .score = -35,
+                             .presence = 70,
+                             .over_rival = 4,
+                             .runner_up_score = 35,
+                             .runner_up_presence = 60};
     auto log_odds = [&](const QualityInputs& inputs) {
         const double p = WrongCallProbability(model, inputs);
         return std::log(p / (1 - p));
