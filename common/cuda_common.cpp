@@ -189,10 +189,6 @@ CUDADevice::~CUDADevice() {
     report(driver_.cuCtxPushCurrent_v2(context_), __LINE__);
     for (auto& [name, module] : modules_)
         report(driver_.cuModuleUnload(module), __LINE__);
-    for (auto& buffer : buffers_) {
-        if (buffer.released != nullptr) report(driver_.cuEventDestroy_v2(buffer.released), __LINE__);
-        report(driver_.cuMemFree_v2(buffer.pointer), __LINE__);
-    }
     CUcontext popped = nullptr;
     report(driver_.cuCtxPopCurrent_v2(&popped), __LINE__);
     report(driver_.cuCtxDestroy_v2(context_), __LINE__);
@@ -215,37 +211,6 @@ CUstream CUDADevice::CreateStream() {
     return stream;
 }
 
-CUdeviceptr CUDADevice::ReserveBuffer(size_t bytes, CUstream stream) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ScopedContext current(*this);
-    // Best fit among the free buffers, preferring those whose release has
-    // already completed so that no stream has to wait.
-    Buffer* best = nullptr;
-    bool best_ready = false;
-    for (auto& buffer : buffers_) {
-        if (buffer.reserved || buffer.bytes < bytes) continue;
-        const bool ready = buffer.released == nullptr || driver_.cuEventQuery(buffer.released) == CUDA_SUCCESS;
-        if (best == nullptr || (ready && !best_ready) || (ready == best_ready && buffer.bytes < best->bytes)) {
-            best = &buffer;
-            best_ready = ready;
-        }
-    }
-    if (best != nullptr) {
-        if (!best_ready) VB_CUDA_CHECK(driver_.cuStreamWaitEvent(stream, best->released, 0));
-        best->reserved = true;
-        return best->pointer;
-    }
-
-    if (memory_limit_ != 0 && pool_bytes_ + charged_bytes_ + bytes > memory_limit_)
-        throw std::runtime_error("Could not allocate shared buffer for CUDA basecaller.");
-    CUdeviceptr pointer = 0;
-    if (driver_.cuMemAlloc_v2(&pointer, bytes) != CUDA_SUCCESS)
-        throw std::runtime_error("Could not allocate shared buffer for CUDA basecaller.");
-    buffers_.push_back({pointer, bytes, true, nullptr});
-    pool_bytes_ += bytes;
-    return pointer;
-}
-
 void CUDADevice::ChargeMemory(int64_t bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (bytes < 0) {
@@ -253,29 +218,12 @@ void CUDADevice::ChargeMemory(int64_t bytes) {
         return;
     }
     const uint64_t wanted = static_cast<uint64_t>(bytes);
-    if (memory_limit_ != 0 && pool_bytes_ + charged_bytes_ + wanted > memory_limit_)
+    if (memory_limit_ != 0 && charged_bytes_ + wanted > memory_limit_)
         throw std::runtime_error("GPU memory limit of " + std::to_string(memory_limit_) +
                                  " bytes reached on CUDA device " + std::to_string(index_) + ": " +
                                  std::to_string(wanted) +
                                  " more bytes needed (raise the limit in the device string or use fewer workers).");
     charged_bytes_ += wanted;
-}
-
-void CUDADevice::ReleaseBufferAsync(CUdeviceptr pointer, CUstream stream) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    uint64_t total = 0;
-    Buffer* found = nullptr;
-    for (auto& buffer : buffers_) {
-        total += buffer.bytes;
-        if (buffer.pointer == pointer) found = &buffer;
-    }
-    if (total != pool_bytes_) throw std::runtime_error("GPU memory allocation corruption.");
-    if (found == nullptr) throw std::runtime_error("ReleaseBufferAsync: unknown buffer address.");
-    if (!found->reserved) throw std::runtime_error("ReleaseBufferAsync: Buffer not reserved.");
-    ScopedContext current(*this);
-    if (found->released == nullptr) VB_CUDA_CHECK(driver_.cuEventCreate(&found->released, CU_EVENT_DISABLE_TIMING));
-    VB_CUDA_CHECK(driver_.cuEventRecord(found->released, stream));
-    found->reserved = false;
 }
 
 std::vector<CUfunction> CUDADevice::LoadKernels(const std::string& image, const std::vector<std::string>& names) {
@@ -304,11 +252,6 @@ std::vector<CUfunction> CUDADevice::LoadKernels(const std::string& image, const 
         kernels.push_back(function);
     }
     return kernels;
-}
-
-std::vector<CUfunction> CUDADevice::CompileKernels(const std::string&, const std::vector<std::string>&,
-                                                   const std::vector<std::string>&) {
-    throw std::runtime_error("CUDA runtime compilation not supported in this build.");
 }
 
 }  // namespace Common

@@ -1,8 +1,8 @@
 #pragma once
 // Common::CUDADevice: the program's handle on one NVIDIA GPU through the CUDA
 // driver (reached at run time, see cuda_driver.h). It parses device strings,
-// owns the device's context, streams, a pool of device buffers and the kernel
-// modules loaded from the images embedded in the program.
+// owns the device's context, streams and the kernel modules loaded from the
+// images embedded in the program.
 //
 // Devices are shared: every aligner asking for the same GPU gets the same
 // CUDADevice (and so the same context), each with its own stream.
@@ -18,7 +18,7 @@
 
 namespace Common {
 
-// One requested device. A limit of 0 means none; the limit caps the buffer pool.
+// One requested device. A limit of 0 means none; ChargeMemory enforces it.
 struct CUDADeviceRequest {
     int device;             // index, or CUDADevice::kAutoDevice
     float memory_percent;   // limit as a percentage of the device's memory
@@ -46,11 +46,11 @@ public:
     int Index() const { return index_; }
     CUcontext Context() const { return context_; }
     // Bytes this program may hold on the device (the device string's limit,
-    // shared by the buffer pool and ChargeMemory); 0 = as much as it gives.
+    // counted by ChargeMemory); 0 = as much as it gives.
     uint64_t MemoryLimit() const { return memory_limit_; }
-    // Counts memory that its owner allocates directly (not from the pool)
-    // against the limit: throws std::runtime_error, charging nothing, when
-    // bytes more would exceed it. A negative count gives bytes back.
+    // Counts memory that its owner allocates directly against the limit:
+    // throws std::runtime_error, charging nothing, when bytes more would
+    // exceed it. A negative count gives bytes back.
     void ChargeMemory(int64_t bytes);
 
     // Makes the device's context current on this thread for its lifetime.
@@ -67,37 +67,18 @@ public:
 
     CUstream CreateStream();
 
-    // Shared buffer pool. A reserved buffer is the caller's until released;
-    // release is asynchronous: the buffer is handed out again only once the
-    // work queued on the releasing stream before the release is done (or the
-    // next user's stream waits for it).
-    CUdeviceptr ReserveBuffer(size_t bytes, CUstream stream);
-    void ReleaseBufferAsync(CUdeviceptr buffer, CUstream stream);
-
     // The named kernels of an embedded image ("fastalign.fatbin"). The image is
     // loaded once per device; the handles live as long as the device.
     std::vector<CUfunction> LoadKernels(const std::string& image, const std::vector<std::string>& names);
-    // Run-time compilation of kernel source is not part of this build: throws.
-    std::vector<CUfunction> CompileKernels(const std::string& source, const std::vector<std::string>& names,
-                                           const std::vector<std::string>& options);
 
 private:
     CUDADevice(int index, const CUDADeviceRequest& request);
-
-    struct Buffer {
-        CUdeviceptr pointer;
-        size_t bytes;
-        bool reserved;
-        CUevent released;  // recorded at the last release; nullptr before the first
-    };
 
     const CudaDriver& driver_;
     int index_;
     CUcontext context_ = nullptr;
     uint64_t memory_limit_ = 0;
     std::mutex mutex_;  // guards everything below
-    std::vector<Buffer> buffers_;
-    uint64_t pool_bytes_ = 0;
     uint64_t charged_bytes_ = 0;
     std::map<std::string, CUmodule> modules_;
 };

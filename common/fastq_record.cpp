@@ -1,11 +1,9 @@
 #include "common/fastq_record.h"
 
 #include <array>
-#include <fstream>
 #include <stdexcept>
 
 #include "common/logger.h"
-#include "common/string_utils.h"
 
 namespace Common {
 
@@ -147,10 +145,6 @@ void FastQRecord::AppendTo(std::string& out) const {
     out.append(title).append("\n").append(sequence).append("\n+\n").append(qstring).append("\n");
 }
 
-void FastQRecord::AppendToTitle(const std::string& key, const std::string& value) {
-    title.append(" ").append(key).append("=").append(value);
-}
-
 std::string_view FastQRecord::ReadId() const {
     if (fields.read_id_end == 0) return kInvalidReadId;
     return std::string_view(title).substr(1, fields.read_id_end - 1);
@@ -180,31 +174,6 @@ std::string FastQRecord::GetRunId() const {
     if (!fields.has_run_id)
         VB_LOG(RecordLogger(), Severity::error) << "Could not find 'runid=' in the title: " << title;
     return std::string(RunId());
-}
-
-std::string FastQRecord::MakeTitle(const FastQReadMetadata& metadata) {
-    return "@" + metadata.read_id + " runid=" + metadata.run_id + " sampleid=" + metadata.sample_id +
-           " read=" + std::to_string(metadata.read_number) + " ch=" + std::to_string(metadata.channel) +
-           " start_time=" + metadata.start_time;
-}
-
-std::unordered_set<std::string> getReadIdWhitelist(const std::string& path) {
-    std::ifstream in(path);
-    if (!in.is_open()) throw std::runtime_error("Could not load readIdWhitelist file: '" + path + "'");
-    std::unordered_set<std::string> read_ids;
-    std::string line;
-    while (std::getline(in, line)) {
-        // Only the ends are trimmed, so that an id with an inner space is
-        // reported instead of silently glued together.
-        std::string read_id = TrimWhitespace(line);
-        if (read_id.empty()) continue;
-        if (read_id.find(' ') != std::string::npos) {
-            VB_LOG(RecordLogger(), Severity::warning) << "read_id is invalid as it contains a space " << read_id;
-            continue;
-        }
-        read_ids.insert(std::move(read_id));
-    }
-    return read_ids;
 }
 
 }  // namespace Common

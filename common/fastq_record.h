@@ -2,11 +2,9 @@
 // One FASTQ read as held in memory: header line, bases and qualities.
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 namespace Common {
 
@@ -14,16 +12,6 @@ namespace Common {
 // callers compare against these to skip such reads.
 inline constexpr char kInvalidReadId[] = "[invalid read id]";
 inline constexpr char kInvalidRunId[] = "[invalid run id]";
-
-// Per-read fields of a canonical title (see FastQRecord::MakeTitle).
-struct FastQReadMetadata {
-    std::string read_id;
-    std::string run_id;
-    std::string sample_id;
-    std::string start_time;
-    uint32_t channel = 0;
-    uint32_t read_number = 0;
-};
 
 // Where a title's fields stand: offsets into the title, so they survive moving
 // the record and appending tags to its title. Found once, when the record is
@@ -72,8 +60,6 @@ struct FastQRecord {
     std::string ToString() const;
     // The same, appended to out.
     void AppendTo(std::string& out) const;
-    // title += " " + key + "=" + value
-    void AppendToTitle(const std::string& key, const std::string& value);
 
     // The fields as found, without copies or log lines. Read id: the title up
     // to its first space, without its first character (kInvalidReadId for a
@@ -89,13 +75,6 @@ struct FastQRecord {
     std::string GetReadId() const;
     // RunId, with an error log line when there is none. Throws on an empty title.
     std::string GetRunId() const;
-
-    // "@<read id> runid=<..> sampleid=<..> read=<..> ch=<..> start_time=<..>"
-    static std::string MakeTitle(const FastQReadMetadata& metadata);
 };
-
-// Read ids listed one per line; lines holding a space are skipped with a
-// warning. Throws std::runtime_error when the file cannot be opened.
-std::unordered_set<std::string> getReadIdWhitelist(const std::string& path);
 
 }  // namespace Common

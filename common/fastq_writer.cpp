@@ -23,7 +23,6 @@
 #include <map>
 #include <stdexcept>
 
-#include "common/bam_record.h"
 #include "common/bgzf_blocks.h"
 #include "common/gzip_member_writer.h"
 #include "common/logger.h"
@@ -76,16 +75,6 @@ bool MakeFolder(const std::string& folder) {
 
 bool OutOfDescriptors(const OutputError& error) {
     return error.ErrorNumber() == EMFILE || error.ErrorNumber() == ENFILE;
-}
-
-// The folder of a record, relative to the save path: "calibration_strands"
-// for calibration reads, else optional "pass"/"fail", then the arrangement.
-std::string RecordFolder(const std::string& arrangement, bool split_pass_fail, bool pass, bool calibration) {
-    if (calibration) return "calibration_strands";
-    fs::path folder;
-    if (split_pass_fail) folder /= pass ? "pass" : "fail";
-    if (!arrangement.empty()) folder /= arrangement;
-    return folder.string();
 }
 
 }  // namespace
@@ -511,10 +500,6 @@ std::vector<std::string> FastqWriter::Resume(const std::vector<SeriesState>& sta
     return changes;
 }
 
-void FastqWriter::Flush() {
-    if (finalised_) throw std::runtime_error("Attempted to flush after finalizing the writer.");
-}
-
 void FastqWriter::Finalise() {
     if (finalised_) return;
     finalised_ = true;
@@ -535,20 +520,5 @@ void FastqWriter::Finalise() {
 
 BarcodeFastqWriter::BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options)
     : FastqWriter(std::move(save_paths), options) {}
-
-void BarcodeFastqWriter::Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id,
-                               bool pass, bool calibration) {
-    FastqChunk chunk;
-    chunk.folder = RecordFolder(arrangement, Options().split_pass_fail, pass, calibration);
-    chunk.run_id = run_id;
-    if (Options().format == OutputFormat::bam) {
-        AppendBamRecord(chunk.text, record.ReadId(), record.sequence, record.qstring, {});
-        chunk.record_ends.push_back(chunk.text.size());
-    } else {
-        chunk.AddRecord(record);
-    }
-    if (Compressed()) chunk.gzip = CompressPiece(chunk.text);
-    Append(chunk);
-}
 
 }  // namespace Common

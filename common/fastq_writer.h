@@ -130,10 +130,8 @@ public:
     // OutputError when a file is shorter than recorded or cannot be changed.
     std::vector<std::string> Resume(const std::vector<SeriesState>& series);
 
-    // Nothing is buffered; kept for callers that flush at checkpoints.
-    void Flush();
-    // Closes every file (BAM: after its end-of-file block); later writes and
-    // flushes throw. The destructor finalises quietly when this was not called.
+    // Closes every file (BAM: after its end-of-file block); later writes
+    // throw. The destructor finalises quietly when this was not called.
     void Finalise();
 
     const FastqWriterOptions& Options() const { return options_; }
@@ -189,16 +187,10 @@ private:
     std::unique_ptr<OutputCompressor> compressor_;  // for chunks cut at a file boundary
 };
 
-// Chooses the folder from the classification: "calibration_strands" for
-// calibration reads, else optional "pass"/"fail", then the arrangement name.
+// The barcoder's writer; each chunk names its own folder.
 class BarcodeFastqWriter : public FastqWriter {
 public:
     BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options);
-
-    // One record into its folder's series (as BAM: read id, bases and
-    // qualities, no tags).
-    void Write(const FastQRecord& record, const std::string& arrangement, const std::string& run_id, bool pass = true,
-               bool calibration = false);
 };
 
 }  // namespace Common

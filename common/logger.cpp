@@ -45,7 +45,6 @@
 #include <memory>
 #include <mutex>
 #include <span>
-#include <stdexcept>
 #include <string_view>
 
 namespace Common {
@@ -156,12 +155,6 @@ std::string SeverityToString(Severity severity) {
     auto index = static_cast<unsigned>(severity);
     if (index >= std::size(kSeverityNames)) return "unknown";
     return kSeverityNames[index];
-}
-Severity SeverityFromString(const std::string& name) {
-    for (unsigned i = 0; i < std::size(kSeverityNames); ++i) {
-        if (name == kSeverityNames[i]) return static_cast<Severity>(i);
-    }
-    throw std::runtime_error("unable to find severity for string: " + name);
 }
 
 void InitLogging(const LoggingSettings& settings) {

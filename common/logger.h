@@ -16,9 +16,6 @@ enum class Severity { error = 0, warning, info, message, verbose, trace };
 
 // "error", "warning", ...; a value outside the enum prints as "unknown".
 std::string SeverityToString(Severity severity);
-// Inverse of SeverityToString; throws std::runtime_error
-// "unable to find severity for string: " + name for an unknown name.
-Severity SeverityFromString(const std::string& name);
 
 struct LoggingSettings {
     std::string folder;                         // where the log file goes; empty = no log file

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <map>
@@ -329,22 +328,6 @@ void RequireFinite(const std::string& option, double value) {
     std::ostringstream text;
     text << "Invalid value " << value << " for '" << option << "': must be a finite number.";
     throw std::runtime_error(text.str());
-}
-
-void Parameters::WriteConfigFile(const std::string& path, const std::vector<std::string>& header_lines,
-                                 bool include_command_line_only) {
-    std::ofstream out(path);
-    if (!out.is_open()) throw std::runtime_error("Could not open configuration file for writing: '" + path + "'");
-    if (!header_lines.empty()) {
-        for (const auto& line : header_lines)
-            out << "# " << line << "\n";
-        out << "\n\n";
-    }
-    for (const auto& option : options_->declared) {
-        if (!option.in_config_file && !include_command_line_only) continue;
-        for (const auto& value : option.value_lines())
-            out << option.name << "\t\t=\t" << value << "\n";
-    }
 }
 
 std::vector<std::pair<std::string, std::string>> Parameters::OptionValues() const {

@@ -40,14 +40,9 @@ public:
     Parameters(const Parameters&) = delete;
     Parameters& operator=(const Parameters&) = delete;
 
-    // Dumps the current option values in declaration order as a configuration
-    // file ("name\t\t=\tvalue"), each header line as "# line" first.
-    // Command-line-only options are written only when asked for.
-    virtual void WriteConfigFile(const std::string& path, const std::vector<std::string>& header_lines,
-                                 bool include_command_line_only);
     // Every declared option, command-line-only ones included, in declaration
-    // order with its current value as WriteConfigFile writes it; a list's
-    // elements are joined by single spaces.
+    // order with its current value; a list's elements are joined by single
+    // spaces.
     std::vector<std::pair<std::string, std::string>> OptionValues() const;
 
     // Canonical path of the running executable (from /proc/self/exe).
