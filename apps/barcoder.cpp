@@ -372,7 +372,7 @@ void Barcoder::PrepareRun() {
     options.compress = compress_fastq;
     options.records_per_fastq = static_cast<unsigned>(records_per_fastq);
     options.format = bam_output ? Common::OutputFormat::bam : Common::OutputFormat::fastq;
-    writer = std::make_unique<Common::BarcodeFastqWriter>(std::vector<std::string>{save_path}, options);
+    writer = std::make_unique<Common::FastqWriter>(std::vector<std::string>{save_path}, options);
     if (resume) {
         try {
             for (const auto& change : writer->Resume(earlier_outputs))

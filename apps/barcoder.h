@@ -32,7 +32,7 @@ class BarcodeScorer;
 }  // namespace Barcoding
 
 namespace Common {
-class BarcodeFastqWriter;
+class FastqWriter;
 struct FastqChunk;
 }  // namespace Common
 
@@ -150,7 +150,7 @@ private:
 
     // Output: only the writer thread writes, under output_mutex.
     std::mutex output_mutex;
-    std::unique_ptr<Common::BarcodeFastqWriter> writer;
+    std::unique_ptr<Common::FastqWriter> writer;
     RunTally tally;
     // tally.samples' count of each sheet sample by its number (AddSampleReads).
     std::vector<uint64_t*> sample_counts;

@@ -518,7 +518,4 @@ void FastqWriter::Finalise() {
     if (!failures.empty()) throw OutputError(failures);
 }
 
-BarcodeFastqWriter::BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options)
-    : FastqWriter(std::move(save_paths), options) {}
-
 }  // namespace Common

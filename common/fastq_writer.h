@@ -187,10 +187,4 @@ private:
     std::unique_ptr<OutputCompressor> compressor_;  // for chunks cut at a file boundary
 };
 
-// The barcoder's writer; each chunk names its own folder.
-class BarcodeFastqWriter : public FastqWriter {
-public:
-    BarcodeFastqWriter(std::vector<std::string> save_paths, const FastqWriterOptions& options);
-};
-
 }  // namespace Common
