@@ -1,17 +1,23 @@
 #!/usr/bin/env bash
 # The GPU check, in one command, on a machine with an NVIDIA GPU:
 #
-#   scripts/gpu-check.sh [--build DIR] [--reads N] [--emulated-reads N] [--tests REGEX] OUT
+#   scripts/gpu-check.sh [--build DIR] [--prebuilt] [--reads N] [--emulated-reads N]
+#                        [--sweep-reads N] [--tests REGEX] OUT
 #
 # 1. builds with the GPU kernels for this machine's GPU (into DIR, default
-#    build-gpu; packages as for make test);
+#    build-gpu; packages as for make test); with --prebuilt DIR is used as it
+#    is, built elsewhere with -DVB_CUDA_ARCHITECTURES for this GPU (for a GPU
+#    machine that can neither install packages nor reach a package registry);
 # 2. runs every test (those matching REGEX only, with --tests); a test that
 #    skipped itself for want of a GPU, a device or the kernels fails the check;
 # 3. runs the barcoder on the example reads and on N simulated reads (default
 #    100,000) of VB-NB24 and of VB-NB96, each on the CPU and with
 #    --device cuda:0, and compares the summaries (sorted) and every output
 #    file's records (scripts/device-matches-cpu.sh);
-# 4. runs bench_align_cuda, and puts the CPU and GPU runs' throughput side by
+# 4. times --device cuda:0 with 1, 4 and 16 worker threads against the CPU
+#    with every core, on the first --sweep-reads reads of each kit (default
+#    20,000), with the GPU's utilisation (nvidia-smi dmon) beside each GPU run;
+# 5. runs bench_align_cuda, and puts the CPU and GPU runs' throughput side by
 #    side for both kits.
 #
 # Everything it writes, logs and figures, goes to OUT; OUT/report.md sums it
@@ -27,6 +33,8 @@ source_root=$(pwd)
 build=build-gpu
 reads=100000
 emulated_reads=
+sweep_reads=20000
+prebuilt=
 tests=
 out=
 while [ $# -gt 0 ]; do
@@ -34,6 +42,8 @@ while [ $# -gt 0 ]; do
     --build) build=$2; shift 2 ;;
     --reads) reads=$2; shift 2 ;;
     --emulated-reads) emulated_reads=$2; shift 2 ;;
+    --sweep-reads) sweep_reads=$2; shift 2 ;;
+    --prebuilt) prebuilt=1; shift ;;
     --tests) tests=$2; shift 2 ;;
     -*) echo "gpu-check: unknown option $1" >&2; exit 2 ;;
     *) out=$1; shift ;;
@@ -71,14 +81,26 @@ printf '# GPU check\n\n- %s\n- commit %s\n- %s simulated reads per kit\n' "$mode
   "$(git rev-parse --short HEAD 2>/dev/null || echo unknown)" "$reads" > "$report"
 step "$mode"
 
-step "build ($build)"
-bash scripts/install-deps.sh test optional > "$out/install.log" 2>&1 || fail "installing packages (install.log)"
-{
-  cmake -S . -B "$build" "${cmake_args[@]}" && cmake --build "$build" -j "$(nproc)"
-} > "$out/build.log" 2>&1 || fail "the build (build.log)"
-build_log=$(cat "$out/build.log")
-[[ "$build_log" == *"GPU kernels: "*nvcc* ]] || fail "the build has no GPU kernels (nvcc not found? see build.log)"
+if [ -n "$prebuilt" ]; then
+  step "prebuilt ($build)"
+  [ -s "$build/kernels/fastalign.fatbin" ] || fail "$build holds no GPU kernels (configure it with -DVB_CUDA=ON)"
+else
+  step "build ($build)"
+  bash scripts/install-deps.sh test optional > "$out/install.log" 2>&1 || fail "installing packages (install.log)"
+  {
+    cmake -S . -B "$build" "${cmake_args[@]}" && cmake --build "$build" -j "$(nproc)"
+  } > "$out/build.log" 2>&1 || fail "the build (build.log)"
+  build_log=$(cat "$out/build.log")
+  [[ "$build_log" == *"GPU kernels: "*nvcc* ]] || fail "the build has no GPU kernels (nvcc not found? see build.log)"
+fi
 binary=$source_root/$build/bin/vorpa_barcoder
+
+# The reads are simulated while the tests run.
+step "simulated reads ($reads per kit), in the background"
+for kit in VB-NB24 VB-NB96; do
+  python3 tools/simulate_reads.py --kit "$kit" -n "$reads" --seed 23 -o "$out/reads/$kit/reads.fastq.gz" \
+    > "$out/simulate_$kit.log" 2>&1 &
+done
 
 step "tests ${tests:-(all)}"
 rm -rf "$out/gtest"
@@ -103,10 +125,8 @@ if [ -n "$gpu" ]; then
   [ -z "$gpu_skips" ] || fail "GPU tests were skipped on a GPU machine: $gpu_skips"
 fi
 
-step "simulated reads ($reads per kit)"
 for kit in VB-NB24 VB-NB96; do
-  python3 tools/simulate_reads.py --kit "$kit" -n "$reads" --seed 23 -o "$out/reads/$kit/reads.fastq.gz" \
-    > "$out/simulate_$kit.log" 2>&1 || fail "simulating $kit reads (simulate_$kit.log)"
+  wait -n || fail "simulating reads (simulate_*.log)"
 done
 
 step "CPU against --device cuda:0"
@@ -131,6 +151,42 @@ compare VB-NB24 "$out/reads/VB-NB24" "$reads" --barcode_kits VB-NB24 --trim_barc
 compare VB-NB96 "$out/reads/VB-NB96" "$reads" --barcode_kits VB-NB96 --compress_fastq
 printf '\nThroughput, whole program, default worker threads (throughput.tsv):\n\n```\n%s\n```\n' \
   "$(column -t < "$out/throughput.tsv" 2>/dev/null || cat "$out/throughput.tsv")" >> "$report"
+
+if [ -n "$gpu" ] && [ "$sweep_reads" -gt 0 ]; then
+  step "worker threads ($sweep_reads reads per kit)"
+  printf 'kit\trun\tworker_threads\treads\tseconds\treads_per_s\tmean_sm_percent\n' > "$out/sweep.tsv"
+  sweep_run() {
+    local kit=$1 device=$2 threads=$3 input=$out/sweep/$kit start ms util=- status=0
+    rm -rf "$out/sweep/$kit-run"
+    [ -z "$device" ] || { nvidia-smi dmon -s u -d 1 > "$out/sweep/dmon_${kit}_$threads.txt" 2>&1 & }
+    local dmon=$!
+    start=$(date +%s%N)
+    timeout 90 "$binary" -i "$input" -s "$out/sweep/$kit-run" --barcode_kits "$kit" -t "$threads" \
+      ${device:+--device "$device"} > "$out/sweep/$kit-$threads${device:+-gpu}.out" 2>&1 || status=$?
+    ms=$((($(date +%s%N) - start) / 1000000))
+    if [ -n "$device" ]; then
+      kill "$dmon" 2>/dev/null || true
+      wait "$dmon" 2>/dev/null || true
+      util=$(awk '$1 !~ /^#/ && NF > 1 { s += $2; n++ } END { if (n) printf "%.0f", s / n; else print "-" }' \
+        "$out/sweep/dmon_${kit}_$threads.txt")
+    fi
+    # A run that failed or timed out (status 124) has no rate.
+    awk -v k="$kit" -v r="${device:-cpu}" -v t="$threads" -v n="$sweep_reads" -v ms="$ms" -v u="$util" -v st="$status" \
+      'BEGIN { rate = st ? "exit_" st : sprintf("%.0f", n * 1000 / ms)
+               printf "%s\t%s\t%d\t%d\t%.2f\t%s\t%s\n", k, r, t, n, ms / 1000, rate, u }' >> "$out/sweep.tsv"
+  }
+  mkdir -p "$out/sweep"
+  for kit in VB-NB24 VB-NB96; do
+    # (gzip stops on a broken pipe once head has its lines.)
+    mkdir -p "$out/sweep/$kit"
+    { gzip -dc "$out/reads/$kit/reads.fastq.gz" || true; } | head -n $((4 * sweep_reads)) > "$out/sweep/$kit/reads.fastq"
+    sweep_run "$kit" "" "$(nproc)"
+    for threads in 1 4 16; do sweep_run "$kit" cuda:0 "$threads"; done
+    sweep_run "$kit" "" "$(nproc)"
+  done
+  printf '\nWorker threads, %s reads per kit, plain FASTQ, CPU with every core (before and after) and\n--device cuda:0; mean SM utilisation from nvidia-smi dmon (sweep.tsv):\n\n```\n%s\n```\n' \
+    "$sweep_reads" "$(column -t < "$out/sweep.tsv" 2>/dev/null || cat "$out/sweep.tsv")" >> "$report"
+fi
 
 step "bench_align_cuda"
 bench=$source_root/$build/bin/bench_align_cuda
