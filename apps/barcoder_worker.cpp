@@ -78,6 +78,10 @@ int BarcoderWorker::WorkerLoop() {
 }
 
 void BarcoderWorker::ProcessBatch(ReadBatch& batch) {
+    prepared_.clear();
+    for (const auto& record : batch.reads)
+        prepared_.push_back(&record.sequence);
+    scorer_->Prepare(prepared_);
     for (auto& record : batch.reads)
         ProcessOne(record, batch);
     // Plain FASTQ chunks point into the reads, which go to the writer with them.

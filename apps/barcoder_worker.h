@@ -65,6 +65,7 @@ private:
     Settings settings_;
     std::unique_ptr<Common::OutputCompressor> compressor_;  // with compression only
     std::string usable_run_id_;                             // the last run id CheckRunId accepted
+    std::vector<const std::string*> prepared_;              // the batch's sequences, for the scorer's Prepare
     std::future<int> status_;
     std::thread thread_;
 };

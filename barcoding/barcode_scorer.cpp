@@ -191,32 +191,42 @@ std::unique_ptr<BarcodeScorer::End> BarcodeScorer::MakeEnd(const std::vector<std
     return end;
 }
 
-// Cuts this end's window from the read, converts it to codes and scores every
-// reference against it.
-void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
+// Cuts this end's window from the read into codes (start: its first base in
+// the read). Returns the read offset of the first character that is not a
+// base, or -1.
+int BarcodeScorer::CutWindow(const End& end, const std::string& sequence, size_t& start,
+                             std::vector<int>& codes) const {
     const int length = static_cast<int>(sequence.size());
     int begin = 0, count = 0;
     if (end.front) {
         count = std::min(std::max(options_.front_window_size, 0), length);
     } else {
         // 64-bit so that a negative window size cannot overflow; it yields an empty window.
-        const int64_t start = static_cast<int64_t>(length) - options_.rear_window_size;
-        begin = static_cast<int>(std::clamp<int64_t>(start, 0, length));
+        const int64_t first = static_cast<int64_t>(length) - options_.rear_window_size;
+        begin = static_cast<int>(std::clamp<int64_t>(first, 0, length));
         count = length - begin;
     }
+    start = static_cast<size_t>(begin);
+    codes.resize(static_cast<size_t>(count));
+    for (int k = 0; k < count; ++k) {
+        const int code = kBaseCodes[static_cast<unsigned char>(sequence[static_cast<size_t>(begin + k)])];
+        if (code < 0) return begin + k;
+        codes[static_cast<size_t>(k)] = code;
+    }
+    return -1;
+}
+
+// Cuts this end's window from the read, converts it to codes and scores every
+// reference against it.
+void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     end.read = &sequence;
     end.match_known = false;
     end.traced = -1;
-    end.window_start = static_cast<size_t>(begin);
-    end.window.resize(static_cast<size_t>(count));
-    for (int k = 0; k < count; ++k) {
-        const char c = sequence[static_cast<size_t>(begin + k)];
-        const int code = kBaseCodes[static_cast<unsigned char>(c)];
-        if (code < 0)
-            throw std::runtime_error("Read sequence contains the character '" + std::string(1, c) +
-                                     "', which is not one of A, C, G, T or U.");
-        end.window[static_cast<size_t>(k)] = code;
-    }
+    const int bad = CutWindow(end, sequence, end.window_start, end.window);
+    if (bad >= 0)
+        throw std::runtime_error("Read sequence contains the character '" +
+                                 std::string(1, sequence[static_cast<size_t>(bad)]) +
+                                 "', which is not one of A, C, G, T or U.");
     end.scores.resize(end.names.size());
     if (end.names.empty()) return;
     end.aligner->ScoreAll(end.window, end.raw_scores);
@@ -303,6 +313,19 @@ std::vector<BarcodeDetectResult> BarcodeScorer::InspectFront(const std::string& 
 
 std::vector<BarcodeDetectResult> BarcodeScorer::InspectRear(const std::string& sequence, const std::string& kits) {
     return InspectEnd(*rear_, sequence, kits);
+}
+
+void BarcodeScorer::Prepare(const std::vector<const std::string*>& sequences) {
+    std::vector<std::vector<int>> windows;
+    for (End* end : {front_.get(), rear_.get()}) {
+        if (end->names.empty() || !end->aligner->Batches()) continue;
+        windows.resize(sequences.size());
+        size_t kept = 0, start = 0;
+        for (const std::string* sequence : sequences)
+            if (CutWindow(*end, *sequence, start, windows[kept]) < 0) ++kept;  // a bad read fails when scored
+        windows.resize(kept);
+        end->aligner->Prepare(windows);
+    }
 }
 
 std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& sequence, size_t detailed) {

@@ -74,6 +74,11 @@ public:
     // the pair; a pair read is never mixed.
     std::vector<ArrangementDetectResult> Score(const std::string& sequence, size_t detailed = 1);
 
+    // Tells the aligners the reads that Score will be given next, in this
+    // order, so that a GPU aligner scores all their windows in a few launches.
+    // Nothing for CPU aligners; results never depend on it.
+    void Prepare(const std::vector<const std::string*>& sequences);
+
     // Every front (rear) reference of the scorer's kits against the read's
     // front (rear) window, fully detailed. kits must be the scorer's kits.
     std::vector<BarcodeDetectResult> InspectFront(const std::string& sequence, const std::string& kits);
@@ -114,6 +119,7 @@ private:
     std::vector<ArrangementDetectResult> ScorePair(size_t detailed);
     bool IsMixed();
     static bool IsEvidence(const End& end, int reference, float score);
+    int CutWindow(const End& end, const std::string& sequence, size_t& start, std::vector<int>& codes) const;
     void AlignWindow(End& end, const std::string& sequence);
     static void Summarise(const End& end, size_t reference, BarcodeDetectResult& result);
     void FillEvidence(const End& end, const TopTwo& top, size_t arrangement, EndEvidence& evidence) const;

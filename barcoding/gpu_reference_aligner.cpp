@@ -4,14 +4,20 @@
 #include <stdexcept>
 
 #include "pair_alignment/align_cuda.h"
+#include "pair_alignment/align_cuda_batch.h"
 
 namespace Barcoding {
 namespace {
 
-// One worker's GPU aligner. A launch aligns the window against every reference
-// and brings back all scores and paths, so AlignOne on the window just scored
-// is answered from the last launch. References beyond one launch's capacity
-// are split over several FastAlignGPU objects, all on the same device.
+// One worker's GPU aligner. Where the batch kernel's rows hold the scorer's
+// windows (always, with windows up to a few hundred bases), scores come from
+// FastAlignGpuBatch: a worker prepares the windows of a whole batch of reads
+// in a few launches, and ScoreAll hands them out in order. The few paths the
+// scorer reports are aligned on the CPU, which gives exactly the same ones.
+// Otherwise (very wide windows) each window is one launch of FastAlignGPU,
+// which brings back every score and path: AlignOne on the window just scored
+// is answered from the last launch. References beyond one such launch's
+// capacity are split over several FastAlignGPU objects on the same device.
 class GpuReferenceAligner : public ReferenceAligner {
 public:
     GpuReferenceAligner(const std::string& device, const brim::data_wrappers::MatView<int>& matrix,
@@ -28,22 +34,56 @@ public:
         for (const auto& reference : references_)
             max_reference_length_ = std::max(max_reference_length_, reference.size());
         // The scorer's band width is its largest window, so this normally
-        // fits every window; a longer one rebuilds the aligners (Run).
-        Build(static_cast<size_t>(std::max(band_width, 1)));
+        // fits every window; a longer one rebuilds the aligners (Run) or goes
+        // to the one-launch-per-window path.
+        const size_t window = static_cast<size_t>(std::max(band_width, 1));
+        if (PairAlignment::FastAlignGpuBatch::Fits(band_width, max_reference_length_, window)) {
+            batch_ = std::make_unique<PairAlignment::FastAlignGpuBatch>(matrix, gaps, band_width, references_, device,
+                                                                        window);
+            paths_aligner_ = MakeCpuReferenceAligner(matrix, gaps, band_width, references_);
+        } else {
+            Build(window);
+        }
+    }
+
+    bool Batches() const override { return batch_ != nullptr; }
+
+    void Prepare(const std::vector<std::vector<int>>& windows) override {
+        prepared_.clear();
+        next_ = 0;
+        if (!batch_) return;
+        for (const auto& window : windows)
+            if (window.size() <= batch_->MaxWindowLength()) prepared_.push_back(window);
+        batch_->ScoreWindows(prepared_, prepared_scores_);
     }
 
     void ScoreAll(const std::vector<int>& window, std::vector<int>& scores) override {
-        Run(window);
-        scores = scores_;
+        if (!batch_ || window.size() > batch_->MaxWindowLength()) {
+            Run(window);
+            scores = scores_;
+            return;
+        }
+        // Mostly the next prepared window; a read that failed part-way leaves
+        // some behind, so the search goes on from there.
+        for (size_t k = next_; k < prepared_.size(); ++k) {
+            if (prepared_[k] != window) continue;
+            const auto first = prepared_scores_.begin() + static_cast<long>(k * references_.size());
+            scores.assign(first, first + static_cast<long>(references_.size()));
+            next_ = k + 1;
+            return;
+        }
+        batch_->ScoreWindows({window}, scores);
     }
 
     int AlignOne(size_t reference, const std::vector<int>& window, PairAlignment::Path& path) override {
+        if (batch_) return paths_aligner_->AlignOne(reference, window, path);
         if (!have_results_ || window != window_) Run(window);
         path = paths_.at(reference);
         return scores_.at(reference);
     }
 
     int AlignSpan(size_t reference, const std::vector<int>& window, PairAlignment::PairedSpan& span) override {
+        if (batch_) return paths_aligner_->AlignSpan(reference, window, span);
         if (!have_results_ || window != window_) Run(window);
         span = PairAlignment::PairedSpanOf(paths_.at(reference));
         return scores_.at(reference);
@@ -95,6 +135,14 @@ private:
     size_t max_reference_length_ = 0;
     size_t max_query_length_ = 0;
     std::vector<std::shared_ptr<PairAlignment::FastAlignGPU>> chunks_;
+
+    // The batch path: scores of the prepared windows (window-major), handed
+    // out from next_ on; paths from the CPU.
+    std::unique_ptr<PairAlignment::FastAlignGpuBatch> batch_;
+    std::unique_ptr<ReferenceAligner> paths_aligner_;
+    std::vector<std::vector<int>> prepared_;
+    std::vector<int> prepared_scores_;
+    size_t next_ = 0;
 
     // The last launch.
     bool have_results_ = false;

@@ -22,6 +22,13 @@ public:
     // Score of AlignOne and the span of its path (PairAlignment::PairedSpanOf),
     // found without making the path where the aligner can.
     virtual int AlignSpan(size_t reference, const std::vector<int>& window, PairAlignment::PairedSpan& span) = 0;
+
+    // Whether scoring many windows at once pays (the GPU: one launch for a
+    // batch of reads instead of one per window).
+    virtual bool Batches() const { return false; }
+    // Scores these windows ahead of the ScoreAll calls that will ask for them,
+    // expected in the same order; a window not prepared is scored when asked.
+    virtual void Prepare(const std::vector<std::vector<int>>& windows) { (void)windows; }
 };
 
 // CPU implementation over FastAlign. references are base codes 0..3.

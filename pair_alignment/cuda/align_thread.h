@@ -19,15 +19,17 @@
 namespace FastAlignKernels {
 
 constexpr int ZERO_PROB_SCORE = -1000000000;
-constexpr unsigned char DIAG = 0;   // both sequences advance
-constexpr unsigned char UP = 1;     // the query advances alone (gap in the reference)
-constexpr unsigned char RIGHT = 2;  // the reference advances alone (gap in the query)
-constexpr int START = 1;            // first cell of a diagonal's band
-constexpr int END = 2;              // last cell
-constexpr int BOTH = 3;             // a one-cell band
-constexpr int subMatrixSize = 4;    // the matrix is subMatrixSize x subMatrixSize, [subMatrixSize * ref + query]
-constexpr int blockWidth = 32;      // threads (and stride) of SeqToInts
-constexpr int maxThreads = 352;     // references per Align launch
+constexpr unsigned char DIAG = 0;      // both sequences advance
+constexpr unsigned char UP = 1;        // the query advances alone (gap in the reference)
+constexpr unsigned char RIGHT = 2;     // the reference advances alone (gap in the query)
+constexpr int START = 1;               // first cell of a diagonal's band
+constexpr int END = 2;                 // last cell
+constexpr int BOTH = 3;                // a one-cell band
+constexpr int subMatrixSize = 4;       // the matrix is subMatrixSize x subMatrixSize, [subMatrixSize * ref + query]
+constexpr int blockWidth = 32;         // threads (and stride) of SeqToInts
+constexpr int maxThreads = 352;        // references per Align launch
+constexpr int batchThreads = 128;      // threads per block of ScoreBatch
+constexpr int maxBatchRowWidth = 511;  // widest band row ScoreBatch keeps (rows live in thread-local memory)
 
 // Indices into the six negated gap costs.
 constexpr int kStartGap1 = 0, kEndGap1 = 1, kOpenGap1 = 2, kStartGap2 = 3, kEndGap2 = 4, kOpenGap2 = 5;
@@ -256,6 +258,74 @@ VB_HD int AlignThread(const int* matrix, const int* gaps, int band_width, const 
     }
     path_length = count;
     return score;
+}
+
+// The score of AlignThread without the path: the same band and recurrence,
+// keeping only the last three diagonals (rows[0..2], row_width ints each) and
+// the last two bands' positions, so that a thread's memory stays a few rows.
+// Codes are bytes here: the batch kernel streams windows of many reads.
+VB_HD int ScoreThread(const int* matrix, const int* gaps, int band_width, const unsigned char* ref, int l1,
+                      const unsigned char* query, int l2, int* row0, int* row1, int* row2) {
+    if (l1 == 0 || l2 == 0) return ZERO_PROB_SCORE;
+    const int width = BandRowWidth(MaxInt(l1, l2), band_width);
+    const int half = width / 2;
+    const int last = l1 + l2;
+    const double inverse = 1.0 / (last + 1);
+    int* prev2 = row0;
+    int* prev1 = row1;
+    int* current = row2;
+    prev1[0] = 0;
+    Diagonals diagonals;
+    diagonals.offset1 = 0;  // diagonal 0: the one cell (0, 0)
+    diagonals.length1 = 1;
+    diagonals.offset2 = 0;  // diagonal -1: none
+    diagonals.length2 = 0;
+    unsigned char code;  // the trace AlignThread keeps; unused here
+
+    int r = 0;
+    int q = 0;
+    for (int d = 1; d <= last; ++d) {
+        const double a = RoundedSub(RoundedMul(static_cast<double>((l1 + 1) * d), inverse), r);
+        const double b = RoundedSub(RoundedMul(RoundedMul(static_cast<double>(d), inverse), l2 + 1), q);
+        if (a <= b)
+            ++q;
+        else
+            ++r;
+        const int jlo = MaxInt(MaxInt(0, d - l1), q - half);
+        const int jhi = MinInt(MinInt(l2, d), q + half);
+        const int length = jhi - jlo + 1;
+        diagonals.prev1 = prev1;
+        diagonals.prev2 = prev2;
+
+        const int ilo = d - jlo;
+        const int first_match = ilo >= 1 && jlo >= 1 ? matrix[subMatrixSize * ref[ilo - 1] + query[jlo - 1]] : 0;
+        current[0] = EdgeCell(ilo, jlo, l1, l2, first_match, gaps, diagonals, code);
+        const int shift1 = jlo - diagonals.offset1;
+        const int shift2 = jlo - diagonals.offset2;
+        for (int p = 1; p < length - 1; ++p) {
+            const int j = jlo + p;
+            const int match = matrix[subMatrixSize * ref[d - j - 1] + query[j - 1]];
+            const int diag = prev2[p + shift2 - 1] + match;
+            const int up = prev1[p + shift1 - 1] + gaps[kOpenGap1];
+            const int right = prev1[p + shift1] + gaps[kOpenGap2];
+            current[p] = Choose(diag, up, right, code);
+        }
+        if (length > 1) {
+            const int ihi = d - jhi;
+            const int last_match = ihi >= 1 && jhi >= 1 ? matrix[subMatrixSize * ref[ihi - 1] + query[jhi - 1]] : 0;
+            current[length - 1] = EdgeCell(ihi, jhi, l1, l2, last_match, gaps, diagonals, code);
+        }
+
+        diagonals.offset2 = diagonals.offset1;
+        diagonals.length2 = diagonals.length1;
+        diagonals.offset1 = jlo;
+        diagonals.length1 = length;
+        int* recycled = prev2;
+        prev2 = prev1;
+        prev1 = current;
+        current = recycled;
+    }
+    return prev1[0];
 }
 
 }  // namespace FastAlignKernels

@@ -7,10 +7,12 @@
 #include "pair_alignment/cuda/cuda_emulation.h"
 #define VB_KERNEL inline
 #define VB_ALIGN_BOUNDS
+#define VB_BATCH_BOUNDS
 #else
 #define VB_KERNEL extern "C" __global__
 // A launch has up to maxThreads threads: registers are budgeted for that.
 #define VB_ALIGN_BOUNDS __launch_bounds__(FastAlignKernels::maxThreads)
+#define VB_BATCH_BOUNDS __launch_bounds__(FastAlignKernels::batchThreads)
 #endif
 
 #include "pair_alignment/cuda/align_thread.h"
@@ -57,6 +59,35 @@ VB_KERNEL void VB_ALIGN_BOUNDS Align(const int* matrix, const int* gapCosts, con
     scores[t] = AlignThread(localMatrix, gaps, config[0], references + t * config[1], referenceLengths[t], query,
                             *queryLength, work, paths + 2 * t * (rows - 1), pathLength);
     pathLengths[t] = pathLength;
+}
+
+// Scores of many windows against every reference, one thread per pair:
+// thread g of the grid (blocks of batchThreads) scores window g / referenceCount
+// against reference g % referenceCount, so that the threads of a warp share
+// their window. Window w is windows[windowOffsets[w] .. windowOffsets[w + 1]),
+// reference k references[k * referenceStride ..] of referenceLengths[k] codes;
+// scores[g] is the score AlignThread returns. config: band width (odd, with
+// rows of at most maxBatchRowWidth), referenceStride, referenceCount,
+// windowCount.
+VB_KERNEL void VB_BATCH_BOUNDS ScoreBatch(const int* matrix, const int* gapCosts, const int* config,
+                                          const unsigned char* references, const int* referenceLengths,
+                                          const unsigned char* windows, const int* windowOffsets, int* scores) {
+    const int referenceCount = config[2];
+    const long long g = static_cast<long long>(blockIdx.x) * batchThreads + threadIdx.x;
+    if (g >= static_cast<long long>(config[3]) * referenceCount) return;
+    const int w = static_cast<int>(g / referenceCount);
+    const int k = static_cast<int>(g % referenceCount);
+    int localMatrix[subMatrixSize * subMatrixSize];
+    for (int m = 0; m < subMatrixSize * subMatrixSize; ++m)
+        localMatrix[m] = matrix[m];
+    int gaps[6];
+    for (int m = 0; m < 6; ++m)
+        gaps[m] = gapCosts[m];
+    int rows[3][maxBatchRowWidth];
+    const int begin = windowOffsets[w];
+    scores[g] =
+        ScoreThread(localMatrix, gaps, config[0], references + static_cast<long long>(k) * config[1],
+                    referenceLengths[k], windows + begin, windowOffsets[w + 1] - begin, rows[0], rows[1], rows[2]);
 }
 
 }  // namespace FastAlignKernels

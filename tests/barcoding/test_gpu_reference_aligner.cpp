@@ -56,4 +56,49 @@ TEST(GpuReferenceAligner, AgreesWithTheCpuAligner) {
     EXPECT_EQ(fake.state().live_contexts, 0);
 }
 
+// The worker prepares a batch of reads' windows; ScoreAll then hands the
+// scores out without launching, also when a window is skipped (a read that
+// failed) or one comes that was never prepared (scored when asked).
+TEST(GpuReferenceAligner, PreparedWindowsNeedNoLaunch) {
+    if (Common::FindKernelImage("fastalign.fatbin") == nullptr) GTEST_SKIP() << "built without nvcc";
+    FakeCuda::FakeCudaDriver fake;
+    FakeCuda::RegisterEmulatedFastAlign(fake.state());
+    std::mt19937 rng(1127);
+    auto codes = [&](int length) {
+        std::vector<int> out(static_cast<size_t>(length));
+        for (int& code : out)
+            code = static_cast<int>(rng() % 4);
+        return out;
+    };
+    std::vector<int> matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3};
+    const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
+    const std::vector<int> gaps = {1, 1, 4, 4, 5, 5, 4, 4};
+    std::vector<std::vector<int>> references;
+    for (int k = 0; k < 12; ++k)
+        references.push_back(codes(24));
+    auto gpu = Barcoding::MakeGpuReferenceAligner("cuda:0", view, gaps, 150, references);
+    auto cpu = Barcoding::MakeCpuReferenceAligner(view, gaps, 150, references);
+    ASSERT_TRUE(gpu->Batches());
+    std::vector<std::vector<int>> windows;
+    for (int w = 0; w < 9; ++w)
+        windows.push_back(codes(w == 4 ? 0 : 150));
+    gpu->Prepare(windows);
+    const size_t launches = fake.state().launches.size();
+    std::vector<int> gpu_scores, cpu_scores;
+    for (size_t w = 0; w < windows.size(); ++w) {
+        if (w == 2 || w == 3) continue;
+        gpu->ScoreAll(windows[w], gpu_scores);
+        cpu->ScoreAll(windows[w], cpu_scores);
+        ASSERT_EQ(gpu_scores, cpu_scores) << "window " << w;
+        PairAlignment::PairedSpan gpu_span, cpu_span;
+        EXPECT_EQ(gpu->AlignSpan(w % 12, windows[w], gpu_span), cpu->AlignSpan(w % 12, windows[w], cpu_span));
+        EXPECT_EQ(gpu_span, cpu_span);
+    }
+    EXPECT_EQ(fake.state().launches.size(), launches);
+    gpu->ScoreAll(windows[2], gpu_scores);  // passed over: scored anew
+    cpu->ScoreAll(windows[2], cpu_scores);
+    EXPECT_EQ(gpu_scores, cpu_scores);
+    EXPECT_EQ(fake.state().launches.size(), launches + 1);
+}
+
 }  // namespace

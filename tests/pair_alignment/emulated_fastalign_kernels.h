@@ -42,6 +42,14 @@ inline void RegisterEmulatedFastAlign(State& state) {
                                     DeviceArg<int>(p, 15), DeviceArg<int>(p, 16), Arg<int>(p, 17), Arg<int>(p, 18));
         });
     };
+    state.kernels["ScoreBatch"] = [](const unsigned* grid, const unsigned* block, void** p) {
+        CudaEmulation::Launch(Dim(grid), Dim(block), [&] {
+            FastAlignKernels::ScoreBatch(DeviceArg<const int>(p, 0), DeviceArg<const int>(p, 1),
+                                         DeviceArg<const int>(p, 2), DeviceArg<const unsigned char>(p, 3),
+                                         DeviceArg<const int>(p, 4), DeviceArg<const unsigned char>(p, 5),
+                                         DeviceArg<const int>(p, 6), DeviceArg<int>(p, 7));
+        });
+    };
 }
 
 }  // namespace FakeCuda

@@ -13,6 +13,7 @@
 
 #include "common/kernel_images.h"
 #include "pair_alignment/align_cuda.h"
+#include "pair_alignment/align_cuda_batch.h"
 #include "pair_alignment/band_placement.h"
 #include "pair_alignment/fast_align.h"
 #include "pair_alignment/kernel_stats.h"
@@ -338,6 +339,75 @@ TEST_F(EmulatedGpu, MatchesTheCpuAligner) {
             }
         }
     }
+}
+
+// The batch path's scores against the CPU aligner: windows of every length up
+// to the maximum (0 too) against references of 0 to 40 bases, over launches of
+// a few windows each so that both slots are reused many times, and wide bands
+// up to the widest row the kernel keeps.
+TEST_F(EmulatedGpu, BatchScoresMatchTheCpuAligner) {
+    std::mt19937 rng(20261127);
+    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    for (int config = 0; config < 40; ++config) {
+        const Costs c = RandomCosts(rng, uniform(0, 3) ? 6 : 1, 1);
+        const bool wide = config % 8 == 0;
+        const int max_window = wide ? uniform(200, FastAlignKernels::maxBatchRowWidth - 1) : uniform(1, 60);
+        const int band_width = wide ? max_window : uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 60);
+        std::vector<Codes> references(static_cast<size_t>(uniform(1, 30)));
+        for (auto& reference : references)
+            reference = RandomCodes(rng, uniform(0, 40));
+        const MatView<int> view(const_cast<int*>(c.matrix.data()), 4, 4);
+        FastAlignGpuBatch gpu(view, c.gaps, band_width, references, "cuda:0", static_cast<size_t>(max_window),
+                              static_cast<size_t>(uniform(1, 5)));
+        FastAlign cpu = c.Aligner(band_width);
+        std::vector<Codes> windows(static_cast<size_t>(uniform(0, wide ? 3 : 12)));
+        for (auto& window : windows)
+            window = RandomCodes(rng, uniform(0, max_window));
+        Codes scores;
+        gpu.ScoreWindows(windows, scores);
+        ASSERT_EQ(scores.size(), windows.size() * references.size());
+        Path unused;
+        for (size_t w = 0; w < windows.size(); ++w)
+            for (size_t k = 0; k < references.size(); ++k)
+                ASSERT_EQ(scores[w * references.size() + k], cpu.Align(View(references[k]), View(windows[w]), unused))
+                    << "config " << config << " window " << w << " reference " << k;
+    }
+}
+
+// The batch aligner refuses what its kernel cannot hold, and launches one
+// grid of 128-thread blocks per group of windows.
+TEST_F(EmulatedGpu, BatchLaunchesAndRefusals) {
+    Codes matrix = TestSupport::kMatchMismatch;
+    const MatView<int> view(matrix.data(), 4, 4);
+    const Codes gaps = {2, 3, 8, 8, 2, 3, 8, 8};
+    const int widest = FastAlignKernels::maxBatchRowWidth;
+    EXPECT_TRUE(FastAlignGpuBatch::Fits(widest, 40, widest - 1));
+    EXPECT_FALSE(FastAlignGpuBatch::Fits(widest + 2, 40, widest + 1));
+    EXPECT_TRUE(FastAlignGpuBatch::Fits(101, 40, 5000));  // a narrow band holds long windows
+    const std::vector<Codes> references(3, Codes(10, 1));
+    EXPECT_EQ(ErrorOf([&] { FastAlignGpuBatch(view, gaps, widest + 2, references, "cuda:0", widest + 1); }),
+              "FastAlignGPU: windows of " + std::to_string(widest + 1) + " bases with band width " +
+                  std::to_string(widest + 2) + " are too wide for the batch kernel.");
+    EXPECT_EQ(ErrorOf([&] {
+                  FastAlignGpuBatch(view, gaps, 11, {Codes{0, 4}}, "cuda:0", 20);
+              }),
+              "FastAlignGPU base codes must be 0 to 3.");
+    EXPECT_TRUE(ErrorOf([&] {
+                    FastAlignGpuBatch(view, gaps, 11, references, "cuda:0:100", 20);
+                }).starts_with("GPU memory limit of 100 bytes reached on CUDA device 0: "));
+    FastAlignGpuBatch gpu(view, gaps, 11, references, "cuda:0", 20, 50);
+    EXPECT_EQ(fake_.state().live_streams, 2);
+    Codes scores;
+    gpu.ScoreWindows(std::vector<Codes>(120, Codes(20, 1)), scores);
+    const auto& launches = fake_.state().launches;
+    ASSERT_EQ(launches.size(), 3u);  // 50 + 50 + 20 windows
+    EXPECT_EQ(std::tuple(launches[0].kernel, launches[0].block[0], launches[0].grid[0], launches[2].grid[0]),
+              std::tuple(std::string("ScoreBatch"), 128u, 2u, 1u));  // 150 and 60 threads
+    Path unused;
+    const int expected = FastAlign(view, gaps, 11).Align(View(references[0]), View(Codes(20, 1)), unused);
+    EXPECT_EQ(scores, Codes(360, expected));
+    EXPECT_THROW(gpu.ScoreWindows({Codes(21, 0)}, scores), std::runtime_error);
+    EXPECT_THROW(gpu.ScoreWindows({Codes{0, 4}}, scores), std::runtime_error);
 }
 
 // Refusals name their cause; of two devices named the first is used; workers
