@@ -45,15 +45,9 @@ LoadedDriver LoadLibcuda() {
     VB_RESOLVE(cuStreamCreate);
     VB_RESOLVE(cuStreamDestroy_v2);
     VB_RESOLVE(cuStreamSynchronize);
-    VB_RESOLVE(cuStreamWaitEvent);
-    VB_RESOLVE(cuEventCreate);
-    VB_RESOLVE(cuEventRecord);
-    VB_RESOLVE(cuEventQuery);
-    VB_RESOLVE(cuEventDestroy_v2);
     VB_RESOLVE(cuMemGetInfo_v2);
     VB_RESOLVE(cuMemAlloc_v2);
     VB_RESOLVE(cuMemAllocHost_v2);
-    VB_RESOLVE(cuMemAllocManaged);
     VB_RESOLVE(cuMemFree_v2);
     VB_RESOLVE(cuMemFreeHost);
     VB_RESOLVE(cuMemcpyHtoDAsync_v2);

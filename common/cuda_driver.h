@@ -15,18 +15,14 @@ using CUdevice = int;
 using CUdeviceptr = unsigned long long;
 using CUcontext = struct CUctx_st*;
 using CUstream = struct CUstream_st*;
-using CUevent = struct CUevent_st*;
 using CUmodule = struct CUmod_st*;
 using CUfunction = struct CUfunc_st*;
 
 constexpr CUresult CUDA_SUCCESS = 0;
-constexpr CUresult CUDA_ERROR_NOT_READY = 600;
 constexpr int CU_DEVICE_ATTRIBUTE_MULTIPROCESSOR_COUNT = 16;
 constexpr int CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MAJOR = 75;
 constexpr int CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MINOR = 76;
 constexpr unsigned CU_STREAM_NON_BLOCKING = 1;
-constexpr unsigned CU_EVENT_DISABLE_TIMING = 2;
-constexpr unsigned CU_MEM_ATTACH_GLOBAL = 1;
 
 // Entry points, named after the exported symbols they are resolved from.
 struct CudaDriver {
@@ -41,15 +37,9 @@ struct CudaDriver {
     CUresult (*cuStreamCreate)(CUstream* stream, unsigned flags);
     CUresult (*cuStreamDestroy_v2)(CUstream stream);
     CUresult (*cuStreamSynchronize)(CUstream stream);
-    CUresult (*cuStreamWaitEvent)(CUstream stream, CUevent event, unsigned flags);
-    CUresult (*cuEventCreate)(CUevent* event, unsigned flags);
-    CUresult (*cuEventRecord)(CUevent event, CUstream stream);
-    CUresult (*cuEventQuery)(CUevent event);
-    CUresult (*cuEventDestroy_v2)(CUevent event);
     CUresult (*cuMemGetInfo_v2)(size_t* free, size_t* total);
     CUresult (*cuMemAlloc_v2)(CUdeviceptr* pointer, size_t bytes);
     CUresult (*cuMemAllocHost_v2)(void** pointer, size_t bytes);
-    CUresult (*cuMemAllocManaged)(CUdeviceptr* pointer, size_t bytes, unsigned flags);
     CUresult (*cuMemFree_v2)(CUdeviceptr pointer);
     CUresult (*cuMemFreeHost)(void* pointer);
     CUresult (*cuMemcpyHtoDAsync_v2)(CUdeviceptr destination, const void* source, size_t bytes, CUstream stream);

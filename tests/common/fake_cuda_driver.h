@@ -29,7 +29,6 @@ inline bool MatchesWithLine(const std::string& text, const std::string& prefix, 
 using Common::CUcontext;
 using Common::CUdevice;
 using Common::CUdeviceptr;
-using Common::CUevent;
 using Common::CUfunction;
 using Common::CUmodule;
 using Common::CUresult;
@@ -61,7 +60,7 @@ struct State {
     std::map<CUdeviceptr, size_t> device_blocks;  // live allocations
     std::map<const void*, size_t> host_blocks;
     std::vector<int> contexts_created;  // device index of each context
-    int live_contexts = 0, live_streams = 0, live_events = 0, live_modules = 0;
+    int live_contexts = 0, live_streams = 0, live_modules = 0;
     int allocations = 0;
     std::vector<Launch> launches;
 };
@@ -139,19 +138,6 @@ inline const Common::CudaDriver& Table() {
             return 0;
         };
         d.cuStreamSynchronize = [](CUstream) -> CUresult { return 0; };
-        d.cuStreamWaitEvent = [](CUstream, CUevent, unsigned) -> CUresult { return 0; };
-        d.cuEventCreate = [](CUevent* event, unsigned) -> CUresult {
-            *event = reinterpret_cast<CUevent>(new int(0));
-            ++Get().live_events;
-            return 0;
-        };
-        d.cuEventRecord = [](CUevent, CUstream) -> CUresult { return 0; };
-        d.cuEventQuery = [](CUevent) -> CUresult { return 0; };
-        d.cuEventDestroy_v2 = [](CUevent event) -> CUresult {
-            delete reinterpret_cast<int*>(event);
-            --Get().live_events;
-            return 0;
-        };
         d.cuMemGetInfo_v2 = [](size_t* free, size_t* total) -> CUresult {
             if (current_contexts.empty()) return kInvalidValue;
             *free = Get().free_memory.at(static_cast<size_t>(*reinterpret_cast<int*>(current_contexts.back())));
@@ -174,7 +160,6 @@ inline const Common::CudaDriver& Table() {
             Get().host_blocks[*pointer] = bytes;
             return 0;
         };
-        d.cuMemAllocManaged = [](CUdeviceptr*, size_t, unsigned) -> CUresult { return kInvalidValue; };
         d.cuMemFree_v2 = [](CUdeviceptr pointer) -> CUresult {
             if (Get().device_blocks.erase(pointer) == 0) return kInvalidValue;
             std::free(Pointer(pointer));
