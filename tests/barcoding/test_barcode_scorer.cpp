@@ -294,13 +294,11 @@ auto Call(const ArrangementDetectResult& r) {
 }
 
 void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult& naive, bool detailed) {
-    EXPECT_EQ(fast.id, naive.id);
-    EXPECT_EQ(fast.score, naive.score);
+    EXPECT_EQ(std::tie(fast.id, fast.score), std::tie(naive.id, naive.score));
     EXPECT_FLOAT_EQ(fast.presence, naive.presence);
     if (!detailed) return;
-    EXPECT_EQ(fast.reference_sequence, naive.reference_sequence);
-    EXPECT_EQ(fast.found_sequence, naive.found_sequence);
-    EXPECT_EQ(fast.begin_index, naive.begin_index);
+    EXPECT_EQ(std::tie(fast.reference_sequence, fast.found_sequence, fast.begin_index),
+              std::tie(naive.reference_sequence, naive.found_sequence, naive.begin_index));
 }
 
 // Random reads (mutated barcodes, lower case with U, one empty) through both scorers.
@@ -317,12 +315,7 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
     }
     NaiveScorer naive(options, *manager, matrix);
     std::mt19937 random(seed);
-    auto mutate = [&](std::string s) {
-        for (char& c : s)
-            if (random() % 8 == 0) c = "ACGT"[random() % 4];
-        if (random() % 3 == 0) s.erase(random() % s.size(), 1 + random() % 3);
-        return s;
-    };
+    auto mutate = [&](const std::string& s) { return TestSupport::Mutate(random, s, 0.15); };
     for (int n = 0; n < reads; ++n) {
         std::string read = RandomBases(random, random() % 40);
         if (random() % 4 != 0) read += mutate(barcodes[random() % barcodes.size()]);
@@ -422,18 +415,14 @@ void CompareOnShippedKits(unsigned seed, const std::string& device) {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
     const auto config = TestSupport::ShippedConfiguration();
     ScorerOptions options;
-    for (const auto& [key, field] :
-         std::initializer_list<std::pair<const char*, int*>>{{"start_gap1", &options.start_gap1},
-                                                             {"end_gap1", &options.end_gap1},
-                                                             {"open_gap1", &options.open_gap1},
-                                                             {"extend_gap1", &options.extend_gap1},
-                                                             {"start_gap2", &options.start_gap2},
-                                                             {"end_gap2", &options.end_gap2},
-                                                             {"open_gap2", &options.open_gap2},
-                                                             {"extend_gap2", &options.extend_gap2},
-                                                             {"front_window_size", &options.front_window_size},
-                                                             {"rear_window_size", &options.rear_window_size}})
-        *field = std::stoi(config.at(key));
+    int* const fields[] = {&options.start_gap1,      &options.end_gap1,    &options.open_gap1,
+                           &options.extend_gap1,     &options.start_gap2,  &options.end_gap2,
+                           &options.open_gap2,       &options.extend_gap2, &options.front_window_size,
+                           &options.rear_window_size};
+    const char* const keys[] = {"start_gap1", "end_gap1",  "open_gap1",   "extend_gap1",       "start_gap2",
+                                "end_gap2",   "open_gap2", "extend_gap2", "front_window_size", "rear_window_size"};
+    for (size_t k = 0; k < std::size(keys); ++k)
+        *fields[k] = std::stoi(config.at(keys[k]));
     options.min_score = std::stof(config.at("min_score"));
     ValidateScorerOptions(options);
     auto manager =
@@ -622,14 +611,12 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
             if (!strong && seen) kinds[listed_cell ? "damaged, listed" : "damaged, unlisted"]++;
             if (weaker < 30) kinds["damaged, too weak"]++;
         } else if (kind < 2 && listed_cell) {
-            EXPECT_EQ(call.normalised_id, name);
-            EXPECT_EQ(call.reason, UnclassifiedReason::kNone);
-            EXPECT_EQ(call.variant, reversed ? "rev" : "fwd");
+            EXPECT_EQ(std::tie(call.normalised_id, call.reason, call.variant),
+                      std::tuple(name, UnclassifiedReason::kNone, reversed ? "rev" : "fwd"));
             kinds["listed"]++;
         } else if (kind < 2) {
-            EXPECT_EQ(call.normalised_id, "unclassified");
-            EXPECT_EQ(call.reason, UnclassifiedReason::kPairNotInSheet);
-            EXPECT_EQ(call.id, name);
+            EXPECT_EQ(std::tie(call.normalised_id, call.reason, call.id),
+                      std::tuple("unclassified", UnclassifiedReason::kPairNotInSheet, name));
             kinds["unlisted"]++;
         } else {
             EXPECT_EQ(call.normalised_id, "unclassified");
@@ -650,9 +637,9 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
         EXPECT_EQ(loose_call.candidate_quality, loose_call.quality);
         EXPECT_LT(loose_call.error_probability, 1);
         const bool kept = loose_call.quality >= kMaxBarcodeQuality;
-        EXPECT_EQ(strict_call.reason, kept ? UnclassifiedReason::kNone : UnclassifiedReason::kLowBarcodeQuality);
-        EXPECT_EQ(strict_call.normalised_id, kept ? loose_call.normalised_id : "unclassified");
-        EXPECT_EQ(strict_call.candidate_quality, loose_call.quality);
+        EXPECT_EQ(std::tie(strict_call.reason, strict_call.normalised_id, strict_call.candidate_quality),
+                  std::tuple(kept ? UnclassifiedReason::kNone : UnclassifiedReason::kLowBarcodeQuality,
+                             kept ? loose_call.normalised_id : "unclassified", loose_call.quality));
         kinds["classified at 30"]++;
     }
     for (const char* kind : {"listed", "unlisted", "one end", "damaged, listed", "damaged, unlisted",

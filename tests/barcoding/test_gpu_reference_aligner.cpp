@@ -9,96 +9,62 @@
 #include "common/kernel_images.h"
 #include "tests/common/fake_cuda_driver.h"
 #include "tests/pair_alignment/emulated_fastalign_kernels.h"
+#include "tests/support/random_bases.h"
 
+namespace Barcoding {
 namespace {
 
+using Codes = std::vector<int>;
+
+// More references than one launch of the unbatched kernel takes. A worker
+// prepares a batch of reads' windows; ScoreAll hands their scores out without
+// a launch, also past a window skipped (a read that failed); one never
+// prepared is scored when asked, and one wider than the band the aligner was
+// sized for takes the launch-per-window path. Paths need no launch of their own.
 TEST(GpuReferenceAligner, AgreesWithTheCpuAligner) {
     if (Common::FindKernelImage("fastalign.fatbin") == nullptr) GTEST_SKIP() << "built without nvcc";
     FakeCuda::FakeCudaDriver fake;
     FakeCuda::RegisterEmulatedFastAlign(fake.state());
     std::mt19937 rng(31);
-    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-    std::vector<int> matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3};
+    auto random = [&](int shortest, int longest) {
+        return TestSupport::RandomCodes(rng, std::uniform_int_distribution<int>(shortest, longest)(rng));
+    };
+    Codes matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3}, gpu_scores, cpu_scores;
     const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
-    const std::vector<int> gaps = {1, 1, 4, 4, 5, 5, 4, 4};
-    std::vector<std::vector<int>> references(400);  // more than one launch takes
-    for (auto& reference : references) {
-        reference.resize(static_cast<size_t>(uniform(5, 20)));
-        for (int& code : reference)
-            code = uniform(0, 3);
-    }
-    const int band_width = 30;
-    {
-        auto gpu = Barcoding::MakeGpuReferenceAligner("cuda:0", view, gaps, band_width, references);
-        auto cpu = Barcoding::MakeCpuReferenceAligner(view, gaps, band_width, references);
-        for (int round = 0; round < 6; ++round) {
-            // Later rounds exceed the band width the aligner was sized for.
-            std::vector<int> window(static_cast<size_t>(round < 3 ? uniform(0, 30) : uniform(31, 80)));
-            for (int& code : window)
-                code = uniform(0, 3);
-            std::vector<int> gpu_scores, cpu_scores;
-            gpu->ScoreAll(window, gpu_scores);
-            cpu->ScoreAll(window, cpu_scores);
-            ASSERT_EQ(gpu_scores, cpu_scores) << "round " << round;
-            const size_t launches = fake.state().launches.size();
+    const Codes gaps = {1, 1, 4, 4, 5, 5, 4, 4};
+    std::vector<Codes> references(400), windows;
+    for (auto& reference : references)
+        reference = random(5, 20);
+    for (int w = 0; w < 10; ++w)
+        windows.push_back(w == 4 ? Codes{} : w == 1 ? random(30, 30) : w < 7 ? random(1, 30) : random(31, 80));
+    // A band of 513 needs rows wider than the batch kernel keeps: every window
+    // is then a launch, whose paths answer the path requests.
+    for (int band : {30, 513}) {
+        auto gpu = MakeGpuReferenceAligner("cuda:0", view, gaps, band, references);
+        auto cpu = MakeCpuReferenceAligner(view, gaps, band, references);
+        ASSERT_EQ(gpu->Batches(), band == 30);
+        gpu->Prepare(windows);
+        for (size_t w : {0, 1, 3, 4, 5, 6, 2, 7, 8, 9}) {
+            const size_t before = fake.state().launches.size();
+            gpu->ScoreAll(windows[w], gpu_scores);
+            cpu->ScoreAll(windows[w], cpu_scores);
+            ASSERT_EQ(gpu_scores, cpu_scores) << "band " << band << " window " << w;
+            const size_t scored = fake.state().launches.size();
+            EXPECT_EQ(scored > before, band > 30 || w == 2 || w >= 7) << "band " << band << " window " << w;
             for (size_t k : {size_t{0}, size_t{351}, size_t{352}, size_t{399}}) {
                 PairAlignment::Path gpu_path, cpu_path;
-                EXPECT_EQ(gpu->AlignOne(k, window, gpu_path), cpu->AlignOne(k, window, cpu_path));
-                EXPECT_EQ(gpu_path, cpu_path) << "round " << round << " reference " << k;
+                EXPECT_EQ(gpu->AlignOne(k, windows[w], gpu_path), cpu->AlignOne(k, windows[w], cpu_path));
+                EXPECT_EQ(gpu_path, cpu_path) << "band " << band << " window " << w << " reference " << k;
                 PairAlignment::PairedSpan gpu_span, cpu_span;
-                EXPECT_EQ(gpu->AlignSpan(k, window, gpu_span), cpu->AlignSpan(k, window, cpu_span));
-                EXPECT_EQ(gpu_span, cpu_span) << "round " << round << " reference " << k;
+                EXPECT_EQ(gpu->AlignSpan(k, windows[w], gpu_span), cpu->AlignSpan(k, windows[w], cpu_span));
+                EXPECT_EQ(gpu_span, cpu_span) << "band " << band << " window " << w << " reference " << k;
             }
-            EXPECT_EQ(fake.state().launches.size(), launches);  // paths came with the scores
+            EXPECT_EQ(fake.state().launches.size(), scored);  // none for the paths
         }
     }
     EXPECT_TRUE(fake.state().device_blocks.empty());
     EXPECT_EQ(fake.state().live_contexts, 0);
 }
 
-// The worker prepares a batch of reads' windows; ScoreAll then hands the
-// scores out without launching, also when a window is skipped (a read that
-// failed) or one comes that was never prepared (scored when asked).
-TEST(GpuReferenceAligner, PreparedWindowsNeedNoLaunch) {
-    if (Common::FindKernelImage("fastalign.fatbin") == nullptr) GTEST_SKIP() << "built without nvcc";
-    FakeCuda::FakeCudaDriver fake;
-    FakeCuda::RegisterEmulatedFastAlign(fake.state());
-    std::mt19937 rng(1127);
-    auto codes = [&](int length) {
-        std::vector<int> out(static_cast<size_t>(length));
-        for (int& code : out)
-            code = static_cast<int>(rng() % 4);
-        return out;
-    };
-    std::vector<int> matrix = {3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3, -2, -2, -2, -2, 3};
-    const brim::data_wrappers::MatView<int> view(matrix.data(), 4, 4);
-    const std::vector<int> gaps = {1, 1, 4, 4, 5, 5, 4, 4};
-    std::vector<std::vector<int>> references;
-    for (int k = 0; k < 12; ++k)
-        references.push_back(codes(24));
-    auto gpu = Barcoding::MakeGpuReferenceAligner("cuda:0", view, gaps, 150, references);
-    auto cpu = Barcoding::MakeCpuReferenceAligner(view, gaps, 150, references);
-    ASSERT_TRUE(gpu->Batches());
-    std::vector<std::vector<int>> windows;
-    for (int w = 0; w < 9; ++w)
-        windows.push_back(codes(w == 4 ? 0 : 150));
-    gpu->Prepare(windows);
-    const size_t launches = fake.state().launches.size();
-    std::vector<int> gpu_scores, cpu_scores;
-    for (size_t w = 0; w < windows.size(); ++w) {
-        if (w == 2 || w == 3) continue;
-        gpu->ScoreAll(windows[w], gpu_scores);
-        cpu->ScoreAll(windows[w], cpu_scores);
-        ASSERT_EQ(gpu_scores, cpu_scores) << "window " << w;
-        PairAlignment::PairedSpan gpu_span, cpu_span;
-        EXPECT_EQ(gpu->AlignSpan(w % 12, windows[w], gpu_span), cpu->AlignSpan(w % 12, windows[w], cpu_span));
-        EXPECT_EQ(gpu_span, cpu_span);
-    }
-    EXPECT_EQ(fake.state().launches.size(), launches);
-    gpu->ScoreAll(windows[2], gpu_scores);  // passed over: scored anew
-    cpu->ScoreAll(windows[2], cpu_scores);
-    EXPECT_EQ(gpu_scores, cpu_scores);
-    EXPECT_EQ(fake.state().launches.size(), launches + 1);
-}
-
 }  // namespace
+}  // namespace Barcoding

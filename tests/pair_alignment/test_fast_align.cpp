@@ -1,9 +1,7 @@
-// The banded aligner on every build and an emulated GPU against a plain program
-// written here; the band, the kernel counters, the build choice, the matrix file.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -254,8 +252,7 @@ TEST(BandPlacement, FollowsTheDiagonalForShortAndLongSequences) {
         Codes off(l1 + l2 + 1), len(l1 + l2 + 1), expected_off, expected_len;
         PlaceBand(l1, l2, width, off.data(), len.data());
         ReferenceBand(l1, l2, width, expected_off, expected_len);
-        ASSERT_EQ(off, expected_off) << l1 << " x " << l2;
-        ASSERT_EQ(len, expected_len) << l1 << " x " << l2;
+        ASSERT_EQ(std::tie(off, len), std::tie(expected_off, expected_len)) << l1 << " x " << l2;
         ASSERT_TRUE(BandEndsStepByOne(off.data(), len.data(), l1 + l2 + 1)) << l1 << " x " << l2;
         if (wide || width <= std::min(l1, l2)) {
             ASSERT_EQ(BandCoversMatrix(l1, l2, off.data(), len.data()), wide) << l1 << " x " << l2;
@@ -276,8 +273,7 @@ TEST_F(FastAlignTest, KernelStatsSumOverThreadsAndLeaveOutInterruptedCalls) {
     }).join();
     std::thread([] { RecordKernelCall(500, 50000); }).join();
     std::thread([] { RecordKernelCall(2995500, 943100, 750250); }).join();
-    EXPECT_EQ(KernelStatsTotal().every_cell, 3001000);
-    EXPECT_EQ(KernelStatsTotal().byte_cells, 750650);
+    EXPECT_EQ(std::tuple(KernelStatsTotal().every_cell, KernelStatsTotal().byte_cells), std::tuple(3001000, 750650));
     const std::string build = ActiveSimdBuild();
     EXPECT_EQ(KernelStatsSummary(), "Alignment kernel: 3000000 cells in 0.001 s, 3.00 GCUPS (" + build +
                                         "), 25 % in 8-bit lanes; 1 of 6 calls left out as interrupted");
@@ -302,127 +298,71 @@ protected:
     }
     FakeCuda::FakeCudaDriver fake_;
     const Codes table_ = FastAlignGPU::BaseCodeTable();
+    Codes matrix_ = TestSupport::kMatchMismatch;
+    const MatView<int> view_{matrix_.data(), 4, 4};
+    const Codes gaps_ = {2, 3, 8, 8, 2, 3, 8, 8};
 };
 
-// Buffers, launch parameters, per-thread slices and paths read back, with
-// lengths from 0, query letters in either case and U, and now and then a full
-// launch of 352 (the last thread's slices are the likeliest to overrun).
+// Both kernels against the CPU aligner: buffers, launch parameters, per-thread
+// slices and paths read back, with lengths from 0, query letters in either
+// case and U, now and then a full launch of 352 (the last thread's slices are
+// the likeliest to overrun) or a band up to the batch kernel's widest row. The
+// batch kernel scores the same queries in launches of a few windows each, so
+// that both its slots are reused.
 TEST_F(EmulatedGpu, MatchesTheCpuAligner) {
     std::mt19937 rng(20261121);
     auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     for (int config = 0; config < 150; ++config) {
         const Costs c = RandomCosts(rng, uniform(0, 3) ? 6 : 1, 1);
-        const bool large = config % 10 == 0;
-        const int band_width = large ? uniform(1, 250) : uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 40);
-        const int max_reference = uniform(0, large ? 100 : 30), max_query = uniform(0, large ? 250 : 60);
-        FastAlignGPU gpu(MatView<int>(const_cast<int*>(c.matrix.data()), 4, 4), c.gaps, table_, max_reference,
-                         max_query, "cuda:0", band_width);
+        const bool large = config % 10 == 0, wide = config % 30 == 5;
+        const int band_width = wide                 ? uniform(200, FastAlignKernels::maxBatchRowWidth - 1)
+                               : large              ? uniform(1, 250)
+                               : uniform(0, 3) == 0 ? uniform(0, 4)
+                                                    : uniform(5, 40);
+        const int max_reference = uniform(0, large ? 100 : 30);
+        const int max_query = wide ? band_width : uniform(0, large ? 250 : 60);
+        const MatView<int> view(const_cast<int*>(c.matrix.data()), 4, 4);
+        FastAlignGPU gpu(view, c.gaps, table_, max_reference, max_query, "cuda:0", band_width);
         FastAlign cpu = c.Aligner(band_width);
         for (int batch = 0; batch < 3; ++batch) {
             std::vector<Codes> references(config % 25 == 1 && batch == 0 ? 352 : uniform(1, 24));
             for (auto& reference : references)
                 reference = RandomCodes(rng, uniform(0, max_reference));
             gpu.SetReferences(references);
-            for (int call = 0; call < 4; ++call) {
-                const Codes codes = RandomCodes(rng, uniform(0, max_query));
+            std::vector<Codes> windows(uniform(0, 6));
+            Codes scores, expected;
+            for (auto& codes : windows) {
+                codes = RandomCodes(rng, uniform(0, max_query));
                 std::string query;
                 for (int code : codes)
                     query += "ACGTacgtUu"[code == 3 && uniform(0, 2) == 0 ? uniform(8, 9) : code + 4 * uniform(0, 1)];
-                Codes scores;
                 std::vector<Path> paths;
                 gpu.AlignAll(query, scores, paths);
                 for (size_t k = 0; k < references.size(); ++k) {
-                    Path expected;
-                    ASSERT_EQ(scores.at(k), cpu.Align(View(references[k]), View(codes), expected)) << config;
-                    ASSERT_EQ(paths.at(k), expected) << "config " << config << " reference " << k;
+                    Path path;
+                    ASSERT_EQ(scores.at(k), cpu.Align(View(references[k]), View(codes), path)) << config;
+                    ASSERT_EQ(paths.at(k), path) << "config " << config << " reference " << k;
                 }
+                expected.insert(expected.end(), scores.begin(), scores.end());
             }
+            FastAlignGpuBatch batched(view, c.gaps, band_width, references, "cuda:0", max_query, uniform(1, 5));
+            batched.ScoreWindows(windows, scores);
+            ASSERT_EQ(scores, expected) << "config " << config;
         }
     }
 }
 
-// The batch path's scores against the CPU aligner: windows of every length up
-// to the maximum (0 too) against references of 0 to 40 bases, over launches of
-// a few windows each so that both slots are reused many times, and wide bands
-// up to the widest row the kernel keeps.
-TEST_F(EmulatedGpu, BatchScoresMatchTheCpuAligner) {
-    std::mt19937 rng(20261127);
-    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-    for (int config = 0; config < 40; ++config) {
-        const Costs c = RandomCosts(rng, uniform(0, 3) ? 6 : 1, 1);
-        const bool wide = config % 8 == 0;
-        const int max_window = wide ? uniform(200, FastAlignKernels::maxBatchRowWidth - 1) : uniform(1, 60);
-        const int band_width = wide ? max_window : uniform(0, 3) == 0 ? uniform(0, 4) : uniform(5, 60);
-        std::vector<Codes> references(static_cast<size_t>(uniform(1, 30)));
-        for (auto& reference : references)
-            reference = RandomCodes(rng, uniform(0, 40));
-        const MatView<int> view(const_cast<int*>(c.matrix.data()), 4, 4);
-        FastAlignGpuBatch gpu(view, c.gaps, band_width, references, "cuda:0", static_cast<size_t>(max_window),
-                              static_cast<size_t>(uniform(1, 5)));
-        FastAlign cpu = c.Aligner(band_width);
-        std::vector<Codes> windows(static_cast<size_t>(uniform(0, wide ? 3 : 12)));
-        for (auto& window : windows)
-            window = RandomCodes(rng, uniform(0, max_window));
-        Codes scores;
-        gpu.ScoreWindows(windows, scores);
-        ASSERT_EQ(scores.size(), windows.size() * references.size());
-        Path unused;
-        for (size_t w = 0; w < windows.size(); ++w)
-            for (size_t k = 0; k < references.size(); ++k)
-                ASSERT_EQ(scores[w * references.size() + k], cpu.Align(View(references[k]), View(windows[w]), unused))
-                    << "config " << config << " window " << w << " reference " << k;
-    }
-}
-
-// The batch aligner refuses what its kernel cannot hold, and launches one
-// grid of 128-thread blocks per group of windows.
-TEST_F(EmulatedGpu, BatchLaunchesAndRefusals) {
-    Codes matrix = TestSupport::kMatchMismatch;
-    const MatView<int> view(matrix.data(), 4, 4);
-    const Codes gaps = {2, 3, 8, 8, 2, 3, 8, 8};
-    const int widest = FastAlignKernels::maxBatchRowWidth;
-    EXPECT_TRUE(FastAlignGpuBatch::Fits(widest, 40, widest - 1));
-    EXPECT_FALSE(FastAlignGpuBatch::Fits(widest + 2, 40, widest + 1));
-    EXPECT_TRUE(FastAlignGpuBatch::Fits(101, 40, 5000));  // a narrow band holds long windows
-    const std::vector<Codes> references(3, Codes(10, 1));
-    EXPECT_EQ(ErrorOf([&] { FastAlignGpuBatch(view, gaps, widest + 2, references, "cuda:0", widest + 1); }),
-              "FastAlignGPU: windows of " + std::to_string(widest + 1) + " bases with band width " +
-                  std::to_string(widest + 2) + " are too wide for the batch kernel.");
-    EXPECT_EQ(ErrorOf([&] {
-                  FastAlignGpuBatch(view, gaps, 11, {Codes{0, 4}}, "cuda:0", 20);
-              }),
-              "FastAlignGPU base codes must be 0 to 3.");
-    EXPECT_TRUE(ErrorOf([&] {
-                    FastAlignGpuBatch(view, gaps, 11, references, "cuda:0:100", 20);
-                }).starts_with("GPU memory limit of 100 bytes reached on CUDA device 0: "));
-    FastAlignGpuBatch gpu(view, gaps, 11, references, "cuda:0", 20, 50);
-    EXPECT_EQ(fake_.state().live_streams, 2);
-    Codes scores;
-    gpu.ScoreWindows(std::vector<Codes>(120, Codes(20, 1)), scores);
-    const auto& launches = fake_.state().launches;
-    ASSERT_EQ(launches.size(), 3u);  // 50 + 50 + 20 windows
-    EXPECT_EQ(std::tuple(launches[0].kernel, launches[0].block[0], launches[0].grid[0], launches[2].grid[0]),
-              std::tuple(std::string("ScoreBatch"), 128u, 2u, 1u));  // 150 and 60 threads
-    Path unused;
-    const int expected = FastAlign(view, gaps, 11).Align(View(references[0]), View(Codes(20, 1)), unused);
-    EXPECT_EQ(scores, Codes(360, expected));
-    EXPECT_THROW(gpu.ScoreWindows({Codes(21, 0)}, scores), std::runtime_error);
-    EXPECT_THROW(gpu.ScoreWindows({Codes{0, 4}}, scores), std::runtime_error);
-}
-
 // Refusals name their cause; of two devices named the first is used; workers
 // share one context, each on its own stream; a call launches SeqToInts in a
-// block of 32 threads, then Align in one block of 352. What was allocated
-// before a refusal is released again (TearDown).
+// block of 32 threads, then Align in one block of 352. The batch kernel
+// launches one grid of 128-thread blocks per group of windows. What was
+// allocated before a refusal is released again (TearDown).
 TEST_F(EmulatedGpu, LaunchesContextsAndRefusals) {
-    Codes matrix = TestSupport::kMatchMismatch;
-    const Codes gaps = {2, 3, 8, 8, 2, 3, 8, 8};
     auto error = [&](const std::string& device, const Codes& g = {2, 3, 8, 8, 2, 3, 8, 8}, int n = 4) {
-        return ErrorOf([&] { FastAlignGPU(MatView<int>(matrix.data(), n, n), g, table_, 10, 10, device, 11); });
+        return ErrorOf([&] { FastAlignGPU(MatView<int>(matrix_.data(), n, n), g, table_, 10, 10, device, 11); });
     };
-    EXPECT_EQ(error("cuda:0", gaps, 3), "FastAlignGPU only supports a 4 x 4 mismatch matrix!");
+    EXPECT_EQ(error("cuda:0", gaps_, 3), "FastAlignGPU only supports a 4 x 4 mismatch matrix!");
     EXPECT_EQ(error("cuda:0", Codes(7, 1)), "Gap penalty vector must be length 6 or 8.");
-    EXPECT_EQ(error("cuda:x"), "Malformed device string: cuda:x");
     fake_.state().free_memory = {size_t{1} << 30, size_t{1} << 30};
     EXPECT_EQ(error("cuda:1,0"), "(no error)");
     EXPECT_EQ(fake_.state().contexts_created, Codes{1});
@@ -432,9 +372,23 @@ TEST_F(EmulatedGpu, LaunchesContextsAndRefusals) {
     EXPECT_TRUE(FakeCuda::MatchesWithLine(error("cuda:0"),
                                           "CUDA error at pair_alignment/align_cuda:", ": CUDA_ERROR_OUT_OF_MEMORY"));
     fake_.state().fail_allocation_after = -1;
+    const int widest = FastAlignKernels::maxBatchRowWidth;
+    EXPECT_TRUE(FastAlignGpuBatch::Fits(widest, 40, widest - 1));
+    EXPECT_FALSE(FastAlignGpuBatch::Fits(widest + 2, 40, widest + 1));
+    EXPECT_TRUE(FastAlignGpuBatch::Fits(101, 40, 5000));  // a narrow band holds long windows
+    const std::vector<Codes> three(3, Codes(10, 1));
+    auto refusal = [&](int band, const std::vector<Codes>& refs, const std::string& device, int window) {
+        return ErrorOf([&] { FastAlignGpuBatch(view_, gaps_, band, refs, device, window); });
+    };
+    EXPECT_EQ(refusal(widest + 2, three, "cuda:0", widest + 1),
+              "FastAlignGPU: windows of " + std::to_string(widest + 1) + " bases with band width " +
+                  std::to_string(widest + 2) + " are too wide for the batch kernel.");
+    EXPECT_EQ(refusal(11, {Codes{0, 4}}, "cuda:0", 20), "FastAlignGPU base codes must be 0 to 3.");
+    EXPECT_TRUE(
+        refusal(11, three, "cuda:0:100", 20).starts_with("GPU memory limit of 100 bytes reached on CUDA device 0: "));
     const size_t contexts = fake_.state().contexts_created.size();
-    const MatView<int> view(matrix.data(), 4, 4);
-    FastAlignGPU first(view, gaps, table_, 10, 20, "cuda:0", 11), second(view, gaps, table_, 10, 20, "cuda:0:50%", 11);
+    FastAlignGPU first(view_, gaps_, table_, 10, 20, "cuda:0", 11),
+        second(view_, gaps_, table_, 10, 20, "cuda:0:50%", 11);
     EXPECT_EQ(fake_.state().contexts_created.size(), contexts + 1);
     EXPECT_EQ(fake_.state().live_streams, 2);
     std::vector<Codes> references(FastAlignGPU::kMaxReferences, Codes(10, 2));
@@ -451,6 +405,15 @@ TEST_F(EmulatedGpu, LaunchesContextsAndRefusals) {
     EXPECT_THROW(first.SetReferences({Codes{0, 4}}), std::runtime_error);
     references.emplace_back(5, 0);
     EXPECT_EQ(ErrorOf([&] { first.SetReferences(references); }), "Too many sequences for GPU threads to contain!");
+    FastAlignGpuBatch batch(view_, gaps_, 11, three, "cuda:0", 20, 50);
+    EXPECT_EQ(fake_.state().live_streams, 4);
+    fake_.state().launches.clear();
+    batch.ScoreWindows(std::vector<Codes>(120, Codes(20, 1)), scores);
+    ASSERT_EQ(launches.size(), 3u);  // 50 + 50 + 20 windows
+    EXPECT_EQ(std::tuple(launches[0].kernel, launches[0].block[0], launches[0].grid[0], launches[2].grid[0]),
+              std::tuple(std::string("ScoreBatch"), 128u, 2u, 1u));  // 150 and 60 threads
+    EXPECT_THROW(batch.ScoreWindows({Codes(21, 0)}, scores), std::runtime_error);
+    EXPECT_THROW(batch.ScoreWindows({Codes{0, 4}}, scores), std::runtime_error);
 }
 
 // Each case takes one bit from a processor and system that have everything
@@ -522,16 +485,16 @@ TEST(ScoreMatrix, LaysColumnsSideBySideAndNamesEachFault) {
                         : "Invalid value \"" + values[k] + "\"" + where + ".");
     }
     // Line numbers count every line, comments included.
-    const auto short_row = WriteFile("short.txt", "# c\nA\tC\tG\tT\n1\t2\t3\n");
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(short_row); }),
-              "Error: Incomplete row in line 3 of \"" + short_row + "\": expecting 4 columns but got 3");
-    const auto long_row = WriteFile("long.txt", "A\tC\tG\tT\n1" + ones + "1\t2\t3\t4\t5\n");
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(long_row); }),
-              "Error: Incomplete row in line 6 of \"" + long_row + "\": expecting 4 columns but got 5");
-    const auto five = WriteFile("five.txt", "A\tC\tG\tT\n1" + ones + "1\t1\t1\t1\n");
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(five); }), "Column A in score matrix \"" + five + "\" has wrong size.");
-    const auto no_c = WriteFile("no_c.txt", "A\tX\tG\tT\n1" + ones);
-    EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(no_c); }), "Column C in score matrix \"" + no_c + "\" has wrong size.");
+    const std::string row = "Error: Incomplete row in line ", column = " in score matrix \"";
+    const std::vector<std::array<std::string, 3>> faults = {
+        {"# c\nA\tC\tG\tT\n1\t2\t3\n", row + "3 of \"", "\": expecting 4 columns but got 3"},
+        {"A\tC\tG\tT\n1" + ones + "1\t2\t3\t4\t5\n", row + "6 of \"", "\": expecting 4 columns but got 5"},
+        {"A\tC\tG\tT\n1" + ones + "1\t1\t1\t1\n", "Column A" + column, "\" has wrong size."},
+        {"A\tX\tG\tT\n1" + ones, "Column C" + column, "\" has wrong size."}};
+    for (const auto& [text, before, after] : faults) {
+        const auto file = WriteFile("fault.txt", text);
+        EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }), before + file + after);
+    }
     EXPECT_EQ(ErrorOf([] { ReadTable("no/such/table.txt"); }), "Error: Failed to open file \"no/such/table.txt\"");
     EXPECT_EQ(ErrorOf([] { LoadMismatchMatrix("absent.txt"); }),
               "Error: could not find mismatch matrix file \"absent.txt\", check configuration.");

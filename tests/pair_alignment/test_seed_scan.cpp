@@ -1,6 +1,3 @@
-// The searches that find where barcodes may lie before any alignment: seed
-// spots, k-mer codes and pattern edit counts, each against brute force.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -117,9 +114,8 @@ TEST(SeedScanTest, SpotsMatchABruteForceGrouping) {
         std::vector<Codes> references;
         for (int b = 0; b < count; ++b) {  // each barcode and its reverse complement
             const Codes codes = Join(Join(left, RandomCodes(random, barcode)), right);
-            Codes reverse(codes.rbegin(), codes.rend());
-            for (int& c : reverse)
-                c = 3 - c;
+            Codes reverse(codes.size());
+            std::transform(codes.rbegin(), codes.rend(), reverse.begin(), [](int c) { return 3 - c; });
             references.insert(references.end(), {codes, reverse});
         }
         const SeedScan scan(references);

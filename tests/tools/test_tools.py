@@ -1,6 +1,5 @@
-"""The kit designer, the simulator, the calibration metrics and quality model,
-the README's own-kit recipe and a calibration smoke run with the real program
-(VB_PROGRAM, set by CTest). Run: python3 -m unittest discover -s tests/tools"""
+"""The kit designer, simulator, calibration and quality model, and with the program (VB_PROGRAM, set by CTest) the
+README's own-kit recipe and a calibration smoke run. Run: python3 -m unittest discover -s tests/tools"""
 
 import math
 import os
@@ -133,7 +132,6 @@ class ToolsTest(unittest.TestCase):
             expected = (before, "".join(bases)) if 0 <= begin and 0 < end <= length else None
             self.assertEqual(simulate_reads.aligned_cut(ref_row, read_row, begin, end), expected, (cols, begin, end))
 
-
     def test_mixed_reads_as_the_program_decides(self):
         bars = calibrate.Bars(min_score=25, rival_margin=30, evidence_presence=10)
         cases = [  # (front, rear, called in default mode, called with --reject_mixed_barcodes)
@@ -211,8 +209,7 @@ class ToolsTest(unittest.TestCase):
             self.assertAlmostEqual(fitted[name], value, delta=0.25 * abs(value) + 0.15, msg=name)
 
     def test_features_follow_the_program(self):
-        """As barcoding/barcode_quality.cpp: agreeing ends add their margins, another barcode best at an end is a
-        conflict, an end without a barcode counts for nothing."""
+        """As barcoding/barcode_quality.cpp: agreeing margins add up, a rival best at an end is a conflict."""
         model = {"intercept": 1.0, "margin": -1.0, "presence": -10.0, "conflict": 12.0}
         cases = [
             (end(40, 70, 4), NO_END, (4.0, 0.7, 0.0)),
@@ -231,8 +228,7 @@ class ToolsTest(unittest.TestCase):
 @unittest.skipUnless(PROGRAM and os.path.exists(PROGRAM), "VB_PROGRAM not set")
 class WithTheProgramTest(unittest.TestCase):
     def test_readme_kit_recipe(self):
-        """The README's own kit added to a copy of the data folder as a new user would, not listed in
-        configuration.cfg: the simulator writes its reads into a new folder, the program lists and classifies them."""
+        """The README's own kit, not in configuration.cfg, simulated into a new folder, listed and classified."""
         with open(os.path.join(ROOT, "README.md")) as f:
             recipe = f.read().split("## Your own kit", 1)[1]
         with tempfile.TemporaryDirectory() as work:
@@ -254,8 +250,7 @@ class WithTheProgramTest(unittest.TestCase):
         self.assertTrue(len(calls) == 50 and calls.count("barcode01") + calls.count("barcode02") > 25, calls)
 
     def test_calibration_smoke(self):
-        """The whole driver on a two-design family (too few wrong calls to fit a quality model): the report, and the
-        one derived from the low-threshold runs, which must hold the same tables."""
+        """The driver on a two-design family: its report and the one derived from the runs hold the same tables."""
         with tempfile.TemporaryDirectory() as work:
             args = ["--program", PROGRAM, "--work", work, "--smoke", "--models", "builtin"]
             chosen = calibrate.main(args + ["--processes", "1"])

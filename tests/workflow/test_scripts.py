@@ -1,6 +1,5 @@
-"""The workflow's scripts and the run report, with the barcoder: random reads barcoded once as a single run, whose
-report must agree with its output, and once as shards must merge into the single run's folder; a bad set of shards is
-refused by name. shard_plan.py picks the files the barcoder reads; slurm.py meets Slurm 22.05's answers.
+"""The workflow's scripts with the barcoder: merged shards read as a single run, bad shards refused by name, the
+shard plan reads what the barcoder reads, slurm.py meets Slurm 22.05's answers.
 Run: VB_BARCODER=build/bin/vorpa_barcoder python3 -m unittest discover -s tests/workflow"""
 
 import collections
@@ -77,9 +76,8 @@ class Folder(unittest.TestCase):
 @unittest.skipUnless(BARCODER, "VB_BARCODER is not set")
 class MergeTest(Folder):
     def inputs(self, rng, files, reads):
-        """files FASTQ files (some empty, some compressed) of random example
-        reads, their run ids drawn from two, one with underscores, or missing
-        (such reads are dropped: self.dropped counts them)."""
+        """FASTQ files (some empty or compressed) of example reads under two run ids, one with underscores, or none
+        (dropped: self.dropped counts them)."""
         chosen = rng.sample(read_records(EXAMPLE), reads)
         cuts = sorted(rng.randint(0, reads) for _ in range(files - 1))
         paths = [self.path("in", f"part{i}.fastq" + (".gz" if rng.random() < 0.3 else "")) for i in range(files)]
@@ -137,8 +135,7 @@ class MergeTest(Folder):
                 # A shard rerun may get fewer threads.
                 folders = self.shards(inputs, *options, threads=lambda: rng.choice("12"))
                 wall_time = sum(read_report(folder)["wall_time_s"] for folder in folders)
-                # A merge may be redone over an earlier one, killed or not, which
-                # may have left its staging folder.
+                # A merge may be redone over an earlier one, killed or not, that left its staging folder.
                 if rng.random() < 0.3:
                     shutil.copytree(self.path(".shards"), self.path("copy"))
                     merge_shards.merge(folders, self.path("merged"), {})
@@ -168,8 +165,7 @@ class MergeTest(Folder):
                          (True, [], []))
 
     def test_bam_shards_refused_when_damaged_merged_when_read_groups_clash(self):
-        """Each damage done to a fresh copy of the same shards: the merge names
-        it, leaves the save folder alone and uses up no shard."""
+        """Each damage to a fresh copy of the shards is named, leaving the save folder and the shards alone."""
         folders = self.shards(self.inputs(random.Random(5), 3, 90), "--barcode_kits", "VB-NB24", "--output_format",
                               "bam", "-q", "1")
         shutil.move(self.path(".shards"), self.path("template"))
@@ -209,9 +205,7 @@ class MergeTest(Folder):
             (lambda f: os.remove(next(p for p in bam_paths(f[1]) if p.endswith("_1.bam")).replace("_1.bam", "_0.bam")),
              "shard shard_001: files of run id", "not from 0 without gaps"),
             (lambda f: f.clear(), "no shards to merge"),
-            # Placed by the file's own blocks: the end-of-file marker or the last
-            # record block's footer goes, the first block's compressed body turns
-            # to zeros, or the header is cut short.
+            # At the file's blocks: the end-of-file marker or last footer goes, the first body zeroed, the header cut.
             (damaged(lambda data: data[:-28]), lambda f: f"shard shard_001: {bam(f)}",
              "no end-of-file marker: the file is truncated"),
             (damaged(lambda data: data[:len(data) - 36] + EOF_BLOCK), "no BGZF block at byte"),
@@ -235,9 +229,8 @@ class MergeTest(Folder):
                 self.assertFalse(os.path.exists(self.path("merged")) and os.listdir(self.path("merged")))
                 self.assertEqual([f for f in existing if os.path.exists(os.path.join(f, merge_shards.TAKEN))
                                   or not os.path.isdir(f)], [])
-        # Read groups in the shards' headers, one defined differently by two
-        # shards, in files whose blocks are cut anywhere: every merged file has
-        # the first @HD, every group, the first definition and distinct @PG IDs.
+        # A read group defined differently by two shards, blocks cut anywhere: every merged file has the first @HD,
+        # every group, the first definition and distinct @PG IDs.
         shutil.copytree(self.path("template"), self.path("groups"))
         folders = [os.path.join(self.path("groups"), os.path.basename(f)) for f in folders]
         shards, rng, records = [f for f in folders if bam_paths(f)], random.Random(1), []  # some may have no reads
@@ -273,9 +266,7 @@ NAMES = ["a.fastq", "b.fastq.gz", "c.fq", ".fastq", ".fastq.gz", "..fastq", "d.f
 class ShardPlanTest(Folder):
     @unittest.skipUnless(BARCODER, "VB_BARCODER is not set")
     def test_the_same_files_as_the_barcoder(self):
-        """Random trees of empty files, folders named like FASTQ files, links
-        to files, to folders and to nothing: the barcoder's verbose log names
-        every input file it starts."""
+        """Random trees of files, folders named like FASTQ files and links, against the barcoder's verbose log."""
         rng = random.Random(4242)
         open(self.path("elsewhere.txt"), "w").close()
         for round_ in range(12):
@@ -304,8 +295,7 @@ class ShardPlanTest(Folder):
 
     @unittest.skipUnless(BARCODER, "VB_BARCODER is not set")
     def test_a_shard_stopped_by_a_signal_logs_it_and_fails(self):
-        """Slurm and Ctrl-C signal every process of a job: the barcoder stops at
-        the next batch, the shard's log keeps what it had logged and says why."""
+        """Slurm and Ctrl-C signal the whole job: the shard's log keeps what it had and says why it stopped."""
         log = pathlib.Path(self.path("shard_000.log"))
         shard = subprocess.Popen(["bash", os.path.join(HERE, "..", "..", "workflow", "scripts", "run_shard.sh"),
                                   BARCODER, self.path("shard_000"), str(log), "1", "--barcode_kits", "VB-NB24", "--",
@@ -352,8 +342,7 @@ class SlurmProfileTest(Folder):
         os.chdir(self.work)
 
     def call(self, *argv, **answers):
-        """slurm.py with USER unset and Slurm's commands answering from answers
-        (sbatch_out, scontrol_err, ...): (exit status, standard output, standard error, the commands run)."""
+        """slurm.py, USER unset, Slurm answering from answers (sbatch_out, ...): (status, out, err, commands run)."""
         commands, out, err = [], io.StringIO(), io.StringIO()
 
         def answer(args):

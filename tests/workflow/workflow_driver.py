@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""End-to-end checks of the sharded workflow, run locally and (the slurm_ case,
-inside with_slurm.sh) through the Slurm profile. A merged save folder must read
-like a single barcoder run over the same files.
+"""The sharded workflow run locally and (inside with_slurm.sh) through the Slurm profile: a merged save folder must
+read like a single barcoder run over the same files.
 
 Usage: workflow_driver.py BARCODER REPOSITORY WORK_FOLDER SNAKEMAKE CASE
 """
@@ -29,13 +28,9 @@ KIT = "--barcode_kits VB-NB24"
 NO_USER = {k: v for k, v in os.environ.items() if k != "USER"}
 
 
-class Mismatch(Exception):
-    pass
-
-
 def check(condition, message):
     if not condition:
-        raise Mismatch(message)
+        raise AssertionError(message)
 
 
 def read_records(path):
@@ -56,7 +51,7 @@ def read_series(save):
     """(folder, run id, file type) -> the records of file 0, 1, ..., numbered without gaps."""
     series = collections.defaultdict(dict)
     for folder, match, path in output_files(save):
-        records = bam_file.read_bam(path, Mismatch)[2] if path.endswith(".bam") else read_records(path)
+        records = bam_file.read_bam(path, AssertionError)[2] if path.endswith(".bam") else read_records(path)
         series[(folder, match.group(1), match.group(3))][int(match.group(2))] = records
     for key, files in series.items():
         check(sorted(files) == list(range(len(files))), f"{save}: {key}: file indices {sorted(files)}")
@@ -69,9 +64,8 @@ def read_report(save):
 
 
 def compare_save_folders(single, merged):
-    """Raises Mismatch unless merged holds what single holds: the summary rows,
-    the reads of each series in files cut the same way (in any order: threads
-    vary it), the report but for run-specific figures."""
+    """merged holds single's summary rows, each series' reads cut into files the same way (in any order: threads vary
+    it), and its report but for run-specific figures."""
     summaries = []
     for save in (single, merged):
         with open(os.path.join(save, SUMMARY), "rb") as handle:
@@ -136,13 +130,8 @@ def check_layout(save, shards, *more_logs):
 
 
 def case_test_data():
-    """The .test configuration (nested input folder, compressed output cut at 5
-    records), after snakemake --lint, with faults. One shard fails: nothing is
-    merged, the failure names the shard, its log has the cause, the next run
-    redoes only that shard. A merge killed after it began to move shard files:
-    the next run names and drops those shards, the one after redoes them. The
-    result reads like a single run, its report names the whole run, and a
-    further run changes nothing."""
+    """The .test configuration, lint-free: a failed shard blocks the merge and alone is redone; shards a killed merge
+    began to move are named, dropped and redone; the result reads like a single run; a further run changes nothing."""
     test_config = os.path.join(SOURCE, ".test", "config", "config.yaml")
     test_reads = os.path.join(SOURCE, ".test", "reads")
     fault = path("FAULT")
@@ -197,9 +186,8 @@ exec {BARCODER} "$@"
 
 
 def case_slurm_readme():
-    """The README's Slurm command, 2 threads a shard on the 4 CPUs of the node
-    (so that shards wait for CPUs), on simulated reads in 8 shards; then shards
-    Slurm cannot run fail by name."""
+    """The README's Slurm command, 8 shards of 2 threads waiting for the node's 4 CPUs; shards Slurm cannot run fail
+    by name."""
     reads, options = path("simulated"), KIT + " --compress_fastq"
     run([sys.executable, os.path.join(SOURCE, "tools", "simulate_reads.py"), "-o", os.path.join(reads, "sim.fastq.gz"),
          "--kit", "VB-NB24", "-n", "4000", "--seed", "11", "--split", "8", "--median-length", "800"])
