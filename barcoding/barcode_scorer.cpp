@@ -45,6 +45,7 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "barcoding/barcode_quality.h"
 #include "barcoding/base_codes.h"
@@ -316,15 +317,14 @@ std::vector<BarcodeDetectResult> BarcodeScorer::InspectRear(const std::string& s
 }
 
 void BarcodeScorer::Prepare(const std::vector<const std::string*>& sequences) {
-    std::vector<std::vector<int>> windows;
     for (End* end : {front_.get(), rear_.get()}) {
         if (end->names.empty() || !end->aligner->Batches()) continue;
-        windows.resize(sequences.size());
+        std::vector<std::vector<int>> windows(sequences.size());
         size_t kept = 0, start = 0;
         for (const std::string* sequence : sequences)
             if (CutWindow(*end, *sequence, start, windows[kept]) < 0) ++kept;  // a bad read fails when scored
         windows.resize(kept);
-        end->aligner->Prepare(windows);
+        end->aligner->Prepare(std::move(windows));
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "pair_alignment/align_cuda.h"
 #include "pair_alignment/align_cuda_batch.h"
@@ -48,12 +49,14 @@ public:
 
     bool Batches() const override { return batch_ != nullptr; }
 
-    void Prepare(const std::vector<std::vector<int>>& windows) override {
-        prepared_.clear();
+    void Prepare(std::vector<std::vector<int>> windows) override {
+        prepared_ = std::move(windows);
         next_ = 0;
-        if (!batch_) return;
-        for (const auto& window : windows)
-            if (window.size() <= batch_->MaxWindowLength()) prepared_.push_back(window);
+        if (!batch_) {
+            prepared_.clear();
+            return;
+        }
+        std::erase_if(prepared_, [&](const auto& window) { return window.size() > batch_->MaxWindowLength(); });
         batch_->ScoreWindows(prepared_, prepared_scores_);
     }
 

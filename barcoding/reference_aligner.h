@@ -28,7 +28,7 @@ public:
     virtual bool Batches() const { return false; }
     // Scores these windows ahead of the ScoreAll calls that will ask for them,
     // expected in the same order; a window not prepared is scored when asked.
-    virtual void Prepare(const std::vector<std::vector<int>>& windows) { (void)windows; }
+    virtual void Prepare(std::vector<std::vector<int>> windows) { (void)windows; }
 };
 
 // CPU implementation over FastAlign. references are base codes 0..3.
