@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -17,7 +18,6 @@
 #include "pair_alignment/score_matrix.h"
 #include "tests/support/error_of.h"
 #include "tests/support/random_bases.h"
-#include "tests/support/shipped_configuration.h"
 #include "tests/support/temp_folder.h"
 
 namespace Barcoding {
@@ -410,10 +410,24 @@ TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
     }
 }
 
+// The shipped configuration file's "key = value" lines.
+std::map<std::string, std::string> ShippedConfiguration() {
+    std::map<std::string, std::string> values;
+    std::ifstream in(std::string(VB_SOURCE_DIR) + "/data/barcoding/configuration.cfg");
+    auto trim = [](std::string text) {
+        text.erase(0, text.find_first_not_of(" \t"));
+        return text.erase(text.find_last_not_of(" \t\r") + 1);
+    };
+    for (std::string line; std::getline(in, line);)
+        if (const size_t equals = line.find('='); line[0] != '#' && equals != std::string::npos)
+            values[trim(line.substr(0, equals))] = trim(line.substr(equals + 1));
+    return values;
+}
+
 // The shipped kits and settings, on the CPU or a device.
 void CompareOnShippedKits(unsigned seed, const std::string& device) {
     const std::string data = std::string(VB_SOURCE_DIR) + "/data/barcoding";
-    const auto config = TestSupport::ShippedConfiguration();
+    const auto config = ShippedConfiguration();
     ScorerOptions options;
     int* const fields[] = {&options.start_gap1,      &options.end_gap1,    &options.open_gap1,
                            &options.extend_gap1,     &options.start_gap2,  &options.end_gap2,
@@ -447,7 +461,7 @@ TEST(ShippedKits, GpuFastPathMatchesNaiveAlignment) {
 // Same read quality, same scores whatever the flank, barcode length or count (without
 // flanks only the sign holds); ends without the kit's construct stay below min_score.
 TEST(ScoreScale, SameScoresForEveryKitDesignAndNoneWithoutTheKitsFlanks) {
-    const float shipped_min = std::stof(TestSupport::ShippedConfiguration().at("min_score"));
+    const float shipped_min = std::stof(ShippedConfiguration().at("min_score"));
     for (size_t length : {16, 24, 40}) {
         std::vector<double> means;
         for (size_t flank : {0, 10, 20, 30, 40}) {

@@ -5,6 +5,8 @@
 
 #include <random>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace TestSupport {
@@ -26,26 +28,6 @@ inline std::string ReverseComplement(const std::string& sequence) {
     return result;
 }
 
-// Substitutions, deletions and insertions, each at rate / 3 per base.
-inline std::string Mutate(std::mt19937& random, const std::string& sequence, double rate) {
-    std::uniform_real_distribution<double> uniform(0, 1);
-    std::string out;
-    for (char c : sequence) {
-        const double r = uniform(random);
-        if (r < rate / 3) {
-            out += "ACGT"[random() % 4];
-        } else if (r < 2 * rate / 3) {
-            continue;
-        } else if (r < rate) {
-            out += "ACGT"[random() % 4];
-            out += c;
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
-
 inline std::vector<int> RandomCodes(std::mt19937& random, size_t length) {
     std::vector<int> codes(length);
     for (int& c : codes)
@@ -53,15 +35,21 @@ inline std::vector<int> RandomCodes(std::mt19937& random, size_t length) {
     return codes;
 }
 
-// Substitutions, insertions and deletions, each at rate / 3 per base.
-inline std::vector<int> Mutate(std::mt19937& random, const std::vector<int>& codes, double rate) {
+// Deletions, insertions and substitutions (to another base), each at rate / 3
+// per base, of letters ACGT or of base codes.
+template <typename Sequence>
+Sequence Mutate(std::mt19937& random, const Sequence& sequence, double rate) {
+    constexpr bool kLetters = std::is_same_v<Sequence, std::string>;
+    auto base = [](size_t code) { return static_cast<typename Sequence::value_type>(kLetters ? "ACGT"[code] : code); };
     std::uniform_real_distribution<double> uniform(0, 1);
-    std::vector<int> out;
-    for (int c : codes) {
+    Sequence out;
+    for (const auto c : sequence) {
         const double u = uniform(random);
         if (u < rate / 3) continue;
-        if (u < 2 * rate / 3) out.push_back(static_cast<int>(random() % 4));
-        out.push_back(u < rate && u >= 2 * rate / 3 ? (c + 1 + static_cast<int>(random() % 3)) % 4 : c);
+        if (u < 2 * rate / 3) out.push_back(base(random() % 4));
+        size_t code = static_cast<size_t>(c);
+        if constexpr (kLetters) code = std::string_view("ACGT").find(c);
+        out.push_back(u < rate && u >= 2 * rate / 3 ? base((code + 1 + random() % 3) % 4) : c);
     }
     return out;
 }
