@@ -600,8 +600,14 @@ const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::
     // A construct overlapping an end's match is that end's barcode, not an
     // internal one. The search skips both matches: every read holds them,
     // and with a flanked kit each would bring every barcode behind those
-    // flanks to the edit bound and the aligner.
+    // flanks to the edit bound and the aligner. Not where no barcode passes
+    // at that end: the match is then often a construct cut by the window's
+    // edge, which the search must see whole (see below).
+    const std::pair<int, int> failed[] = {FailedWindow(*front_, options_.min_score),
+                                          FailedWindow(*rear_, options_.min_score_rear_override)};
     std::array<std::pair<int, int>, 2> matches = {EndMatch(*front_), EndMatch(*rear_)};
+    for (size_t e = 0; e < 2; ++e)
+        if (failed[e].second > failed[e].first) matches[e] = {0, 0};
     if (matches[0].first > matches[1].first) std::swap(matches[0], matches[1]);
     within_.clear();
     int from = 0;
@@ -621,8 +627,6 @@ const std::vector<FoundConstruct>& BarcodeScorer::InternalConstructs(const std::
     // they would reject or cut it. A read with a construct inside keeps them
     // as cuts, so that its end molecule starts (or ends) at its construct,
     // which trimming then removes.
-    const std::pair<int, int> failed[] = {FailedWindow(*front_, options_.min_score),
-                                          FailedWindow(*rear_, options_.min_score_rear_override)};
     const auto at_failed_end = [&](const FoundConstruct& construct) {
         return std::any_of(std::begin(failed), std::end(failed), [&](const std::pair<int, int>& window) {
             return construct.begin < window.second && construct.end > window.first;

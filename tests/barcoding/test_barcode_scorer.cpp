@@ -408,6 +408,23 @@ TEST_F(ScorerTest, ABarcodeCutByTheWindowEdgeIsNotInsideTheRead) {
         EXPECT_NEAR(found.front().begin, head == 8 ? 8 + 24 + 200 : 60, 3) << head;
         EXPECT_NEAR(found.back().begin, static_cast<int>(head) + 24 + 200, 3) << head;
     }
+    // A long construct (40-base flanks) so far in that its end fails: that
+    // end's alignment covers most of it, and the search must see it whole.
+    Kit flanked(13, 4, 24, 40);
+    flanked.Load(
+        "[b%02i]\nkit = FK\ncompatible_kits = FK\nbarcode1 = BC%02i\nbarcode2 = BC%02i\nfirst_index = 1\n"
+        "last_index = 4\nscoring_function = MAX\n");
+    options = Options("FK", 150, 150);
+    options.internal_barcodes = "reject";
+    ValidateScorerOptions(options);
+    BarcodeScorer long_scorer(options, flanked.manager, kMatrix);
+    const std::string read = RandomBases(random, 90) + flanked.references[1] + insert.substr(0, 300) +
+                             flanked.references[2] + insert.substr(100) + ReverseComplement(flanked.references[2]);
+    ASSERT_LT(long_scorer.Score(read)[0].front.score, options.min_score);
+    const auto& found = long_scorer.InternalConstructs(read);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_NEAR(found[0].begin, 90, 3);
+    EXPECT_NEAR(found[1].begin, 90 + 104 + 300, 3);
 }
 
 // The shipped configuration file's "key = value" lines.

@@ -4,6 +4,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <tuple>
 
 #include "barcoding/barcode_quality.h"
 #include "barcoding/scorer_options.h"
@@ -97,12 +98,8 @@ TEST(BarcodeQuality, NeverFallsAsTheMarginOrPresenceGrows) {
 TEST(BarcodeQuality, EvidenceOfBothEndsAddsUpOnThePhredScale) {
     const QualityModel model{1, -1, -10, 12};
     const EndEvidence agreeing{.barcode = true, .score = 40, .presence = 70, .over_rival = 4};
-    const EndEvidence beaten{.barcode = true,
-                             .score = -35,
-                             .presence = 70,
-                             .over_rival = 4,
-                             .runner_up_score = 35,
-                             .runner_up_presence = 60};
+    EndEvidence beaten = agreeing;
+    std::tie(beaten.score, beaten.runner_up_score, beaten.runner_up_presence) = std::tuple(-35, 35, 60);
     auto log_odds = [&](const QualityInputs& inputs) {
         const double p = WrongCallProbability(model, inputs);
         return std::log(p / (1 - p));

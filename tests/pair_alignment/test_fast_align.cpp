@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <random>
 #include <thread>
@@ -21,6 +20,7 @@
 #include "tests/pair_alignment/emulated_fastalign_kernels.h"
 #include "tests/support/error_of.h"
 #include "tests/support/random_bases.h"
+#include "tests/support/temp_folder.h"
 
 namespace PairAlignment {
 namespace {
@@ -458,27 +458,22 @@ TEST(SimdDispatch, UnknownOrUnsupportedBuildInEnvironmentIsRefused) {
     }
 }
 
-std::string WriteFile(const std::string& name, const std::string& text) {
-    const std::string path = ::testing::TempDir() + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
-
 // Columns in any order, element (a, b) being row a of column b, copied through
 // both strides of a view. Each fault names the file and line or column; values
 // past the bound would let alignments overflow, and text that is no integer
 // (too long for one, or empty) is refused before any range check.
 TEST(ScoreMatrix, LaysColumnsSideBySideAndNamesEachFault) {
-    Codes m = LoadMismatchMatrix(
-        WriteFile("matrix.txt",
-                  "# made up\r\nT\tG\tC\tA\r\n3\t2\t1\t0\n\n# mid\n7\t6\t5\t4\n11\t10\t9\t8\n-1000\t14\t13\t1000\r\n"));
+    const TestSupport::TempFolder folder;
+    Codes m = LoadMismatchMatrix(folder.Write(
+        "matrix.txt",
+        "# made up\r\nT\tG\tC\tA\r\n3\t2\t1\t0\n\n# mid\n7\t6\t5\t4\n11\t10\t9\t8\n-1000\t14\t13\t1000\r\n"));
     EXPECT_EQ(m, (Codes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 1000, 13, 14, -1000}));
     EXPECT_EQ(FastAlign(MatView<int>(m.data(), 4, 4, 1, 4), {1, 1, 1, 1, 1, 1}, 10).GetMismatchScore(1, 2), 9);
     const std::string ones = "\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n";
     const std::vector<std::string> values = {
         "1001", "-1001", "2147483647", "-2147483648", "99999999999", "99999999999999999999", "1x", ""};
     for (size_t k = 0; k < values.size(); ++k) {  // the first five are integers
-        const auto file = WriteFile("value.txt", "A\tC\tG\tT\n" + values[k] + ones);
+        const auto file = folder.Write("value.txt", "A\tC\tG\tT\n" + values[k] + ones);
         const std::string where = " in column A of score matrix \"" + file + "\"";
         EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }),
                   k < 5 ? "Value " + values[k] + where + " is outside the allowed range -1000 to 1000."
@@ -492,7 +487,7 @@ TEST(ScoreMatrix, LaysColumnsSideBySideAndNamesEachFault) {
         {"A\tC\tG\tT\n1" + ones + "1\t1\t1\t1\n", "Column A" + column, "\" has wrong size."},
         {"A\tX\tG\tT\n1" + ones, "Column C" + column, "\" has wrong size."}};
     for (const auto& [text, before, after] : faults) {
-        const auto file = WriteFile("fault.txt", text);
+        const auto file = folder.Write("fault.txt", text);
         EXPECT_EQ(ErrorOf([&] { LoadMismatchMatrix(file); }), before + file + after);
     }
     EXPECT_EQ(ErrorOf([] { ReadTable("no/such/table.txt"); }), "Error: Failed to open file \"no/such/table.txt\"");
