@@ -10,6 +10,7 @@
 #include "common/kernel_images.h"
 #include "common/logger.h"
 #include "pair_alignment/cuda/align_thread.h"
+#include "pair_alignment/device_array.h"
 #include "pair_alignment/score_matrix.h"
 
 // Every driver result is checked; the error names this file and the line.
@@ -36,17 +37,6 @@ const Common::Logger& Log() {
 // Sequences are bounded so that every slice offset the kernel computes fits
 // its integer arithmetic with room to spare.
 constexpr unsigned long kMaxSequenceLength = 100000;
-
-struct DeviceArray {
-    Common::CUdeviceptr device = 0;
-    void* host = nullptr;  // page-locked twin, only for arrays that are copied
-    size_t bytes = 0;
-
-    template <typename T>
-    T* Host() const {
-        return static_cast<T*>(host);
-    }
-};
 
 // The device arrays of one aligner: constant inputs, references (staged by
 // SetReferences), the query (per call), work areas, results.
@@ -202,11 +192,8 @@ void FastAlignGPU::Release() noexcept {
         };
         Common::CUDADevice::ScopedContext current(*device_);
         if (stream_ != nullptr) report(driver.cuStreamSynchronize(stream_), __LINE__);
-        for (DeviceArray& array : buffers_->arrays) {
-            if (array.device != 0) report(driver.cuMemFree_v2(array.device), __LINE__);
-            if (array.host != nullptr) report(driver.cuMemFreeHost(array.host), __LINE__);
-            array = DeviceArray{};
-        }
+        for (DeviceArray& array : buffers_->arrays)
+            FreeDeviceArray(driver, array, [&](Common::CUresult result) { report(result, __LINE__); });
         if (stream_ != nullptr) report(driver.cuStreamDestroy_v2(stream_), __LINE__);
         stream_ = nullptr;
         device_->ChargeMemory(-static_cast<int64_t>(buffers_->total_bytes));

@@ -8,6 +8,7 @@
 #include "common/kernel_images.h"
 #include "common/logger.h"
 #include "pair_alignment/cuda/align_thread.h"
+#include "pair_alignment/device_array.h"
 #include "pair_alignment/score_matrix.h"
 
 #define VB_CHECK(call) ::Common::CheckCuda((call), "pair_alignment/align_cuda_batch", __LINE__)
@@ -20,39 +21,27 @@ const Common::Logger& Log() {
     return logger;
 }
 
-// A device array and, for those that are copied, its page-locked host twin.
-struct Array {
-    Common::CUdeviceptr device = 0;
-    void* host = nullptr;
-    size_t bytes = 0;
-
-    template <typename T>
-    T* Host() const {
-        return static_cast<T*>(host);
-    }
-};
-
 // One of the two launch slots: its stream, its inputs and scores, and which
 // windows its launch in flight holds (count 0: none).
 struct Slot {
     Common::CUstream stream = nullptr;
-    Array config, windows, offsets, scores;
+    DeviceArray config, windows, offsets, scores;
     size_t first = 0, count = 0;
 };
 
 }  // namespace
 
 struct FastAlignGpuBatch::Buffers {
-    Array matrix, gaps, references, lengths;
+    DeviceArray matrix, gaps, references, lengths;
     Slot slots[2];
     size_t total_bytes = 0;
 
     template <typename F>
     void ForEachArray(F&& f) {
-        for (Array* a : {&matrix, &gaps, &references, &lengths})
+        for (DeviceArray* a : {&matrix, &gaps, &references, &lengths})
             f(*a);
         for (Slot& s : slots)
-            for (Array* a : {&s.config, &s.windows, &s.offsets, &s.scores})
+            for (DeviceArray* a : {&s.config, &s.windows, &s.offsets, &s.scores})
                 f(*a);
     }
 };
@@ -105,13 +94,13 @@ FastAlignGpuBatch::FastAlignGpuBatch(const brim::data_wrappers::MatView<int>& ma
         s.offsets.bytes = (windows + 1) * sizeof(int);
         s.scores.bytes = windows * count * sizeof(int);
     }
-    b.ForEachArray([&](Array& a) { b.total_bytes += a.bytes; });
+    b.ForEachArray([&](DeviceArray& a) { b.total_bytes += a.bytes; });
     // Charged before anything is allocated, so that a limit refuses it whole.
     device_->ChargeMemory(static_cast<int64_t>(b.total_bytes));
     const Common::CudaDriver& driver = Common::GetCudaDriver();
     try {
         Common::CUDADevice::ScopedContext current(*device_);
-        b.ForEachArray([&](Array& a) {
+        b.ForEachArray([&](DeviceArray& a) {
             VB_CHECK(driver.cuMemAlloc_v2(&a.device, a.bytes));
             VB_CHECK(driver.cuMemAllocHost_v2(&a.host, a.bytes));
         });
@@ -133,7 +122,7 @@ FastAlignGpuBatch::FastAlignGpuBatch(const brim::data_wrappers::MatView<int>& ma
             s.config.Host<int>()[2] = static_cast<int>(reference_count_);
         }
         Common::CUstream stream = b.slots[0].stream;
-        for (Array* a : {&b.matrix, &b.gaps, &b.references, &b.lengths})
+        for (DeviceArray* a : {&b.matrix, &b.gaps, &b.references, &b.lengths})
             VB_CHECK(driver.cuMemcpyHtoDAsync_v2(a->device, a->host, a->bytes, stream));
         VB_CHECK(driver.cuStreamSynchronize(stream));
     } catch (...) {
@@ -160,10 +149,8 @@ void FastAlignGpuBatch::Release() noexcept {
         Common::CUDADevice::ScopedContext current(*device_);
         for (Slot& s : buffers_->slots)
             if (s.stream != nullptr) report(driver.cuStreamSynchronize(s.stream), __LINE__);
-        buffers_->ForEachArray([&](Array& a) {
-            if (a.device != 0) report(driver.cuMemFree_v2(a.device), __LINE__);
-            if (a.host != nullptr) report(driver.cuMemFreeHost(a.host), __LINE__);
-            a = Array{};
+        buffers_->ForEachArray([&](DeviceArray& a) {
+            FreeDeviceArray(driver, a, [&](Common::CUresult result) { report(result, __LINE__); });
         });
         for (Slot& s : buffers_->slots) {
             if (s.stream != nullptr) report(driver.cuStreamDestroy_v2(s.stream), __LINE__);

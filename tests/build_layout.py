@@ -21,6 +21,7 @@ CLIENTS = ["benchmarks", "fuzz"]
 PRIVATE_FILES = {
     "pair_alignment/aligned_vector.h",
     "pair_alignment/band_placement.h",
+    "pair_alignment/device_array.h",
     "pair_alignment/fast_align_work.h",
     "pair_alignment/simd_dispatch.h",
 }

@@ -74,6 +74,27 @@ VB_HD int MinInt(int a, int b) {
     return a < b ? a : b;
 }
 
+// The band's centre (r, q) walks the line (0, 0) -> (l1, l2): on each
+// anti-diagonal it steps along whichever sequence lags the line more, the
+// query on a tie, rounding as PlaceBand does on the CPU. Step gives the band
+// of diagonal d (d = 1, 2, ... in turn): query indices jlo .. jhi.
+struct BandWalk {
+    int l1, l2, half;
+    double inverse;  // 1 / (l1 + l2 + 1)
+    int r = 0, q = 0;
+
+    VB_HD void Step(int d, int& jlo, int& jhi) {
+        const double a = RoundedSub(RoundedMul(static_cast<double>((l1 + 1) * d), inverse), r);
+        const double b = RoundedSub(RoundedMul(RoundedMul(static_cast<double>(d), inverse), l2 + 1), q);
+        if (a <= b)
+            ++q;
+        else
+            ++r;
+        jlo = MaxInt(MaxInt(0, d - l1), q - half);
+        jhi = MinInt(MinInt(l2, d), q + half);
+    }
+};
+
 // Whether query index j lies on a diagonal's band.
 VB_HD bool InBand(int offset, int length, int j) {
     return j >= offset && j < offset + length;
@@ -143,9 +164,8 @@ VB_HD int AlignThread(const int* matrix, const int* gaps, int band_width, const 
     }
 
     const int width = BandRowWidth(MaxInt(l1, l2), band_width);
-    const int half = width / 2;
     const int last = l1 + l2;  // index of the last anti-diagonal
-    const double inverse = 1.0 / (last + 1);
+    BandWalk band{l1, l2, width / 2, 1.0 / (last + 1)};
     int* prev2 = work.rows[0];
     int* prev1 = work.rows[1];
     int* current = work.rows[2];
@@ -154,18 +174,9 @@ VB_HD int AlignThread(const int* matrix, const int* gaps, int band_width, const 
     prev1[0] = 0;
     work.trace[0] = DIAG;
 
-    int r = 0;  // band steps taken along the reference
-    int q = 0;  // and along the query
     for (int d = 1; d <= last; ++d) {
-        // The band follows the line (0, 0) -> (l1, l2); a tie steps along the query.
-        const double a = RoundedSub(RoundedMul(static_cast<double>((l1 + 1) * d), inverse), r);
-        const double b = RoundedSub(RoundedMul(RoundedMul(static_cast<double>(d), inverse), l2 + 1), q);
-        if (a <= b)
-            ++q;
-        else
-            ++r;
-        const int jlo = MaxInt(MaxInt(0, d - l1), q - half);
-        const int jhi = MinInt(MinInt(l2, d), q + half);
+        int jlo, jhi;
+        band.Step(d, jlo, jhi);
         const int length = jhi - jlo + 1;
         work.band_offsets[d] = jlo;
         work.band_lengths[d] = length;
@@ -268,9 +279,8 @@ VB_HD int ScoreThread(const int* matrix, const int* gaps, int band_width, const 
                       const unsigned char* query, int l2, int* row0, int* row1, int* row2) {
     if (l1 == 0 || l2 == 0) return ZERO_PROB_SCORE;
     const int width = BandRowWidth(MaxInt(l1, l2), band_width);
-    const int half = width / 2;
     const int last = l1 + l2;
-    const double inverse = 1.0 / (last + 1);
+    BandWalk band{l1, l2, width / 2, 1.0 / (last + 1)};
     int* prev2 = row0;
     int* prev1 = row1;
     int* current = row2;
@@ -282,17 +292,9 @@ VB_HD int ScoreThread(const int* matrix, const int* gaps, int band_width, const 
     diagonals.length2 = 0;
     unsigned char code;  // the trace AlignThread keeps; unused here
 
-    int r = 0;
-    int q = 0;
     for (int d = 1; d <= last; ++d) {
-        const double a = RoundedSub(RoundedMul(static_cast<double>((l1 + 1) * d), inverse), r);
-        const double b = RoundedSub(RoundedMul(RoundedMul(static_cast<double>(d), inverse), l2 + 1), q);
-        if (a <= b)
-            ++q;
-        else
-            ++r;
-        const int jlo = MaxInt(MaxInt(0, d - l1), q - half);
-        const int jhi = MinInt(MinInt(l2, d), q + half);
+        int jlo, jhi;
+        band.Step(d, jlo, jhi);
         const int length = jhi - jlo + 1;
         diagonals.prev1 = prev1;
         diagonals.prev2 = prev2;
