@@ -113,7 +113,9 @@ void DecideOutput(const Common::FastQRecord& record, const std::vector<Barcoding
     out.sample = nullptr;
     bool unlisted = false;
     if (policy.sample_sheet != nullptr && out.arrangement != kUnclassified) {
-        const int number = policy.sample_sheet->SampleNumberOf(out.arrangement);
+        const int pair = results.front().listed_pair;
+        const int number = pair >= 0 ? policy.sample_sheet->SampleNumberOfPair(static_cast<size_t>(pair))
+                                     : policy.sample_sheet->SampleNumberOf(out.arrangement);
         if (number >= 0) {
             out.sample_number = static_cast<size_t>(number);
             out.sample = &policy.sample_sheet->samples[out.sample_number];

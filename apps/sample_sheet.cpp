@@ -77,6 +77,9 @@ void SampleSheet::Index() {
         if (added) samples.push_back(sample);
         number_of_.emplace(arrangement, at->second);
     }
+    pair_sample_numbers_.clear();
+    for (const auto& pair : pairs)
+        pair_sample_numbers_.push_back(number_of_.at(Barcoding::PairName(pair.front, pair.rear)));
 }
 
 SampleSheet LoadSampleSheet(const std::string& path, const std::set<std::string>& known_arrangements,

@@ -35,6 +35,9 @@ struct SampleSheet {
     const std::string* SampleOf(const std::string& arrangement) const;
     // The same as a sample's number in samples; -1 when not listed.
     int SampleNumberOf(const std::string& arrangement) const;
+    // The sample number of pairs[pair], known without its name (every read of
+    // a listed pair asks).
+    int SampleNumberOfPair(size_t pair) const { return static_cast<int>(pair_sample_numbers_.at(pair)); }
     // Builds the lookup of SampleOf from sample_of (adding to samples any
     // sample it lacks); call it again after changing either. The parser
     // does. Every read asks, and a sheet may list thousands of pairs: a hash
@@ -43,6 +46,7 @@ struct SampleSheet {
 
 private:
     std::unordered_map<std::string, uint32_t> number_of_;  // arrangement -> index into samples
+    std::vector<uint32_t> pair_sample_numbers_;            // per pair
 };
 
 // Reads and checks the sheet. known_arrangements are the names the selected

@@ -713,6 +713,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::ScorePair(size_t detailed) {
     result.id = call.listed >= 0 ? pairs_->ListedName(static_cast<size_t>(call.listed))
                                  : PairName(barcodes[call.front].name, barcodes[call.rear].name);
     result.normalised_id = result.id;
+    result.listed_pair = call.listed;
     result.kit = barcodes[call.front].kit;
     result.variant = call.reverse ? "rev" : "fwd";
     result.score = std::min(start_score, end_score);

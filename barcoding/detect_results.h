@@ -113,6 +113,10 @@ struct ArrangementDetectResult {
     double error_probability = 1;
     int quality = 0;
     int candidate_quality = -1;
+    // A call of a pair of barcodes that the sample sheet lists: the pair's
+    // row among the sheet's pairs (PairCall::listed), so that its sample is
+    // found without looking up its name; -1 otherwise.
+    int listed_pair = -1;
 };
 
 }  // namespace Barcoding

@@ -92,20 +92,35 @@ PairDesign::PairDesign(const std::vector<Arrangement>& selected, const BarcodeMa
     }
     in_front_column_.assign(barcodes_.size(), 0);
     in_rear_column_.assign(barcodes_.size(), 0);
+    std::vector<std::pair<uint64_t, int>> keyed;  // front * size + rear, listed pair
     const uint64_t size = barcodes_.size();
     for (size_t p = 0; p < listed_.size(); ++p) {
         const uint32_t f = index.at(listed_[p].front), r = index.at(listed_[p].rear);
         in_front_column_[f] = 1;
         in_rear_column_[r] = 1;
-        if (!listed_index_.emplace(f * size + r, static_cast<int>(p)).second)
-            throw std::runtime_error("the pair " + listed_[p].front + " + " + listed_[p].rear + " is listed twice");
+        keyed.emplace_back(f * size + r, static_cast<int>(p));
         listed_names_.push_back(PairName(listed_[p].front, listed_[p].rear));
     }
+    std::sort(keyed.begin(), keyed.end());
+    row_start_.assign(barcodes_.size() + 1, 0);
+    for (size_t k = 0; k < keyed.size(); ++k) {
+        if (k > 0 && keyed[k].first == keyed[k - 1].first) {
+            const BarcodePair& twice = listed_[static_cast<size_t>(keyed[k].second)];
+            throw std::runtime_error("the pair " + twice.front + " + " + twice.rear + " is listed twice");
+        }
+        rows_.emplace_back(static_cast<uint32_t>(keyed[k].first % size), keyed[k].second);
+        ++row_start_[keyed[k].first / size + 1];
+    }
+    for (size_t f = 0; f < barcodes_.size(); ++f)
+        row_start_[f + 1] += row_start_[f];
 }
 
 int PairDesign::ListedIndex(uint32_t front, uint32_t rear) const {
-    const auto found = listed_index_.find(front * static_cast<uint64_t>(barcodes_.size()) + rear);
-    return found == listed_index_.end() ? -1 : found->second;
+    const auto* first = rows_.data() + row_start_[front];
+    const auto* last = rows_.data() + row_start_[front + 1];
+    const auto* found = std::lower_bound(first, last, rear,
+                                         [](const std::pair<uint32_t, int>& row, uint32_t r) { return row.first < r; });
+    return found != last && found->first == rear ? found->second : -1;
 }
 
 PairCall PairDesign::Find(uint32_t start, uint32_t end) const {

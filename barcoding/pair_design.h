@@ -17,7 +17,7 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "barcoding/arrangement.h"
@@ -84,8 +84,13 @@ private:
     std::vector<PairBarcode> barcodes_;
     std::vector<BarcodePair> listed_;
     std::vector<std::string> listed_names_;
-    std::unordered_map<uint64_t, int> listed_index_;  // front * size + rear -> listed pair
-    std::vector<uint8_t> in_front_column_;            // per barcode
+    // Per front barcode its listed rear barcodes, in order, with their pairs:
+    // rows_[row_start_[f] .. row_start_[f + 1]) as (rear, listed pair). Every
+    // read looks up one or two pairs, and a sheet may list thousands: a few
+    // contiguous entries stay in cache where a hash table's nodes did not.
+    std::vector<uint32_t> row_start_;
+    std::vector<std::pair<uint32_t, int>> rows_;
+    std::vector<uint8_t> in_front_column_;  // per barcode
     std::vector<uint8_t> in_rear_column_;
 };
 

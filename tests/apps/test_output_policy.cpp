@@ -394,6 +394,10 @@ TEST(SampleSheet, LookupAgreesWithTheRowsOfRandomSheets) {
                     EXPECT_EQ(got != nullptr ? *got : "-", row != want.end() ? row->second : "-") << name;
                     EXPECT_EQ(number < 0 ? nullptr : &checked->samples[static_cast<size_t>(number)], got) << name;
                 }
+        // Reads of a listed pair find their sample by the pair's row, not its name.
+        for (size_t p = 0; p < sheet.pairs.size(); ++p)
+            EXPECT_EQ(sheet.SampleNumberOfPair(p),
+                      sheet.SampleNumberOf(Barcoding::PairName(sheet.pairs[p].front, sheet.pairs[p].rear)));
     }
 }
 

@@ -644,10 +644,14 @@ TEST(PairTest, ReadsOfEitherStrandAgainstANaiveCall) {
         } else if (kind < 2 && listed_cell) {
             EXPECT_EQ(std::tie(call.normalised_id, call.reason, call.variant),
                       std::tuple(name, UnclassifiedReason::kNone, reversed ? "rev" : "fwd"));
+            ASSERT_GE(call.listed_pair, 0);  // the sheet row its sample is found by
+            const BarcodePair& row = pairs[static_cast<size_t>(call.listed_pair)];
+            EXPECT_EQ(PairName(row.front, row.rear), name);
             kinds["listed"]++;
         } else if (kind < 2) {
             EXPECT_EQ(std::tie(call.normalised_id, call.reason, call.id),
                       std::tuple("unclassified", UnclassifiedReason::kPairNotInSheet, name));
+            EXPECT_EQ(call.listed_pair, -1);
             kinds["unlisted"]++;
         } else {
             EXPECT_EQ(call.normalised_id, "unclassified");
