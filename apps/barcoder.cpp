@@ -731,7 +731,7 @@ void Barcoder::WriteResults(const std::vector<Barcoding::ArrangementDetectResult
             tally.unclassified_reasons.emplace(out.reason, 1);
     }
     // Bases as written: after trimming.
-    tally.AddRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
+    tally.NoteRead(out.arrangement, record.sequence.size(), out.score, out.error_probability, out.candidate_quality);
     if (out.sample != nullptr) batch.read_samples.push_back(static_cast<uint32_t>(out.sample_number));
     if (!out.unlisted.empty()) ++tally.unlisted[out.unlisted];
 }

@@ -83,11 +83,29 @@ struct RunTally {
     // quality of its best candidate's call (negative: no candidate).
     void AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability = 0,
                  int candidate_quality = -1);
+    // The same for a batch's tally: the read is counted under its arrangement
+    // when the batch is added to the run's tally. A batch of a run with
+    // thousands of samples holds a read or two per arrangement, and an entry
+    // of its own per arrangement (with its length histogram), made in one
+    // thread and freed in another, cost more than the read.
+    void NoteRead(const std::string& arrangement, uint64_t bases, float score, double error_probability,
+                  int candidate_quality);
     uint64_t Written() const;
     // The reads written, a split read counting once rather than as its parts.
     uint64_t WrittenBeforeSplit() const;
     uint64_t Unclassified() const;
     void Add(const RunTally& other);
+
+    struct NotedRead {
+        std::string arrangement;
+        uint64_t bases = 0;
+        float score = 0;
+        double error_probability = 0;
+    };
+    std::vector<NotedRead> noted;  // by NoteRead, in read order
+
+private:
+    void AddNoted(const std::vector<NotedRead>& reads);
 };
 
 // The report as lines of text (no newlines): a table of arrangement, reads and
