@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <filesystem>
+#include <numeric>
 #include <stdexcept>
 #include <utility>
 
@@ -172,46 +173,38 @@ void InternalTally::Add(const InternalTally& other) {
 void RunTally::AddRead(const std::string& arrangement, uint64_t bases, float score, double error_probability,
                        int candidate_quality) {
     arrangements[arrangement].Add(bases, score, error_probability);
-    const bool classified = arrangement != kUnclassified;
-    scores.Add(classified, score);
-    if (candidate_quality >= 0) quality.Add(classified, candidate_quality);
+    AddScores(arrangement, score, candidate_quality);
 }
 
 void RunTally::NoteRead(const std::string& arrangement, uint64_t bases, float score, double error_probability,
                         int candidate_quality) {
     noted.push_back({arrangement, bases, score, error_probability});
+    AddScores(arrangement, score, candidate_quality);
+}
+
+void RunTally::AddScores(const std::string& arrangement, float score, int candidate_quality) {
     const bool classified = arrangement != kUnclassified;
     scores.Add(classified, score);
     if (candidate_quality >= 0) quality.Add(classified, candidate_quality);
 }
 
-// Each arrangement's reads are summed among themselves in read order and the
-// sums then added, so that every figure comes out as it did when a batch kept
-// a tally per arrangement: sums of doubles taken in another order can differ
+// Each arrangement's reads are counted among themselves in read order and
+// then added, so that every figure comes out as it did when a batch kept a
+// tally per arrangement: sums of doubles taken in another order can differ
 // in the last bit, and the report prints them in full.
 void RunTally::AddNoted(const std::vector<NotedRead>& reads) {
     std::vector<uint32_t> order(reads.size());
-    for (uint32_t k = 0; k < order.size(); ++k)
-        order[k] = k;
+    std::iota(order.begin(), order.end(), 0u);
     std::stable_sort(order.begin(), order.end(),
                      [&](uint32_t a, uint32_t b) { return reads[a].arrangement < reads[b].arrangement; });
     for (size_t i = 0; i < order.size();) {
         const std::string& name = reads[order[i]].arrangement;
-        ArrangementTally& figures = arrangements[name];
-        double score_sum = 0, expected_wrong = 0;
+        ArrangementTally group;
         for (; i < order.size() && reads[order[i]].arrangement == name; ++i) {
             const NotedRead& read = reads[order[i]];
-            ++figures.reads;
-            figures.bases += read.bases;
-            figures.lengths.Add(read.bases);
-            expected_wrong += read.error_probability;
-            if (std::isfinite(read.score)) {
-                score_sum += read.score;
-                ++figures.scored;
-            }
+            group.Add(read.bases, read.score, read.error_probability);
         }
-        figures.score_sum += score_sum;
-        figures.expected_wrong += expected_wrong;
+        arrangements[name].Add(group);
     }
 }
 

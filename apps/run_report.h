@@ -105,6 +105,7 @@ struct RunTally {
     std::vector<NotedRead> noted;  // by NoteRead, in read order
 
 private:
+    void AddScores(const std::string& arrangement, float score, int candidate_quality);
     void AddNoted(const std::vector<NotedRead>& reads);
 };
 

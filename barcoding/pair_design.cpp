@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 
 #include "barcoding/barcode_manager.h"
 #include "common/string_utils.h"
@@ -92,24 +93,29 @@ PairDesign::PairDesign(const std::vector<Arrangement>& selected, const BarcodeMa
     }
     in_front_column_.assign(barcodes_.size(), 0);
     in_rear_column_.assign(barcodes_.size(), 0);
-    std::vector<std::pair<uint64_t, int>> keyed;  // front * size + rear, listed pair
-    const uint64_t size = barcodes_.size();
+    struct Listed {
+        uint32_t front, rear;
+        int pair;
+    };
+    std::vector<Listed> by_barcodes;
     for (size_t p = 0; p < listed_.size(); ++p) {
         const uint32_t f = index.at(listed_[p].front), r = index.at(listed_[p].rear);
         in_front_column_[f] = 1;
         in_rear_column_[r] = 1;
-        keyed.emplace_back(f * size + r, static_cast<int>(p));
+        by_barcodes.push_back({f, r, static_cast<int>(p)});
         listed_names_.push_back(PairName(listed_[p].front, listed_[p].rear));
     }
-    std::sort(keyed.begin(), keyed.end());
+    std::sort(by_barcodes.begin(), by_barcodes.end(), [](const Listed& x, const Listed& y) {
+        return std::tie(x.front, x.rear, x.pair) < std::tie(y.front, y.rear, y.pair);
+    });
     row_start_.assign(barcodes_.size() + 1, 0);
-    for (size_t k = 0; k < keyed.size(); ++k) {
-        if (k > 0 && keyed[k].first == keyed[k - 1].first) {
-            const BarcodePair& twice = listed_[static_cast<size_t>(keyed[k].second)];
-            throw std::runtime_error("the pair " + twice.front + " + " + twice.rear + " is listed twice");
-        }
-        rows_.emplace_back(static_cast<uint32_t>(keyed[k].first % size), keyed[k].second);
-        ++row_start_[keyed[k].first / size + 1];
+    for (size_t k = 0; k < by_barcodes.size(); ++k) {
+        const Listed& row = by_barcodes[k];
+        if (k > 0 && row.front == by_barcodes[k - 1].front && row.rear == by_barcodes[k - 1].rear)
+            throw std::runtime_error("the pair " + listed_[static_cast<size_t>(row.pair)].front + " + " +
+                                     listed_[static_cast<size_t>(row.pair)].rear + " is listed twice");
+        rows_.emplace_back(row.rear, row.pair);
+        ++row_start_[row.front + 1];
     }
     for (size_t f = 0; f < barcodes_.size(); ++f)
         row_start_[f + 1] += row_start_[f];
