@@ -475,27 +475,6 @@ void BarcodeScorer::TopTwo::Clear() {
     score[0] = score[1] = kNoScore;
 }
 
-// Keeps the two best distinct names; a name's score is that of its best arrangement.
-void BarcodeScorer::TopTwo::Add(uint32_t id, uint32_t a, float value) {
-    if (id == name[0]) {
-        if (value > score[0]) {
-            arrangement[0] = a;
-            score[0] = value;
-        }
-    } else if (value > score[0]) {
-        name[1] = name[0];
-        arrangement[1] = arrangement[0];
-        score[1] = score[0];
-        name[0] = id;
-        arrangement[0] = a;
-        score[0] = value;
-    } else if (value > score[1]) {
-        name[1] = id;
-        arrangement[1] = a;
-        score[1] = value;
-    }
-}
-
 // The evidence at one end for calling `arrangement`.
 void BarcodeScorer::FillEvidence(const End& end, const TopTwo& top, size_t arrangement, EndEvidence& evidence) const {
     const int reference = end.front ? front_of_[arrangement] : rear_of_[arrangement];
