@@ -93,6 +93,8 @@ if(VB_BUILD_TESTS)
     COMMAND bash ${CMAKE_SOURCE_DIR}/scripts/device-matches-cpu.sh $<TARGET_FILE:vorpa_barcoder>
             ${CMAKE_BINARY_DIR}/gpu_emulated_end_to_end auto ${CMAKE_SOURCE_DIR}/examples/reads
             --barcode_kits VB-NB24 --trim_barcodes --worker_threads 3)
+  # Prepended, not set: a build carried to a machine without its packages
+  # finds its libraries on LD_LIBRARY_PATH too (scripts/gpu-bundle.sh).
   set_tests_properties(gpu_emulated_end_to_end PROPERTIES TIMEOUT 300
-    ENVIRONMENT LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}/fake_cuda)
+    ENVIRONMENT_MODIFICATION LD_LIBRARY_PATH=path_list_prepend:${CMAKE_BINARY_DIR}/fake_cuda)
 endif()

@@ -84,6 +84,28 @@ step "$mode"
 if [ -n "$prebuilt" ]; then
   step "prebuilt ($build)"
   [ -s "$build/kernels/fastalign.fatbin" ] || fail "$build holds no GPU kernels (configure it with -DVB_CUDA=ON)"
+  # A build made on another machine (scripts/gpu-bundle.sh): its shared
+  # libraries travel beside it, and its tests name the source folder and the
+  # Python of the machine that configured it.
+  [ ! -d "$build/bundle-libs" ] ||
+    export LD_LIBRARY_PATH="$source_root/$build/bundle-libs${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+  configured=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$build/CMakeCache.txt")
+  if [ -n "$configured" ] && [ "$configured" != "$source_root" ]; then
+    if [ -e "$configured" ]; then
+      [ "$(cd "$configured" && pwd -P)" = "$(pwd -P)" ] ||
+        fail "$build was configured in $configured, which is another folder here"
+    else
+      { mkdir -p "$(dirname "$configured")" && ln -s "$source_root" "$configured"; } ||
+        fail "$build was configured in $configured: link that path to $source_root"
+      step "linked $configured to $source_root, where $build was configured"
+    fi
+  fi
+  python=$(sed -n 's/^_\{0,1\}Python3_EXECUTABLE:[A-Z]*=//p' "$build/CMakeCache.txt" | head -n 1)
+  if [ -n "$python" ] && [ ! -x "$python" ]; then
+    here=$(command -v python3) || fail "no python3 here (the tests run $python)"
+    find "$build" -name CTestTestfile.cmake -exec sed -i "s#\"$python\"#\"$here\"#g" {} +
+    step "tests run $here instead of $python"
+  fi
 else
   step "build ($build)"
   bash scripts/install-deps.sh test optional > "$out/install.log" 2>&1 || fail "installing packages (install.log)"
