@@ -328,6 +328,37 @@ void BarcodeScorer::Prepare(const std::vector<const std::string*>& sequences) {
     }
 }
 
+void BarcodeScorer::TopTwo::Clear() {
+    name[0] = name[1] = std::numeric_limits<uint32_t>::max();
+    arrangement[0] = arrangement[1] = 0;
+    score[0] = score[1] = kNoScore;
+}
+
+// Keeps the two best distinct names; a name's score is that of its best
+// arrangement. Called for every reference of a read: most score below both
+// kept and leave at the first test. Inline, before its callers, so that the
+// compiler puts it in their loops.
+inline void BarcodeScorer::TopTwo::Add(uint32_t id, uint32_t a, float value) {
+    if (value <= score[1] && id != name[0]) return;
+    if (id == name[0]) {
+        if (value > score[0]) {
+            arrangement[0] = a;
+            score[0] = value;
+        }
+    } else if (value > score[0]) {
+        name[1] = name[0];
+        arrangement[1] = arrangement[0];
+        score[1] = score[0];
+        name[0] = id;
+        arrangement[0] = a;
+        score[0] = value;
+    } else if (value > score[1]) {
+        name[1] = id;
+        arrangement[1] = a;
+        score[1] = value;
+    }
+}
+
 std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& sequence, size_t detailed) {
     const bool trace = ScorerLog().Enabled(Common::Severity::trace);
     if (trace) ScorerLog().Write(Common::Severity::trace, "Entering BarcodeDetector::InspectFront()");
@@ -467,12 +498,6 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         call.quality = 0;
     }
     return results;
-}
-
-void BarcodeScorer::TopTwo::Clear() {
-    name[0] = name[1] = std::numeric_limits<uint32_t>::max();
-    arrangement[0] = arrangement[1] = 0;
-    score[0] = score[1] = kNoScore;
 }
 
 // The evidence at one end for calling `arrangement`.

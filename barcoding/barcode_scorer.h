@@ -109,29 +109,7 @@ private:
         uint32_t arrangement[2];
         float score[2];
         void Clear();
-        // Keeps the two best distinct names; a name's score is that of its
-        // best arrangement. Called for every reference of a read: most score
-        // below both kept, and leave at the first test.
-        void Add(uint32_t id, uint32_t a, float value) {
-            if (value <= score[1] && id != name[0]) return;
-            if (id == name[0]) {
-                if (value > score[0]) {
-                    arrangement[0] = a;
-                    score[0] = value;
-                }
-            } else if (value > score[0]) {
-                name[1] = name[0];
-                arrangement[1] = arrangement[0];
-                score[1] = score[0];
-                name[0] = id;
-                arrangement[0] = a;
-                score[0] = value;
-            } else if (value > score[1]) {
-                name[1] = id;
-                arrangement[1] = a;
-                score[1] = value;
-            }
-        }
+        void Add(uint32_t name, uint32_t arrangement, float score);
     };
 
     using Uses = std::vector<std::pair<std::string, std::string>>;  // (kit, normalised id) per arrangement

@@ -162,6 +162,9 @@ CUDADevice::CUDADevice(int index, const CUDADeviceRequest& request) : driver_(Ge
     VB_CUDA_CHECK(driver_.cuDeviceGetAttribute(&minor, CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MINOR, device));
     VB_CUDA_CHECK(driver_.cuDeviceGetAttribute(&processors, CU_DEVICE_ATTRIBUTE_MULTIPROCESSOR_COUNT, device));
     // The new context is current on this thread; users push it when they need it.
+    // A worker waiting for the device sleeps instead of spinning (the
+    // driver's default with one context): spinning workers took the cores
+    // the reader, the writer and the other workers need.
     VB_CUDA_CHECK(driver_.cuCtxCreate_v2(&context_, CU_CTX_SCHED_BLOCKING_SYNC, device));
     size_t free = 0, total = 0;
     const CUresult info = driver_.cuMemGetInfo_v2(&free, &total);

@@ -20,9 +20,6 @@ using CUfunction = struct CUfunc_st*;
 
 constexpr CUresult CUDA_SUCCESS = 0;
 constexpr int CU_DEVICE_ATTRIBUTE_MULTIPROCESSOR_COUNT = 16;
-// A thread waiting for the device sleeps instead of spinning: the workers that
-// wait would otherwise take the cores the reader, the writer and the other
-// workers need.
 constexpr unsigned CU_CTX_SCHED_BLOCKING_SYNC = 0x04;
 constexpr int CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MAJOR = 75;
 constexpr int CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MINOR = 76;
