@@ -14,12 +14,15 @@
 // same end and kit on this read, or than random sequence. The scale's tables
 // are built once per kit selection and settings and shared by every scorer.
 //
-// Passing an end means scoring at least that end's minimum. A read is mixed
-// when its two ends name different barcodes (normalised ids): an end names the
-// barcodes passing there or, where none passes, the one with evidence (score
-// above 0, presence at least kMixedEvidencePresence); at least one end must
-// pass. Both ends passing for different barcodes is the plain case; the
-// evidence catches the chimeras whose weaker end is too damaged to pass: at
+// Passing an end means scoring at least that end's minimum, or, where no
+// barcode does, for an arrangement with barcodes at both ends, two ends that
+// agree adding up to it (kAgreeingEndFloor): the better end is then reported
+// at its minimum. A read
+// is mixed when its two ends name different barcodes (normalised ids): an end
+// names the barcodes passing there or, where none passes, the one with
+// evidence (score above 0, presence at least kMixedEvidencePresence); at least
+// one end must pass. Both ends passing for different barcodes is the plain
+// case; the evidence catches the chimeras whose weaker end is too damaged to pass: at
 // identity 0.87 a 16-base barcode's margin over its closest rival is often
 // below the minimum, while its presence stays above random sequence. Evidence
 // needs the score above 0 as well, because presence alone does not say which
@@ -59,6 +62,18 @@ namespace {
 
 constexpr float kNoScore = -std::numeric_limits<float>::infinity();
 constexpr int kNoRaw = std::numeric_limits<int>::min();
+
+// Two ends of one arrangement, neither at its minimum, that pass together
+// (kAgreeingEndFloor): raises the better one to its minimum and says so.
+bool RaiseAgreeingEnd(float& front, float& rear, float min_front, float min_rear) {
+    if (front >= min_front || rear >= min_rear) return false;
+    if (!(front >= kAgreeingEndFloor && rear >= kAgreeingEndFloor)) return false;
+    const bool front_better = front >= rear;
+    const float minimum = front_better ? min_front : min_rear;
+    if (!(front + rear >= minimum)) return false;
+    (front_better ? front : rear) = minimum;
+    return true;
+}
 
 const Common::Logger& ScorerLog() {
     static const Common::Logger logger("barcode_scorer");
@@ -385,6 +400,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     rear_evidence_.clear();
     size_t best = 0;
     float best_score = kNoScore;
+    agreed_.clear();
     for (size_t a = 0; a < count; ++a) {
         const float front = front_score(a);
         const float rear = rear_score(a);
@@ -423,6 +439,26 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         candidates_.push_back(Candidate{static_cast<uint32_t>(a), combined});
         kit_fit_[kit_of_[a]] = std::max(kit_fit_[kit_of_[a]], fit);
     }
+    // Only where no barcode passes on its own, so that agreement never
+    // changes a call the ends make alone (and costs a read that passes one
+    // test). With both ends required it cannot help: the weaker end stays.
+    if (candidates_.empty() && !options_.require_barcodes_both_ends) {
+        for (size_t a = 0; a < count; ++a) {
+            float front = front_score(a), rear = rear_score(a);
+            if (!RaiseAgreeingEnd(front, rear, min_front, min_rear)) continue;
+            agreed_.push_back(Agreed{static_cast<uint32_t>(a), front, rear});
+            // Both ends are there, and the scoring function was checked above.
+            const float combined = combine_[a] == Combine::kAdd ? front + rear : std::max(front, rear);
+            if (combined > best_score || (combined == best_score && a < best)) {
+                best = a;
+                best_score = combined;
+            }
+            (front >= min_front ? front_passing_ : rear_passing_).push_back(static_cast<uint32_t>(a));
+            candidates_.push_back(Candidate{static_cast<uint32_t>(a), combined});
+            const int fit = std::max(front_->raw_scores[front_of_[a]], rear_->raw_scores[rear_of_[a]]);
+            kit_fit_[kit_of_[a]] = std::max(kit_fit_[kit_of_[a]], fit);
+        }
+    }
     const bool mixed = IsMixed();
 
     auto make_result = [&](size_t a, float combined, bool with_detail) {
@@ -441,6 +477,10 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
                 Detail(*end, static_cast<size_t>(reference), detect);
             else
                 Summarise(*end, static_cast<size_t>(reference), detect);
+        }
+        if (const Agreed* agreed = AgreedOf(a)) {
+            result.front.score = agreed->front;
+            result.rear.score = agreed->rear;
         }
         return result;
     };
@@ -464,6 +504,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         if (count > 0) {
             FillEvidence(*front_, front_top_, best, unclassified.inputs.front);
             FillEvidence(*rear_, rear_top_, best, unclassified.inputs.rear);
+            RaiseEvidence(best, unclassified.inputs);
             unclassified.candidate_quality =
                 PhredQuality(WrongCallProbability(ShippedQualityModel(), unclassified.inputs));
         }
@@ -487,6 +528,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     call.mixed = mixed;
     FillEvidence(*front_, front_top_, candidates_.front().arrangement, call.inputs.front);
     FillEvidence(*rear_, rear_top_, candidates_.front().arrangement, call.inputs.rear);
+    RaiseEvidence(candidates_.front().arrangement, call.inputs);
     call.error_probability = WrongCallProbability(ShippedQualityModel(), call.inputs);
     call.quality = PhredQuality(call.error_probability);
     call.candidate_quality = call.quality;
@@ -498,6 +540,21 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         call.quality = 0;
     }
     return results;
+}
+
+const BarcodeScorer::Agreed* BarcodeScorer::AgreedOf(size_t arrangement) const {
+    for (const Agreed& agreed : agreed_)
+        if (agreed.arrangement == arrangement) return &agreed;
+    return nullptr;
+}
+
+// The evidence for calling an arrangement whose ends agreed carries their
+// scores as raised, as its result does.
+void BarcodeScorer::RaiseEvidence(size_t arrangement, QualityInputs& inputs) const {
+    if (const Agreed* agreed = AgreedOf(arrangement)) {
+        inputs.front.score = agreed->front;
+        inputs.rear.score = agreed->rear;
+    }
 }
 
 // The evidence at one end for calling `arrangement`.

@@ -20,7 +20,9 @@ Stages, all against the real program:
      the evidence columns (--barcode_evidence_columns). From a row's detect
      scores and evidence every verdict at any min_score and any mixed-read
      bars follows: with one kit and scoring MAX a read's call at m is the
-     row's arrangement when barcode_score >= m; an end names the called
+     row's arrangement when barcode_score >= m, or when its two ends each
+     score at least the agreeing-end floor and add up to m (the program then
+     reports the better end at m); an end names the called
      barcode when it scores >= m there, and another one when that one passes
      there or is the best of its kit there (runner-up score above 0) with
      presence >= the evidence bar while the called barcode scores at most
@@ -152,15 +154,22 @@ def read_truth(path):
     return truth
 
 
-def scorer_constants(path=os.path.join(ROOT, "barcoding", "barcode_scorer.h")):
-    """(rival margin, evidence presence) of the program's mixed-read test."""
+def header_constants(*names, path=os.path.join(ROOT, "barcoding", "barcode_scorer.h")):
+    """Values of the scorer's float constants, read from its header."""
     with open(path) as f:
         text = f.read()
-    found = [re.search(rf"constexpr float {name} = ([0-9.]+);", text) for name in
-             ("kMixedRivalMargin", "kMixedEvidencePresence")]
+    found = [re.search(rf"constexpr float {name} = ([0-9.]+);", text) for name in names]
     if not all(found):
-        raise ValueError(f"{path}: the mixed-read constants are not where expected")
+        raise ValueError(f"{path}: the constants {', '.join(names)} are not where expected")
     return tuple(float(m.group(1)) for m in found)
+
+
+def scorer_constants():
+    """(rival margin, evidence presence) of the program's mixed-read test."""
+    return header_constants("kMixedRivalMargin", "kMixedEvidencePresence")
+
+
+AGREEING_END_FLOOR, = header_constants("kAgreeingEndFloor")
 
 
 # ------------------------------------------------------------------ the program's verdicts
@@ -184,8 +193,34 @@ def names_other(end, bars):
     return end.runner_up_presence >= bars.evidence_presence and end.score <= -bars.rival_margin
 
 
+def agreeing(row):
+    """Whether the row's arrangement has barcodes at both ends that each score
+    at least the agreeing-end floor."""
+    return row.front.barcode and row.rear.barcode and min(row.front.score, row.rear.score) >= AGREEING_END_FLOOR
+
+
+def passing_score(row):
+    """The highest min_score at which the program calls the row's arrangement
+    (scoring MAX): its score, or the sum of its two ends where they agree
+    (the program then raises the better end to min_score)."""
+    return max(row.score, row.front.score + row.rear.score) if agreeing(row) else row.score
+
+
+def raised(row, min_score):
+    """The row as a run at min_score reports it: where neither end reaches
+    min_score but the two agree and add up to it, the better end scores
+    min_score (kAgreeingEndFloor in barcoding/barcode_scorer.h)."""
+    if row.front.score >= min_score or row.rear.score >= min_score or not agreeing(row) or \
+            not row.front.score + row.rear.score >= min_score:
+        return row
+    if row.front.score >= row.rear.score:
+        return replace(row, score=min_score, front=replace(row.front, score=min_score))
+    return replace(row, score=min_score, rear=replace(row.rear, score=min_score))
+
+
 def verdict(row, bars, reject_mixed=False):
     """The call the program makes at these bars: the row's arrangement or "unclassified"."""
+    row = raised(row, bars.min_score)
     if not row.score >= bars.min_score:
         return "unclassified"
     if reject_mixed:
@@ -273,7 +308,7 @@ class Curves:
         self.totals = Counts()
         for rid, (kind, front, rear) in truth.items():
             row = rows[rid]
-            score = row.score if row.arrangement != "unclassified" else -math.inf
+            score = passing_score(row) if row.arrangement != "unclassified" else -math.inf
             if kind == "chimera":
                 continue
             self.lists["called"].append(score)
@@ -429,6 +464,7 @@ class DerivedRunner:
         both = "--require_barcodes_both_ends" in switches
         out = {}
         for rid, row in self.last[1].items():
+            row = raised(row, min_score)
             call = verdict(row, bars, "--reject_mixed_barcodes" in switches)
             if both and not (row.front.score >= min_score and row.rear.score >= min_score):
                 call = "unclassified"
@@ -603,7 +639,7 @@ def fit_quality(sets, min_score, seed=1):
     for s in sets:
         rows, truth = s.mix
         for rid, (kind, front, rear) in truth.items():
-            row = rows[rid]
+            row = raised(rows[rid], min_score)
             if kind == "chimera" or row.arrangement == "unclassified" or not row.score >= min_score:
                 continue
             x = barcode_quality.features(row.front, row.rear)

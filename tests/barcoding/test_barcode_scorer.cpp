@@ -124,7 +124,7 @@ public:
         }
         const float minimum[2] = {options_.min_score, options_.min_score_rear_override};
         std::set<std::string> passing[2], evidence[2];  // per end: normalised ids
-        std::vector<size_t> kept;
+        std::vector<size_t> kept, agreeing;
         std::map<std::string, int> kit_fit;
         for (size_t i = 0; i < all.size(); ++i) {
             bool ok[2];
@@ -140,6 +140,17 @@ public:
             kit_fit.try_emplace(all[i].kit, INT_MIN);
             kit_fit[all[i].kit] = std::max(kit_fit[all[i].kit], fits[i]);
         }
+        // No barcode passes on its own: arrangements whose two ends agree may.
+        for (size_t i = 0; i < all.size() && kept.empty() && !options_.require_barcodes_both_ends; ++i) {
+            if (!RaiseAgreeing(all[i])) continue;
+            all[i].score = arrangements_[i].scoring_function == "ADD" ? all[i].front.score + all[i].rear.score
+                                                                      : std::max(all[i].front.score, all[i].rear.score);
+            passing[all[i].front.score >= minimum[0] ? 0 : 1].insert(all[i].normalised_id);
+            agreeing.push_back(i);
+            kit_fit.try_emplace(all[i].kit, INT_MIN);
+            kit_fit[all[i].kit] = std::max(kit_fit[all[i].kit], fits[i]);
+        }
+        kept.insert(kept.end(), agreeing.begin(), agreeing.end());
         // Both pass: mixed when nothing passes at both. One passes: mixed when the other end shows
         // another barcode and beats every passing arrangement's barcode clearly.
         auto none_in = [](const std::set<std::string>& names, const std::set<std::string>& in) {
@@ -183,8 +194,22 @@ public:
     }
 
     int mixed_by_evidence = 0;  // reads mixed with only one end passing
+    int agreed = 0;             // arrangements whose two ends passed together
 
 private:
+    // Both ends found, both below their minimum, both at the floor or above, and
+    // together at the better end's minimum: that end is raised to it.
+    bool RaiseAgreeing(ArrangementDetectResult& r) {
+        if (r.front.id.empty() || r.rear.id.empty()) return false;
+        const float minimum[2] = {options_.min_score, options_.min_score_rear_override};
+        if (r.front.score >= minimum[0] || r.rear.score >= minimum[1]) return false;
+        if (std::min(r.front.score, r.rear.score) < kAgreeingEndFloor) return false;
+        const int better = r.front.score >= r.rear.score ? 0 : 1;
+        if (r.front.score + r.rear.score < minimum[better]) return false;
+        (better == 0 ? r.front : r.rear).score = minimum[better];
+        ++agreed;
+        return true;
+    }
     static const std::string& At(const Arrangement& a, int end) { return end == 0 ? a.barcode1 : a.barcode2; }
     static const BarcodeDetectResult& At(const ArrangementDetectResult& r, int end) { return end ? r.rear : r.front; }
     std::string Sequence(const std::string& name) const { return manager_.GetBarcodeSequence(name); }
@@ -305,7 +330,7 @@ void ExpectSameDetect(const BarcodeDetectResult& fast, const BarcodeDetectResult
 void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<BarcodeManager>& manager,
                       const std::vector<std::string>& barcodes, int reads, unsigned seed,
                       const std::vector<int>& matrix = kMatrix, const std::string& device = "",
-                      int* evidence_only = nullptr) {
+                      int* evidence_only = nullptr, int* agreed = nullptr) {
     std::unique_ptr<BarcodeScorer> scorer;
     try {
         scorer = std::make_unique<BarcodeScorer>(options, manager, matrix, device);
@@ -341,6 +366,7 @@ void CompareWithNaive(const ScorerOptions& options, const std::shared_ptr<Barcod
         }
     }
     if (evidence_only) *evidence_only = naive.mixed_by_evidence;
+    if (agreed) *agreed = naive.agreed;
 }
 
 // "DK": BC01, BC02 at both ends (ADD); "AK": BC02 front, BC03 rear (MAX); "SK": BC04 front only.
@@ -362,9 +388,10 @@ protected:
 
 TEST_F(ScorerTest, MatchesNaivePerReferenceAlignment) {
     ScorerOptions options = Options("DK AK SK");
-    int evidence_only = 0;
-    CompareWithNaive(options, kit_.manager, kit_.references, 300, 5, kMatrix, "", &evidence_only);
+    int evidence_only = 0, agreed = 0;
+    CompareWithNaive(options, kit_.manager, kit_.references, 300, 5, kMatrix, "", &evidence_only, &agreed);
     EXPECT_GE(evidence_only, 3) << "too few reads where the weaker end's evidence decides";
+    EXPECT_GE(agreed, 3) << "too few arrangements passing by their ends' agreement";
     options.reject_mixed_barcodes = true;
     CompareWithNaive(options, kit_.manager, kit_.references, 100, 7);
     options.reject_mixed_barcodes = false;

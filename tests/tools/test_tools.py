@@ -146,12 +146,19 @@ class ToolsTest(unittest.TestCase):
             (end(60), end(10, runner_up=-10), "b1", "b1"),  # the called barcode tops the rear without passing
             (end(60), NO_END, "b1", "b1"),  # a front-only kit
             (end(-50, runner_up=20, runner_up_presence=30), end(70), "b1", "unclassified"),
-            (end(20), end(24.9), "unclassified", "unclassified"),
+            # Neither end passes: two agreeing ends pass together when each scores 10 or more and the two reach 25.
+            (end(20), end(24.9), "b1", "b1"),
+            (end(9.9), end(24.9), "unclassified", "unclassified"),
+            (end(12), end(12.9), "unclassified", "unclassified"),
         ]
         for front, rear, plain, strict in cases:
             row = calibrate.Row("b1", max(front.score, rear.score), front, rear)
             self.assertEqual((calibrate.verdict(row, bars), calibrate.verdict(row, bars, True)), (plain, strict),
                              (front, rear))
+        # As the program reports such a call: the better end at the minimum, the other as found.
+        raised = calibrate.raised(calibrate.Row("b1", 24.9, end(24.9), end(20)), 25)
+        self.assertEqual((raised.score, raised.front.score, raised.rear.score), (25, 25, 20))
+        self.assertEqual(calibrate.passing_score(calibrate.Row("b1", 24.9, end(24.9), end(20))), 44.9)
 
     def test_counts_and_what_a_switch_costs(self):
         truth = {"d1": ("double", "b1", "b1"), "d2": ("double", "b1", "b1"), "d3": ("double", "b3", "b3"),
