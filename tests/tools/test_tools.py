@@ -194,10 +194,10 @@ class ToolsTest(unittest.TestCase):
                                  (c.recalled, c.none_classified, c.precise, c.doubles))
 
     def test_best_range_reliability_and_calibration_targets(self):
-        # The most designs served, then the widest run of thresholds serving them.
-        self.assertEqual([calibrate.best_range(counts, list(range(len(counts))))
+        # The most designs served, and every run of thresholds serving them, lowest first.
+        self.assertEqual([calibrate.best_runs(counts, list(range(len(counts))))
                           for counts in ([1, 2, 2, 1, 2, 2, 2, 0, 2, 1], [3, 1, 1], [0, 0, 5])],
-                         [(2, 4, 6), (3, 0, 0), (5, 2, 2)])
+                         [(2, [(1, 2), (4, 6), (8, 8)]), (3, [(0, 0)]), (5, [(2, 2)])])
         calls = [(0.5, 3, True), (0.05, 13, False), (0.001, 30, False), (1e-5, 50, False)] * 40
         bins = calibrate.reliability(calls)
         self.assertEqual(([b[1] for b in bins], round(bins[0][2], 9), bins[0][3]), ([40, 40, 0, 40, 40], 20.0, 40))
