@@ -17,20 +17,19 @@
 // Passing an end means scoring at least that end's minimum, or, where no
 // barcode does, for an arrangement with barcodes at both ends, two ends that
 // agree adding up to it (kAgreeingEndFloor): the better end is then reported
-// at its minimum. A read
-// is mixed when its two ends name different barcodes (normalised ids): an end
-// names the barcodes passing there or, where none passes, the one with
-// evidence (score above 0, presence at least kMixedEvidencePresence); at least
-// one end must pass. Both ends passing for different barcodes is the plain
-// case; the evidence catches the chimeras whose weaker end is too damaged to pass: at
-// identity 0.87 a 16-base barcode's margin over its closest rival is often
-// below the minimum, while its presence stays above random sequence. Evidence
-// needs the score above 0 as well, because presence alone does not say which
-// barcode it is: with constant flanks every barcode of the kit shares it. And
-// the passing barcode must be clearly beaten at the evidence end
-// (kMixedRivalMargin): where one barcode of a kit is damaged, the best fit
-// there is often a close neighbour edging it out by a few points, which says
-// nothing about a second molecule.
+// at its minimum. A read is mixed when its two ends name different barcodes
+// (normalised ids): an end names the barcodes passing there or, where none
+// passes, the one with evidence (score above 0, presence at least
+// kMixedEvidencePresence); at least one end must pass. Both ends passing for
+// different barcodes is the plain case; the evidence catches the chimeras
+// whose weaker end is too damaged to pass: at identity 0.87 a 16-base
+// barcode's margin over its closest rival is often below the minimum, while
+// its presence stays above random sequence. Evidence needs the score above 0
+// as well, because presence alone does not say which barcode it is: with
+// constant flanks every barcode of the kit shares it. And the passing barcode
+// must be clearly beaten at the evidence end (kMixedRivalMargin): where one
+// barcode of a kit is damaged, the best fit there is often a close neighbour
+// edging it out by a few points, which says nothing about a second molecule.
 //
 // The first result carries the evidence for its call (QualityInputs): per
 // end, its barcode's score, presence and raw margins, and the best other

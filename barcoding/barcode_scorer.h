@@ -40,9 +40,9 @@ constexpr float kMixedRivalMargin = 30;
 // minimum, an arrangement with barcodes at both ends passes when each end
 // scores at least kAgreeingEndFloor and the two scores add up to the better
 // end's minimum: that end's score is raised to its minimum (the other keeps
-// its own, so this never helps where both ends are required). The
-// scale measures each end against its rivals and random sequence on its own,
-// so two ends naming the same barcode are independent evidence, and a damaged
+// its own, so this never helps where both ends are required). The scale
+// measures each end against its rivals and random sequence on its own, so two
+// ends naming the same barcode are independent evidence, and a damaged
 // barcode is seldom damaged alike at both ends. Measured on the kit family
 // (docs/calibration.md): at identity 0.87, 16-base barcodes behind 10-base
 // flanks, it calls half the double-barcoded reads that failed the minimum,
