@@ -44,24 +44,33 @@ const Common::Logger& ManagerLog() {
 // conversion that does not match the int we pass would be undefined, so only
 // int conversions without length modifiers are accepted; each gets the index.
 constexpr int kMaxConversions = 4;
+// A conversion's width and precision: names and folder names are short, and
+// "%1999999999i" would ask the formatter for gigabytes.
+constexpr int kMaxFieldWidth = 64;
 
 std::string FormatWithIndex(const std::string& text, int index) {
+    auto unsupported = [&text](const std::string& why) {
+        return std::runtime_error("Unsupported format text '" + text + "' in arrangement file: " + why);
+    };
+    // The digits at k as a number (saturating), k moved past them.
+    auto number = [&text](size_t& k) {
+        int value = 0;
+        for (; k < text.size() && std::isdigit(static_cast<unsigned char>(text[k])); ++k)
+            value = std::min(10 * value + (text[k] - '0'), kMaxFieldWidth + 1);
+        return value;
+    };
     int conversions = 0;
     for (size_t k = 0; k < text.size(); ++k) {
         if (text[k] != '%') continue;
         if (++k < text.size() && text[k] == '%') continue;
         while (k < text.size() && std::strchr("-+ #0", text[k]) != nullptr)
             ++k;
-        while (k < text.size() && std::isdigit(static_cast<unsigned char>(text[k])))
-            ++k;
-        if (k < text.size() && text[k] == '.') {
-            ++k;
-            while (k < text.size() && std::isdigit(static_cast<unsigned char>(text[k])))
-                ++k;
-        }
+        int widest = number(k);
+        if (k < text.size() && text[k] == '.') widest = std::max(widest, number(++k));
         if (k >= text.size() || std::strchr("diouxXc", text[k]) == nullptr || ++conversions > kMaxConversions)
-            throw std::runtime_error("Unsupported format text '" + text +
-                                     "' in arrangement file: only integer conversions such as %02i are allowed");
+            throw unsupported("only integer conversions such as %02i are allowed");
+        if (widest > kMaxFieldWidth)
+            throw unsupported("a width or precision of at most " + std::to_string(kMaxFieldWidth) + " is allowed");
     }
     return Common::FormatString(text, index, index, index, index);
 }

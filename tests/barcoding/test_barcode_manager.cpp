@@ -112,6 +112,11 @@ TEST(BarcodeManager, RefusesWhatItCannotLoad) {
         {"", "[loading_options]\nbarcodes_filename = /dev/zero\n", "Barcode file '/dev/zero' is not a regular file"},
         {"", "[a]\nkit=1\n[a]\nkit=2\n", "duplicate section name"},
         {"", NoExpansion() + "[a%s]\nfirst_index = 1\nlast_index = 2\n", "Unsupported format text 'a%s'"},
+        // A width the formatter would need gigabytes for; 64 is the most.
+        {"", NoExpansion() + "[a%1999999999i]\nfirst_index = 1\nlast_index = 2\n",
+         "Unsupported format text 'a%1999999999i' in arrangement file: a width or precision of at most 64"},
+        {"", NoExpansion() + "[a%.65i]\nfirst_index = 1\nlast_index = 2\n", "a width or precision of at most 64"},
+        {"", NoExpansion() + "[a%064.64i]\nfirst_index = 1\nlast_index = 2\n", ok},
         {"", NoExpansion() + "[sec]\nnormalised_id = a/b\nbarcode1 = X\n", "normalised_id 'a/b' in section [sec]"},
         {"", NoExpansion() + "[sec]\nnormalised_id =\nbarcode1 = X\n",
          "normalised_id '' in section [sec]" + folder_name},
