@@ -399,7 +399,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     rear_evidence_.clear();
     size_t best = 0;
     float best_score = kNoScore;
-    agreed_.clear();
+    agreed_ = false;
     for (size_t a = 0; a < count; ++a) {
         const float front = front_score(a);
         const float rear = rear_score(a);
@@ -445,7 +445,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         for (size_t a = 0; a < count; ++a) {
             float front = front_score(a), rear = rear_score(a);
             if (!RaiseAgreeingEnd(front, rear, min_front, min_rear)) continue;
-            agreed_.push_back(Agreed{static_cast<uint32_t>(a), front, rear});
+            agreed_ = true;
             // Both ends are there, and the scoring function was checked above.
             const float combined = combine_[a] == Combine::kAdd ? front + rear : std::max(front, rear);
             if (combined > best_score || (combined == best_score && a < best)) {
@@ -477,10 +477,7 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
             else
                 Summarise(*end, static_cast<size_t>(reference), detect);
         }
-        if (const Agreed* agreed = AgreedOf(a)) {
-            result.front.score = agreed->front;
-            result.rear.score = agreed->rear;
-        }
+        if (agreed_) RaiseAgreeingEnd(result.front.score, result.rear.score, min_front, min_rear);
         return result;
     };
 
@@ -503,7 +500,8 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         if (count > 0) {
             FillEvidence(*front_, front_top_, best, unclassified.inputs.front);
             FillEvidence(*rear_, rear_top_, best, unclassified.inputs.rear);
-            RaiseEvidence(best, unclassified.inputs);
+            if (agreed_)
+                RaiseAgreeingEnd(unclassified.inputs.front.score, unclassified.inputs.rear.score, min_front, min_rear);
             unclassified.candidate_quality =
                 PhredQuality(WrongCallProbability(ShippedQualityModel(), unclassified.inputs));
         }
@@ -527,7 +525,8 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
     call.mixed = mixed;
     FillEvidence(*front_, front_top_, candidates_.front().arrangement, call.inputs.front);
     FillEvidence(*rear_, rear_top_, candidates_.front().arrangement, call.inputs.rear);
-    RaiseEvidence(candidates_.front().arrangement, call.inputs);
+    // The evidence carries the scores as reported.
+    if (agreed_) RaiseAgreeingEnd(call.inputs.front.score, call.inputs.rear.score, min_front, min_rear);
     call.error_probability = WrongCallProbability(ShippedQualityModel(), call.inputs);
     call.quality = PhredQuality(call.error_probability);
     call.candidate_quality = call.quality;
@@ -539,21 +538,6 @@ std::vector<ArrangementDetectResult> BarcodeScorer::Score(const std::string& seq
         call.quality = 0;
     }
     return results;
-}
-
-const BarcodeScorer::Agreed* BarcodeScorer::AgreedOf(size_t arrangement) const {
-    for (const Agreed& agreed : agreed_)
-        if (agreed.arrangement == arrangement) return &agreed;
-    return nullptr;
-}
-
-// The evidence for calling an arrangement whose ends agreed carries their
-// scores as raised, as its result does.
-void BarcodeScorer::RaiseEvidence(size_t arrangement, QualityInputs& inputs) const {
-    if (const Agreed* agreed = AgreedOf(arrangement)) {
-        inputs.front.score = agreed->front;
-        inputs.rear.score = agreed->rear;
-    }
 }
 
 // The evidence at one end for calling `arrangement`.

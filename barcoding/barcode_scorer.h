@@ -115,13 +115,6 @@ private:
         uint32_t arrangement;
         float score;
     };
-    // An arrangement whose agreeing ends passed together, with its end
-    // scores as raised.
-    struct Agreed {
-        uint32_t arrangement;
-        float front;
-        float rear;
-    };
     // The two best barcodes (normalised ids) of one end on the current read,
     // each with its best-scoring arrangement.
     struct TopTwo {
@@ -143,8 +136,6 @@ private:
     void AlignWindow(End& end, const std::string& sequence);
     static void Summarise(const End& end, size_t reference, BarcodeDetectResult& result);
     void FillEvidence(const End& end, const TopTwo& top, size_t arrangement, EndEvidence& evidence) const;
-    const Agreed* AgreedOf(size_t arrangement) const;
-    void RaiseEvidence(size_t arrangement, QualityInputs& inputs) const;
     void Detail(End& end, size_t reference, BarcodeDetectResult& result);
     std::vector<BarcodeDetectResult> InspectEnd(End& end, const std::string& sequence, const std::string& kits);
     void TraceEnd(End& end);
@@ -174,7 +165,9 @@ private:
     std::unique_ptr<End> rear_;
     // Reused per read.
     std::vector<Candidate> candidates_;
-    std::vector<Agreed> agreed_;           // arrangements passing by their ends' agreement (rare: a vector)
+    // The read passes only by agreeing ends: every kept arrangement's scores
+    // are raised as RaiseAgreeingEnd says, which leaves any other unchanged.
+    bool agreed_ = false;
     std::vector<uint32_t> front_passing_;  // arrangements passing at the front
     std::vector<uint32_t> rear_passing_;
     std::vector<uint32_t> front_evidence_;  // normalised ids not passing there but with evidence (IsEvidence)
