@@ -599,6 +599,18 @@ void Barcoder::Checkpoint(const ReadBatch& batch) {
     WriteFileAtomically((std::filesystem::path(save_path) / kResumeStateFileName).string(), FormatResumeState(state));
 }
 
+// A new run's state before it writes anything, not even the summary's
+// header: nothing read, no output file. Without it a run killed before its
+// first checkpoint would leave output and no state, which --resume must
+// refuse; with it the next run starts over in the same folder (the summary
+// written again from its header, every output file removed).
+void Barcoder::SaveStartingState() {
+    ResumeState state;
+    state.options = OptionValues();
+    state.tally = tally;
+    WriteFileAtomically((std::filesystem::path(save_path) / kResumeStateFileName).string(), FormatResumeState(state));
+}
+
 // An earlier run's state is taken over whole, or the run stops before it
 // changes anything: a save folder with output but no state cannot be resumed
 // (the output of its last moments cannot be told apart), nor one written with
@@ -615,6 +627,11 @@ void Barcoder::PrepareResume() {
                     "': it holds the output of a run that was not started with "
                     "--resume (there is no " +
                     kResumeStateFileName + "). Use another save folder, or leave out --resume to start over.");
+        try {
+            SaveStartingState();
+        } catch (const std::exception& problem) {
+            FailRun(problem.what());
+        }
         return;
     }
     ResumeState state;
@@ -646,7 +663,7 @@ void Barcoder::PrepareResume() {
         FailRun(problem.what());
     }
     fs::remove(folder / kJsonReportFileName, error);
-    append_summary = true;
+    append_summary = state.summary_size > 0;  // 0: a starting state, the summary begins again
     const std::map<std::string, uint64_t> samples = std::move(tally.samples);
     tally = std::move(state.tally);
     for (const auto& [sample, reads] : samples)

@@ -117,6 +117,7 @@ private:
     // After a batch is written: notes how far the inputs got and, after a
     // file's end or a second after the last time, saves the resume state.
     void Checkpoint(const ReadBatch& batch);
+    void SaveStartingState();
     int ExitStatus() const;
 
     // Options.

@@ -878,16 +878,14 @@ def case_watch(ctx):
     check(len(ctx.consistent("signalled")[0]) == 1000, "reads lost to the signal")
 
 
-def kill_mid_file(ctx, command, save):
-    """SIGKILLs a run once its saved state shows a file partly done. The state is saved at file ends and at most once a
-    second: the run is held in slow motion (stopped nine tenths of the time) lest a file be read whole in between."""
+def kill_when(ctx, command, ready, what):
+    """SIGKILLs a run as soon as ready() holds, the run held in slow motion (stopped nine tenths of the time) lest it
+    get past the moment in between two looks."""
     process, deadline = ctx.start(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL), time.monotonic() + 600
     try:
         while time.monotonic() < deadline and process.poll() is None:
             try:
-                state = ctx.read(os.path.join(save, "barcoding_resume_state.txt")).splitlines()
-                if any(int(line.split("\t")[4]) > 0 and line.split("\t")[5] != "1" for line in state
-                       if line.startswith("input\t")):
+                if ready():
                     return
             except (OSError, IndexError, ValueError):
                 pass
@@ -896,20 +894,38 @@ def kill_mid_file(ctx, command, save):
             if process.poll() is None:
                 process.send_signal(signal.SIGSTOP)
             time.sleep(0.045)
-        raise AssertionError(f"the run ended (status {process.returncode}) before a file was seen partly done")
+        raise AssertionError(f"the run ended (status {process.returncode}) before {what}")
     finally:
         process.kill()
         process.wait()
 
 
+def kill_mid_file(ctx, command, save):
+    """SIGKILLs a run once its saved state shows a file partly done (the state is saved at file ends and at most once
+    a second)."""
+    def partly_done():
+        state = ctx.read(os.path.join(save, "barcoding_resume_state.txt")).splitlines()
+        return any(int(line.split("\t")[4]) > 0 and line.split("\t")[5] != "1" for line in state
+                   if line.startswith("input\t"))
+    kill_when(ctx, command, partly_done, "a file was seen partly done")
+
+
+def kill_at_first_rows(ctx, command, save):
+    """SIGKILLs a new run once its summary lists reads, most likely before it first saves how far it got."""
+    kill_when(ctx, command, lambda: len(ctx.read(os.path.join(save, "barcoding_summary.txt")).splitlines()) > 1,
+              "its summary listed a read")
+
+
 def resume(ctx, *extra):
-    """Killed mid-file twice, then resumed: the single run's output; resuming with other settings refused."""
+    """Killed at once, then mid-file twice, then resumed: the single run's output; other settings refused."""
     records = ctx.many_reads("resume", 81, 12000)
     # Files of several batches each, so that a kill lands inside one.
     for k in range(4):
         ctx.write_fastq(f"in/part{k}.fastq" + (".gz" if k % 2 else ""), records[k::4])
     ctx.run(args("in", "single", *extra))
     command = args("in", "resumed", "--resume", "-t", "2", *extra)
+    # Killed first in its first moments, then mid-file twice.
+    kill_at_first_rows(ctx, command, "resumed")
     for _ in range(2):
         kill_mid_file(ctx, command, "resumed")
     result = ctx.run(command)
