@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/string_utils.h"
+
 namespace Vorpa {
 
 namespace {
@@ -93,6 +95,7 @@ SampleSheet LoadSampleSheet(const std::string& path, const std::set<std::string>
 SampleSheet ParseSampleSheet(std::istream& in, const std::string& name, const std::set<std::string>& known_arrangements,
                              const std::vector<std::string>& reserved_names,
                              const std::set<std::string>& pair_barcodes) {
+    Common::SkipByteOrderMark(in);
     SampleSheet sheet;
     std::optional<size_t> arrangement_column, front_column, rear_column, sample_column;
     size_t columns = 0;

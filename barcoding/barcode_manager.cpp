@@ -92,6 +92,7 @@ std::vector<std::string> SplitAtComma(const std::string& text) {
 std::vector<std::pair<std::string, std::string>> ReadFasta(const std::string& path) {
     std::ifstream in(path);
     if (!in) throw std::runtime_error("Could not load barcode file: '" + path + "'");
+    Common::SkipByteOrderMark(in);
     std::vector<std::pair<std::string, std::string>> records;
     std::string name, sequence, line;
     auto store = [&]() {
@@ -245,7 +246,15 @@ void BarcodeManager::LoadArrangementFile(const std::string& path) {
     // A device or a pipe would be read forever.
     if (!fs::is_regular_file(path)) throw std::runtime_error("Arrangement file " + path + " is not a regular file");
     boost::property_tree::ptree tree;
-    boost::property_tree::read_ini(path, tree);
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("Could not read arrangement file " + path);
+    Common::SkipByteOrderMark(in);
+    try {
+        boost::property_tree::read_ini(in, tree);
+    } catch (const boost::property_tree::ini_parser_error& error) {
+        // Read from a stream, the parser knows no file name.
+        throw boost::property_tree::ini_parser_error(error.message(), path, error.line());
+    }
 
     const std::string source_file = fs::path(path).filename().string();
     LoadingOptions options;

@@ -5,12 +5,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <map>
 #include <sstream>
 #include <stdexcept>
 #include <type_traits>
+
+#include "common/string_utils.h"
 
 namespace Common {
 
@@ -227,7 +230,10 @@ unsigned Parameters::ParseParameters(int argc, char** argv, const std::string& d
             parse_result |= Error;
         } else {
             try {
-                po::parsed_options parsed = po::parse_config_file<char>(path.c_str(), options_->config_file, true);
+                std::ifstream file(path);
+                if (!file) throw po::reading_file(path.c_str());
+                SkipByteOrderMark(file);
+                po::parsed_options parsed = po::parse_config_file(file, options_->config_file, true);
                 po::variables_map values;
                 po::store(parsed, values);
                 options_->MarkRequiredSeen(values);

@@ -43,6 +43,17 @@ std::string TrimWhitespace(const std::string& text) {
     return std::string(begin, end);
 }
 
+void SkipByteOrderMark(std::istream& in) {
+    constexpr std::string_view kMark = "\xEF\xBB\xBF";
+    if (in.peek() != static_cast<unsigned char>(kMark[0])) return;
+    const std::streampos start = in.tellg();
+    char head[3] = {};
+    in.read(head, 3);
+    if (in.gcount() == 3 && std::string_view(head, 3) == kMark) return;
+    in.clear();
+    in.seekg(start);
+}
+
 // 255 bytes is NAME_MAX on the usual Linux file systems; a longer name fails
 // only when the file is created, which is too late for a configuration check.
 bool IsUsableFileNameComponent(std::string_view text) {

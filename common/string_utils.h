@@ -1,6 +1,7 @@
 #pragma once
 // Small text helpers shared by configuration loading and messages.
 
+#include <istream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -33,6 +34,11 @@ std::string FormatString(const std::string& format, const Args&... args) {
 std::string RemoveWhitespace(const std::string& text);
 // Removes the isspace() characters at both ends only.
 std::string TrimWhitespace(const std::string& text);
+
+// Steps over a UTF-8 byte order mark at the stream's start: editors and
+// spreadsheets on some systems put one before the text of a file saved as
+// UTF-8, and it is no part of the first line. Anything else is left unread.
+void SkipByteOrderMark(std::istream& in);
 
 // Whether text can be used as-is as one component of a file path (a folder or
 // file name inside a known folder): not empty, not "." or "..", at most 255

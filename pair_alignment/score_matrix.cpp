@@ -4,6 +4,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "common/string_utils.h"
+
 namespace PairAlignment {
 
 namespace {
@@ -45,6 +47,7 @@ int ParseMatrixValue(const std::string& text, const std::string& column, const s
 Table ReadTable(const std::string& filename) {
     std::ifstream in(filename);
     if (!in) throw std::runtime_error("Error: Failed to open file \"" + filename + "\"");
+    Common::SkipByteOrderMark(in);
 
     Table table;
     std::vector<std::string> header;

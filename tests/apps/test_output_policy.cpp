@@ -342,7 +342,8 @@ TEST(SampleSheet, EveryFaultNamesTheFileAndLine) {
 }
 
 // Random sheets of pairs (any column order, comments, blank lines, CRLF,
-// padding) against their rows; also a copy with entries added by hand.
+// padding, a byte order mark) against their rows; also a copy with entries
+// added by hand.
 TEST(SampleSheet, LookupAgreesWithTheRowsOfRandomSheets) {
     std::mt19937 rng(2611);
     const auto named = [](char end, unsigned k) {
@@ -355,8 +356,8 @@ TEST(SampleSheet, LookupAgreesWithTheRowsOfRandomSheets) {
         std::vector<std::string> columns = {"front", "rear", "sample", "note"};
         std::shuffle(columns.begin(), columns.end(), rng);
         const std::string end = round % 2 == 0 ? "\n" : "\r\n";
-        std::string text = "# plate " + std::to_string(round) + end + columns[0] + "\t" + columns[1] + "\t" +
-                           columns[2] + "\t" + columns[3] + end;
+        std::string text = (round % 3 == 0 ? "\xEF\xBB\xBF" : "") + ("# plate " + std::to_string(round)) + end +
+                           columns[0] + "\t" + columns[1] + "\t" + columns[2] + "\t" + columns[3] + end;
         std::map<std::string, std::string> rows;  // pair name -> sample
         std::string pairs, listed;
         for (unsigned f = 1; f <= 12; ++f)

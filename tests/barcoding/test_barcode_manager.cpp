@@ -92,6 +92,31 @@ TEST(BarcodeManager, FastaQuirks) {
                   "Barcode '" + dropped + "' was referenced in arrangement, but not found in barcode file");
 }
 
+// Files saved with a byte order mark and Windows line ends, as some editors
+// write them, load as the same barcodes and arrangements.
+TEST(BarcodeManager, ByteOrderMarkAndWindowsLineEnds) {
+    TempFolder dir;
+    const std::string fasta = ">BC01\nAACGTTG\n>BC02\nACGTACC\n";
+    const std::string arrangement =
+        "[loading_options]\nbarcodes_filename = bc.fasta\n"
+        "[double]\nbarcode1 = BC01\nbarcode2 = BC02\ncompatible_kits = D\n";
+    auto windows = [](const std::string& text) {
+        std::string out = "\xEF\xBB\xBF";
+        for (char c : text)
+            out += c == '\n' ? std::string("\r\n") : std::string(1, c);
+        return out;
+    };
+    auto lines = [](const BarcodeManager& manager) {
+        std::string all;
+        for (const auto& a : manager.AllArrangements())
+            all += Line(a) + " " + manager.GetBarcodeSequence(a.barcode1) + "\n";
+        return all;
+    };
+    const std::string plain = lines(Load(dir, fasta, arrangement));
+    EXPECT_EQ(lines(Load(dir, windows(fasta), windows(arrangement))), plain);
+    EXPECT_NE(plain.find("double_var1 double  BC01_FWD|BC02_REV var1 AACGTTG"), std::string::npos) << plain;
+}
+
 // Unreadable files and settings that would escape the save folder, never finish loading or
 // overflow the aligner are refused naming file and section; edge values load.
 TEST(BarcodeManager, RefusesWhatItCannotLoad) {

@@ -67,10 +67,12 @@ protected:
 
 // A value given on the command line replaces the configuration file's (a list as a whole); one given nowhere
 // keeps its initial value. A configuration file name without a folder is looked up in the data path. The run
-// report lists the values as texts that read back to the same values, in declaration order.
+// report lists the values as texts that read back to the same values, in declaration order. The file was saved
+// with a byte order mark, as some editors do.
 TEST_F(ParametersTest, CommandLineWinsOverConfigFileOnlyForGivenOptions) {
-    dir.Write("run.cfg",
-              "threads = 8\nname = from_file\nlist = a\nlist = b\nneeded = x y\nold_key = 1\ntoggle = true\n");
+    dir.Write(
+        "run.cfg",
+        "\xEF\xBB\xBFthreads = 8\nname = from_file\nlist = a\nlist = b\nneeded = x y\nold_key = 1\ntoggle = true\n");
     TestParameters p;
     p.default_config_file = "run.cfg";
     EXPECT_EQ(p.Parse({"-d", folder, "-t", "3", "--flag"}), 0u) << p.error_text << p.message_text;

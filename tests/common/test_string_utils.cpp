@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/string_utils.h"
 
@@ -22,6 +26,26 @@ TEST(StringUtils, RemoveWhitespaceMatchesNaiveReference) {
             if (std::string(" \t\n\v\f\r").find(text.back()) == std::string::npos) expected += text.back();
         }
         EXPECT_EQ(Common::RemoveWhitespace(text), expected);
+    }
+}
+
+// Only the whole mark at the very start goes; a stream without one, or with a
+// piece of one, is read from its first byte.
+TEST(StringUtils, SkipByteOrderMark) {
+    const std::string mark = "\xEF\xBB\xBF";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {mark + "arrangement\tsample\n", "arrangement\tsample\n"},
+        {mark, ""},
+        {"", ""},
+        {"plain", "plain"},
+        {"\xEF\xBB" + std::string("x"), "\xEF\xBBx"},
+        {"\xEF", "\xEF"},
+        {"x" + mark, "x" + mark},
+        {mark + mark + "x", mark + "x"}};
+    for (const auto& [text, rest] : cases) {
+        std::istringstream in(text);
+        Common::SkipByteOrderMark(in);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), rest) << text;
     }
 }
 

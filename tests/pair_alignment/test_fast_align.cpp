@@ -461,12 +461,13 @@ TEST(SimdDispatch, UnknownOrUnsupportedBuildInEnvironmentIsRefused) {
 // Columns in any order, element (a, b) being row a of column b, copied through
 // both strides of a view. Each fault names the file and line or column; values
 // past the bound would let alignments overflow, and text that is no integer
-// (too long for one, or empty) is refused before any range check.
+// (too long for one, or empty) is refused before any range check. A byte
+// order mark and Windows line ends are no part of the table.
 TEST(ScoreMatrix, LaysColumnsSideBySideAndNamesEachFault) {
     const TestSupport::TempFolder folder;
-    Codes m = LoadMismatchMatrix(folder.Write(
-        "matrix.txt",
-        "# made up\r\nT\tG\tC\tA\r\n3\t2\t1\t0\n\n# mid\n7\t6\t5\t4\n11\t10\t9\t8\n-1000\t14\t13\t1000\r\n"));
+    Codes m = LoadMismatchMatrix(folder.Write("matrix.txt",
+                                              "\xEF\xBB\xBF# made up\r\nT\tG\tC\tA\r\n3\t2\t1\t0\n\n# "
+                                              "mid\n7\t6\t5\t4\n11\t10\t9\t8\n-1000\t14\t13\t1000\r\n"));
     EXPECT_EQ(m, (Codes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 1000, 13, 14, -1000}));
     EXPECT_EQ(FastAlign(MatView<int>(m.data(), 4, 4, 1, 4), {1, 1, 1, 1, 1, 1}, 10).GetMismatchScore(1, 2), 9);
     const std::string ones = "\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n1\t1\t1\t1\n";
