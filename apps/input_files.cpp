@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -31,6 +32,22 @@ bool IsInputFileName(const std::string& name) {
 }
 
 namespace {
+
+// Only IsInputFileName's names are read; a file called reads.fq is passed
+// over, which a lab would rather hear about than find out from an empty run.
+bool LooksLikeReadsFileName(const std::string& name) {
+    if (IsInputFileName(name)) return false;
+    std::string file = fs::path(name).filename().string();
+    if (file.empty() || file.front() == '.') return false;
+    for (char& c : file)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    fs::path path(file);
+    for (const char* packed : {".gz", ".bgz", ".bz2", ".xz", ".zst"})
+        if (path.extension() == packed) path = path.stem();
+    return path.extension() == ".fq" || path.extension() == ".fastq";
+}
+
+constexpr const char* kReadNames = "only files named *.fastq or *.fastq.gz (and *.bam, *.sam, *.cram) are read";
 
 struct Walk {
     bool recursive = false;
@@ -61,8 +78,12 @@ void VisitEntry(const fs::directory_entry& entry, const Walk& walk) {
     const fs::file_status target = entry.status(error);
     if (error || target.type() == fs::file_type::not_found)
         return walk.Warn(entry.path(), error ? error.message() : "the link points nowhere");
-    if (fs::is_regular_file(target) && IsInputFileName(entry.path().string()))
+    if (!fs::is_regular_file(target)) return;
+    if (IsInputFileName(entry.path().string())) {
         walk.found->files.push_back(entry.path().string());
+    } else if (LooksLikeReadsFileName(entry.path().string())) {
+        walk.Warn(entry.path(), kReadNames);
+    }
 }
 
 void SearchFolder(const fs::path& folder, const Walk& walk) {

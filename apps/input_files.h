@@ -15,7 +15,8 @@ namespace Vorpa {
 bool IsInputFileName(const std::string& name);
 
 // The files found, in order, and one warning for each entry that was skipped
-// because it could not be read or resolved.
+// because it could not be read or resolved, or looks like reads but is not
+// named as input.
 struct InputFiles {
     std::vector<std::string> files;
     std::vector<std::string> warnings;
@@ -26,10 +27,12 @@ struct InputFiles {
 // input_path, and with `recursive` in its subfolders too (depth first, links
 // to folders not followed), in directory iteration order. A folder or entry
 // that cannot be read or resolved is skipped with a warning and the search
-// goes on. The save folder is never searched: a subfolder that is the save
-// folder is passed over, and when input_path itself is the save folder its
-// subfolders (which hold earlier runs' output) are not searched, with a
-// warning when `recursive` asked for them.
+// goes on; so is a regular file named like reads but not as input (*.fq,
+// *.FASTQ, *.fq.gz and the like: most likely meant to be read). The save
+// folder is never searched: a subfolder that is the save folder is passed
+// over, and when input_path itself is the save folder its subfolders (which
+// hold earlier runs' output) are not searched, with a warning when
+// `recursive` asked for them.
 InputFiles DiscoverInputFiles(const std::string& input_path, bool recursive, const std::string& save_path,
                               std::istream& names);
 

@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <mutex>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -45,7 +47,8 @@ protected:
 };
 
 // Plain iteration: the regular files named as input (not *.tmp, *.part or
-// hidden: still being written), and the entries it cannot resolve.
+// hidden: still being written), and the entries it cannot resolve or that
+// are named like reads but not as input (reads.fq, READS.FASTQ.GZ).
 void NaiveListing(const fs::path& root, bool recursive, std::vector<std::string>& files,
                   std::vector<std::string>& bad) {
     auto visit = [&](const fs::directory_entry& entry) {
@@ -58,7 +61,10 @@ void NaiveListing(const fs::path& root, bool recursive, std::vector<std::string>
         const bool unfinished = name[0] == '.' || extension == ".tmp" || extension == ".part";
         const bool named = extension == ".fastq" || p.stem().extension() == ".fastq" || extension == ".bam" ||
                            extension == ".sam" || extension == ".cram";
-        if (fs::is_regular_file(target) && named && !unfinished) files.push_back(p.string());
+        if (!fs::is_regular_file(target)) return;
+        if (named && !unfinished) return files.push_back(p.string());
+        static const std::regex like_reads(R"(^[^.].*\.(fq|fastq)(\.(gz|bgz|bz2|xz|zst))?$)", std::regex::icase);
+        if (std::regex_match(name, like_reads)) bad.push_back(p.string());
     };
     for (auto entry = fs::recursive_directory_iterator(root); entry != fs::recursive_directory_iterator(); ++entry) {
         if (!recursive) entry.disable_recursion_pending();
@@ -70,8 +76,10 @@ void NaiveListing(const fs::path& root, bool recursive, std::vector<std::string>
 // files after a bad entry are still found, and the bad entry named.
 TEST_F(InputTest, SameFilesInTheSameOrderAsPlainIteration) {
     std::mt19937 rng(2024);
-    const char* names[] = {".fastq",      ".fastq.gz", ".fq",  ".fastq.txt.gz", ".txt",     "",          ".fastq.tmp",
-                           ".fastq.part", ".bam",      ".sam", ".cram",         ".bam.bai", ".cram.crai"};
+    const char* names[] = {".fastq",     ".fastq.gz",   ".fq",    ".fastq.txt.gz", ".txt",  "",
+                           ".fastq.tmp", ".fastq.part", ".bam",   ".sam",          ".cram", ".bam.bai",
+                           ".cram.crai", ".FASTQ",      ".Fq.gz", ".fq.zst"};
+    const size_t kinds = std::size(names);
     for (int tree = 0; tree < 8; ++tree) {
         fs::remove_all(in);
         std::vector<fs::path> folders = {in};
@@ -89,7 +97,7 @@ TEST_F(InputTest, SameFilesInTheSameOrderAsPlainIteration) {
                 const std::string link = stem + (rng() % 2 == 0 ? ".fastq" : "");
                 fs::create_symlink(rng() % 2 == 0 ? fs::path(link) : in / "absent.fastq", parent / link);
             } else {
-                const std::string file = Touch(parent / ((rng() % 8 == 0 ? "." : "") + stem + names[rng() % 13]));
+                const std::string file = Touch(parent / ((rng() % 8 == 0 ? "." : "") + stem + names[rng() % kinds]));
                 if (rng() % 6 == 0) fs::create_symlink(file, parent / (stem + "l.fastq"));
             }
         }
