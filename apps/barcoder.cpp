@@ -590,22 +590,15 @@ void Barcoder::Checkpoint(const ReadBatch& batch) {
     if (batch.file_ends.empty() && now - last_checkpoint < std::chrono::seconds(1)) return;
     last_checkpoint = now;
     ResumeState state;
-    state.options = OptionValues();
     state.summary_size = summary_file.Size();
     state.wall_time_s = earlier_wall_time_s + std::chrono::duration<double>(now - run_start).count();
-    state.tally = tally;
     state.outputs = writer->Snapshot();
     state.inputs = inputs;
-    WriteFileAtomically((std::filesystem::path(save_path) / kResumeStateFileName).string(), FormatResumeState(state));
+    SaveResumeState(std::move(state));
 }
 
-// A new run's state before it writes anything, not even the summary's
-// header: nothing read, no output file. Without it a run killed before its
-// first checkpoint would leave output and no state, which --resume must
-// refuse; with it the next run starts over in the same folder (the summary
-// written again from its header, every output file removed).
-void Barcoder::SaveStartingState() {
-    ResumeState state;
+// The state with this run's options and figures, replacing the file whole.
+void Barcoder::SaveResumeState(ResumeState state) const {
     state.options = OptionValues();
     state.tally = tally;
     WriteFileAtomically((std::filesystem::path(save_path) / kResumeStateFileName).string(), FormatResumeState(state));
@@ -627,8 +620,14 @@ void Barcoder::PrepareResume() {
                     "': it holds the output of a run that was not started with "
                     "--resume (there is no " +
                     kResumeStateFileName + "). Use another save folder, or leave out --resume to start over.");
+        // A new run's state before it writes anything, not even the summary's
+        // header: nothing read, no output file. Without it a run killed
+        // before its first checkpoint would leave output and no state, which
+        // --resume must refuse; with it the next run starts over in the same
+        // folder (the summary written again from its header, every output
+        // file removed).
         try {
-            SaveStartingState();
+            SaveResumeState(ResumeState{});
         } catch (const std::exception& problem) {
             FailRun(problem.what());
         }

@@ -117,9 +117,7 @@ private:
     // After a batch is written: notes how far the inputs got and, after a
     // file's end or a second after the last time, saves the resume state.
     void Checkpoint(const ReadBatch& batch);
-    // --resume in a folder without a state: the state of a run that has
-    // written nothing, saved before anything else.
-    void SaveStartingState();
+    void SaveResumeState(ResumeState state) const;
     int ExitStatus() const;
 
     // Options.

@@ -33,10 +33,10 @@ bool IsInputFileName(const std::string& name) {
 
 namespace {
 
-// Only IsInputFileName's names are read; a file called reads.fq is passed
-// over, which a lab would rather hear about than find out from an empty run.
+// For a name IsInputFileName passes over: only its names are read, and a file
+// called reads.fq is passed over, which a lab would rather hear about than
+// find out from an empty run.
 bool LooksLikeReadsFileName(const std::string& name) {
-    if (IsInputFileName(name)) return false;
     std::string file = fs::path(name).filename().string();
     if (file.empty() || file.front() == '.') return false;
     for (char& c : file)
