@@ -245,6 +245,16 @@ void BarcodeScorer::AlignWindow(End& end, const std::string& sequence) {
     end.scores.resize(end.names.size());
     if (end.names.empty()) return;
     end.aligner->ScoreAll(end.window, end.raw_scores);
+    // A window without bases (an empty read) cannot be aligned, and the
+    // aligner's impossible score would come out on the scale as minus
+    // hundreds of millions: in the summary, and in every mean score of the
+    // report that the read enters. It scores instead as the one path there
+    // is, every reference base facing a gap at the window's start: the limit
+    // of ever shorter windows, so an empty read scores just below a one-base
+    // read.
+    if (end.window.empty())
+        for (size_t k = 0; k < end.raw_scores.size(); ++k)
+            end.raw_scores[k] = -options_.start_gap2 * static_cast<int>(end.sequences[k].size());
     end.scale->Apply(end.raw_scores, end.scores, end.scale_work);
 }
 

@@ -228,7 +228,11 @@ private:
     // Memoised per window: the read's two, or one of the random ones.
     int Raw(const std::string& reference, const std::vector<int>& window) {
         const auto [slot, added] = raw_[&window].try_emplace(reference, 0);
-        if (added) slot->second = Align(reference, window);
+        // An empty read has one path: each reference base against a gap
+        // before the (empty) read.
+        if (added)
+            slot->second = window.empty() ? -options_.start_gap2 * static_cast<int>(reference.size())
+                                          : Align(reference, window);
         return slot->second;
     }
 
