@@ -95,18 +95,28 @@ std::vector<std::pair<std::string, std::string>> ReadFasta(const std::string& pa
     Common::SkipByteOrderMark(in);
     std::vector<std::pair<std::string, std::string>> records;
     std::string name, sequence, line;
+    size_t line_number = 0, name_line = 0;
     auto store = [&]() {
         if (name.empty() || sequence.empty()) return;
         auto same = std::find_if(records.begin(), records.end(), [&](const auto& r) { return r.first == name; });
-        if (same != records.end())
-            same->second = sequence;
-        else
+        if (same == records.end()) {
             records.emplace_back(name, sequence);
+            return;
+        }
+        // The later record wins, as across files; a kit edited by hand that
+        // names two barcodes alike would otherwise lose one without a word.
+        if (same->second != sequence)
+            VB_LOG(ManagerLog(), Common::Severity::warning)
+                << "Barcode '" << name << "' is defined again in '" << path << "', line " << name_line
+                << ", with another sequence; the later definition is used.";
+        same->second = sequence;
     };
     while (std::getline(in, line)) {
+        ++line_number;
         line = Common::RemoveWhitespace(line);
         if (!line.empty() && (line[0] == '>' || line[0] == ';')) {
             store();
+            name_line = line_number;
             name = line.substr(1);
             sequence.clear();
         } else {

@@ -1,7 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 #include "barcoding/barcode_manager.h"
 #include "barcoding/scorer_options.h"
+#include "common/logger.h"
 #include "tests/support/error_of.h"
 #include "tests/support/temp_folder.h"
 
@@ -79,13 +84,27 @@ TEST(BarcodeManager, DefaultOptionsAddOrientationsAndStrandVariants) {
 
 TEST(BarcodeManager, FastaQuirks) {
     TempFolder dir;
-    dir.Write("sub/bc.fasta", "> BC 01\nAC GT\n\tAA\n>empty\n;semi\nGG\n>BC 01\nTTTT\n>noseq\n");
+    dir.Write("sub/bc.fasta", "> BC 01\nAC GT\n\tAA\n>empty\n;semi\nGG\n>BC 01\nTTTT\n>noseq\n>semi\nGG\n");
     auto arrangement = [&](const std::string& barcode) {
         return dir.Write("sub/arr.cfg", NoExpansion() + "[a]\nbarcode1 = " + barcode + "\n");
     };
-    // The barcode file is found next to the arrangement file.
+    // The barcode file is found next to the arrangement file. A repeated name
+    // replaces the earlier record, and says so when its sequence differs.
+    TempFolder logs;
+    Common::InitLogging({.folder = logs.Path(), .log_file_name = "manager.log", .quiet = true});
     BarcodeManager manager({arrangement("BC01")}, "");
-    EXPECT_EQ(manager.GetBarcodeSequence("BC01"), "TTTT");  // a repeated name replaces the earlier record
+    Common::ShutdownLogging();
+    EXPECT_EQ(manager.GetBarcodeSequence("BC01"), "TTTT");
+    std::string log;
+    for (const auto& file : std::filesystem::directory_iterator(logs.Root())) {  // named by the time
+        std::ifstream in(file.path());
+        log.append(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    EXPECT_NE(log.find("Barcode 'BC01' is defined again in '" + dir.Path() + "/sub/bc.fasta', line 7, with another "
+                       "sequence; the later definition is used."),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("'semi'"), std::string::npos) << log;
     EXPECT_EQ(manager.GetBarcodeSequence("semi"), "GG");
     for (const std::string dropped : {"empty", "noseq"})
         EXPECT_EQ(ErrorOf([&] { BarcodeManager({arrangement(dropped)}, ""); }),
