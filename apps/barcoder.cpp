@@ -286,6 +286,7 @@ void Barcoder::PrepareConfiguration() {
         // than a failure of every read, and fills the manager's cache.
         manager->GetArrangements(scorer_options.barcode_kits);
         CheckBothEndsRequirement();
+        WarnAboutBarcodesLongerThanWindows();
         LoadSamples();
         const auto matrix = PairAlignment::LoadMismatchMatrix(
             Barcoding::ResolveDataFile(scorer_options.score_matrix_filename, data_path));
@@ -342,6 +343,27 @@ void Barcoder::LoadSamples() {
     // Every sample shows in the report, also one that gets no reads.
     for (const auto& sample : sample_sheet->samples)
         tally.samples[sample] = 0;
+}
+
+// A reference longer than its end's window is never seen whole: every read
+// fails it a little, and a kit of such references classifies nothing, with
+// no other sign of why.
+void Barcoder::WarnAboutBarcodesLongerThanWindows() {
+    std::set<std::string> warned;
+    for (const auto& arrangement : manager->GetArrangements(scorer_options.barcode_kits)) {
+        for (const bool front : {true, false}) {
+            const std::string& name = front ? arrangement.barcode1 : arrangement.barcode2;
+            const int window = front ? scorer_options.front_window_size : scorer_options.rear_window_size;
+            if (name.empty() || !warned.insert(name + (front ? "\n1" : "\n2")).second) continue;
+            const size_t length = manager->GetBarcodeSequence(name).size();
+            if (length <= static_cast<size_t>(window)) continue;
+            const char* side = front ? "front" : "rear";
+            VB_LOG(logger, Common::Severity::warning)
+                << "Barcode '" << name << "' is " << length << " bases long, longer than the " << side << " window ("
+                << window << " bases): it cannot be found whole there. Raise --" << side
+                << "_window_size to its length plus the bases that may precede it.";
+        }
+    }
 }
 
 void Barcoder::CheckBothEndsRequirement() {

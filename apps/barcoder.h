@@ -100,6 +100,7 @@ private:
     void PrepareConfiguration();
     void LogSettings();
     void CheckBothEndsRequirement();
+    void WarnAboutBarcodesLongerThanWindows();
     void LoadSamples();
     void SubmitPending();
     void WriterLoop();

@@ -258,6 +258,12 @@ def case_classification(ctx):
               f"{rid}: output is not the input less {front} front and {rear} rear bases, or empty")
         check(trim[rid][1] == "unclassified" or front + rear > 0, f"classified read {rid} was not trimmed")
 
+    # A window too short for the kit's 42-base references is said at the start, per barcode and end.
+    narrow = ctx.run(args("in", "narrow", "--front_window_size", "40")).stdout
+    check("' is 42 bases long, longer than the front window (40 bases): it cannot be found whole there." in narrow
+          and "longer than the rear window" not in narrow and "longer than the" not in result.stdout,
+          f"window warnings:\n{narrow[-3000:]}")
+
 
 def case_unclassified_reasons(ctx):
     """Chimeras, --min_barcode_quality and the reasons and qualities of calls, counted in log and report."""
