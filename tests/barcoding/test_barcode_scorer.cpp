@@ -231,8 +231,8 @@ private:
         // An empty read has one path: each reference base against a gap
         // before the (empty) read.
         if (added)
-            slot->second = window.empty() ? -options_.start_gap2 * static_cast<int>(reference.size())
-                                          : Align(reference, window);
+            slot->second =
+                window.empty() ? -options_.start_gap2 * static_cast<int>(reference.size()) : Align(reference, window);
         return slot->second;
     }
 
