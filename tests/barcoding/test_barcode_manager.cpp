@@ -91,7 +91,7 @@ TEST(BarcodeManager, FastaQuirks) {
     // The barcode file is found next to the arrangement file. A repeated name
     // replaces the earlier record, and says so when its sequence differs.
     TempFolder logs;
-    Common::InitLogging({.folder = logs.Path(), .log_file_name = "manager.log", .quiet = true});
+    Common::InitLogging({.folder = logs.Path(), .log_file_name = "manager.log", .quiet = true, .trace_categories = {}});
     BarcodeManager manager({arrangement("BC01")}, "");
     Common::ShutdownLogging();
     EXPECT_EQ(manager.GetBarcodeSequence("BC01"), "TTTT");
