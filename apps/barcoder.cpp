@@ -286,7 +286,7 @@ void Barcoder::PrepareConfiguration() {
         // than a failure of every read, and fills the manager's cache.
         manager->GetArrangements(scorer_options.barcode_kits);
         CheckBothEndsRequirement();
-        WarnAboutBarcodesLongerThanWindows();
+        WarnAboutKitDesign();
         LoadSamples();
         const auto matrix = PairAlignment::LoadMismatchMatrix(
             Barcoding::ResolveDataFile(scorer_options.score_matrix_filename, data_path));
@@ -345,12 +345,25 @@ void Barcoder::LoadSamples() {
         tally.samples[sample] = 0;
 }
 
-// A reference longer than its end's window is never seen whole: every read
-// fails it a little, and a kit of such references classifies nothing, with
-// no other sign of why.
-void Barcoder::WarnAboutBarcodesLongerThanWindows() {
+// Two mistakes in a kit of one's own that no read would show: a reference
+// longer than its end's window is never seen whole (every read fails it a
+// little, and a kit of such references classifies nothing), and two
+// arrangements of one kit with the same sequences at both ends cannot be told
+// apart (every read of either is called the first).
+void Barcoder::WarnAboutKitDesign() {
     std::set<std::string> warned;
+    std::map<std::string, std::string> named_by;  // kit and both ends' sequences -> normalised id
     for (const auto& arrangement : manager->GetArrangements(scorer_options.barcode_kits)) {
+        auto sequence = [&](const std::string& name) { return name.empty() ? "" : manager->GetBarcodeSequence(name); };
+        const std::string key =
+            arrangement.kit + '\n' + sequence(arrangement.barcode1) + '\n' + sequence(arrangement.barcode2);
+        const auto [first, added] = named_by.emplace(key, arrangement.normalised_id);
+        if (!added && first->second != arrangement.normalised_id &&
+            warned.insert(first->second + '\n' + arrangement.normalised_id).second)
+            VB_LOG(logger, Common::Severity::warning)
+                << "Arrangements '" << first->second << "' and '" << arrangement.normalised_id << "' of kit '"
+                << arrangement.kit << "' carry the same barcode sequences and cannot be told apart: their reads "
+                << "are all called '" << first->second << "'.";
         for (const bool front : {true, false}) {
             const std::string& name = front ? arrangement.barcode1 : arrangement.barcode2;
             const int window = front ? scorer_options.front_window_size : scorer_options.rear_window_size;

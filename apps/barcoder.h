@@ -100,7 +100,7 @@ private:
     void PrepareConfiguration();
     void LogSettings();
     void CheckBothEndsRequirement();
-    void WarnAboutBarcodesLongerThanWindows();
+    void WarnAboutKitDesign();
     void LoadSamples();
     void SubmitPending();
     void WriterLoop();

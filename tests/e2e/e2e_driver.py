@@ -263,6 +263,17 @@ def case_classification(ctx):
     check("' is 42 bases long, longer than the front window (40 bases): it cannot be found whole there." in narrow
           and "longer than the rear window" not in narrow and "longer than the" not in result.stdout,
           f"window warnings:\n{narrow[-3000:]}")
+    # Two arrangements of one kit with the same sequences, which no read could tell apart: said at the start.
+    shutil.copy(os.path.join(ctx.source, "data", "barcoding", "vb_barcodes.fasta"), ctx.work)
+    ctx.write("twins.ini", "[loading_options]\nbarcodes_filename = vb_barcodes.fasta\ndouble_barcodes_revcmpl = false\n"
+              "double_variants_frontrear = false\nappend_indicator_fwdbwd = false\n" +
+              "".join(f"[{name}]\nkit = TW\nbarcode1 = {barcode}\ncompatible_kits = TW\n"
+                      for name, barcode in (("one", "VB01"), ("two", "VB02"), ("again", "VB01"))))
+    twins = ctx.run(["-i", "in", "-s", "twins", "--arrangements_files", ctx.path("twins.ini"),
+                     "--barcode_kits", "TW"]).stdout
+    check("Arrangements 'one' and 'again' of kit 'TW' carry the same barcode sequences and cannot be told apart: "
+          "their reads are all called 'one'." in twins and "'two'" not in twins and "cannot be told" not in narrow,
+          f"twin warnings:\n{twins[-3000:]}")
 
 
 def case_unclassified_reasons(ctx):
