@@ -285,9 +285,11 @@ void Barcoder::PrepareConfiguration() {
         // Selecting once up front turns an unknown kit into a run error rather
         // than a failure of every read, and fills the manager's cache.
         manager->GetArrangements(scorer_options.barcode_kits);
-        CheckBothEndsRequirement();
         WarnAboutKitDesign();
         LoadSamples();
+        // A sheet of pairs wants both ends of every read already, although
+        // each of the kit's sections names one barcode.
+        if (!pair_design) CheckBothEndsRequirement();
         const auto matrix = PairAlignment::LoadMismatchMatrix(
             Barcoding::ResolveDataFile(scorer_options.score_matrix_filename, data_path));
         for (int i = 0; i < worker_threads; ++i) {

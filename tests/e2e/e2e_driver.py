@@ -752,6 +752,10 @@ def case_sample_sheet_pairs(ctx):
     check("Cross-talk, reads from other samples:" in result.stdout, result.stdout[-2000:])
     folders = {d for d in os.listdir(ctx.path("out")) if os.path.isdir(ctx.path("out", d))}
     check(folders <= set(samples.values()) | {"unclassified"} and "B" in folders, f"folders {folders}")
+    # Pairs want both ends already: asking for it changes nothing (the kit's sections name one barcode each).
+    ctx.run(kit + ["-s", "both", "--sample_sheet", "pairs.tsv", "--unclassified_reason_column",
+                   "--require_barcodes_both_ends"])
+    check(ctx.read(ctx.path("both", SUMMARY)) == ctx.read(ctx.path("out", SUMMARY)), "both ends required: other calls")
     ctx.write("bad.tsv", "front\trear\tsample\nF01\tR07\tA\n")
     result = ctx.run(kit + ["-s", "refused", "--sample_sheet", "bad.tsv"], expect=255)
     check("Sample sheet 'bad.tsv', line 2: the rear barcode 'R07' is not a single-barcode arrangement" in result.stdout,
