@@ -87,9 +87,13 @@ EndOracle BuildOracle(bool front, const std::string& read, const Barcoding::Scor
     for (auto& reference : references) {
         PairAlignment::Path path;
         oracle.names.push_back(reference.name);
+        // An empty read has one path: every reference base against a gap
+        // before the read.
         oracle.raw.push_back(
-            aligner.Align(brim::data_wrappers::VecView<int>(reference.codes.data(), reference.codes.size()),
-                          brim::data_wrappers::VecView<int>(window.data(), window.size()), path));
+            window.empty()
+                ? -options.start_gap2 * static_cast<int>(reference.codes.size())
+                : aligner.Align(brim::data_wrappers::VecView<int>(reference.codes.data(), reference.codes.size()),
+                                brim::data_wrappers::VecView<int>(window.data(), window.size()), path));
     }
     oracle.scale = Barcoding::ShareScoreScale(
         Barcoding::ScaleSettings{matrix, options.GapVector(), band_width, window_size}, references);
